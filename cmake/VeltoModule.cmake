@@ -1,0 +1,43 @@
+# A module is a folder: every .cpp in it is built into a static library velto_<name>, every *_test.cpp into the program
+# <name>_test. The shared libraries that users link are put together from the modules in cmake/CMakeLists.txt.
+
+add_library(velto_options INTERFACE)
+target_include_directories(velto_options INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
+target_compile_options(velto_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(velto_options INTERFACE -Wthread-safety -Werror=thread-safety)
+endif()
+if(VELTO_SANITIZE)
+  target_compile_options(velto_options INTERFACE -fsanitize=${VELTO_SANITIZE} -fno-omit-frame-pointer -g
+                                                 -fno-sanitize-recover=all)
+  target_link_options(velto_options INTERFACE -fsanitize=${VELTO_SANITIZE})
+endif()
+
+# velto_module(NAME [FOLDERS folder...] [DEPENDS library...])
+function(velto_module name)
+  cmake_parse_arguments(MODULE "" "" "FOLDERS;DEPENDS" ${ARGN})
+  if(NOT MODULE_FOLDERS)
+    set(MODULE_FOLDERS .)
+  endif()
+  foreach(folder IN LISTS MODULE_FOLDERS)
+    file(GLOB found CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${folder}/*.cpp)
+    list(APPEND sources ${found})
+  endforeach()
+  set(tests ${sources})
+  list(FILTER sources EXCLUDE REGEX "_test\\.cpp$")
+  list(FILTER tests INCLUDE REGEX "_test\\.cpp$")
+  add_library(velto_${name} STATIC ${sources})
+  target_link_libraries(velto_${name} PUBLIC velto_options ${MODULE_DEPENDS})
+  if(tests AND VELTO_BUILD_TESTS)
+    velto_test(${name}_test SOURCES ${tests} DEPENDS velto_${name})
+  endif()
+endfunction()
+
+# velto_test(NAME SOURCES file... [DEPENDS library...]): every test of the program is a test of the suite, run in a
+# process of its own.
+function(velto_test name)
+  cmake_parse_arguments(TEST "" "" "SOURCES;DEPENDS" ${ARGN})
+  add_executable(${name} ${TEST_SOURCES})
+  target_link_libraries(${name} PRIVATE ${TEST_DEPENDS} GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()

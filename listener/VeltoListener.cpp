@@ -1,0 +1,168 @@
+// The listener end: registration at the broker, and the acceptance of clients. One listener object is the exported
+// object of all its connections; what belongs to a connection alone is in three tables under its identifier. The tables
+// are read and changed under one monitor, and nothing is called while it is held. Messages are in
+// VeltoListenerMessaging.cpp, the end of connections in VeltoListenerTeardown.cpp.
+#include "VeltoIPC/VeltoListener.h"
+
+#include <utility>
+
+#include "broker/DaemonConnection.h"
+#include "message/Errors.h"
+#include "message/InstanceBody.h"
+#include "message/PeerProtocol.h"
+#include "platform/foundation/Box.h"
+#include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/NSXPCListener.h"
+
+VeltoListener::VeltoListener()
+    : NSObject(new velto::InstanceBody(classObject())),
+      _listener(NSXPCListener::anonymousListener()),
+      storedServiceName(""),
+      strictMessageTypeSet(true),
+      _receivedConnections(NSMutableDictionary::dictionary()),
+      _connectionConditions(NSMutableDictionary::dictionary()),
+      _receivedProxyObjects(NSMutableDictionary::dictionary()) {}
+
+VeltoListener::~VeltoListener() = default;
+
+Class VeltoListener::classObject() {
+  static const Class& made = *new Class(Class::define("VeltoListener", NSObject::classObject()));
+  return made;
+}
+
+std::shared_ptr<VeltoListener> VeltoListener::init() {
+  return std::shared_ptr<VeltoListener>(new VeltoListener);
+}
+
+std::shared_ptr<VeltoListener> VeltoListener::initWithServiceName(
+    const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate) {
+  auto made = init();
+  made->storedServiceName = serviceName;
+  made->setDelegate(withDelegate);
+  made->setDaemonConnection(setupDaemonConnection(withDelegate));
+  made->registerEndpoint(serviceName);
+  // Without one (the kernel had nothing left for it) the broker refuses the nil endpoint, and the delegate hears so.
+  if (made->_listener) {
+    made->_listener->setDelegate(made);
+    made->_listener->resume();
+  }
+  return made;
+}
+
+void VeltoListener::registerEndpoint(const NSString& serviceName) {
+  const auto broker = daemonConnection()->remoteObjectProxyWithErrorHandler<VeltoIPCDaemonProtocol>(
+      [weakSelf = weak_from_this()](const NSError& error) {
+        VKTLoggingLog(VKTLogGetAnchor(), 0, "Velto Remote Proxy Error %@", error);
+        if (const auto self = weakSelf.lock()) self->report(nil, error);
+      });
+  VKTLoggingLog(VKTLogGetAnchor(), 2, "Sending ListenerEndpoint");
+  const NSXPCListenerEndpoint endpoint = _listener ? _listener->endpoint() : NSXPCListenerEndpoint();
+  broker->call<&VeltoIPCDaemonProtocol::sendListenerConnection>(endpoint, serviceName);
+}
+
+bool VeltoListener::listener(const std::shared_ptr<NSXPCListener>&,
+                             const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) {
+  NSXPCConnection& connection = *shouldAcceptNewConnection;
+  const NSString identifier = NSProcessInfo::processInfo().globallyUniqueString();
+  VKTLoggingLog(VKTLogGetAnchor(), 2, "VeltoListener Setting Up New Connection: %@", identifier);
+  velto::configureListenerEnd(connection, shared_from_this());
+  installHandlers(connection, identifier);
+  connection.resume();
+  record(shouldAcceptNewConnection, identifier);
+  VKTLoggingLog(VKTLogGetAnchor(), 2, "Sending ConnectionUUID %@", identifier);
+  if (const auto delegate = this->delegate()) delegate->connectionReady(identifier);
+  introduce(connection, identifier);
+  return true;
+}
+
+void VeltoListener::record(const std::shared_ptr<NSXPCConnection>& connection, const NSString& identifier) {
+  {
+    const NSSynchronized monitor(connectionConditions());
+    connectionConditions().setObject(NSMutableArray::array(), identifier);
+  }
+  const NSSynchronized monitor(connectionConditions());
+  receivedConnections().setObject(velto::box(connection), identifier);
+}
+
+// Tells the client how it stands: its strictness first, so that it is in place when the identifier makes it ready.
+void VeltoListener::introduce(NSXPCConnection& connection, const NSString& identifier) {
+  const auto proxy = makeClientProxy(connection, identifier);
+  {
+    const NSSynchronized monitor(connectionConditions());
+    receivedProxyObjects().setObject(velto::box(proxy), identifier);
+  }
+  proxy->call<&VeltoCommunicationMessageProtocol::setStrictMessageTypesRemote>(strictMessageTypeSet.load());
+  proxy->call<&VeltoCommunicationMessageProtocol::connectionUUID>(identifier);
+  // While the delegate's connectionReady() slept, the connection may have ended and been closed: nobody would ever take
+  // this proxy out again.
+  const NSSynchronized monitor(connectionConditions());
+  if (!isConnectionActive_internal(identifier)) receivedProxyObjects().removeObjectForKey(identifier);
+}
+
+void VeltoListener::installHandlers(NSXPCConnection& connection, const NSString& identifier) {
+  connection.setInterruptionHandler([weakSelf = weak_from_this(), identifier] {
+    VKTLoggingLog(VKTLogGetAnchor(), 0, "VeltoConnection connection interrupted");
+    const NSError error = velto::makeError(VeltoIPCConnectionError, "Connection interrupted");
+    if (const auto self = weakSelf.lock()) self->report(identifier, error);
+  });
+  connection.setInvalidationHandler([weakSelf = weak_from_this(), identifier] {
+    VKTLoggingLog(VKTLogGetAnchor(), 2, "VeltoConnection connection %@ invalidated. Closing connection", identifier);
+    const NSError error = velto::makeError(VeltoIPCConnectionError, "Connection invalidated");
+    const auto self = weakSelf.lock();
+    if (!self) return;
+    self->report(identifier, error);
+    self->close(identifier);
+  });
+}
+
+std::shared_ptr<velto::PeerProxy> VeltoListener::makeClientProxy(NSXPCConnection& connection,
+                                                                 const NSString& identifier) {
+  return connection.remoteObjectProxyWithErrorHandler<VeltoCommunicationMessageProtocol>(
+      [weakSelf = weak_from_this(), identifier](const NSError& error) {
+        VKTLoggingLog(VKTLogGetAnchor(), 0, "VeltoIPCListener Remote Proxy Error %@", error);
+        if (const auto self = weakSelf.lock()) self->report(identifier, error);
+      });
+}
+
+void VeltoListener::report(const NSString& identifier, const NSError& error) const {
+  if (const auto delegate = this->delegate()) delegate->connectionError(identifier, error);
+}
+
+void VeltoListener::ping() {
+  VKTLoggingLog(VKTLogGetAnchor(), 2, "VeltoConnection Pinged VeltoListener");
+}
+
+std::shared_ptr<VeltoIPCDelegate> VeltoListener::delegate() const {
+  return _delegate.get().lock();
+}
+void VeltoListener::setDelegate(const std::shared_ptr<VeltoIPCDelegate>& delegate) {
+  _delegate.set(delegate);
+}
+
+std::shared_ptr<NSXPCConnection> VeltoListener::daemonConnection() const {
+  return _daemonConnection.get();
+}
+void VeltoListener::setDaemonConnection(std::shared_ptr<NSXPCConnection> connection) {
+  _daemonConnection.set(std::move(connection));
+}
+
+NSMutableDictionary VeltoListener::receivedConnections() const {
+  return _receivedConnections.get();
+}
+void VeltoListener::setReceivedConnections(const NSMutableDictionary& connections) {
+  _receivedConnections.set(connections);
+}
+
+NSMutableDictionary VeltoListener::connectionConditions() const {
+  return _connectionConditions.get();
+}
+void VeltoListener::setConnectionConditions(const NSMutableDictionary& conditions) {
+  _connectionConditions.set(conditions);
+}
+
+NSMutableDictionary VeltoListener::receivedProxyObjects() const {
+  return _receivedProxyObjects.get();
+}
+void VeltoListener::setReceivedProxyObjects(const NSMutableDictionary& proxies) {
+  _receivedProxyObjects.set(proxies);
+}

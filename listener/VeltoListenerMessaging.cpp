@@ -1,0 +1,88 @@
+// Messages of the listener end. A synchronous send registers before it sends, in the array of its connection, and stays
+// registered when the send fails: close() of that connection clears the array.
+#include <utility>
+
+#include "VeltoIPC/VeltoConstants.h"
+#include "VeltoIPC/VeltoListener.h"
+#include "message/Errors.h"
+#include "message/PeerProtocol.h"
+#include "message/ReplyChain.h"
+#include "message/SynchronousReply.h"
+#include "message/TypeChecking.h"
+#include "platform/foundation/Box.h"
+#include "platform/logging/VeltoLogging.h"
+
+bool VeltoListener::sendMessage(const NSDictionary& message, const NSString& toConnection, NSError* error,
+                                VeltoReplyHandler handler) {
+  const auto proxy = proxyOf(toConnection);
+  if (!proxy) {
+    VKTLoggingLog(VKTLogGetAnchor(), 0, "VeltoIPCListener Connection is not available");
+    return velto::fail(error, VeltoIPCConnectionError, "Connection is not available");
+  }
+  if (strictMessageTypeSet && !checkDictionary(message)) {
+    VKTLoggingLog(VKTLogGetAnchor(), 0, "VeltoIPCListener SendMessage failed message type check");
+    return velto::fail(error, VeltoIPCMessageTypeError, "SendMessage failed message type check");
+  }
+  if (!handler) handler = velto::emptyReplyHandler();
+  proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(toConnection, message, handler);
+  return true;
+}
+
+std::shared_ptr<velto::PeerProxy> VeltoListener::proxyOf(const NSString& connectionID) const {
+  const NSSynchronized monitor(connectionConditions());
+  return velto::unbox<velto::PeerProxy>(receivedProxyObjects().objectForKey(connectionID));
+}
+
+bool VeltoListener::isConnectionActive_internal(const NSString& connectionID) const {
+  const NSSynchronized monitor(connectionConditions());
+  return static_cast<bool>(connectionConditions().objectForKeyedSubscript(connectionID));
+}
+
+NSDictionary VeltoListener::sendMessageSync(const NSDictionary& message, const NSString& toConnection, double timeout,
+                                            NSError* error) {
+  if (!velto::isValidTimeout(timeout)) {
+    velto::fail(error, VeltoIPCTimeoutError, "Timed out value is not valid");
+    return nil;
+  }
+  const NSDate deadline = NSDate::dateWithTimeIntervalSinceNow(timeout);
+  const auto shared = std::make_shared<velto::SynchronousReply>();
+  {
+    const NSSynchronized monitor(connectionConditions());
+    waitersOf(toConnection).addObject(shared->condition);
+  }
+  if (!sendMessage(message, toConnection, error, velto::replyHandlerFor(shared))) return nil;
+  {
+    const velto::ConditionLock lock(shared->condition);
+    waitForReply(*shared, toConnection, timeout, deadline);
+    if (!shared->hasReplied) velto::fail(error, VeltoIPCTimeoutError, "Timed out waiting");
+  }
+  {
+    const NSSynchronized monitor(connectionConditions());
+    waitersOf(toConnection).removeObject(shared->condition);
+  }
+  return shared->reply.get();
+}
+
+NSMutableArray VeltoListener::waitersOf(const NSString& connectionID) const {
+  return connectionConditions().objectForKeyedSubscript(connectionID).as<NSMutableArray>();
+}
+
+void VeltoListener::waitForReply(const velto::SynchronousReply& shared, const NSString& connectionID, double timeout,
+                                 const NSDate& deadline) const {
+  if (timeout == VKT_IPC_TIME_FOREVER) {
+    while (isConnectionActive_internal(connectionID) && !shared.hasReplied) shared.condition.wait();
+    return;
+  }
+  while (isConnectionActive_internal(connectionID) && deadline.timeIntervalSinceNow() > 0.0 && !shared.hasReplied) {
+    shared.condition.waitUntilDate(deadline);
+  }
+}
+
+void VeltoListener::connectionID(NSString connectionID, NSDictionary withMessage, VeltoReplyHandler handler) {
+  const VeltoReplyHandler wrapper = velto::wrapForDelegate(connectionID, std::move(handler));
+  if (const auto delegate = this->delegate()) delegate->receivedMessage(withMessage, connectionID, wrapper);
+}
+
+void VeltoListener::setStrictMessageTypes(bool flag) {
+  strictMessageTypeSet = flag;
+}

@@ -1,0 +1,30 @@
+// The way of a reply from the delegate back to the sender, the same at both ends. Nobody counts: a delegate that
+// answers twice, or never, is passed on as it is, and the layer below lets one reply through.
+#include "message/ReplyChain.h"
+
+#include <utility>
+
+#include "platform/foundation/NSUUID.h"
+#include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/Protocol.h"
+
+namespace velto {
+
+const VeltoReplyHandler& emptyReplyHandler() {
+  // Never destroyed, since messages may be on their way until the process has ended; and it may run on the thread that
+  // reads, since nothing can hold it up.
+  static const auto& handler = *new VeltoReplyHandler(NonBlockingReply<NSDictionary>{[](NSDictionary) {}});
+  return handler;
+}
+
+VeltoReplyHandler wrapForDelegate(const NSString& connectionID, VeltoReplyHandler incoming) {
+  const NSString label = NSString::stringWithFormat("%@_%@", connectionID, NSUUID::UUID().UUIDString());
+  VeltoReplyHandler wrapper = [label, incoming = std::move(incoming)](NSDictionary reply) {
+    VKTLoggingLog(VKTLogGetAnchor(), 2, "%@ handler called by delegate", label);
+    if (incoming) incoming(std::move(reply));
+  };
+  VKTLoggingLog(VKTLogGetAnchor(), 2, "%@ handler sent to delegate", label);
+  return wrapper;
+}
+
+}  // namespace velto

@@ -1,0 +1,96 @@
+// The rules of strict types. A line of the log names the class of what failed and never prints the value: messages may
+// hold what has no place in a log. The walk is bounded, because a mutable container can hold itself.
+#include "message/TypeChecking.h"
+
+#include "platform/foundation/Foundation.h"
+#include "platform/logging/VeltoLogging.h"
+
+namespace {
+
+template <class T>
+bool isKindOf(const NSObject& value) {
+  return value && value.body()->classBody().isSubclassOf(velto::classBodyOf<T>());
+}
+
+// One check of one message.
+class TypeCheck {
+ public:
+  explicit TypeCheck(velto::WalkBound& bound) : bound_(bound) {}
+
+  bool dictionary(const NSDictionary& dictionary) {
+    const velto::WalkBound::Level level(bound_);
+    if (!level) return refuseDepth();
+    for (const NSObject& key : dictionary.allKeys()) {
+      if (!accepts(dictionary.objectForKey(key))) return false;
+    }
+    return true;
+  }
+
+  bool array(const NSArray& array) {
+    const velto::WalkBound::Level level(bound_);
+    if (!level) return refuseDepth();
+    for (const NSObject& element : array) {
+      if (!accepts(element)) return false;
+    }
+    return true;
+  }
+
+ private:
+  bool accepts(const NSObject& value) {
+    if (!bound_.visit()) return refuseCount();
+    return isPlain(value) || refuseClass(value);
+  }
+
+  bool isPlain(const NSObject& value) {
+    if (isKindOf<NSString>(value) || isKindOf<NSNumber>(value)) return true;
+    if (isKindOf<NSDictionary>(value)) return dictionary(value.as<NSDictionary>());
+    if (isKindOf<NSArray>(value)) return array(value.as<NSArray>());
+    return isKindOf<NSData>(value);
+  }
+
+  static bool refuseClass(const NSObject& value) {
+    const Class aClass = value.getClass();
+    VKTLoggingLog(VKTLogGetAnchor(), 0, "Failed Type Checking with the following object %@ with ClassName %@", aClass,
+                  NSStringFromClass(aClass));
+    return false;
+  }
+
+  bool refuseDepth() const {
+    VKTLoggingLog(VKTLogGetAnchor(), 0,
+                  "Failed Type Checking: containers nest %u levels deep, at most %u can be checked",
+                  bound_.maximumDepth() + 1, bound_.maximumDepth());
+    return false;
+  }
+
+  bool refuseCount() const {
+    VKTLoggingLog(VKTLogGetAnchor(), 0, "Failed Type Checking: the message holds %u values, at most %u can be checked",
+                  bound_.maximumObjects() + 1, bound_.maximumObjects());
+    return false;
+  }
+
+  velto::WalkBound& bound_;
+};
+
+}  // namespace
+
+bool checkDictionary(const NSDictionary& dictionary) {
+  velto::WalkBound bound;
+  return velto::checkDictionaryWithin(bound, dictionary);
+}
+
+bool checkArray(const NSArray& array) {
+  velto::WalkBound bound;
+  return velto::checkArrayWithin(bound, array);
+}
+
+namespace velto {
+
+bool checkDictionaryWithin(WalkBound& bound, const NSDictionary& dictionary) {
+  return TypeCheck(bound).dictionary(dictionary);
+}
+
+bool checkArrayWithin(WalkBound& bound, const NSArray& array) {
+  return TypeCheck(bound).array(array);
+}
+
+}  // namespace velto

@@ -1,0 +1,63 @@
+// Class objects. Each lives for ever, so that a class can be asked for at any time, by threads that outlast main too.
+#include "platform/foundation/Class.h"
+
+#include <utility>
+
+namespace velto {
+
+ClassBody::ClassBody(std::string name, const ClassBody* superclass) : name_(std::move(name)), superclass_(superclass) {}
+
+bool ClassBody::isSubclassOf(const ClassBody& other) const noexcept {
+  for (const ClassBody* each = this; each != nullptr; each = each->superclass_) {
+    if (each == &other) return true;
+  }
+  return false;
+}
+
+// Not the class itself: a class is no instance of itself, and NSString's class object is no string.
+const ClassBody& ClassBody::classBody() const {
+  return classBodyOf<Class>();
+}
+
+void ClassBody::describe(std::string& out, WalkBound&) const {
+  out += name_;
+}
+
+}  // namespace velto
+
+using velto::ClassBody;
+
+// A handle may point to what never changes as if it could.
+Class::Class(const ClassBody& body) noexcept : NSObject(const_cast<ClassBody*>(&body)) {}
+
+Class Class::classObject() {
+  static const Class& made = *new Class(define("Class", NSObject::classObject()));
+  return made;
+}
+
+Class Class::define(std::string name, const Class& superclass) {
+  auto* body = new ClassBody(std::move(name), superclass.classBody());
+  body->retain();
+  return Class(*body);
+}
+
+NSString Class::name() const {
+  return isNil() ? NSString() : NSString(classBody()->name());
+}
+
+Class Class::superclass() const {
+  const ClassBody* found = isNil() ? nullptr : classBody()->superclass();
+  return found != nullptr ? Class(*found) : Class();
+}
+
+bool Class::isSubclassOfClass(const Class& other) const {
+  return !isNil() && !other.isNil() && classBody()->isSubclassOf(*other.classBody());
+}
+
+const ClassBody* Class::classBody() const noexcept {
+  return static_cast<const ClassBody*>(body());
+}
+
+NSString NSStringFromClass(const Class& aClass) {
+  return aClass.name();
+}

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <string>
+
+#include "platform/foundation/NSObject.h"
+#include "platform/foundation/NSString.h"
+
+namespace velto {
+
+// The body of a class object. One per class, never destroyed.
+class VELTO_EXPORT ClassBody final : public ObjectBody {
+ public:
+  ClassBody(std::string name, const ClassBody* superclass);
+
+  const std::string& name() const noexcept { return name_; }
+  const ClassBody* superclass() const noexcept { return superclass_; }
+  bool isSubclassOf(const ClassBody& other) const noexcept;
+
+  const ClassBody& classBody() const override;
+  void describe(std::string& out, WalkBound& bound) const override;
+
+ private:
+  const std::string name_;
+  const ClassBody* const superclass_;
+};
+
+}  // namespace velto
+
+// A class object: knows its name and its superclass; equal only to itself; its description is its name. The class of
+// all class objects is Class. Thread-safe, like every immutable value.
+class VELTO_EXPORT Class : public NSObject {
+ public:
+  Class() noexcept = default;
+  Class(std::nullptr_t) noexcept {}
+  explicit Class(const velto::ClassBody& body) noexcept;
+
+  // The class of class objects themselves.
+  static Class classObject();
+
+  // Makes a class, for bodies of your own: below NSObject, or below a class of your own. Call it once per class, from a
+  // function-local static:
+  //   Class Point::classObject() {
+  //     static const Class& made = *new Class(Class::define("Point", NSObject::classObject()));
+  //     return made;
+  //   }
+  static Class define(std::string name, const Class& superclass);
+
+  NSString name() const;
+  Class superclass() const;
+  bool isSubclassOfClass(const Class& other) const;
+  const velto::ClassBody* classBody() const noexcept;
+};
+
+// The class's name; nil for nil.
+VELTO_EXPORT NSString NSStringFromClass(const Class& aClass);
+
+namespace velto {
+
+// The body of T's class object, looked up once: a kind test that touches no reference count.
+template <class T>
+const ClassBody& classBodyOf() {
+  static const ClassBody& body = *T::classObject().classBody();
+  return body;
+}
+
+}  // namespace velto

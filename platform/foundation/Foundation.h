@@ -1,0 +1,21 @@
+#pragma once
+
+// Every value class, and what waits and locks.
+#include "platform/foundation/Class.h"
+#include "platform/foundation/NSArray.h"
+#include "platform/foundation/NSCoding.h"
+#include "platform/foundation/NSCondition.h"
+#include "platform/foundation/NSData.h"
+#include "platform/foundation/NSDate.h"
+#include "platform/foundation/NSDictionary.h"
+#include "platform/foundation/NSError.h"
+#include "platform/foundation/NSException.h"
+#include "platform/foundation/NSNull.h"
+#include "platform/foundation/NSNumber.h"
+#include "platform/foundation/NSObject.h"
+#include "platform/foundation/NSProcessInfo.h"
+#include "platform/foundation/NSSet.h"
+#include "platform/foundation/NSString.h"
+#include "platform/foundation/NSSynchronized.h"
+#include "platform/foundation/NSURL.h"
+#include "platform/foundation/NSUUID.h"

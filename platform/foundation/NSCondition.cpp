@@ -1,0 +1,143 @@
+// Conditions. A counter of signals stands beside the caller's lock: whoever locks remembers the counter, and a wait
+// ends as soon as it has moved on since. So a signal that comes while a thread tests is not lost, although it takes no
+// more than a small lock of the condition's own, which is never held while anyone waits for anything.
+#include "platform/foundation/NSCondition.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#include "platform/foundation/Class.h"
+#include "platform/foundation/ThreadAnnotations.h"
+
+namespace velto {
+namespace {
+
+using SteadyTime = std::chrono::steady_clock::time_point;
+
+thread_local WaitObserver* threadObserver = nullptr;
+
+// Tells this thread's observer of a sleep, from construction to destruction.
+class ObservedSleep {
+ public:
+  ObservedSleep() : observer_(threadObserver) {
+    if (observer_ != nullptr) observer_->threadWillWait();
+  }
+  ~ObservedSleep() {
+    if (observer_ != nullptr) observer_->threadDidWait();
+  }
+  ObservedSleep(const ObservedSleep&) = delete;
+  ObservedSleep& operator=(const ObservedSleep&) = delete;
+
+ private:
+  WaitObserver* const observer_;
+};
+
+class ConditionBody final : public ObjectBody {
+ public:
+  void lock() {
+    callersLock_.lock();
+    signalsSeen_ = signals_.load(std::memory_order_acquire);
+  }
+  void unlock() { callersLock_.unlock(); }
+
+  // Whether a signal ended the wait; without a deadline nothing else does.
+  bool wait(const std::optional<SteadyTime>& deadline) {
+    const std::uint64_t seen = signalsSeen_;
+    callersLock_.unlock();
+    const bool signalled = sleep(seen, deadline);
+    lock();
+    return signalled;
+  }
+
+  void signal() {
+    countSignal();
+    changed_.notify_one();
+  }
+  void broadcast() {
+    countSignal();
+    changed_.notify_all();
+  }
+
+  const ClassBody& classBody() const override { return classBodyOf<NSCondition>(); }
+
+ private:
+  bool hasMovedOn(std::uint64_t seen) const noexcept { return signals_.load(std::memory_order_acquire) != seen; }
+
+  void countSignal() {
+    // Under the lock, or the signal could fall between a sleeper's last look at the counter and its sleep.
+    MutexLock lock(sleepersLock_);
+    signals_.fetch_add(1, std::memory_order_release);
+  }
+
+  bool sleep(std::uint64_t seen, const std::optional<SteadyTime>& deadline) {
+    if (hasMovedOn(seen)) return true;
+    if (deadline && std::chrono::steady_clock::now() >= *deadline) return false;
+    const ObservedSleep observed;
+    MutexLock lock(sleepersLock_);
+    while (!hasMovedOn(seen)) {
+      if (!deadline) {
+        lock.wait(changed_);
+      } else if (lock.waitUntil(changed_, *deadline) == std::cv_status::timeout) {
+        return hasMovedOn(seen);
+      }
+    }
+    return true;
+  }
+
+  std::mutex callersLock_;
+  std::uint64_t signalsSeen_ = 0;  // guarded by callersLock_, which callers hold across calls
+  Mutex sleepersLock_;
+  std::condition_variable changed_;
+  std::atomic<std::uint64_t> signals_{0};  // changes only under sleepersLock_
+};
+
+ConditionBody& bodyOf(const NSCondition& condition) {
+  return static_cast<ConditionBody&>(*condition.body());
+}
+
+}  // namespace
+
+WaitObserver* WaitObserver::install(WaitObserver* observer) noexcept {
+  return std::exchange(threadObserver, observer);
+}
+
+}  // namespace velto
+
+using velto::bodyOf;
+
+Class NSCondition::classObject() {
+  static const Class& made = *new Class(Class::define("NSCondition", NSObject::classObject()));
+  return made;
+}
+
+NSCondition NSCondition::condition() {
+  return NSCondition(new velto::ConditionBody);
+}
+
+void NSCondition::lock() const {
+  if (!isNil()) bodyOf(*this).lock();
+}
+
+void NSCondition::unlock() const {
+  if (!isNil()) bodyOf(*this).unlock();
+}
+
+void NSCondition::wait() const {
+  if (!isNil()) bodyOf(*this).wait(std::nullopt);
+}
+
+bool NSCondition::waitUntilDate(const NSDate& date) const {
+  return !isNil() && bodyOf(*this).wait(date.steadyTime());
+}
+
+void NSCondition::signal() const {
+  if (!isNil()) bodyOf(*this).signal();
+}
+
+void NSCondition::broadcast() const {
+  if (!isNil()) bodyOf(*this).broadcast();
+}

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "platform/foundation/NSDate.h"
+#include "platform/foundation/NSObject.h"
+
+namespace velto {
+
+// Hears when the current thread goes to sleep in an NSCondition and when it wakes. At most one per thread; installed by
+// whoever runs callbacks, so that a queue can know that its callback waits.
+class VELTO_EXPORT WaitObserver {
+ public:
+  virtual void threadWillWait() noexcept = 0;
+  virtual void threadDidWait() noexcept = 0;
+  // Returns the one that was installed before.
+  static WaitObserver* install(WaitObserver* observer) noexcept;
+
+ protected:
+  ~WaitObserver() = default;
+};
+
+}  // namespace velto
+
+// A lock and a condition to wait for while holding it. A handle: copies share the condition; equal only to itself.
+//
+// signal() may be called with or without the lock. A signal that is sent while a thread holds the lock also ends that
+// thread's next wait; a caller that locks, tests and then waits can therefore never sleep through a signal sent in
+// between, whoever sends it. Waits may also end for no reason: test again.
+//
+// Thread-safe. Not recursive. Calls on nil do nothing.
+class VELTO_EXPORT NSCondition : public NSObject {
+ public:
+  NSCondition() noexcept = default;
+  NSCondition(std::nullptr_t) noexcept {}
+
+  static Class classObject();
+  // A new condition.
+  static NSCondition condition();
+
+  void lock() const;
+  void unlock() const;
+  // Call with the lock held; returns with it held.
+  void wait() const;
+  // The same; returns false when the date came before a signal did.
+  bool waitUntilDate(const NSDate& date) const;
+  void signal() const;
+  void broadcast() const;
+
+ private:
+  explicit NSCondition(velto::ObjectBody* body) noexcept : NSObject(body) {}
+};
+
+namespace velto {
+
+// Holds an NSCondition's lock from construction to destruction.
+class ConditionLock {
+ public:
+  explicit ConditionLock(NSCondition condition) : condition_(std::move(condition)) { condition_.lock(); }
+  ~ConditionLock() { condition_.unlock(); }
+  ConditionLock(const ConditionLock&) = delete;
+  ConditionLock& operator=(const ConditionLock&) = delete;
+
+ private:
+  const NSCondition condition_;
+};
+
+}  // namespace velto

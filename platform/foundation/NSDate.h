@@ -1,0 +1,28 @@
+#pragma once
+
+#include <chrono>
+
+#include "platform/foundation/NSObject.h"
+
+// A point in time. A date made relative to now also keeps the steady clock's reading, and measures by it: setting the
+// system's clock neither cuts nor stretches a wait for it. An interval that is not a number counts as none at all, and
+// very large ones saturate. Two dates are equal when their seconds since 1970 are. See NSObject for nil and threads.
+class VELTO_EXPORT NSDate : public NSObject {
+ public:
+  NSDate() noexcept = default;
+  NSDate(std::nullptr_t) noexcept {}
+
+  static Class classObject();
+  static NSDate date();
+  static NSDate dateWithTimeIntervalSinceNow(double seconds);
+  static NSDate dateWithTimeIntervalSince1970(double seconds);
+
+  // Seconds from now to this date; negative once it has passed. 0 for nil.
+  double timeIntervalSinceNow() const;
+  double timeIntervalSince1970() const;
+  // The point on the steady clock at which this date comes, saturated so that it can be waited for; now for nil.
+  std::chrono::steady_clock::time_point steadyTime() const;
+
+ private:
+  explicit NSDate(velto::ObjectBody* body) noexcept : NSObject(body) {}
+};

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+
+#include "platform/foundation/NSDictionary.h"
+#include "platform/foundation/NSObject.h"
+#include "platform/foundation/NSString.h"
+
+// The key of an error's text in its user info.
+VELTO_EXPORT extern const NSString NSLocalizedDescriptionKey;
+
+// What went wrong: a domain, a code within it, and a dictionary of details. Equal when all three are. See NSObject for
+// nil and threads. Its description is `Domain code 2: text`.
+class VELTO_EXPORT NSError : public NSObject {
+ public:
+  NSError() noexcept = default;
+  NSError(std::nullptr_t) noexcept {}
+
+  static Class classObject();
+  static NSError errorWithDomain(const NSString& domain, std::int64_t code, const NSDictionary& userInfo);
+
+  NSString domain() const;
+  std::int64_t code() const noexcept;
+  NSDictionary userInfo() const;
+  // The text under NSLocalizedDescriptionKey; nil when there is none.
+  NSString localizedDescription() const;
+
+ private:
+  explicit NSError(velto::ObjectBody* body) noexcept : NSObject(body) {}
+};

@@ -1,0 +1,13 @@
+#pragma once
+
+#include "platform/foundation/Export.h"
+#include "platform/foundation/NSString.h"
+
+// What a process can tell about itself. Thread-safe.
+class VELTO_EXPORT NSProcessInfo {
+ public:
+  static const NSProcessInfo& processInfo();
+
+  // A new string at every call, unique within this process and between processes.
+  NSString globallyUniqueString() const;
+};

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "platform/foundation/NSObject.h"
+#include "platform/foundation/NSString.h"
+
+// A URL as text. It is kept as given and not taken apart. See NSObject for nil and threads.
+class VELTO_EXPORT NSURL : public NSObject {
+ public:
+  NSURL() noexcept = default;
+  NSURL(std::nullptr_t) noexcept {}
+
+  static Class classObject();
+  // nil for an empty text and for one with spaces or control characters.
+  static NSURL URLWithString(const NSString& text);
+
+  NSString absoluteString() const;
+
+ private:
+  explicit NSURL(velto::ObjectBody* body) noexcept : NSObject(body) {}
+};

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+
+#include "platform/foundation/FormatArgument.h"
+#include "platform/foundation/NSObject.h"
+#include "platform/foundation/NSString.h"
+
+namespace velto {
+
+// A place in a source file; `current()` is the place that calls it. (The standard one needs newer compilers than ours.)
+struct SourceLocation {
+  const char* file;
+  std::uint32_t line;
+  const char* function;
+
+  static constexpr SourceLocation current(const char* file = __builtin_FILE(), std::uint32_t line = __builtin_LINE(),
+                                          const char* function = __builtin_FUNCTION()) noexcept {
+    return {file, line, function};
+  }
+};
+
+}  // namespace velto
+
+// Where a log line was made: file, line and function. An anchor can travel in a message, when strict types are off and
+// the receiving interface admits the class. See NSObject for nil and threads.
+class VELTO_EXPORT VKTLogAnchor : public NSObject {
+ public:
+  VKTLogAnchor() noexcept = default;
+  VKTLogAnchor(std::nullptr_t) noexcept {}
+
+  static Class classObject();
+  static VKTLogAnchor anchorWithLocation(const velto::SourceLocation& location);
+  static VKTLogAnchor anchorWithFile(const NSString& file, std::uint32_t line, const NSString& function);
+
+  // "" and 0 for nil.
+  NSString file() const;
+  std::uint32_t line() const noexcept;
+  NSString function() const;
+
+ private:
+  explicit VKTLogAnchor(velto::ObjectBody* body) noexcept : NSObject(body) {}
+};
+
+// The anchor of the line that calls it; made once per place, then only handed out.
+#define VKTLogGetAnchor()                                                                                     \
+  ([](const ::velto::SourceLocation& veltoPlace) -> const VKTLogAnchor& {                                     \
+    static const VKTLogAnchor& veltoAnchor = *new VKTLogAnchor(VKTLogAnchor::anchorWithLocation(veltoPlace)); \
+    return veltoAnchor;                                                                                       \
+  }(::velto::SourceLocation::current()))
+
+// Levels: 0 marks failures, 2 progress.
+inline constexpr int VKTLogLevelFailure = 0;
+inline constexpr int VKTLogLevelProgress = 2;
+
+// Where lines go. A sink is called on the thread that logs, possibly by several threads at once, and must not raise; a
+// line that a sink logs itself is dropped.
+using VKTLogSink = std::function<void(const VKTLogAnchor& anchor, int level, const NSString& text)>;
+
+// Replaces the sink; an empty one brings the default back, which writes a line to standard error. Thread-safe. When it
+// returns, no thread is inside the former sink any more (unless it is called from inside one).
+VELTO_EXPORT void VKTLogSetSink(VKTLogSink sink);
+// Lines above this level are dropped, before anything is formatted: at first VKTLogLevelFailure, so that failures are
+// seen and progress is not. Thread-safe.
+VELTO_EXPORT void VKTLogSetLevel(int level);
+
+namespace velto {
+
+VELTO_EXPORT extern std::atomic<int> logLevel;
+VELTO_EXPORT void writeLogLine(const VKTLogAnchor& anchor, int level, const char* format,
+                               std::initializer_list<FormatArgument> arguments) noexcept;
+
+}  // namespace velto
+
+// Logs one line. `format` is printf's, with "%@" for an object's description. A line that nobody will see costs a
+// comparison. Thread-safe; never raises.
+template <class... Arguments>
+void VKTLoggingLog(const VKTLogAnchor& anchor, int level, const char* format, const Arguments&... arguments) {
+  if (level > velto::logLevel.load(std::memory_order_relaxed)) return;
+  velto::writeLogLine(anchor, level, format, {velto::FormatArgument(arguments)...});
+}

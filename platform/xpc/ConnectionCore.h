@@ -1,0 +1,176 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/foundation/Foundation.h"
+#include "platform/foundation/ThreadAnnotations.h"
+#include "platform/xpc/NSXPCError.h"
+#include "platform/xpc/NSXPCInterface.h"
+#include "platform/xpc/NSXPCListenerEndpoint.h"
+#include "platform/xpc/OutgoingCalls.h"
+#include "platform/xpc/transport/Channel.h"
+#include "platform/xpc/transport/SerialQueue.h"
+#include "platform/xpc/transport/Sockets.h"
+
+namespace velto::xpc {
+
+class ConnectionCore;
+
+// What an accepted connection owes its listener. `called` runs on a thread that reads, once: when the first call has
+// come or the connection has ended without one. `accept` runs on the connection's queue, before the first call is
+// delivered.
+struct AcceptanceHooks {
+  std::function<void()> called;
+  std::function<void(std::shared_ptr<ConnectionCore>)> accept;
+};
+
+// The connection behind an NSXPCConnection: its life, its calls out, its calls in.
+//
+// Two locks, never held together with a callback: mutex_ guards everything here and is taken before the channel's own.
+// All user code (methods, handlers, reply blocks) runs as tasks of the queue, but for reply blocks that never block.
+//
+// It outlives its NSXPCConnection by as long as it takes to send what was handed over before: the reactor holds the
+// channel, the channel holds this.
+class ConnectionCore final : public transport::ChannelReceiver, public std::enable_shared_from_this<ConnectionCore> {
+ public:
+  // Each try to connect; the text is the connection's name in errors.
+  using Connector = std::function<transport::ConnectAttempt()>;
+  static std::shared_ptr<ConnectionCore> connecting(std::string name, Connector connector);
+  // Takes a connected socket over and starts to read.
+  static std::shared_ptr<ConnectionCore> accepted(system::Descriptor socket, AcceptanceHooks hooks);
+  ConnectionCore(std::string name, Connector connector, AcceptanceHooks hooks);
+
+  void setRemoteInterface(std::shared_ptr<NSXPCInterface> interface);
+  std::shared_ptr<NSXPCInterface> remoteInterface();
+  void setExportedInterface(std::shared_ptr<NSXPCInterface> interface);
+  void setExportedObject(const Protocol& protocol, std::shared_ptr<void> object);
+  void setInterruptionHandler(std::function<void()> handler);
+  void setInvalidationHandler(std::function<void()> handler);
+
+  void resume();
+  void invalidate();
+  // Ends a connection that nobody has accepted.
+  void turnAway();
+
+  void call(const Method& method, std::vector<NSObject> arguments, ReplyBlock reply, ErrorHandler errorHandler);
+
+  // For ReplyTicket.
+  void sendReply(std::uint64_t identifier, const Method& method, const NSObject& value);
+  void dropReply(std::uint64_t identifier);
+  void replySettled();
+
+  void frameArrived(wire::Frame frame) override;
+  void channelEnded(const std::string& reason) override;
+  void outputDrained() override;
+
+ private:
+  enum class Phase {
+    idle,        // not resumed
+    connecting,  // resumed, no channel yet
+    open,
+    closing,  // invalidated here; what was handed over before still goes out
+    ended
+  };
+  // How the other end left.
+  struct Ending {
+    NSError error;  // for the calls that are not settled
+    bool interrupted = false;
+  };
+  struct Account {
+    std::uint64_t bytes = 0;
+    std::uint64_t calls = 0;
+  };
+
+  // ConnectionLife.cpp
+  bool isInherited() const noexcept { return generation_ != system::forkGeneration(); }
+  void post(transport::SerialQueue::Task task);
+  void postFailures(const std::vector<OutgoingCall>& calls, const NSError& error);
+  void postFailure(const ErrorHandler& handler, const NSError& error);
+  void postInvalidation();
+  void tryToConnect();
+  void open(system::Descriptor socket);
+  void attach(std::shared_ptr<transport::Channel> channel) VELTO_REQUIRES(mutex_);
+  void sayFarewell() VELTO_REQUIRES(mutex_);
+  void boundFarewell(const std::shared_ptr<transport::Channel>& channel);
+  void end(Ending ending);
+  void breakProtocol(const std::string& reason);
+  void cutOff(NSXPCErrorCode code, const std::string& reason);
+  std::shared_ptr<transport::Channel> currentChannel();
+  void runInterruptionHandler();
+  void runInvalidationHandler();
+  void tellListener();
+
+  // OutgoingTraffic.cpp
+  void sendWaiting() VELTO_REQUIRES(mutex_);
+  NSError refusalToKeep(std::size_t bytes, bool wantsReply) VELTO_REQUIRES(mutex_);
+  enum class Sent {
+    yes,
+    over,  // there is nobody to send to any more
+    full   // the other end does not read, and one frame more would be too many
+  };
+  Sent sendControl(wire::Frame frame);
+  void helloArrived(const wire::Frame& frame);
+  void creditArrived(const wire::Frame& frame);
+  void goodbyeArrived(const wire::Frame& frame);
+  void replyArrived(wire::Frame frame);
+  void replyDroppedArrived(const wire::Frame& frame);
+  void refusalArrived(const wire::Frame& frame);
+  void finishCall(const OutgoingCall& call, const wire::Frame& frame);
+
+  // IncomingCalls.cpp
+  void callArrived(wire::Frame frame);
+  void postDelivery(wire::Frame frame);
+  void deliver(const wire::Frame& frame);
+  void dispatch(const wire::Frame& frame);
+  void invoke(const Method& method, void* object, const std::vector<NSObject>& arguments,
+              const wire::CallHeader& header);
+  void refuse(std::uint64_t identifier, std::uint64_t code, const std::string& reason);
+  // For the small frames of which an end that reads never lets many collect.
+  void sendOrCutOff(wire::Frame frame);
+  void giveBack(std::size_t bytes);
+  void giveCredit() VELTO_REQUIRES(mutex_);
+
+  const unsigned generation_ = system::forkGeneration();
+  const std::string name_;
+  const Connector connector_;
+  const std::shared_ptr<transport::SerialQueue> queue_;
+  std::atomic<std::uint64_t> lastIdentifier_{0};
+
+  Mutex mutex_;
+  Phase phase_ VELTO_GUARDED_BY(mutex_) = Phase::idle;
+  bool resumed_ VELTO_GUARDED_BY(mutex_) = false;
+  std::chrono::steady_clock::time_point patientUntil_ VELTO_GUARDED_BY(mutex_);
+  // Calls of the other end are no longer delivered.
+  bool silenced_ VELTO_GUARDED_BY(mutex_) = false;
+  std::shared_ptr<transport::Channel> channel_ VELTO_GUARDED_BY(mutex_);
+  std::shared_ptr<NSXPCInterface> remoteInterface_ VELTO_GUARDED_BY(mutex_);
+  std::shared_ptr<NSXPCInterface> exportedInterface_ VELTO_GUARDED_BY(mutex_);
+  const Protocol* exportedProtocol_ VELTO_GUARDED_BY(mutex_) = nullptr;
+  std::shared_ptr<void> exportedObject_ VELTO_GUARDED_BY(mutex_);
+  std::function<void()> interruptionHandler_ VELTO_GUARDED_BY(mutex_);
+  std::function<void()> invalidationHandler_ VELTO_GUARDED_BY(mutex_);
+  AcceptanceHooks hooks_ VELTO_GUARDED_BY(mutex_);
+
+  OutgoingCalls outgoing_ VELTO_GUARDED_BY(mutex_);
+  bool greeted_ VELTO_GUARDED_BY(mutex_) = false;
+  std::size_t peerMaximumBytes_ VELTO_GUARDED_BY(mutex_) = limits::kMaximumFrameBytes;
+  // What later calls are told.
+  NSError endError_ VELTO_GUARDED_BY(mutex_);
+
+  // Calls that came before resume(), and an end that did.
+  std::deque<wire::Frame> held_ VELTO_GUARDED_BY(mutex_);
+  std::unique_ptr<Ending> heldEnding_ VELTO_GUARDED_BY(mutex_);
+  Account undelivered_ VELTO_GUARDED_BY(mutex_);
+  Account dealtWith_ VELTO_GUARDED_BY(mutex_);
+  std::size_t undeliveredReplyBytes_ VELTO_GUARDED_BY(mutex_) = 0;
+  std::size_t owedReplies_ VELTO_GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace velto::xpc

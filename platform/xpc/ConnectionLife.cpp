@@ -1,0 +1,282 @@
+// How a connection begins and ends. Whatever the cause, an end is told in one order: the calls that are not settled,
+// each to its proxy's error handler; the interruption handler if the other end vanished; the invalidation handler. All
+// of it goes through the queue, behind what had arrived before.
+
+#include <utility>
+
+#include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/ConnectionCore.h"
+#include "platform/xpc/Errors.h"
+#include "platform/xpc/wire/Limits.h"
+#include "platform/xpc/wire/Messages.h"
+
+namespace velto::xpc {
+
+std::shared_ptr<ConnectionCore> ConnectionCore::connecting(std::string name, Connector connector) {
+  return std::make_shared<ConnectionCore>(std::move(name), std::move(connector), AcceptanceHooks{});
+}
+
+std::shared_ptr<ConnectionCore> ConnectionCore::accepted(system::Descriptor socket, AcceptanceHooks hooks) {
+  auto core = std::make_shared<ConnectionCore>("an accepted connection", nullptr, std::move(hooks));
+  core->open(std::move(socket));
+  return core;
+}
+
+ConnectionCore::ConnectionCore(std::string name, Connector connector, AcceptanceHooks hooks)
+    : name_(std::move(name)),
+      connector_(std::move(connector)),
+      queue_(transport::Reactor::shared().makeQueue()),
+      hooks_(std::move(hooks)) {}
+
+void ConnectionCore::setRemoteInterface(std::shared_ptr<NSXPCInterface> interface) {
+  MutexLock lock(mutex_);
+  std::swap(remoteInterface_, interface);
+}
+
+std::shared_ptr<NSXPCInterface> ConnectionCore::remoteInterface() {
+  MutexLock lock(mutex_);
+  return remoteInterface_;
+}
+
+void ConnectionCore::setExportedInterface(std::shared_ptr<NSXPCInterface> interface) {
+  MutexLock lock(mutex_);
+  std::swap(exportedInterface_, interface);
+}
+
+void ConnectionCore::setExportedObject(const Protocol& protocol, std::shared_ptr<void> object) {
+  MutexLock lock(mutex_);
+  if (phase_ == Phase::closing || phase_ == Phase::ended) return;
+  exportedProtocol_ = &protocol;
+  std::swap(exportedObject_, object);
+}
+
+void ConnectionCore::setInterruptionHandler(std::function<void()> handler) {
+  MutexLock lock(mutex_);
+  std::swap(interruptionHandler_, handler);
+}
+
+void ConnectionCore::setInvalidationHandler(std::function<void()> handler) {
+  MutexLock lock(mutex_);
+  std::swap(invalidationHandler_, handler);
+}
+
+void ConnectionCore::post(transport::SerialQueue::Task task) {
+  queue_->add(std::move(task));
+}
+
+void ConnectionCore::postFailure(const ErrorHandler& handler, const NSError& error) {
+  if (!handler || !*handler) return;
+  post([handler, error] { (*handler)(error); });
+}
+
+void ConnectionCore::postFailures(const std::vector<OutgoingCall>& calls, const NSError& error) {
+  for (const OutgoingCall& call : calls) {
+    const std::string text = call.method->selector + ": " + error.localizedDescription().string();
+    postFailure(call.errorHandler, makeError(static_cast<NSXPCErrorCode>(error.code()), text));
+  }
+}
+
+void ConnectionCore::postInvalidation() {
+  post([self = shared_from_this()] { self->runInvalidationHandler(); });
+  queue_->letOvertake();
+}
+
+void ConnectionCore::resume() {
+  if (isInherited()) return;
+  std::deque<wire::Frame> held;
+  std::unique_ptr<Ending> ending;
+  {
+    MutexLock lock(mutex_);
+    if (resumed_) return;
+    resumed_ = true;
+    patientUntil_ = std::chrono::steady_clock::now() + limits::kConnectPatience;
+    held.swap(held_);
+    ending = std::move(heldEnding_);
+    if (phase_ == Phase::idle) phase_ = Phase::connecting;
+    if (phase_ == Phase::open) sendWaiting();
+  }
+  for (wire::Frame& frame : held) postDelivery(std::move(frame));
+  if (ending) end(std::move(*ending));
+  if (connector_) tryToConnect();
+}
+
+void ConnectionCore::tryToConnect() {
+  bool patient = false;
+  {
+    MutexLock lock(mutex_);
+    if (phase_ != Phase::connecting && phase_ != Phase::closing) return;
+    patient = std::chrono::steady_clock::now() < patientUntil_;
+  }
+  auto attempt = connector_();
+  if (attempt.socket) {
+    open(std::move(attempt.socket));
+    return;
+  }
+  if (attempt.full && patient) {
+    // The kernel does not tell when a full backlog has room again.
+    transport::Reactor::shared().timers().add(limits::kConnectRetry, [weak = weak_from_this()] {
+      if (const auto self = weak.lock()) self->tryToConnect();
+    });
+    return;
+  }
+  end({makeError(NSXPCConnectionInvalid, name_ + " cannot be reached: " + attempt.reason), false});
+}
+
+void ConnectionCore::attach(std::shared_ptr<transport::Channel> channel) {
+  channel_ = std::move(channel);
+  channel_->send(wire::Hello::ours().encode());
+  if (phase_ == Phase::closing) {
+    sayFarewell();
+    return;
+  }
+  phase_ = Phase::open;
+  if (resumed_) sendWaiting();
+}
+
+void ConnectionCore::open(system::Descriptor socket) {
+  auto channel = std::make_shared<transport::Channel>(std::move(socket), shared_from_this());
+  {
+    MutexLock lock(mutex_);
+    if (phase_ == Phase::ended) return;
+    attach(channel);
+  }
+  if (!channel->start()) {
+    channel->abort();
+    end({makeError(NSXPCConnectionInvalid, name_ + " cannot be watched: the kernel has no room"), false});
+  }
+}
+
+void ConnectionCore::sayFarewell() {
+  if (!channel_) return;
+  sendWaiting();
+  if (outgoing_.hasWaiting()) return;
+  phase_ = Phase::ended;
+  channel_->send(wire::encodeGoodbye());
+  channel_->finish();
+  boundFarewell(std::exchange(channel_, nullptr));
+}
+
+void ConnectionCore::boundFarewell(const std::shared_ptr<transport::Channel>& channel) {
+  if (channel->waitingBytes() == 0) return;
+  transport::Reactor::shared().timers().add(limits::kFarewell, [weak = std::weak_ptr(channel)] {
+    if (const auto late = weak.lock()) late->abort();
+  });
+}
+
+void ConnectionCore::invalidate() {
+  if (isInherited()) return;
+  std::vector<OutgoingCall> unanswered;
+  std::deque<wire::Frame> dropped;
+  bool waits = false;
+  {
+    MutexLock lock(mutex_);
+    if (phase_ == Phase::closing || phase_ == Phase::ended) return;
+    const bool canSend = phase_ == Phase::connecting || channel_;
+    phase_ = canSend ? Phase::closing : Phase::ended;
+    silenced_ = true;
+    dropped.swap(held_);
+    endError_ = makeError(NSXPCConnectionInvalid, name_ + " was invalidated");
+    unanswered = canSend ? outgoing_.takeAllAwaitingReply() : outgoing_.takeAllUnsettled(0);
+    sayFarewell();
+    waits = phase_ == Phase::closing;
+  }
+  if (waits) {
+    transport::Reactor::shared().timers().add(limits::kFarewell, [weak = weak_from_this()] {
+      if (const auto self = weak.lock()) self->turnAway();
+    });
+  }
+  tellListener();
+  postFailures(unanswered, makeError(NSXPCConnectionInvalid, name_ + " was invalidated before the reply came"));
+  postInvalidation();
+}
+
+void ConnectionCore::turnAway() {
+  std::shared_ptr<transport::Channel> channel;
+  {
+    MutexLock lock(mutex_);
+    phase_ = Phase::ended;
+    channel = std::exchange(channel_, nullptr);
+  }
+  if (channel) channel->abort();
+}
+
+void ConnectionCore::channelEnded(const std::string& reason) {
+  if (!reason.empty()) return cutOff(NSXPCConnectionInterrupted, reason);
+  end({makeError(NSXPCConnectionInterrupted, name_ + " was interrupted: the other end has vanished"), true});
+}
+
+std::shared_ptr<transport::Channel> ConnectionCore::currentChannel() {
+  MutexLock lock(mutex_);
+  return channel_;
+}
+
+void ConnectionCore::breakProtocol(const std::string& reason) {
+  cutOff(NSXPCConnectionInterrupted, reason);
+}
+
+void ConnectionCore::cutOff(NSXPCErrorCode code, const std::string& reason) {
+  if (const auto channel = currentChannel()) channel->abort();
+  VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "%s is cut off: %s", name_, reason);
+  end({makeError(code, name_ + " was interrupted: " + reason), true});
+}
+
+void ConnectionCore::end(Ending ending) {
+  std::vector<OutgoingCall> unsettled;
+  std::shared_ptr<transport::Channel> channel;
+  bool tellNow = false;
+  {
+    MutexLock lock(mutex_);
+    channel = std::exchange(channel_, nullptr);
+    if (phase_ == Phase::closing) phase_ = Phase::ended;
+    if (phase_ == Phase::ended || heldEnding_) return;
+    if (resumed_) {
+      phase_ = Phase::ended;
+      endError_ = ending.error;
+      unsettled = outgoing_.takeAllUnsettled(channel ? channel->framesWritten() : 0);
+      tellNow = true;
+    } else {
+      heldEnding_ = std::make_unique<Ending>(ending);
+    }
+  }
+  tellListener();
+  if (!tellNow) return;
+  postFailures(unsettled, ending.error);
+  if (ending.interrupted) post([self = shared_from_this()] { self->runInterruptionHandler(); });
+  postInvalidation();
+}
+
+void ConnectionCore::tellListener() {
+  std::function<void()> called;
+  {
+    MutexLock lock(mutex_);
+    called = std::exchange(hooks_.called, nullptr);
+  }
+  if (called) called();
+}
+
+void ConnectionCore::runInterruptionHandler() {
+  std::function<void()> handler;
+  {
+    MutexLock lock(mutex_);
+    handler = std::exchange(interruptionHandler_, nullptr);
+  }
+  if (handler) handler();
+}
+
+void ConnectionCore::runInvalidationHandler() {
+  // Let go of after the handler has run: it may be all that keeps this connection's owner alive.
+  std::shared_ptr<void> object;
+  std::function<void()> interruption;
+  std::function<void()> handler;
+  AcceptanceHooks hooks;
+  {
+    MutexLock lock(mutex_);
+    object = std::exchange(exportedObject_, nullptr);
+    interruption = std::exchange(interruptionHandler_, nullptr);
+    handler = std::exchange(invalidationHandler_, nullptr);
+    std::swap(hooks, hooks_);
+  }
+  if (handler) handler();
+}
+
+}  // namespace velto::xpc

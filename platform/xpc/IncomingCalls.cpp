@@ -1,0 +1,193 @@
+// What the other end asks. A call is kept as the bytes that came until its turn has come in the queue, so that what a
+// blocked receiver holds is exactly what the sender's credit counts; it is checked whole before the method is called.
+
+#include <string>
+#include <utility>
+
+#include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/ConnectionCore.h"
+#include "platform/xpc/Errors.h"
+#include "platform/xpc/ReplyTicket.h"
+#include "platform/xpc/wire/Limits.h"
+#include "platform/xpc/wire/Messages.h"
+#include "platform/xpc/wire/ValueDecoder.h"
+#include "platform/xpc/wire/ValueEncoder.h"
+
+namespace velto::xpc {
+
+namespace {
+
+// Credit is given back in portions of this part of the whole, so that it costs few frames.
+constexpr std::uint64_t kCreditPortion = 4;
+
+}  // namespace
+
+void ConnectionCore::callArrived(wire::Frame frame) {
+  std::function<void(std::shared_ptr<ConnectionCore>)> accept;
+  bool deliverable = false;
+  Account account;
+  {
+    MutexLock lock(mutex_);
+    if (silenced_) return;
+    undelivered_.bytes += frame.body.size();
+    undelivered_.calls += 1;
+    account = undelivered_;
+    accept = std::exchange(hooks_.accept, nullptr);
+    deliverable = resumed_;
+    if (!deliverable) held_.push_back(std::move(frame));
+  }
+  if (account.bytes > limits::kUndeliveredBytes) {
+    return breakProtocol(overLimit("bytes of undelivered calls", account.bytes, limits::kUndeliveredBytes));
+  }
+  if (account.calls > limits::kUndeliveredCalls) {
+    return breakProtocol(overLimit("undelivered calls", account.calls, limits::kUndeliveredCalls));
+  }
+  tellListener();
+  if (accept) post([self = shared_from_this(), accept = std::move(accept)] { accept(self); });
+  if (deliverable) postDelivery(std::move(frame));
+}
+
+void ConnectionCore::postDelivery(wire::Frame frame) {
+  post([self = shared_from_this(), frame = std::move(frame)] { self->deliver(frame); });
+}
+
+void ConnectionCore::deliver(const wire::Frame& frame) {
+  // Given back even if the callback raises.
+  struct GiveBack {
+    ConnectionCore& core;
+    const std::size_t bytes;
+    ~GiveBack() { core.giveBack(bytes); }
+  } giveBackAtEnd{*this, frame.body.size()};
+  {
+    MutexLock lock(mutex_);
+    if (silenced_) return;
+  }
+  dispatch(frame);
+}
+
+void ConnectionCore::dispatch(const wire::Frame& frame) {
+  std::shared_ptr<NSXPCInterface> interface;
+  std::shared_ptr<void> object;
+  {
+    MutexLock lock(mutex_);
+    interface = exportedInterface_;
+    if (interface && exportedProtocol_ == &interface->protocol()) object = exportedObject_;
+  }
+  std::string reason;
+  wire::ValueDecoder decoder(frame);
+  const auto header = wire::decodeCallHeader(decoder, reason);
+  if (!header) return breakProtocol(reason);
+  const Method* method = object ? interface->protocol().methodForSelector(header->selector) : nullptr;
+  if (method == nullptr) {
+    return refuse(header->identifier, wire::kNoSuchMethod, object ? "it has no such method" : "it exports no object");
+  }
+  std::vector<NSObject> arguments(method->parameters.size());
+  for (std::size_t index = 0; index < arguments.size(); ++index) {
+    auto outcome = decoder.next(interface->admitted(*method, index, false), arguments[index]);
+    reason = decoder.reason();
+    if (outcome == wire::ValueDecoder::Outcome::broken) return breakProtocol(reason);
+    if (outcome == wire::ValueDecoder::Outcome::value &&
+        !isOfKind(arguments[index], method->parameters[index].classObject)) {
+      outcome = wire::ValueDecoder::Outcome::refused;
+      reason = wrongKind(arguments[index], method->parameters[index].classObject);
+    }
+    if (outcome == wire::ValueDecoder::Outcome::refused) {
+      return refuse(header->identifier, wire::kArgumentRefused, "argument " + std::to_string(index) + " " + reason);
+    }
+  }
+  if (!decoder.atEnd()) return breakProtocol("bytes after the arguments of " + method->selector);
+  invoke(*method, object.get(), arguments, *header);
+}
+
+void ConnectionCore::invoke(const Method& method, void* object, const std::vector<NSObject>& arguments,
+                            const wire::CallHeader& header) {
+  std::shared_ptr<ReplyTicket> ticket;
+  ReplyBlock reply;
+  if (method.hasReply()) reply.block = [](const NSObject&) {};
+  if (method.hasReply() && header.wantsReply) {
+    std::size_t owed = 0;
+    {
+      MutexLock lock(mutex_);
+      owed = ++owedReplies_;
+    }
+    ticket = std::make_shared<ReplyTicket>(weak_from_this(), header.identifier, method);
+    reply.block = [ticket](const NSObject& value) { ticket->answer(value); };
+    if (owed > limits::kOwedReplies) return breakProtocol(overLimit("replies owed", owed, limits::kOwedReplies));
+  }
+  try {
+    method.invoke(object, arguments, std::move(reply));
+  } catch (const NSXPCUnrecognizedSelector& missing) {
+    if (missing.selector() != method.selector) throw;
+    if (ticket) ticket->settle();
+    refuse(header.identifier, wire::kNoSuchMethod, "the object exported there does not implement it");
+  } catch (const NSXPCRefusal& refusal) {
+    if (ticket) ticket->settle();
+    refuse(header.identifier, wire::kArgumentRefused, refusal.reason());
+  }
+}
+
+void ConnectionCore::refuse(std::uint64_t identifier, std::uint64_t code, const std::string& reason) {
+  VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelProgress, "%s: a call is refused: %s", name_, reason);
+  sendOrCutOff(wire::Refusal{identifier, code, reason}.encode(wire::FrameType::refusal));
+}
+
+void ConnectionCore::sendOrCutOff(wire::Frame frame) {
+  if (sendControl(std::move(frame)) != Sent::full) return;
+  breakProtocol("the other end does not read: more than " + std::to_string(limits::kWaitingBytes) +
+                " bytes wait to be sent");
+}
+
+void ConnectionCore::giveBack(std::size_t bytes) {
+  MutexLock lock(mutex_);
+  undelivered_.bytes -= bytes;
+  undelivered_.calls -= 1;
+  dealtWith_.bytes += bytes;
+  dealtWith_.calls += 1;
+  giveCredit();
+}
+
+void ConnectionCore::giveCredit() {
+  if (!channel_ || phase_ != Phase::open) return;
+  const bool worthIt = dealtWith_.bytes >= limits::kUndeliveredBytes / kCreditPortion ||
+                       dealtWith_.calls >= limits::kUndeliveredCalls / kCreditPortion;
+  // An end that does not read its replies gets no credit for more calls.
+  if (!worthIt || channel_->waitingBytes() > limits::kWaitingBytes / kCreditPortion) return;
+  channel_->send(wire::Credit{dealtWith_.bytes, dealtWith_.calls}.encode());
+  dealtWith_ = {};
+}
+
+void ConnectionCore::outputDrained() {
+  MutexLock lock(mutex_);
+  giveCredit();
+}
+
+void ConnectionCore::sendReply(std::uint64_t identifier, const Method& method, const NSObject& value) {
+  replySettled();
+  wire::ValueEncoder encoder(wire::FrameType::reply);
+  encoder.addUnsigned(identifier);
+  encoder.add(value);
+  std::string reason = encoder.reason();
+  std::uint64_t code = encoder.exceededLimit() ? wire::kLimitExceeded : wire::kReplyRefused;
+  if (!encoder.failed()) {
+    wire::Frame frame = encoder.take();
+    const std::size_t bytes = frame.body.size();
+    if (sendControl(std::move(frame)) != Sent::full) return;
+    reason = overLimit("bytes that wait to be sent, with a reply of", bytes, limits::kWaitingBytes);
+    code = wire::kLimitExceeded;
+  }
+  VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "%s: the reply to %s could not be sent: %s", name_,
+                method.selector, reason);
+  sendOrCutOff(wire::Refusal{identifier, code, reason}.encode(wire::FrameType::replyRefusal));
+}
+
+void ConnectionCore::dropReply(std::uint64_t identifier) {
+  replySettled();
+  sendOrCutOff(wire::encodeReplyDropped(identifier));
+}
+
+void ConnectionCore::replySettled() {
+  MutexLock lock(mutex_);
+  --owedReplies_;
+}
+
+}  // namespace velto::xpc

@@ -1,0 +1,103 @@
+// The handle that users hold. It only passes on; what it owns besides the core is the duty to invalidate it when the
+// last reference goes.
+
+#include "platform/xpc/NSXPCConnection.h"
+
+#include <utility>
+
+#include "platform/xpc/ConnectionCore.h"
+#include "platform/xpc/transport/RuntimeDirectory.h"
+#include "platform/xpc/transport/Sockets.h"
+
+using velto::xpc::ConnectionCore;
+using velto::xpc::RemoteObject;
+
+namespace velto::xpc {
+
+RemoteObject::RemoteObject(std::shared_ptr<ConnectionCore> core, std::function<void(NSError)> errorHandler)
+    : core_(std::move(core)),
+      errorHandler_(std::make_shared<const std::function<void(NSError)>>(std::move(errorHandler))) {}
+
+RemoteObject::~RemoteObject() = default;
+
+void RemoteObject::send(const void* member, std::vector<NSObject> arguments, ReplyBlock reply) const {
+  const Method* method = core_->remoteInterface()->protocol().methodForMember(member);
+  if (method == nullptr) throw NSException("NSInvalidArgumentException", "the protocol's table lacks the method");
+  core_->call(*method, std::move(arguments), std::move(reply), errorHandler_);
+}
+
+Class RemoteObject::boxClass() {
+  static const Class& made = *new Class(Class::define("NSXPCProxy", NSObject::classObject()));
+  return made;
+}
+
+}  // namespace velto::xpc
+
+std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithServiceName(const NSString& serviceName) {
+  const std::string name = serviceName.string();
+  auto connector = [name]() -> velto::transport::ConnectAttempt {
+    std::string reason;
+    if (!velto::transport::isFileName(name, reason)) return {{}, false, reason};
+    return velto::transport::connectToService(name);
+  };
+  return std::shared_ptr<NSXPCConnection>(
+      new NSXPCConnection(ConnectionCore::connecting("the service \"" + name + "\"", std::move(connector))));
+}
+
+std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(const NSXPCListenerEndpoint& endpoint) {
+  auto connector = [endpoint]() -> velto::transport::ConnectAttempt {
+    if (!endpoint) return {{}, false, "the endpoint is nil"};
+    return velto::transport::connectToEndpoint(endpoint.socket()->get());
+  };
+  return std::shared_ptr<NSXPCConnection>(
+      new NSXPCConnection(ConnectionCore::connecting("the listener of an endpoint", std::move(connector))));
+}
+
+NSXPCConnection::NSXPCConnection(std::shared_ptr<ConnectionCore> core) : core_(std::move(core)) {}
+
+NSXPCConnection::~NSXPCConnection() {
+  core_->invalidate();
+}
+
+void NSXPCConnection::setRemoteObjectInterface(std::shared_ptr<NSXPCInterface> interface) {
+  core_->setRemoteInterface(std::move(interface));
+}
+
+void NSXPCConnection::setExportedInterface(std::shared_ptr<NSXPCInterface> interface) {
+  core_->setExportedInterface(std::move(interface));
+}
+
+void NSXPCConnection::setExported(const velto::xpc::Protocol& protocol, std::shared_ptr<void> object) {
+  core_->setExportedObject(protocol, std::move(object));
+}
+
+void NSXPCConnection::setInterruptionHandler(std::function<void()> handler) {
+  core_->setInterruptionHandler(std::move(handler));
+}
+
+void NSXPCConnection::setInvalidationHandler(std::function<void()> handler) {
+  core_->setInvalidationHandler(std::move(handler));
+}
+
+void NSXPCConnection::resume() {
+  core_->resume();
+}
+
+void NSXPCConnection::invalidate() {
+  core_->invalidate();
+}
+
+RemoteObject NSXPCConnection::makeRemoteObject(const velto::xpc::Protocol& protocol,
+                                               std::function<void(NSError)> errorHandler) {
+  const auto interface = core_->remoteInterface();
+  if (!interface || &interface->protocol() != &protocol) {
+    throw NSException("NSInvalidArgumentException",
+                      "the connection's remote object interface is not of protocol " + protocol.name());
+  }
+  return RemoteObject(core_, std::move(errorHandler));
+}
+
+Class NSXPCConnection::boxClass() {
+  static const Class& made = *new Class(Class::define("NSXPCConnection", NSObject::classObject()));
+  return made;
+}

@@ -1,0 +1,84 @@
+// Class sets by method and argument. Each is kept twice: as the set that was given, to be read back, and in the form
+// that the decoder asks.
+
+#include "platform/xpc/NSXPCInterface.h"
+
+#include <string>
+
+#include "platform/foundation/Foundation.h"
+#include "platform/xpc/wire/ClassSet.h"
+
+using velto::xpc::Method;
+using velto::xpc::Parameter;
+
+struct NSXPCInterface::Entry {
+  NSSet classes;
+  velto::wire::ClassSet admitted;
+};
+
+namespace {
+
+// What a dictionary and every other container may hold.
+const NSSet& valueClasses() {
+  static const NSSet& classes =
+      *new NSSet{NSString::classObject(), NSNumber::classObject(), NSDictionary::classObject(), NSArray::classObject(),
+                 NSData::classObject(),   NSSet::classObject(),    NSDate::classObject(),       NSUUID::classObject(),
+                 NSURL::classObject(),    NSNull::classObject(),   NSError::classObject()};
+  return classes;
+}
+
+NSSet defaultClasses(const Parameter& parameter) {
+  for (const Class& container :
+       {NSDictionary::classObject(), NSArray::classObject(), NSSet::classObject(), NSError::classObject()}) {
+    if (parameter.classObject.isSubclassOfClass(container)) return valueClasses();
+  }
+  return NSSet{parameter.classObject};
+}
+
+const std::vector<Parameter>& parametersOf(const Method& method, bool ofReply) {
+  return ofReply ? method.replyParameters : method.parameters;
+}
+
+}  // namespace
+
+NSXPCInterface::NSXPCInterface(const velto::xpc::Protocol& protocol) : protocol_(protocol) {
+  for (const Method& method : protocol_.methods()) {
+    for (const bool ofReply : {false, true}) {
+      const auto& parameters = parametersOf(method, ofReply);
+      for (std::size_t index = 0; index < parameters.size(); ++index) {
+        const NSSet classes = defaultClasses(parameters[index]);
+        entries_.emplace(Key(&method, index, ofReply), Entry{classes, velto::wire::ClassSet(classes)});
+      }
+    }
+  }
+}
+
+NSXPCInterface::~NSXPCInterface() = default;
+
+NSSet NSXPCInterface::classesForSelector(const NSString& selector, std::size_t argumentIndex, bool ofReply) const {
+  const Method* method = protocol_.methodForSelector(selector.view());
+  const auto found = entries_.find(Key(method, argumentIndex, ofReply));
+  return found != entries_.end() ? found->second.classes.copy() : nil;
+}
+
+void NSXPCInterface::setClasses(const NSSet& classes, const NSString& forSelector, std::size_t argumentIndex,
+                                bool ofReply) {
+  const Method* method = protocol_.methodForSelector(forSelector.view());
+  const auto found = entries_.find(Key(method, argumentIndex, ofReply));
+  if (found == entries_.end()) {
+    throw NSException("NSInvalidArgumentException", "protocol " + protocol_.name() + " has no argument " +
+                                                        std::to_string(argumentIndex) + " of " + forSelector.string());
+  }
+  for (const NSObject& element : classes) {
+    if (!element.as<Class>()) {
+      throw NSException("NSInvalidArgumentException", "a class set holds class objects only");
+    }
+  }
+  const NSSet kept = classes.copy();
+  found->second = Entry{kept, velto::wire::ClassSet(kept)};
+}
+
+const velto::wire::ClassSet& NSXPCInterface::admitted(const Method& method, std::size_t argumentIndex,
+                                                      bool ofReply) const {
+  return entries_.at(Key(&method, argumentIndex, ofReply)).admitted;
+}

@@ -1,0 +1,80 @@
+// Accepts connections and hands them over. Until its first call has come, a connection is only a socket that somebody
+// opened; how many of those there may be, and for how long, is bounded here.
+
+#include "platform/xpc/NSXPCListener.h"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include <sys/epoll.h>
+
+#include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/ConnectionCore.h"
+#include "platform/xpc/Errors.h"
+#include "platform/xpc/ListenerCore.h"
+#include "platform/xpc/NSXPCConnection.h"
+#include "platform/xpc/transport/Sockets.h"
+
+using velto::xpc::ListenerCore;
+
+std::shared_ptr<NSXPCListener> NSXPCListener::anonymousListener() {
+  auto made = velto::transport::makeAnonymousSocket();
+  if (!made.socket) {
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "An anonymous listener cannot be made: %s", made.reason);
+    return nullptr;
+  }
+  auto core = std::make_shared<ListenerCore>(std::move(made.socket));
+  core->setEndpoint(NSXPCListenerEndpoint::endpointWithDescriptors(
+                        std::make_shared<const velto::system::Descriptor>(std::move(made.handle)),
+                        std::make_shared<const velto::system::Descriptor>(std::move(made.hangUpRead))),
+                    std::move(made.hangUpWrite));
+  return make(std::move(core));
+}
+
+std::shared_ptr<NSXPCListener> NSXPCListener::listenerWithServiceName(const NSString& serviceName, NSError* error) {
+  auto made = velto::transport::serveName(serviceName.view());
+  if (!made.socket) {
+    if (error != nullptr) *error = velto::xpc::makeError(NSXPCConnectionInvalid, made.reason);
+    return nullptr;
+  }
+  auto core = std::make_shared<ListenerCore>(std::move(made.socket));
+  core->setServed(std::move(made));
+  return make(std::move(core));
+}
+
+std::shared_ptr<NSXPCListener> NSXPCListener::make(std::shared_ptr<ListenerCore> core) {
+  std::shared_ptr<NSXPCListener> listener(new NSXPCListener(core));
+  core->setListener(listener);
+  return listener;
+}
+
+NSXPCListener::NSXPCListener(std::shared_ptr<ListenerCore> core) : core_(std::move(core)) {}
+
+NSXPCListener::~NSXPCListener() {
+  core_->invalidate();
+}
+
+NSXPCListenerEndpoint NSXPCListener::endpoint() const {
+  return core_->endpoint();
+}
+
+NSString NSXPCListener::path() const {
+  return core_->path();
+}
+
+void NSXPCListener::setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate) {
+  core_->setDelegate(std::move(delegate));
+}
+
+void NSXPCListener::resume() {
+  core_->resume();
+}
+
+void NSXPCListener::invalidate() {
+  core_->invalidate();
+}
+
+std::shared_ptr<NSXPCConnection> NSXPCListener::wrap(std::shared_ptr<velto::xpc::ConnectionCore> core) {
+  return std::shared_ptr<NSXPCConnection>(new NSXPCConnection(std::move(core)));
+}

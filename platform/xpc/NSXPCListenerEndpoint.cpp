@@ -1,0 +1,166 @@
+// An endpoint is two descriptors, and travels as these. What a peer sends as one is looked at before it becomes one: an
+// O_PATH descriptor of a socket that belongs to this user, and the reading end of a pipe.
+
+#include "platform/xpc/NSXPCListenerEndpoint.h"
+
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/foundation/Class.h"
+#include "platform/xpc/system/SystemCalls.h"
+#include "platform/xpc/transport/Reactor.h"
+#include "platform/xpc/wire/DescriptorCoding.h"
+
+namespace {
+
+using velto::system::SharedDescriptor;
+using velto::system::systemCalls;
+
+class EndpointBody final : public velto::ObjectBody {
+ public:
+  EndpointBody(SharedDescriptor socket, SharedDescriptor hangUp)
+      : socket_(std::move(socket)), hangUp_(std::move(hangUp)) {
+    systemCalls().status(socket_->get(), status_);
+  }
+
+  const SharedDescriptor& socket() const noexcept { return socket_; }
+  const SharedDescriptor& hangUp() const noexcept { return hangUp_; }
+
+  const velto::ClassBody& classBody() const override { return *NSXPCListenerEndpoint::classObject().classBody(); }
+  bool isEqual(const velto::ObjectBody& other, velto::WalkBound&) const override {
+    const auto* endpoint = dynamic_cast<const EndpointBody*>(&other);
+    return endpoint != nullptr && endpoint->status_.st_dev == status_.st_dev &&
+           endpoint->status_.st_ino == status_.st_ino;
+  }
+  std::size_t hash() const override { return std::hash<ino_t>()(status_.st_ino); }
+
+ private:
+  const SharedDescriptor socket_;
+  const SharedDescriptor hangUp_;
+  struct stat status_ {};
+};
+
+const EndpointBody* bodyOf(const NSXPCListenerEndpoint& endpoint) {
+  return static_cast<const EndpointBody*>(endpoint.body());
+}
+
+bool isSocketHandle(int descriptor, std::string& reason) {
+  struct stat status {};
+  const int flags = systemCalls().statusFlags(descriptor);
+  if (flags < 0 || systemCalls().status(descriptor, status) != 0 || !S_ISSOCK(status.st_mode)) {
+    reason = "holds an endpoint whose descriptor is not of a socket";
+  } else if ((flags & O_PATH) == 0) {
+    reason = "holds an endpoint whose socket is open: an O_PATH descriptor is due";
+  } else if (status.st_uid != ::geteuid()) {
+    reason = "holds an endpoint whose socket belongs to user " + std::to_string(status.st_uid) +
+             ", this process runs as user " + std::to_string(::geteuid());
+  } else {
+    return true;
+  }
+  return false;
+}
+
+bool isReadingEnd(int descriptor, std::string& reason) {
+  struct stat status {};
+  const int flags = systemCalls().statusFlags(descriptor);
+  if (flags >= 0 && systemCalls().status(descriptor, status) == 0 && S_ISFIFO(status.st_mode) &&
+      (flags & (O_ACCMODE | O_PATH)) == O_RDONLY) {
+    return true;
+  }
+  reason = "holds an endpoint whose second descriptor is not the reading end of a pipe";
+  return false;
+}
+
+NSObject makeEndpoint(const std::vector<SharedDescriptor>& descriptors, std::string& reason) {
+  if (descriptors.size() != 2) {
+    reason = "holds an endpoint of " + std::to_string(descriptors.size()) + " descriptors, 2 are due";
+    return nil;
+  }
+  if (!isSocketHandle(descriptors[0]->get(), reason) || !isReadingEnd(descriptors[1]->get(), reason)) return nil;
+  return NSXPCListenerEndpoint::endpointWithDescriptors(descriptors[0], descriptors[1]);
+}
+
+Class defineEndpointClass() {
+  const Class made = Class::define("NSXPCListenerEndpoint", NSObject::classObject());
+  velto::wire::registerDescriptorCoding(made,
+                                        {[](const NSObject& object) {
+                                           const auto endpoint = object.as<NSXPCListenerEndpoint>();
+                                           return std::vector<SharedDescriptor>{endpoint.socket(), endpoint.hangUp()};
+                                         },
+                                         makeEndpoint});
+  return made;
+}
+
+// Hears the pipe's hang-up for a watch. The reactor holds this and not the watch, so that letting go of the watch ends
+// it.
+class HangUpSource final : public velto::transport::EventSource {
+ public:
+  explicit HangUpSource(std::function<void()> handler) : handler_(std::move(handler)) {}
+
+  void eventsArrived(std::uint32_t events) override {
+    if ((events & (EPOLLHUP | EPOLLERR)) == 0) return;
+    if (const auto handler = takeHandler()) handler();
+  }
+  std::function<void()> takeHandler() {
+    velto::MutexLock lock(mutex_);
+    return std::exchange(handler_, nullptr);
+  }
+
+ private:
+  velto::Mutex mutex_;
+  std::function<void()> handler_ VELTO_GUARDED_BY(mutex_);
+};
+
+}  // namespace
+
+class NSXPCListenerEndpoint::Watch {
+ public:
+  // Waits on a copy of the pipe's end: one descriptor cannot be watched twice.
+  Watch(velto::system::Descriptor hangUp, std::function<void()> handler)
+      : hangUp_(std::move(hangUp)),
+        source_(std::make_shared<HangUpSource>(std::move(handler))),
+        identifier_(velto::transport::Reactor::shared().add(hangUp_.get(), 0, source_)) {}
+  ~Watch() {
+    source_->takeHandler();
+    if (identifier_ != 0) velto::transport::Reactor::shared().remove(identifier_, hangUp_.get());
+  }
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+
+  bool isWatching() const noexcept { return identifier_ != 0; }
+
+ private:
+  const velto::system::Descriptor hangUp_;
+  const std::shared_ptr<HangUpSource> source_;
+  const velto::transport::Reactor::Identifier identifier_;
+};
+
+Class NSXPCListenerEndpoint::classObject() {
+  static const Class& made = *new Class(defineEndpointClass());
+  return made;
+}
+
+NSXPCListenerEndpoint NSXPCListenerEndpoint::endpointWithDescriptors(velto::system::SharedDescriptor socket,
+                                                                     velto::system::SharedDescriptor hangUp) {
+  return NSXPCListenerEndpoint(new EndpointBody(std::move(socket), std::move(hangUp)));
+}
+
+velto::system::SharedDescriptor NSXPCListenerEndpoint::socket() const {
+  return isNil() ? nullptr : bodyOf(*this)->socket();
+}
+
+velto::system::SharedDescriptor NSXPCListenerEndpoint::hangUp() const {
+  return isNil() ? nullptr : bodyOf(*this)->hangUp();
+}
+
+std::shared_ptr<NSXPCListenerEndpoint::Watch> NSXPCListenerEndpoint::watch(std::function<void()> handler) const {
+  if (isNil()) return nullptr;
+  velto::system::Descriptor copy(systemCalls().duplicate(hangUp()->get()));
+  if (!copy) return nullptr;
+  auto made = std::make_shared<Watch>(std::move(copy), std::move(handler));
+  return made->isWatching() ? made : nullptr;
+}

@@ -1,0 +1,90 @@
+// Credit counts what the other end holds: a call takes its bytes when it is sent, and gives them back when the other
+// end says that it has dealt with it. Calls are dealt with in order, so a count is enough to say which.
+
+#include "platform/xpc/OutgoingCalls.h"
+
+#include <utility>
+
+namespace velto::xpc {
+
+void OutgoingCalls::add(OutgoingCall call, wire::Frame frame) {
+  const std::uint64_t identifier = call.identifier;
+  if (call.reply) ++pendingReplies_;
+  waitingBytes_ += frame.body.size();
+  waiting_.push_back({identifier, std::move(frame)});
+  calls_.emplace(identifier, std::move(call));
+}
+
+std::optional<OutgoingCalls::Sendable> OutgoingCalls::takeSendable() {
+  if (waiting_.empty() || uncredited_.size() >= windowCalls_) return std::nullopt;
+  const std::size_t bytes = waiting_.front().frame.body.size();
+  if (usedBytes_ + bytes > windowBytes_) return std::nullopt;
+  Sendable sendable{waiting_.front().identifier, std::move(waiting_.front().frame)};
+  waiting_.pop_front();
+  waitingBytes_ -= bytes;
+  usedBytes_ += bytes;
+  uncredited_.push_back({sendable.identifier, bytes});
+  return sendable;
+}
+
+void OutgoingCalls::sent(std::uint64_t identifier, std::uint64_t frameNumber) {
+  const auto found = calls_.find(identifier);
+  if (found != calls_.end()) found->second.frameNumber = frameNumber;
+}
+
+void OutgoingCalls::helloArrived(const wire::Hello& hello) {
+  windowBytes_ = hello.undeliveredBytes;
+  windowCalls_ = hello.undeliveredCalls;
+}
+
+bool OutgoingCalls::creditArrived(const wire::Credit& credit) {
+  if (credit.calls > uncredited_.size() || credit.bytes > usedBytes_) return false;
+  std::uint64_t bytes = 0;
+  for (std::uint64_t count = 0; count < credit.calls; ++count) {
+    const Uncredited dealtWith = uncredited_.front();
+    uncredited_.pop_front();
+    bytes += dealtWith.bytes;
+    const auto found = calls_.find(dealtWith.identifier);
+    if (found != calls_.end() && !found->second.reply) calls_.erase(found);
+  }
+  usedBytes_ -= bytes;
+  return bytes == credit.bytes;
+}
+
+std::optional<OutgoingCall> OutgoingCalls::take(std::uint64_t identifier) {
+  const auto found = calls_.find(identifier);
+  if (found == calls_.end()) return std::nullopt;
+  OutgoingCall call = std::move(found->second);
+  calls_.erase(found);
+  if (call.reply) --pendingReplies_;
+  return call;
+}
+
+std::optional<OutgoingCall> OutgoingCalls::takeAwaitingReply(std::uint64_t identifier) {
+  const auto found = calls_.find(identifier);
+  if (found == calls_.end() || !found->second.reply) return std::nullopt;
+  return take(identifier);
+}
+
+std::vector<OutgoingCall> OutgoingCalls::takeAllAwaitingReply() {
+  std::vector<OutgoingCall> taken;
+  for (auto& [identifier, call] : calls_) {
+    if (!call.reply) continue;
+    taken.push_back(call);
+    call.reply = {};
+  }
+  pendingReplies_ = 0;
+  return taken;
+}
+
+std::vector<OutgoingCall> OutgoingCalls::takeAllUnsettled(std::uint64_t framesWritten) {
+  std::vector<OutgoingCall> taken;
+  for (auto& [identifier, call] : calls_) {
+    const bool unwritten = call.frameNumber == 0 || call.frameNumber > framesWritten;
+    if (call.reply || unwritten) taken.push_back(std::move(call));
+  }
+  *this = OutgoingCalls();
+  return taken;
+}
+
+}  // namespace velto::xpc

@@ -1,0 +1,30 @@
+// The receiving end's half of a reply. It does not keep its connection alive: an answer to a connection that is gone
+// has nowhere to go.
+
+#include "platform/xpc/ReplyTicket.h"
+
+#include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/ConnectionCore.h"
+
+namespace velto::xpc {
+
+ReplyTicket::~ReplyTicket() {
+  if (settled_.load()) return;
+  if (const auto core = core_.lock()) core->dropReply(identifier_);
+}
+
+void ReplyTicket::answer(const NSObject& value) {
+  if (settled_.exchange(true)) {
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A reply block of %s was called again, which is ignored",
+                  method_.selector);
+    return;
+  }
+  if (const auto core = core_.lock()) core->sendReply(identifier_, method_, value);
+}
+
+void ReplyTicket::settle() noexcept {
+  if (settled_.exchange(true)) return;
+  if (const auto core = core_.lock()) core->replySettled();
+}
+
+}  // namespace velto::xpc

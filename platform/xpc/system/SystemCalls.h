@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+namespace velto::system {
+
+// The one seam to the operating system: every system call of the connection layer goes through here, so that tests can
+// script what the kernel answers. Each does what the call of its name does, and reports like it: -1 and errno. Calls
+// that a signal may interrupt are taken up again here. Every descriptor made is close-on-exec.
+//
+// Thread-safe. Descriptors in parameters are borrowed, but for close().
+class SystemCalls {
+ public:
+  virtual ~SystemCalls() = default;
+
+  virtual int socketStream();
+  virtual int bind(int socket, const char* path);
+  virtual int connect(int socket, const char* path);
+  virtual int listen(int socket, int backlog);
+  virtual int accept(int socket);
+  // Both directions.
+  virtual int shutdown(int socket);
+  virtual int peerUser(int socket, uid_t& user);
+  virtual ssize_t sendMessage(int socket, const msghdr& message);
+  virtual ssize_t receiveMessage(int socket, msghdr& message);
+
+  // A directory of AT_FDCWD is the current one, as for the kernel.
+  virtual int openAt(int directory, const char* name, int flags);
+  virtual int makeDirectory(const char* path, mode_t mode);
+  virtual int unlinkAt(int directory, const char* name);
+  virtual int renameAt(int directory, const char* from, const char* to);
+  virtual int changeMode(const char* path, mode_t mode);
+  // EWOULDBLOCK when another process has it locked. The lock ends with the descriptor.
+  virtual int lockDirectory(int directory);
+  virtual int status(int descriptor, struct stat& result);
+  virtual int statusFlags(int descriptor);
+
+  virtual int pipe(int (&ends)[2]);
+  virtual int duplicate(int descriptor);
+  virtual int epollCreate();
+  virtual int epollControl(int epoll, int operation, int descriptor, epoll_event& event);
+  virtual int epollWait(int epoll, epoll_event* events, int capacity);
+  virtual int eventCounter();
+  virtual int timer();
+  // One expiry `nanoseconds` from now; 0 disarms.
+  virtual int setTimer(int timer, std::uint64_t nanoseconds);
+  virtual ssize_t read(int descriptor, void* bytes, std::size_t length);
+  virtual ssize_t write(int descriptor, const void* bytes, std::size_t length);
+  virtual int close(int descriptor);
+};
+
+// What the process uses: the kernel, unless a test has put its own in place.
+SystemCalls& systemCalls() noexcept;
+// For tests. nullptr brings the kernel back. Returns what was in place.
+SystemCalls* replaceSystemCalls(SystemCalls* calls) noexcept;
+
+}  // namespace velto::system

@@ -1,0 +1,236 @@
+// Reading and writing of one channel are two halves that share only the socket. An end of the stream is always found by
+// the reading half, after everything that arrived before it: a write that fails because the other end is gone must not
+// hide the goodbye that still lies in the socket.
+
+#include "platform/xpc/transport/Channel.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <utility>
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include "platform/xpc/system/SystemCalls.h"
+#include "platform/xpc/transport/DescriptorMessage.h"
+#include "platform/xpc/wire/Limits.h"
+
+namespace velto::transport {
+
+namespace {
+
+constexpr std::uint32_t kInput = EPOLLIN | EPOLLRDHUP;
+constexpr std::uint32_t kHangUp = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
+// Frames gathered into one write.
+constexpr std::size_t kGatheredFrames = 32;
+// Pause before a write is tried again that the kernel had no memory for, or no room for descriptors on their way.
+constexpr std::chrono::milliseconds kRetryPause{10};
+constexpr std::size_t kReadBytes = std::size_t{64} << 10;
+
+bool isPassing(int error) {
+  return error == ENOBUFS || error == ENOMEM || error == ETOOMANYREFS;
+}
+
+}  // namespace
+
+Channel::Channel(system::Descriptor socket, std::shared_ptr<ChannelReceiver> receiver)
+    : socket_(std::make_shared<const system::Descriptor>(std::move(socket))), receiver_(std::move(receiver)) {}
+
+bool Channel::start() {
+  MutexLock lock(mutex_);
+  identifier_ = Reactor::shared().add(socket_->get(), kInput, shared_from_this());
+  return identifier_ != 0;
+}
+
+std::uint64_t Channel::send(wire::Frame frame) {
+  MutexLock lock(mutex_);
+  const std::uint64_t number = ++sent_;
+  if (!socket_ || outputBroken_ || finishing_) return number;
+  Output output;
+  output.header = wire::FrameHeader{static_cast<std::uint32_t>(frame.body.size()), frame.type,
+                                    static_cast<std::uint16_t>(frame.descriptors.size())}
+                      .encode();
+  output.body = std::move(frame.body);
+  output.descriptors = std::move(frame.descriptors);
+  waitingBytes_ += output.remaining();
+  const bool mustWait = !output_.empty();
+  output_.push_back(std::move(output));
+  if (!mustWait) writeQueued();
+  return number;
+}
+
+void Channel::finish() {
+  std::shared_ptr<ChannelReceiver> released;
+  MutexLock lock(mutex_);
+  finishing_ = true;
+  released = closeIfFinished();
+}
+
+void Channel::abort() {
+  std::shared_ptr<ChannelReceiver> released;
+  MutexLock lock(mutex_);
+  released = close();
+}
+
+std::shared_ptr<ChannelReceiver> Channel::closeIfFinished() {
+  if (!finishing_ || !output_.empty()) return nullptr;
+  return close();
+}
+
+std::shared_ptr<ChannelReceiver> Channel::close() {
+  if (socket_ && identifier_ != 0) Reactor::shared().remove(identifier_, socket_->get());
+  socket_.reset();
+  output_.clear();
+  waitingBytes_ = 0;
+  return std::exchange(receiver_, nullptr);
+}
+
+std::shared_ptr<ChannelReceiver> Channel::receiver() {
+  MutexLock lock(mutex_);
+  return receiver_;
+}
+
+void Channel::eventsArrived(std::uint32_t events) {
+  if ((events & kHangUp) != 0) hungUp_ = true;
+  if ((events & (kInput | kHangUp)) != 0 && readEvents_.fetch_add(1) == 0) {
+    std::uint32_t seen = 0;
+    do {
+      seen = readEvents_.load();
+      readAvailable();
+    } while (readEvents_.fetch_sub(seen) != seen);
+  }
+  if ((events & EPOLLOUT) != 0) roomArrived();
+}
+
+void Channel::readAvailable() {
+  while (readOnce() == Read::more) {
+  }
+}
+
+Channel::Read Channel::readOnce() {
+  system::SharedDescriptor socket;
+  {
+    MutexLock lock(mutex_);
+    socket = socket_;
+  }
+  if (!socket) return Read::ended;
+  const auto room = reader_.prepare(kReadBytes);
+  const Received received = receiveWithDescriptors(socket->get(), room);
+  if (received.error == EAGAIN) return Read::drained;
+  if (received.error != 0 && received.error != ECONNRESET) {
+    end(std::string("reading failed: ") + std::strerror(received.error));
+    return Read::ended;
+  }
+  if (received.truncated) {
+    end("descriptors were lost on the way: the other end sent too many, or this process can open no more");
+    return Read::ended;
+  }
+  if (received.count == 0) {
+    end(reader_.hasPartialFrame() ? "the stream ended in the middle of a frame" : "");
+    return Read::ended;
+  }
+  const bool mayHaveMore = received.count == room.size() || !received.descriptors.empty() || hungUp_;
+  reader_.received(received.count, std::move(received.descriptors));
+  if (!deliverFrames()) return Read::ended;
+  return mayHaveMore ? Read::more : Read::drained;
+}
+
+bool Channel::deliverFrames() {
+  while (auto frame = reader_.next()) {
+    const auto listener = receiver();
+    if (!listener) return false;
+    listener->frameArrived(std::move(*frame));
+  }
+  if (!reader_.failed()) return true;
+  end(reader_.reason());
+  return false;
+}
+
+void Channel::end(const std::string& reason) {
+  std::shared_ptr<ChannelReceiver> listener;
+  {
+    MutexLock lock(mutex_);
+    listener = close();
+  }
+  if (listener) listener->channelEnded(reason);
+}
+
+void Channel::writeQueued() {
+  Attempt attempt = Attempt::done;
+  while (!output_.empty() && attempt == Attempt::done) attempt = writeOnce();
+  if (attempt == Attempt::broken) giveUpWriting();
+  if (attempt == Attempt::retry) retryLater();
+  watchForRoom(attempt == Attempt::full);
+}
+
+Channel::Attempt Channel::writeOnce() {
+  std::array<iovec, 2 * kGatheredFrames> parts;
+  std::size_t count = 0;
+  const Output& first = output_.front();
+  for (Output& output : output_) {
+    // Descriptors go with the first byte of a write: a frame that carries some must begin one.
+    if (count == parts.size() || (&output != &first && !output.descriptors.empty())) break;
+    const std::size_t ofHeader = std::min(output.written, output.header.size());
+    const std::size_t ofBody = output.written - ofHeader;
+    parts[count++] = {output.header.data() + ofHeader, output.header.size() - ofHeader};
+    parts[count++] = {output.body.data() + ofBody, output.body.size() - ofBody};
+  }
+  const auto& descriptors = first.written == 0 ? first.descriptors : std::vector<system::SharedDescriptor>();
+  const ssize_t written = sendWithDescriptors(socket_->get(), {parts.data(), count}, descriptors);
+  if (written >= 0) {
+    consume(static_cast<std::size_t>(written));
+    return Attempt::done;
+  }
+  if (errno == EAGAIN) return Attempt::full;
+  return isPassing(errno) ? Attempt::retry : Attempt::broken;
+}
+
+void Channel::consume(std::size_t count) {
+  waitingBytes_ -= count;
+  while (!output_.empty()) {
+    Output& first = output_.front();
+    const std::size_t part = std::min(count, first.remaining());
+    first.written += part;
+    count -= part;
+    if (first.remaining() > 0) return;
+    output_.pop_front();
+    written_.fetch_add(1, std::memory_order_release);
+  }
+}
+
+void Channel::giveUpWriting() {
+  outputBroken_ = true;
+  output_.clear();
+  waitingBytes_ = 0;
+  // What has arrived can still be read; after it comes the end, even from an end that only stopped reading.
+  system::systemCalls().shutdown(socket_->get());
+}
+
+void Channel::watchForRoom(bool wanted) {
+  if (watchesForRoom_ == wanted) return;
+  watchesForRoom_ = wanted;
+  Reactor::shared().changeEvents(identifier_, socket_->get(), wanted ? kInput | EPOLLOUT : kInput);
+}
+
+void Channel::retryLater() {
+  Reactor::shared().timers().add(kRetryPause, [weak = weak_from_this()] {
+    if (const auto channel = weak.lock()) channel->roomArrived();
+  });
+}
+
+void Channel::roomArrived() {
+  std::shared_ptr<ChannelReceiver> listener;
+  std::shared_ptr<ChannelReceiver> released;
+  {
+    MutexLock lock(mutex_);
+    if (!socket_ || output_.empty()) return;
+    writeQueued();
+    if (!output_.empty()) return;
+    listener = receiver_;
+    released = closeIfFinished();
+  }
+  if (listener) listener->outputDrained();
+}
+
+}  // namespace velto::transport

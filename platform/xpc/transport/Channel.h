@@ -1,0 +1,106 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/foundation/ThreadAnnotations.h"
+#include "platform/xpc/system/Descriptor.h"
+#include "platform/xpc/transport/Reactor.h"
+#include "platform/xpc/wire/Frame.h"
+#include "platform/xpc/wire/FrameReader.h"
+
+namespace velto::transport {
+
+// Hears what comes out of a channel. Called on the reactor's threads, one call at a time, and after channelEnded()
+// never again. Calls no user code and never blocks.
+class ChannelReceiver {
+ public:
+  virtual ~ChannelReceiver() = default;
+  virtual void frameArrived(wire::Frame frame) = 0;
+  // The stream is over: the other end closed it (then the reason is empty) or it broke (then the reason says how).
+  virtual void channelEnded(const std::string& reason) = 0;
+  // Everything that had to wait for room in the socket is written. May come during the other two, from any thread.
+  virtual void outputDrained() = 0;
+};
+
+// A connected socket that carries frames both ways. A frame is written by the thread that sends it when the socket has
+// room and nothing is queued before it, and in the background otherwise. Reading never waits for anybody.
+//
+// Thread-safe.
+class Channel final : public EventSource, public std::enable_shared_from_this<Channel> {
+ public:
+  // The receiver is held until the channel has ended.
+  Channel(system::Descriptor socket, std::shared_ptr<ChannelReceiver> receiver);
+
+  // Starts to read. False when the kernel has no room to watch the socket; then nothing is ever received.
+  bool start();
+
+  // Hands a frame over, behind all before it. Returns its number: frames are counted from 1.
+  std::uint64_t send(wire::Frame frame);
+  // Frames written to the socket so far, whole.
+  std::uint64_t framesWritten() const noexcept { return written_.load(std::memory_order_acquire); }
+  // Bytes that wait for room in the socket.
+  std::size_t waitingBytes() const noexcept { return waitingBytes_.load(std::memory_order_relaxed); }
+
+  // Closes the socket once everything handed over before is written.
+  void finish();
+  // Closes the socket now. The receiver is not told.
+  void abort();
+
+  void eventsArrived(std::uint32_t events) override;
+
+ private:
+  struct Output {
+    std::array<std::uint8_t, wire::FrameHeader::kBytes> header;
+    std::vector<std::uint8_t> body;
+    std::vector<system::SharedDescriptor> descriptors;
+    std::size_t written = 0;  // of header and body together
+
+    std::size_t remaining() const noexcept { return header.size() + body.size() - written; }
+  };
+  enum class Attempt { done, full, retry, broken };
+  enum class Read { more, drained, ended };
+
+  void readAvailable();
+  Read readOnce();
+  // False when the stream is broken or nobody listens any more.
+  bool deliverFrames();
+  void end(const std::string& reason);
+
+  void writeQueued() VELTO_REQUIRES(mutex_);
+  Attempt writeOnce() VELTO_REQUIRES(mutex_);
+  void consume(std::size_t count) VELTO_REQUIRES(mutex_);
+  void giveUpWriting() VELTO_REQUIRES(mutex_);
+  void watchForRoom(bool wanted) VELTO_REQUIRES(mutex_);
+  void retryLater() VELTO_REQUIRES(mutex_);
+  void roomArrived();
+  // Closes the socket; returns the receiver, to be let go of outside the lock.
+  std::shared_ptr<ChannelReceiver> close() VELTO_REQUIRES(mutex_);
+  std::shared_ptr<ChannelReceiver> closeIfFinished() VELTO_REQUIRES(mutex_);
+  std::shared_ptr<ChannelReceiver> receiver();
+
+  // Events not yet acted upon. Whoever raises it from 0 reads until it is 0 again, so that one thread reads at a time.
+  std::atomic<std::uint32_t> readEvents_{0};
+  std::atomic<bool> hungUp_{false};
+  wire::FrameReader reader_;  // of the thread that reads
+
+  Mutex mutex_;
+  // Shared with the thread that reads, so that the number is not given out anew while it does.
+  system::SharedDescriptor socket_ VELTO_GUARDED_BY(mutex_);
+  Reactor::Identifier identifier_ VELTO_GUARDED_BY(mutex_) = 0;
+  std::shared_ptr<ChannelReceiver> receiver_ VELTO_GUARDED_BY(mutex_);
+  std::deque<Output> output_ VELTO_GUARDED_BY(mutex_);
+  bool watchesForRoom_ VELTO_GUARDED_BY(mutex_) = false;
+  bool finishing_ VELTO_GUARDED_BY(mutex_) = false;
+  bool outputBroken_ VELTO_GUARDED_BY(mutex_) = false;
+  std::uint64_t sent_ VELTO_GUARDED_BY(mutex_) = 0;
+  std::atomic<std::uint64_t> written_{0};
+  std::atomic<std::size_t> waitingBytes_{0};
+};
+
+}  // namespace velto::transport

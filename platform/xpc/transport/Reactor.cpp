@@ -1,0 +1,253 @@
+// All idle threads sleep in epoll_wait on one epoll descriptor, and the kernel wakes one of them per event. Handing the
+// duty of reading from thread to thread therefore costs nothing: it is enough that one thread too many waits there.
+
+#include "platform/xpc/transport/Reactor.h"
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/epoll.h>
+
+#include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/system/SystemCalls.h"
+#include "platform/xpc/wire/Limits.h"
+
+namespace velto::transport {
+
+namespace {
+
+constexpr Reactor::Identifier kWakeUp = 0;
+constexpr Reactor::Identifier kTimer = 1;
+constexpr Reactor::Identifier kFirstSource = 2;
+
+// What the current thread is to drain once it has read; set only while a reactor's thread deals with an event.
+thread_local std::vector<std::shared_ptr<SerialQueue>>* queuesToDrain = nullptr;
+
+epoll_event eventFor(Reactor::Identifier identifier, std::uint32_t events) {
+  epoll_event event{};
+  event.events = events | EPOLLET;
+  event.data.u64 = identifier;
+  return event;
+}
+
+// Signals belong to the program's own threads.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  sigset_t before_{};
+};
+
+struct SharedReactor {
+  unsigned generation;
+  Reactor* reactor;
+};
+
+}  // namespace
+
+Reactor& Reactor::shared() {
+  // Found without a lock: the child of a fork may have inherited a locked one.
+  static std::atomic<const SharedReactor*> current{nullptr};
+  const SharedReactor* found = current.load(std::memory_order_acquire);
+  while (found == nullptr || found->generation != system::forkGeneration()) {
+    const auto* made = new SharedReactor{system::forkGeneration(), new Reactor};
+    if (current.compare_exchange_strong(found, made, std::memory_order_acq_rel)) {
+      found = made;
+      break;
+    }
+    delete made->reactor;
+    delete made;
+  }
+  return *found->reactor;
+}
+
+Reactor::Reactor()
+    : epoll_(system::systemCalls().epollCreate()),
+      wakeUp_(system::systemCalls().eventCounter()),
+      lastIdentifier_(kFirstSource) {
+  auto wakeUp = eventFor(kWakeUp, EPOLLIN);
+  auto timer = eventFor(kTimer, EPOLLIN);
+  system::systemCalls().epollControl(epoll_.get(), EPOLL_CTL_ADD, wakeUp_.get(), wakeUp);
+  system::systemCalls().epollControl(epoll_.get(), EPOLL_CTL_ADD, timers_.descriptor(), timer);
+}
+
+Reactor::Identifier Reactor::add(int descriptor, std::uint32_t events, std::shared_ptr<EventSource> source) {
+  Identifier identifier = 0;
+  {
+    MutexLock lock(mutex_);
+    identifier = ++lastIdentifier_;
+    sources_.emplace(identifier, std::move(source));
+  }
+  auto event = eventFor(identifier, events);
+  if (system::systemCalls().epollControl(epoll_.get(), EPOLL_CTL_ADD, descriptor, event) != 0) {
+    const int error = errno;
+    MutexLock lock(mutex_);
+    sources_.erase(identifier);
+    errno = error;
+    return 0;
+  }
+  ensureSpare();
+  return identifier;
+}
+
+void Reactor::changeEvents(Identifier identifier, int descriptor, std::uint32_t events) {
+  auto event = eventFor(identifier, events);
+  system::systemCalls().epollControl(epoll_.get(), EPOLL_CTL_MOD, descriptor, event);
+}
+
+void Reactor::remove(Identifier identifier, int descriptor) {
+  epoll_event unused{};
+  system::systemCalls().epollControl(epoll_.get(), EPOLL_CTL_DEL, descriptor, unused);
+  std::shared_ptr<EventSource> source;  // let go of after the lock
+  MutexLock lock(mutex_);
+  const auto place = sources_.find(identifier);
+  if (place == sources_.end()) return;
+  source = std::move(place->second);
+  sources_.erase(place);
+}
+
+std::shared_ptr<SerialQueue> Reactor::makeQueue() {
+  return std::make_shared<SerialQueue>([this](std::shared_ptr<SerialQueue> queue) { schedule(std::move(queue)); });
+}
+
+void Reactor::schedule(std::shared_ptr<SerialQueue> queue) {
+  if (queuesToDrain != nullptr) {
+    queuesToDrain->push_back(std::move(queue));
+    return;
+  }
+  {
+    MutexLock lock(mutex_);
+    scheduled_.push_back(std::move(queue));
+  }
+  ensureSpare();
+  wakeOne();
+}
+
+void Reactor::wakeOne() {
+  // Never read: edge-triggered, each write wakes one thread, and the counter has room for ever.
+  const std::uint64_t one = 1;
+  system::systemCalls().write(wakeUp_.get(), &one, sizeof(one));
+}
+
+bool Reactor::ensureSpare() {
+  return waiting_.load() > 0 || startWorker();
+}
+
+bool Reactor::startWorker() {
+  if (workers_.fetch_add(1) >= limits::kMaximumWorkers) {
+    workers_.fetch_sub(1);
+    return false;
+  }
+  // Counted as waiting from here on: whoever asks next need not start another.
+  waiting_.fetch_add(1);
+  try {
+    SignalsBlocked blocked;
+    std::thread([this] { work(); }).detach();
+    return true;
+  } catch (const std::system_error& error) {
+    waiting_.fetch_sub(1);
+    workers_.fetch_sub(1);
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "No further thread can be started: %s", error.what());
+    return false;
+  }
+}
+
+void Reactor::work() {
+  pthread_setname_np(pthread_self(), "velto-worker");
+  while (serveOne()) {
+    if (waiting_.fetch_add(1) >= limits::kSpareWorkers) {
+      waiting_.fetch_sub(1);
+      break;
+    }
+    // A queue that had to wait for a thread may have been put back since this one last looked.
+    if (waiting_.load() > 1 && hasScheduled()) wakeOne();
+  }
+  workers_.fetch_sub(1);
+}
+
+bool Reactor::serveOne() {
+  epoll_event event{};
+  const int count = system::systemCalls().epollWait(epoll_.get(), &event, 1);
+  waiting_.fetch_sub(1);
+  if (count < 0) {
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "Waiting for events failed: %s", std::strerror(errno));
+    return false;
+  }
+  std::vector<std::shared_ptr<SerialQueue>> queues;
+  if (count > 0) {
+    queuesToDrain = &queues;
+    dispatch(event);
+    queuesToDrain = nullptr;
+  }
+  // One queue this thread drains itself; any others must not wait for it.
+  while (queues.size() > 1) {
+    schedule(std::move(queues.back()));
+    queues.pop_back();
+  }
+  if (!queues.empty()) drain(std::move(queues.front()));
+  runScheduled();
+  return true;
+}
+
+void Reactor::runScheduled() {
+  while (auto queue = takeScheduled()) {
+    if (!drain(std::move(queue))) return;
+  }
+}
+
+void Reactor::dispatch(const epoll_event& event) {
+  if (event.data.u64 == kWakeUp) return;
+  if (event.data.u64 == kTimer) {
+    for (const auto& action : timers_.takeDue()) action();
+    return;
+  }
+  std::shared_ptr<EventSource> source;
+  {
+    MutexLock lock(mutex_);
+    const auto place = sources_.find(event.data.u64);
+    if (place != sources_.end()) source = place->second;
+  }
+  if (source) source->eventsArrived(event.events);
+}
+
+std::shared_ptr<SerialQueue> Reactor::takeScheduled() {
+  MutexLock lock(mutex_);
+  if (scheduled_.empty()) return nullptr;
+  auto queue = std::move(scheduled_.front());
+  scheduled_.pop_front();
+  // Several wake-ups may have reached this thread as one event, and what it has taken may keep it busy for long.
+  if (!scheduled_.empty()) wakeOne();
+  return queue;
+}
+
+bool Reactor::hasScheduled() {
+  MutexLock lock(mutex_);
+  return !scheduled_.empty();
+}
+
+bool Reactor::drain(std::shared_ptr<SerialQueue> queue) {
+  // Without a spare nobody would read while the callback runs. Then it waits until a thread that runs one is done; only
+  // when there is no such thread, there is no choice.
+  if (!ensureSpare() && workers_.load() > 1) {
+    MutexLock lock(mutex_);
+    scheduled_.push_back(std::move(queue));
+    return false;
+  }
+  queue->drain();
+  return true;
+}
+
+}  // namespace velto::transport

@@ -1,0 +1,83 @@
+// The directory is opened once and everything in it is reached through the descriptor: no path is put together from
+// names that come from outside, and the directory cannot be exchanged under us.
+
+#include "platform/xpc/transport/RuntimeDirectory.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "platform/xpc/system/SystemCalls.h"
+#include "platform/xpc/wire/Limits.h"
+
+namespace velto::transport {
+
+namespace {
+
+// Opens the directory if only this user can put things into it; otherwise says why not.
+system::Descriptor openOwn(const std::string& path, std::string& reason) {
+  auto& calls = system::systemCalls();
+  system::Descriptor directory(calls.openAt(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+  struct stat status {};
+  if (!directory || calls.status(directory.get(), status) != 0) {
+    reason += path + ": " + std::strerror(errno) + "; ";
+    return {};
+  }
+  if (status.st_uid != ::geteuid()) {
+    reason += path + " belongs to user " + std::to_string(status.st_uid) + "; ";
+    return {};
+  }
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    reason += path + " can be written to by others; ";
+    return {};
+  }
+  return directory;
+}
+
+}  // namespace
+
+RuntimeDirectory RuntimeDirectory::open() {
+  RuntimeDirectory result;
+  const std::string user = std::to_string(::geteuid());
+  const auto take = [&result](const std::string& candidate) {
+    result.directory = openOwn(candidate, result.reason);
+    if (result.directory) result.path = candidate;
+    return static_cast<bool>(result.directory);
+  };
+  const char* fromEnvironment = ::getenv("XDG_RUNTIME_DIR");
+  if (fromEnvironment != nullptr && fromEnvironment[0] == '/' && take(fromEnvironment)) return result;
+  if (take("/run/user/" + user)) return result;
+  const std::string last = "/tmp/velto-" + user;
+  system::systemCalls().makeDirectory(last.c_str(), S_IRWXU);  // it may be there already
+  if (!take(last)) result.reason = "no runtime directory for sockets: " + result.reason;
+  return result;
+}
+
+std::string RuntimeDirectory::pathOf(std::string_view name) const {
+  return pathOfDescriptor(directory.get()) + "/" + std::string(name);
+}
+
+std::string pathOfDescriptor(int borrowedDescriptor) {
+  return "/proc/self/fd/" + std::to_string(borrowedDescriptor);
+}
+
+bool isFileName(std::string_view name, std::string& reason) {
+  if (name.empty()) {
+    reason = "the name is empty";
+  } else if (name.size() > limits::kMaximumNameBytes) {
+    reason = "the name has " + std::to_string(name.size()) + " bytes, the maximum is " +
+             std::to_string(limits::kMaximumNameBytes);
+  } else if (name.find('/') != name.npos || name.find('\0') != name.npos) {
+    reason = "the name holds a \"/\" or a NUL";
+  } else if (name == "." || name == "..") {
+    reason = "the name is that of a directory";
+  } else {
+    return true;
+  }
+  return false;
+}
+
+}  // namespace velto::transport

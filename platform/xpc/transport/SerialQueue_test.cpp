@@ -1,0 +1,136 @@
+#include "platform/xpc/transport/SerialQueue.h"
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/xpc/testing/Support.h"
+#include "platform/xpc/transport/Reactor.h"
+
+namespace velto::transport {
+namespace {
+
+using velto::testing::Inbox;
+
+TEST(SerialQueue, RunsTasksInTheOrderInWhichTheyWereAdded) {
+  const auto queue = Reactor::shared().makeQueue();
+  Inbox<int> ran;
+  for (int number = 0; number < 1000; ++number) queue->add([&ran, number] { ran.put(number); });
+  const auto order = ran.waitFor(1000);
+  for (int number = 0; number < 1000; ++number) ASSERT_EQ(order[static_cast<std::size_t>(number)], number);
+}
+
+TEST(SerialQueue, RunsOneTaskAtATimeWhoeverAddsThem) {
+  const auto queue = Reactor::shared().makeQueue();
+  std::atomic<int> inside{0};
+  std::atomic<bool> overlapped{false};
+  Inbox<int> ran;
+  std::vector<std::thread> adders;
+  for (int adder = 0; adder < 4; ++adder) {
+    adders.emplace_back([&] {
+      for (int number = 0; number < 250; ++number) {
+        queue->add([&] {
+          if (inside.fetch_add(1) != 0) overlapped = true;
+          inside.fetch_sub(1);
+          ran.put(0);
+        });
+      }
+    });
+  }
+  for (auto& adder : adders) adder.join();
+  ran.waitFor(1000);
+  EXPECT_FALSE(overlapped);
+}
+
+TEST(SerialQueue, NeverRunsATaskOnTheThreadThatAddsIt) {
+  const auto queue = Reactor::shared().makeQueue();
+  Inbox<std::thread::id> threads;
+  queue->add([&] { threads.put(std::this_thread::get_id()); });
+  EXPECT_NE(threads.waitFor(1).front(), std::this_thread::get_id());
+}
+
+TEST(SerialQueue, DifferentQueuesDoNotWaitForEachOther) {
+  const auto blocked = Reactor::shared().makeQueue();
+  const auto other = Reactor::shared().makeQueue();
+  std::promise<void> release;
+  Inbox<int> ran;
+  blocked->add([&] { release.get_future().wait(); });
+  other->add([&] { ran.put(1); });
+  EXPECT_EQ(ran.waitFor(1).size(), 1U);
+  release.set_value();
+  blocked->add([&] { ran.put(2); });
+  ran.waitFor(2);
+}
+
+TEST(SerialQueue, GoesOnAfterATaskThatRaises) {
+  const auto queue = Reactor::shared().makeQueue();
+  Inbox<int> ran;
+  queue->add([] { throw std::runtime_error("raised on purpose"); });
+  queue->add([&] { ran.put(1); });
+  EXPECT_EQ(ran.waitFor(1).size(), 1U);
+}
+
+// A task that sleeps in a condition which only a later task signals.
+struct Sleeper {
+  const std::shared_ptr<SerialQueue> queue = Reactor::shared().makeQueue();
+  const NSCondition condition = NSCondition::condition();
+  bool signalled = false;
+  Inbox<std::string> events;
+
+  void addSleep() {
+    queue->add([this] {
+      const ConditionLock lock(condition);
+      events.put("sleeps");
+      while (!signalled) condition.wait();
+      events.put("woke");
+    });
+  }
+  void addWake() {
+    queue->add([this] {
+      events.put("wakes");
+      const ConditionLock lock(condition);
+      signalled = true;
+      condition.signal();
+    });
+  }
+};
+
+TEST(SerialQueue, TasksWaitBehindOneThatSleepsInACondition) {
+  Sleeper sleeper;
+  sleeper.addSleep();
+  sleeper.events.waitFor(1);
+  sleeper.queue->add([&] { sleeper.events.put("later"); });
+  {
+    const ConditionLock lock(sleeper.condition);
+    sleeper.signalled = true;
+    sleeper.condition.signal();
+  }
+  EXPECT_EQ(sleeper.events.waitFor(3), (std::vector<std::string>{"sleeps", "woke", "later"}));
+}
+
+TEST(SerialQueue, TasksOvertakeASleeperOnceTheyMayEvenIfItSleptBefore) {
+  Sleeper sleeper;
+  sleeper.addSleep();
+  sleeper.events.waitFor(1);
+  sleeper.addWake();
+  sleeper.queue->letOvertake();
+  EXPECT_EQ(sleeper.events.waitFor(3), (std::vector<std::string>{"sleeps", "wakes", "woke"}));
+  sleeper.queue->add([&] { sleeper.events.put("goes on"); });
+  sleeper.events.waitFor(4);
+}
+
+TEST(SerialQueue, TasksOvertakeATaskThatGoesToSleepLater) {
+  Sleeper sleeper;
+  sleeper.queue->letOvertake();
+  sleeper.addSleep();
+  sleeper.addWake();
+  const auto events = sleeper.events.waitFor(3);
+  EXPECT_EQ(events[0], "sleeps");
+  EXPECT_EQ(events[1], "wakes");
+  EXPECT_EQ(events[2], "woke");
+}
+
+}  // namespace
+}  // namespace velto::transport

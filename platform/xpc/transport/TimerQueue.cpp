@@ -1,0 +1,60 @@
+// Actions in order of time, and the kernel told of the first one only. Arming is done under the lock, so that the
+// kernel's timer is never set for anything but the first.
+
+#include "platform/xpc/transport/TimerQueue.h"
+
+#include <algorithm>
+
+#include "platform/xpc/system/SystemCalls.h"
+
+namespace velto::transport {
+
+TimerQueue::TimerQueue() : timer_(system::systemCalls().timer()) {}
+
+void TimerQueue::arm() {
+  std::uint64_t nanoseconds = 0;
+  if (!actions_.empty()) {
+    const auto delay = actions_.begin()->first.first - Clock::now();
+    // 0 would disarm; what is due already is due in a nanosecond.
+    nanoseconds = static_cast<std::uint64_t>(
+        std::max<std::int64_t>(1, std::chrono::duration_cast<std::chrono::nanoseconds>(delay).count()));
+  }
+  system::systemCalls().setTimer(timer_.get(), nanoseconds);
+}
+
+TimerQueue::Identifier TimerQueue::add(Clock::duration delay, Action action) {
+  MutexLock lock(mutex_);
+  const Identifier identifier = ++last_;
+  const auto due = Clock::now() + delay;
+  const auto place = actions_.emplace(std::pair(due, identifier), std::move(action)).first;
+  dueTimes_.emplace(identifier, due);
+  if (place == actions_.begin()) arm();
+  return identifier;
+}
+
+void TimerQueue::cancel(Identifier identifier) {
+  Action forgotten;  // destroyed after the lock is released
+  MutexLock lock(mutex_);
+  const auto due = dueTimes_.find(identifier);
+  if (due == dueTimes_.end()) return;
+  const auto place = actions_.find(std::pair(due->second, identifier));
+  const bool wasFirst = place == actions_.begin();
+  forgotten = std::move(place->second);
+  actions_.erase(place);
+  dueTimes_.erase(due);
+  if (wasFirst) arm();
+}
+
+std::vector<TimerQueue::Action> TimerQueue::takeDue() {
+  std::vector<Action> due;
+  MutexLock lock(mutex_);
+  while (!actions_.empty() && actions_.begin()->first.first <= Clock::now()) {
+    dueTimes_.erase(actions_.begin()->first.second);
+    due.push_back(std::move(actions_.begin()->second));
+    actions_.erase(actions_.begin());
+  }
+  arm();
+  return due;
+}
+
+}  // namespace velto::transport

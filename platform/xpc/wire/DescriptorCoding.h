@@ -1,0 +1,30 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/Class.h"
+#include "platform/xpc/system/Descriptor.h"
+
+namespace velto::wire {
+
+// How objects that stand for descriptors (endpoints) travel: as the descriptors themselves, in order. `make` gets what
+// a peer sent and checks each one; it returns nil and a reason when they are not what they should be.
+struct DescriptorCoding {
+  std::function<std::vector<system::SharedDescriptor>(const NSObject& object)> descriptors;
+  std::function<NSObject(const std::vector<system::SharedDescriptor>& descriptors, std::string& reason)> make;
+};
+
+// Registers a class under its name. Thread-safe.
+void registerDescriptorCoding(const Class& aClass, DescriptorCoding coding);
+
+struct DescriptorClass {
+  Class classObject;
+  DescriptorCoding coding;
+};
+// classObject is nil when nothing is registered under the name. Thread-safe.
+DescriptorClass descriptorClassNamed(std::string_view name);
+
+}  // namespace velto::wire

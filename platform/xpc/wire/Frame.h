@@ -1,0 +1,46 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/xpc/system/Descriptor.h"
+
+namespace velto::wire {
+
+// Frames of the protocol. Values are the wire's own and never reused.
+enum class FrameType : std::uint8_t {
+  hello = 1,         // the first of each end: version and limits
+  call = 2,          // a method call
+  reply = 3,         // the answer to a call
+  replyDropped = 4,  // a call will never be answered: its reply block was let go
+  refusal = 5,       // a call was not delivered, and why
+  replyRefusal = 6,  // an answer could not be sent, and why
+  credit = 7,        // what the receiver has dealt with
+  goodbye = 8,       // the last: the sender has invalidated the connection
+};
+
+// A unit of the stream: a CBOR sequence and the descriptors that it names. Owns the descriptors until they are sent.
+struct Frame {
+  FrameType type = FrameType::goodbye;
+  std::vector<std::uint8_t> body;
+  std::vector<system::SharedDescriptor> descriptors;
+};
+
+// The fixed header: length of the body (32 bits), type (8), reserved (8, zero), descriptor count (16), little-endian.
+struct FrameHeader {
+  static constexpr std::size_t kBytes = 8;
+
+  std::uint32_t bodyLength = 0;
+  FrameType type = FrameType::goodbye;
+  std::uint16_t descriptorCount = 0;
+
+  std::array<std::uint8_t, kBytes> encode() const;
+  // Nothing, and the reason, when the header is not one of this protocol or breaks a limit.
+  static std::optional<FrameHeader> decode(const std::uint8_t* bytes, std::string& reason);
+};
+
+}  // namespace velto::wire

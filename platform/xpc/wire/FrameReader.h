@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/xpc/wire/Frame.h"
+
+namespace velto::wire {
+
+// Cuts a stream of bytes, and the descriptors that came with them, into frames. Pure: it makes no system call and knows
+// no socket. Memory grows with the bytes that have arrived, never with a length that was only declared.
+//
+// Descriptors arrive in the order of the frames that carry them, but the kernel does not say at which byte. So they are
+// kept in order and each complete frame takes the number that it declares; too few or too many break the protocol. A
+// sender therefore attaches the descriptors of a frame to its first byte, never earlier.
+class FrameReader {
+ public:
+  FrameReader() = default;
+  FrameReader(const FrameReader&) = delete;
+  FrameReader& operator=(const FrameReader&) = delete;
+
+  // Where the next bytes go: at least `wanted` bytes of room, 64 KiB when nothing is held. Commit what was written with
+  // received(). Raises std::bad_alloc, and changes nothing, when there is no memory.
+  std::span<std::uint8_t> prepare(std::size_t wanted);
+  // `count` bytes were written into the room, and these descriptors came along.
+  void received(std::size_t count, std::vector<system::SharedDescriptor> descriptors);
+
+  // The next complete frame, or nothing: then failed() tells whether the stream is broken or just not there yet. To be
+  // called until it gives nothing, after each received().
+  std::optional<Frame> next();
+  bool failed() const noexcept { return !reason_.empty(); }
+  // Why it is broken, naming limit, value and maximum.
+  const std::string& reason() const noexcept { return reason_; }
+  // Whether bytes or descriptors of an unfinished frame are held.
+  bool hasPartialFrame() const noexcept { return held() > 0 || !descriptors_.empty(); }
+  // Bytes of memory held for the stream.
+  std::size_t capacity() const noexcept { return capacity_; }
+
+ private:
+  struct Free {
+    void operator()(std::uint8_t* bytes) const noexcept { std::free(bytes); }
+  };
+
+  std::size_t held() const noexcept { return end_ - begin_; }
+  const std::uint8_t* start() const noexcept { return bytes_.get() + begin_; }
+  void compact() noexcept;
+  void grow(std::size_t capacity);
+  void consume(std::size_t count) noexcept;
+  Frame takeFrame(const FrameHeader& header);
+  // No more descriptors than the frame at the end may still claim.
+  void checkDescriptors(std::size_t claimable);
+  void fail(std::string reason);
+
+  std::unique_ptr<std::uint8_t[], Free> bytes_;
+  std::size_t capacity_ = 0;
+  std::size_t begin_ = 0;
+  std::size_t end_ = 0;
+  // What the unfinished frame at the end still lacks, as far as its header says.
+  std::size_t missing_ = 0;
+  std::deque<system::SharedDescriptor> descriptors_;
+  std::string reason_;
+};
+
+}  // namespace velto::wire

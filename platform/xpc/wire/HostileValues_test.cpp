@@ -1,0 +1,284 @@
+// What a hostile or broken peer puts where a value is due. Every case ends in one of the three outcomes, in a time and
+// with a memory that the bytes account for.
+
+#include <array>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <random>
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include "platform/xpc/wire/Tags.h"
+#include "platform/xpc/wire/WireTesting.h"
+
+namespace velto::wire {
+namespace {
+
+using namespace testing;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+constexpr bool kSanitized = false;
+#endif
+
+NSObject richValue() {
+  return NSDictionary{
+      {"text", "Grüße"},
+      {"numbers", NSArray{0, -1, 300u, 1.5, true, INT64_MIN, UINT64_MAX}},
+      {"data", NSData(Bytes(30, 7))},
+      {"when", NSDate::dateWithTimeIntervalSince1970(1e9)},
+      {"where", NSURL::URLWithString("file:///tmp")},
+      {"who", NSUUID::UUIDWithString("E621E1F8-C36C-495A-93FC-0C247A3E6E5F")},
+      {"set", NSSet{1, "two", NSNull::null()}},
+      {"error", NSError::errorWithDomain("domain", -3, {{NSLocalizedDescriptionKey, "why"}, {1, NSArray::array()}})},
+      {"point", Point::at(7, -7)},
+      {NSArray{1, 2}, NSDictionary{{"deeper", NSArray{NSArray{"still"}}}}}};
+}
+
+Frame richFrame() {
+  return frameOf(NSArray{richValue(), Port::with({newPipe(), newPipe()})});
+}
+
+// A head of nine bytes.
+Bytes longHead(unsigned initialByte, std::uint64_t number) {
+  Bytes head{static_cast<std::uint8_t>(initialByte)};
+  for (int shift = 56; shift >= 0; shift -= 8) head.push_back(static_cast<std::uint8_t>(number >> shift));
+  return head;
+}
+
+TEST(HostileValues, ARichValueCutAtEveryOffsetIsBroken) {
+  const Frame whole = richFrame();
+  ASSERT_EQ(decode(whole).outcome, Outcome::value);
+  for (std::size_t length = 0; length < whole.body.size(); ++length) {
+    Frame cut = whole;
+    cut.body.resize(length);
+    for (const ClassSet& admitted : {everything(), ClassSet()}) {
+      const Decoded decoded = decode(cut, admitted);
+      EXPECT_EQ(decoded.outcome, Outcome::broken) << length;
+      EXPECT_TRUE(contains(decoded.reason, "truncated")) << decoded.reason;
+    }
+  }
+}
+
+// What a first byte makes of a value, when nothing but zeros follows.
+Outcome outcomeOfInitialByte(unsigned byte) {
+  const unsigned major = byte >> 5, additional = byte & 0x1F;
+  const bool isReserved = additional >= 28;
+  switch (major) {
+    case 5:
+      // From two pairs on, the key 0 comes twice.
+      return isReserved || (additional >= 2 && additional < 24) ? Outcome::broken : Outcome::value;
+    case 6:
+      // A date cannot be the integer 0; tags of more bytes are all tag 0 here.
+      return isReserved || additional == kDateTag ? Outcome::broken : Outcome::refused;
+    case 7:
+      return additional >= 20 && additional <= 27 && additional != 24 ? Outcome::value : Outcome::broken;
+    default:
+      return isReserved ? Outcome::broken : Outcome::value;
+  }
+}
+
+TEST(HostileValues, EveryInitialByteInThePlaceOfAValue) {
+  for (unsigned byte = 0; byte < 256; ++byte) {
+    const Bytes bytes = Bytes{static_cast<std::uint8_t>(byte)} + Bytes(64, 0);
+    EXPECT_EQ(decodeBytes(bytes).outcome, outcomeOfInitialByte(byte)) << byte;
+  }
+}
+
+TEST(HostileValues, EveryInitialByteInsideEveryContainer) {
+  for (const char* before :
+       {"81", "82 18 64", "a1 18 64", "a1", "d9 0102 81", "d8 1b 84 67 4e534572726f72 60 00 a1 18 64"}) {
+    for (unsigned byte = 0; byte < 256; ++byte) {
+      const Outcome expected = byte == 0xF7 ? Outcome::broken : outcomeOfInitialByte(byte);
+      const Bytes bytes = hex(before) + Bytes{static_cast<std::uint8_t>(byte)} + Bytes(64, 0);
+      EXPECT_EQ(decodeBytes(bytes).outcome, expected) << before << " " << byte;
+    }
+  }
+}
+
+TEST(HostileValues, EveryInitialByteInAValueThatIsSteppedOver) {
+  for (unsigned byte = 0; byte < 256; ++byte) {
+    const bool isSimple = byte >= 0xE0;
+    const bool isSound = isSimple ? byte >= 0xF4 && byte <= 0xFB && byte != 0xF8 : (byte & 0x1F) < 28;
+    const Bytes bytes = hex("c9") + Bytes{static_cast<std::uint8_t>(byte)} + Bytes(64, 0);
+    EXPECT_EQ(decodeBytes(bytes).outcome, isSound ? Outcome::refused : Outcome::broken) << byte;
+  }
+}
+
+TEST(HostileValues, EveryBitOfARichValueFlipped) {
+  const Frame whole = richFrame();
+  std::array<std::size_t, 3> seen{};
+  for (std::size_t bit = 0; bit < 8 * whole.body.size(); ++bit) {
+    Frame flipped = whole;
+    flipped.body[bit / 8] = static_cast<std::uint8_t>(flipped.body[bit / 8] ^ 1u << (bit % 8));
+    const Decoded decoded = decode(flipped);
+    ++seen[static_cast<std::size_t>(decoded.outcome)];
+    EXPECT_EQ(decoded.outcome == Outcome::value, decoded.reason.empty());
+    if (decoded.outcome == Outcome::value) {
+      EXPECT_EQ(whyNot(decoded.value), "");
+    }
+  }
+  for (const std::size_t count : seen) EXPECT_GT(count, 0u);
+}
+
+void changeOneByte(Bytes& bytes, std::mt19937& random) {
+  const auto at = bytes.begin() + static_cast<std::ptrdiff_t>(random() % bytes.size());
+  switch (random() % 3) {
+    case 0:
+      *at = static_cast<std::uint8_t>(random());
+      break;
+    case 1:
+      bytes.erase(at);
+      break;
+    default:
+      bytes.insert(at, static_cast<std::uint8_t>(random()));
+  }
+}
+
+TEST(HostileValues, RandomChangesOfARichValue) {
+  const Frame whole = richFrame();
+  std::mt19937 random(11);
+  std::array<std::size_t, 3> seen{};
+  for (int round = 0; round < 20'000; ++round) {
+    Frame changed = whole;
+    for (unsigned count = 1 + random() % 4; count > 0; --count) changeOneByte(changed.body, random);
+    const Decoded decoded = decode(changed);
+    ++seen[static_cast<std::size_t>(decoded.outcome)];
+    if (decoded.outcome != Outcome::value) continue;
+    // What was taken can be sent on, compared and printed.
+    EXPECT_EQ(whyNot(decoded.value), "");
+    EXPECT_EQ(decode(frameOf(decoded.value)).value.isNil(), decoded.value.isNil());
+    EXPECT_FALSE(decoded.value.description().isNil());
+  }
+  for (const std::size_t count : seen) EXPECT_GT(count, 0u);
+}
+
+TEST(HostileValues, RandomBytes) {
+  std::mt19937 random(5);
+  for (int round = 0; round < 50'000; ++round) {
+    Bytes bytes(random() % 40);
+    for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random());
+    const Decoded decoded = decodeBytes(bytes);
+    EXPECT_EQ(decoded.outcome == Outcome::value, decoded.reason.empty());
+  }
+}
+
+TEST(HostileValues, EveryTagOverEveryKindOfItem) {
+  Point::classObject();
+  for (const std::uint64_t tag : {0ull, 1ull, 2ull, 21ull, 27ull, 32ull, 37ull, 258ull, 259ull, 60117ull, 1ull << 32}) {
+    for (const char* item : {"00", "20", "41 00", "61 61", "81 00", "a1 00 00", "f4", "f6", "f7", "fb 0000000000000000",
+                             "c9 00", "82 61 61 00", "82 69 57697265506f696e74 82 01 02"}) {
+      for (const char* before : {"", "81", "a1 00", "d9 0102 81"}) {
+        const Decoded decoded = decodeBytes(hex(before) + longHead(0xDB, tag) + hex(item));
+        EXPECT_TRUE(decoded.outcome == Outcome::broken || decoded.atEnd) << before << " " << tag << " " << item;
+        EXPECT_EQ(decoded.outcome == Outcome::value, decoded.reason.empty());
+      }
+    }
+  }
+}
+
+TEST(HostileValues, CountsAndLengthsAtTheEdgesOfTheirTypes) {
+  for (const std::uint64_t count :
+       {1ull << 30, (1ull << 31) - 1, 1ull << 31, (1ull << 32) - 1, 1ull << 32, (1ull << 63) - 1, 1ull << 63, ~0ull}) {
+    for (const unsigned initialByte : {0x5Bu, 0x7Bu, 0x9Bu, 0xBBu}) {
+      for (const char* before : {"", "81", "a1 00", "d9 0102", "d8 1b", "d8 20", "d8 25", "c9"}) {
+        EXPECT_EQ(decodeBytes(hex(before) + longHead(initialByte, count) + Bytes(32, 0)).outcome, Outcome::broken)
+            << before << " " << initialByte << " " << count;
+      }
+    }
+  }
+}
+
+// For a child process: it runs on with so little address space.
+void capAddressSpace(std::size_t bytes) {
+  const rlimit cap{bytes, bytes};
+  if (::setrlimit(RLIMIT_AS, &cap) != 0) std::_Exit(2);
+}
+
+[[noreturn]] void decodeGigabytesThatAreNotThere() {
+  capAddressSpace(std::size_t{256} << 20);
+  for (const char* bytes : {"9a 40000000", "ba 40000000", "5a 40000000", "7a 40000000", "9b 0000000040000000"}) {
+    if (decodeBytes(hex(bytes)).outcome != Outcome::broken) std::_Exit(3);
+  }
+  std::_Exit(0);
+}
+
+TEST(HostileValues, FiveBytesThatAskForAGigabyteFailWithTheAddressSpaceCapped) {
+  if (kSanitized) GTEST_SKIP() << "a sanitizer's shadow memory needs the address space";
+  EXPECT_EXIT(decodeGigabytesThatAreNotThere(), ::testing::ExitedWithCode(0), "");
+}
+
+[[noreturn]] void decodeMoreThanMemoryHolds() {
+  const Frame greedy = frameOfBytes(hex("9a 001ffff0") + Bytes(0x1ffff0, 0) + hex("07"));
+  const ClassSet& admitted = everything();
+  capAddressSpace(std::size_t{96} << 20);
+  ValueDecoder decoder(greedy);
+  NSObject value;
+  if (decoder.next(admitted, value) != Outcome::refused) std::_Exit(3);
+  if (decoder.next(admitted, value) != Outcome::value || !decoder.atEnd()) std::_Exit(4);
+  std::_Exit(0);
+}
+
+TEST(HostileValues, AValueThatNeedsMoreMemoryThanThereIsIsRefusedAndTheNextOnePasses) {
+  if (kSanitized) GTEST_SKIP() << "a sanitizer's shadow memory needs the address space";
+  EXPECT_EXIT(decodeMoreThanMemoryHolds(), ::testing::ExitedWithCode(0), "");
+}
+
+// This thread's own time.
+double millisecondsToDecode(const Bytes& bytes, Outcome expected) {
+  const auto now = [] {
+    timespec time{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
+  };
+  const Frame frame = frameOfBytes(bytes);
+  const double start = now();
+  EXPECT_EQ(decode(frame).outcome, expected);
+  return now() - start;
+}
+
+TEST(HostileValues, TheWorkOfAMegabyteIsBoundedWhateverItHolds) {
+  // Honest megabytes take tens of milliseconds; a quadratic one would take minutes. The bound leaves room for slow
+  // machines and sanitizers.
+  constexpr double kBoundMilliseconds = 20'000;
+  const std::size_t size = std::size_t{1} << 20;
+  EXPECT_LT(millisecondsToDecode(repeated(hex("81"), size) + hex("00"), Outcome::refused), kBoundMilliseconds);
+  EXPECT_LT(millisecondsToDecode(hex("9a 00080000") + repeated(hex("81 80"), size / 2), Outcome::value),
+            kBoundMilliseconds);
+  EXPECT_LT(millisecondsToDecode(hex("9a 00100000") + repeated(hex("a0"), size), Outcome::value), kBoundMilliseconds);
+  // Keys that all have one hash.
+  Bytes keys = hex("d9 0102 9a 0002aaaa");
+  for (unsigned key = 0; key < 0x2AAAA; ++key) {
+    keys = std::move(keys) + hex("81 1a") +
+           Bytes{0, static_cast<std::uint8_t>(key >> 16), static_cast<std::uint8_t>(key >> 8),
+                 static_cast<std::uint8_t>(key)};
+  }
+  EXPECT_LT(millisecondsToDecode(keys, Outcome::refused), kBoundMilliseconds);
+}
+
+TEST(HostileValues, SetsOfSetsOfSetsAreBoundedTogether) {
+  // Comparing two of the outer elements compares every pair of the inner ones, and so on down.
+  const std::function<Bytes(int, unsigned&)> sets = [&sets](int depth, unsigned& next) -> Bytes {
+    if (depth == 0) {
+      ++next;
+      return hex("81 19") + Bytes{static_cast<std::uint8_t>(next >> 8), static_cast<std::uint8_t>(next)};
+    }
+    Bytes bytes = hex("d9 0102 8f");
+    for (int element = 0; element < 15; ++element) bytes = std::move(bytes) + sets(depth - 1, next);
+    return bytes;
+  };
+  unsigned next = 0;
+  EXPECT_EQ(decodeBytes(sets(2, next)).outcome, Outcome::value);
+  next = 0;
+  const Decoded deeper = decodeBytes(sets(4, next));
+  EXPECT_EQ(deeper.outcome, Outcome::refused);
+  EXPECT_TRUE(contains(deeper.reason, "comparisons of keys")) << deeper.reason;
+}
+
+}  // namespace
+}  // namespace velto::wire

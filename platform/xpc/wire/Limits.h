@@ -1,0 +1,71 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace velto::limits {
+
+// Everything that a peer can make this process hold is bounded by one of these.
+
+// Bytes of one call or one reply, its header not counted. Room for any sensible message; larger data belongs into files
+// or shared memory.
+inline constexpr std::size_t kMaximumFrameBytes = std::size_t{16} << 20;
+// Levels of containers inside one argument. JSON parsers of this kind stop between 100 and 1000.
+inline constexpr std::size_t kMaximumDepth = 128;
+// Objects in all values of one call or reply. An object takes far more memory than the single byte it can come in; this
+// many doubles in an array take a little more than the greatest frame, so only swarms of tiny objects meet it.
+inline constexpr std::size_t kMaximumObjects = std::size_t{1} << 21;
+// Comparisons that the keys of dictionaries and the elements of sets in one call or reply may cost. Strings and numbers
+// have hashes that no peer can foresee and cost none; containers, errors and objects of users' classes may all have the
+// same hash, so that each is compared with every other. Some thousand pairs can be keys of one dictionary.
+inline constexpr std::size_t kMaximumKeyComparisons = std::size_t{1} << 26;
+// Descriptors that travel with one call or reply. An endpoint takes two; the kernel's own maximum is 253.
+inline constexpr std::size_t kMaximumDescriptors = 64;
+// Bytes of a method's selector.
+inline constexpr std::size_t kMaximumSelectorBytes = 256;
+// Bytes of text in a refusal: enough for every reason that is made here; longer ones are cut.
+inline constexpr std::size_t kMaximumReasonBytes = 1024;
+
+// Bytes and calls that a connection keeps for a receiver which is still busy: the credit of the sender. At least one
+// call of the greatest size must fit.
+inline constexpr std::size_t kUndeliveredBytes = std::size_t{32} << 20;
+inline constexpr std::size_t kUndeliveredCalls = 4096;
+// The credit of a sender that has not heard the other end's limits yet.
+inline constexpr std::size_t kInitialBytes = std::size_t{32} << 20;
+inline constexpr std::size_t kInitialCalls = 4096;
+// Bytes of replies that a connection keeps while its queue is blocked. Replies come only to calls that were made here.
+inline constexpr std::size_t kUndeliveredReplyBytes = std::size_t{256} << 20;
+
+// Bytes that a connection keeps because the other end does not read, or has given no credit.
+inline constexpr std::size_t kWaitingBytes = std::size_t{64} << 20;
+// Calls of one connection that wait for their replies.
+inline constexpr std::size_t kPendingReplies = 65536;
+// Replies owed to one peer: calls of its that were delivered and neither answered nor let go.
+inline constexpr std::size_t kOwedReplies = 65536;
+
+// Connections of one listener that have not called yet, and how long each may take. A peer that connects and says
+// nothing holds a descriptor here.
+inline constexpr std::size_t kSilentConnections = 256;
+inline constexpr std::chrono::milliseconds kSilence{10'000};
+// Connections waiting in the kernel to be accepted.
+inline constexpr int kBacklog = 4096;
+
+// How long a connection that was invalidated goes on sending what was handed to it before.
+inline constexpr std::chrono::milliseconds kFarewell{5'000};
+// How often, and how long, a connection to a listener with a full backlog is tried again.
+inline constexpr std::chrono::milliseconds kConnectRetry{10};
+inline constexpr std::chrono::milliseconds kConnectPatience{30'000};
+
+// Threads that run callbacks at the same time. Past that, callbacks wait for one to end.
+inline constexpr std::size_t kMaximumWorkers = 512;
+// Idle threads kept for the next event, the one that reads included.
+inline constexpr std::size_t kSpareWorkers = 3;
+
+// Bytes of a service's name: a file name can have no more.
+inline constexpr std::size_t kMaximumNameBytes = 255;
+
+static_assert(kUndeliveredBytes >= kMaximumFrameBytes && kInitialBytes >= kMaximumFrameBytes);
+static_assert(kMaximumDescriptors <= 253);
+
+}  // namespace velto::limits

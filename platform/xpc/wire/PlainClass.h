@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/foundation/Class.h"
+
+namespace velto::wire {
+
+// The value classes that the wire has a form of its own for. Mutable classes travel as their immutable ones.
+enum class PlainClass : std::uint8_t { string, number, dictionary, array, data, date, null, set, uuid, url, error };
+inline constexpr std::size_t kPlainClasses = 11;
+
+// The immutable class.
+const ClassBody& classBodyOf(PlainClass plain) noexcept;
+// Finds exactly this class, not one that it derives from: false when it is none of them.
+bool findPlainClass(const ClassBody& body, PlainClass& plain) noexcept;
+
+}  // namespace velto::wire

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/NSObject.h"
+#include "platform/xpc/wire/Frame.h"
+#include "platform/xpc/wire/ItemWriter.h"
+#include "platform/xpc/wire/PlainClass.h"
+
+namespace velto {
+class ClassBody;
+}
+
+namespace velto::wire {
+
+// Writes values as the items of a frame's CBOR sequence. The frame grows as it goes; once anything has failed,
+// everything after it is skipped and reason() says what was wrong, naming the limit, the value and the maximum where it
+// was one.
+//
+// A container that changes while it is written fails like everything else: nothing is raised.
+class ValueEncoder {
+ public:
+  explicit ValueEncoder(FrameType type);
+  ValueEncoder(const ValueEncoder&) = delete;
+  ValueEncoder& operator=(const ValueEncoder&) = delete;
+
+  // A value of any coded class, or nil.
+  void add(const NSObject& value);
+  void addUnsigned(std::uint64_t value);
+  void addBool(bool value);
+  // Broken UTF-8 is replaced by U+FFFD.
+  void addText(std::string_view text);
+
+  // Makes it fail. The first reason stays.
+  void fail(std::string reason);
+  void failOverLimit(std::string_view limit, std::uint64_t value, std::uint64_t maximum, bool orMore = false);
+  bool failed() const noexcept { return !reason_.empty(); }
+  const std::string& reason() const noexcept { return reason_; }
+  // Whether the reason is a limit.
+  bool exceededLimit() const noexcept { return exceededLimit_; }
+  // The frame; call once, and only if nothing failed.
+  Frame take();
+
+ private:
+  // All of these answer whether to go on.
+  bool encode(const NSObject& object);
+  bool encodePlain(const NSObject& object, PlainClass plain);
+  bool encodeNumber(const NSObject& object);
+  bool encodeDate(const NSObject& object);
+  template <class Container>
+  bool encodeElements(const Container& container);
+  bool encodePairs(const NSObject& object);
+  bool encodeError(const NSObject& object);
+  bool encodeCoded(const NSObject& object, const ClassBody& aClass, bool& found);
+  bool encodeDescriptors(const NSObject& object, const ClassBody& aClass, bool& found);
+  bool startObject(const std::string& className);
+  bool hasRoomFor(std::size_t bytes);
+  bool isTooDeep();
+  bool refuse(std::string reason);
+
+  Frame frame_;
+  ItemWriter writer_;
+  std::size_t depth_ = 0;
+  std::size_t objects_ = 0;
+  std::string reason_;
+  bool exceededLimit_ = false;
+};
+
+}  // namespace velto::wire

@@ -1,0 +1,41 @@
+# shellcheck shell=bash
+# What this project needs from Debian 12, and how a script gets it.
+
+# To build the libraries, the broker and the examples.
+build_packages=(g++ cmake ninja-build pkg-config libcbor-dev libcli11-dev libssl-dev)
+# To build and run the tests.
+test_packages=("${build_packages[@]}" libgtest-dev libgmock-dev python3)
+# To check the code in every way.
+# shellcheck disable=SC2034
+check_packages=("${test_packages[@]}" clang clang-format clang-tidy shellcheck)
+
+# install_packages PACKAGE...: installs those that are missing, and says which.
+install_packages() {
+  local package missing=() as_root=()
+  for package in "$@"; do
+    dpkg-query --show --showformat '${db:Status-Status}' "$package" 2>/dev/null | grep -qx installed ||
+      missing+=("$package")
+  done
+  ((${#missing[@]})) || return 0
+  echo "Installing ${missing[*]}"
+  if ((EUID != 0)); then
+    command -v sudo >/dev/null || {
+      echo "There is no sudo: install them as root, then run this again." >&2
+      return 1
+    }
+    as_root=(sudo)
+  fi
+  quietly "${as_root[@]}" apt-get update --quiet
+  quietly "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get install --quiet --yes --no-install-recommends "${missing[@]}"
+}
+
+# quietly COMMAND...: what it says is shown only if it fails.
+quietly() {
+  local words
+  words=$("$@" 2>&1) || {
+    local status=$?
+    printf '%s\n' "$words"
+    return $status
+  }
+}
