@@ -7,7 +7,7 @@ build_packages=(g++ cmake ninja-build pkg-config libcbor-dev libcli11-dev libssl
 test_packages=("${build_packages[@]}" libgtest-dev libgmock-dev python3)
 # To check the code in every way.
 # shellcheck disable=SC2034
-check_packages=("${test_packages[@]}" clang clang-format clang-tidy shellcheck)
+check_packages=("${test_packages[@]}" clang libclang-rt-14-dev clang-format clang-tidy shellcheck)
 
 # install_packages PACKAGE...: installs those that are missing, and says which.
 install_packages() {

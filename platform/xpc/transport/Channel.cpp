@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include <sys/epoll.h>
@@ -104,7 +105,11 @@ void Channel::eventsArrived(std::uint32_t events) {
 }
 
 void Channel::readAvailable() {
-  while (readOnce() == Read::more) {
+  try {
+    while (readOnce() == Read::more) {
+    }
+  } catch (const std::bad_alloc&) {
+    end("there is no memory for what arrives");
   }
 }
 

@@ -4,8 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/xpc/wire/WireTesting.h"
+
 namespace velto::wire {
 namespace {
+
+using testing::newClass;
 
 DescriptorCoding codingThatSays(const char* text) {
   return {[](const NSObject&) { return std::vector<system::SharedDescriptor>(); },
@@ -26,15 +30,15 @@ TEST(DescriptorCoding, AnUnknownNameHasNone) {
 }
 
 TEST(DescriptorCoding, ARegisteredClassIsFoundByItsName) {
-  const Class aClass = Class::define("RegisteredPort", NSObject::classObject());
+  const Class aClass = newClass("RegisteredPort", NSObject::classObject());
   registerDescriptorCoding(aClass, codingThatSays("one"));
   EXPECT_TRUE(descriptorClassNamed("RegisteredPort").classObject.isIdenticalTo(aClass));
   EXPECT_EQ(saidBy(descriptorClassNamed("RegisteredPort")), "one");
 }
 
 TEST(DescriptorCoding, TheLastRegistrationOfANameWins) {
-  const Class first = Class::define("TwicePort", NSObject::classObject());
-  const Class second = Class::define("TwicePort", NSObject::classObject());
+  const Class first = newClass("TwicePort", NSObject::classObject());
+  const Class second = newClass("TwicePort", NSObject::classObject());
   registerDescriptorCoding(first, codingThatSays("one"));
   registerDescriptorCoding(second, codingThatSays("two"));
   EXPECT_TRUE(descriptorClassNamed("TwicePort").classObject.isIdenticalTo(second));
@@ -42,7 +46,7 @@ TEST(DescriptorCoding, TheLastRegistrationOfANameWins) {
 }
 
 TEST(DescriptorCoding, ThreadsMayRegisterAndAskAtOnce) {
-  const Class aClass = Class::define("BusyPort", NSObject::classObject());
+  const Class aClass = newClass("BusyPort", NSObject::classObject());
   registerDescriptorCoding(aClass, codingThatSays("busy"));
   std::thread registers([&aClass] {
     for (int count = 0; count < 1000; ++count) registerDescriptorCoding(aClass, codingThatSays("busy"));

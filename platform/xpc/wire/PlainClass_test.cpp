@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "platform/foundation/Foundation.h"
+#include "platform/xpc/wire/WireTesting.h"
 
 namespace velto::wire {
 namespace {
+
+using testing::newClass;
 
 template <class T>
 void expectPlain(PlainClass expected) {
@@ -45,7 +48,7 @@ TEST(PlainClass, MutableClassesCountAsTheirImmutableOnes) {
 TEST(PlainClass, NothingElseIsOne) {
   PlainClass found{};
   EXPECT_FALSE(findPlainClass(*NSObject::classObject().classBody(), found));
-  const Class derived = Class::define("DerivedFromString", NSString::classObject());
+  const Class derived = newClass("DerivedFromString", NSString::classObject());
   EXPECT_FALSE(findPlainClass(*derived.classBody(), found));
 }
 

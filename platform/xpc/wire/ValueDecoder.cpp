@@ -34,6 +34,8 @@ ValueDecoder::Outcome ValueDecoder::next(const ClassSet& admitted, NSObject& val
     const Outcome outcome = build(value);
     if (outcome != Outcome::refused) return outcome;
   } catch (const std::exception& exception) {
+    // First what was built so far is let go of: the words below need memory too.
+    stack_.clear();
     refuse(std::string("could not be decoded: ") + exception.what());
   }
   return stepOver(start);

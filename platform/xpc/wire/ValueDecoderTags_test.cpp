@@ -170,7 +170,7 @@ TEST(ValueTags, AUsersClassHasOneItemOfContents) {
 }
 
 TEST(ValueTags, ADecodingThatRaisesIsRefusedAndTheNextItemIsRead) {
-  const Class raising = Class::define("RaisesOnArrival", NSObject::classObject());
+  const Class raising = newClass("RaisesOnArrival", NSObject::classObject());
   registerClassCoding(raising, {nullptr, [](const NSObject&) -> NSObject { throw NSException("Oops", "not today"); }});
   const Frame frame = frameOfBytes(hex("82 05 d8 1b 82 6f 5261697365734f6e4172726976616c 83 01 02 03 07"));
   ValueDecoder decoder(frame);
@@ -182,7 +182,7 @@ TEST(ValueTags, ADecodingThatRaisesIsRefusedAndTheNextItemIsRead) {
 }
 
 TEST(ValueTags, ADecodingThatGivesAnotherClassIsRefused) {
-  const Class liar = Class::define("LiesOnArrival", NSObject::classObject());
+  const Class liar = newClass("LiesOnArrival", NSObject::classObject());
   registerClassCoding(liar, {nullptr, [](const NSObject&) -> NSObject { return "a string"; }});
   expectRefused(frameOfBytes(hex("d8 1b 82 6d 4c6965734f6e4172726976616c 00")),
                 "holds an object of class LiesOnArrival that cannot be made from what it contains",

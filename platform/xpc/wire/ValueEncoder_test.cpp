@@ -41,7 +41,7 @@ class Stubborn : public NSObject {
 };
 
 Class classWithCoding(const char* name, std::function<NSObject(const NSObject&)> encode) {
-  const Class made = Class::define(name, NSObject::classObject());
+  const Class made = newClass(name, NSObject::classObject());
   registerClassCoding(made, {std::move(encode), nullptr});
   return made;
 }
@@ -107,7 +107,7 @@ TEST(ValueEncoder, AClassObjectCannotTravel) {
 }
 
 TEST(ValueEncoder, AnUnregisteredClassFailsByNameAtAnyDepth) {
-  const Stubborn stubborn(Class::define("Stubborn", NSObject::classObject()));
+  const Stubborn stubborn(newClass("Stubborn", NSObject::classObject()));
   const std::string expected = "holds an object of class Stubborn, which cannot travel";
   EXPECT_EQ(whyNot(stubborn), expected);
   EXPECT_EQ(whyNot(NSArray{1, NSDictionary{{"k", NSSet{stubborn}}}}), expected);
@@ -116,12 +116,12 @@ TEST(ValueEncoder, AnUnregisteredClassFailsByNameAtAnyDepth) {
 
 TEST(ValueEncoder, AnotherClassUnderARegisteredNameDoesNotTravel) {
   Point::classObject();
-  const Stubborn impostor(Class::define("WirePoint", NSObject::classObject()));
+  const Stubborn impostor(newClass("WirePoint", NSObject::classObject()));
   EXPECT_EQ(whyNot(impostor), "holds an object of class WirePoint, which cannot travel");
 }
 
 TEST(ValueEncoder, AnUnregisteredSubclassTravelsAsTheRegisteredClassAboveIt) {
-  const NamedPoint point(Class::define("NamedWirePoint", Point::classObject()));
+  const NamedPoint point(newClass("NamedWirePoint", Point::classObject()));
   EXPECT_EQ(bytesOf(point), bytesOf(Point::at(3, 4)));
 }
 

@@ -52,6 +52,12 @@ inline Bytes repeated(const Bytes& part, std::size_t times) {
   return bytes;
 }
 
+// Classes are for ever: one that only a test knows is kept here.
+inline Class newClass(const char* name, const Class& superclass) {
+  static std::vector<Class>& all = *new std::vector<Class>;
+  return all.emplace_back(Class::define(name, superclass));
+}
+
 // A user's class that travels as an array of two numbers.
 class PointBody : public ObjectBody {
  public:
@@ -81,7 +87,7 @@ class Point : public NSObject {
 
  private:
   static Class defineAndRegister() {
-    const Class made = Class::define("WirePoint", NSObject::classObject());
+    const Class made = newClass("WirePoint", NSObject::classObject());
     registerClassCoding(made, {[](const NSObject& object) -> NSObject {
                                  const auto& point = dynamic_cast<const PointBody&>(*object.body());
                                  return NSArray{point.x, point.y};
@@ -133,7 +139,7 @@ class Port : public NSObject {
     return with(descriptors);
   }
   static Class defineAndRegister() {
-    const Class made = Class::define("WirePort", NSObject::classObject());
+    const Class made = newClass("WirePort", NSObject::classObject());
     registerDescriptorCoding(made, {[](const NSObject& object) { return object.as<Port>().descriptors(); }, make});
     return made;
   }
