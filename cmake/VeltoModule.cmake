@@ -8,10 +8,18 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(velto_options INTERFACE -Wthread-safety -Werror=thread-safety)
 endif()
 if(VELTO_SANITIZE)
-  target_compile_options(velto_options INTERFACE -fsanitize=${VELTO_SANITIZE} -fno-omit-frame-pointer -g
+  target_compile_options(velto_options INTERFACE -fsanitize=${VELTO_SANITIZE} -fno-omit-frame-pointer
                                                  -fno-sanitize-recover=all)
   target_link_options(velto_options INTERFACE -fsanitize=${VELTO_SANITIZE})
 endif()
+
+# With VELTO_PRECOMPILE_HEADERS, what nearly every file includes is compiled once per program. It hides a missing include,
+# so only builds that are not the first to compile a file use it.
+function(velto_precompile target)
+  if(VELTO_PRECOMPILE_HEADERS)
+    target_precompile_headers(${target} PRIVATE ${ARGN})
+  endif()
+endfunction()
 
 # velto_module(NAME [FOLDERS folder...] [DEPENDS library...])
 function(velto_module name)
@@ -28,6 +36,8 @@ function(velto_module name)
   list(FILTER tests INCLUDE REGEX "_test\\.cpp$")
   add_library(velto_${name} STATIC ${sources})
   target_link_libraries(velto_${name} PUBLIC velto_options ${MODULE_DEPENDS})
+  velto_precompile(velto_${name} <functional> <map> <memory> <string> <vector>
+                   ${PROJECT_SOURCE_DIR}/platform/foundation/Foundation.h)
   if(tests AND VELTO_BUILD_TESTS)
     velto_test(${name}_test SOURCES ${tests} DEPENDS velto_${name})
   endif()
@@ -39,5 +49,7 @@ function(velto_test name)
   cmake_parse_arguments(TEST "" "" "SOURCES;DEPENDS" ${ARGN})
   add_executable(${name} ${TEST_SOURCES})
   target_link_libraries(${name} PRIVATE ${TEST_DEPENDS} GTest::gmock GTest::gtest_main)
+  velto_precompile(${name} <functional> <future> <gtest/gtest.h> <map> <memory> <string> <thread> <vector>
+                   ${PROJECT_SOURCE_DIR}/platform/foundation/Foundation.h)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endfunction()
