@@ -17,7 +17,8 @@ constexpr const char* kName = "org.velto.test.link";
 class BrokerLink : public QuietTest {
  protected:
   void TearDown() override {
-    broker->dropLinks();
+    broker->stop();
+    waitUntilAlone(broker);
     QuietTest::TearDown();
   }
 

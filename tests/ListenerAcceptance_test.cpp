@@ -214,7 +214,8 @@ TEST(ListenerRegistration, ANilNameIsPassedOnAsItIs) {
   EXPECT_EQ(broker->calls().at(0), "register (null)");
   EXPECT_TRUE(delegate->events().empty());
   listener->close();
-  broker->dropLinks();
+  broker->stop();
+  waitUntilAlone(broker);
 }
 
 }  // namespace

@@ -5,8 +5,8 @@
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSString.h"
 
-// What the two ends of a connection say to each other. Both classes of the library implement it and are the objects that
-// their connections export; nobody else calls it.
+// What the two ends of a connection say to each other. Both classes of the library implement it and are the objects
+// that their connections export; nobody else calls it.
 class VELTO_EXPORT VeltoCommunicationMessageProtocol {
  public:
   virtual ~VeltoCommunicationMessageProtocol();

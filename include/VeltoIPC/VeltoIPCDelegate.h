@@ -9,13 +9,13 @@
 // Takes the reply to a message, or hands one over: a callable that takes one dictionary.
 using VeltoReplyHandler = std::function<void(NSDictionary reply)>;
 
-// Hears of everything that happens to a VeltoConnection or a VeltoListener. Derive from it; both hold it weakly, so keep
-// it alive yourself.
+// Hears of everything that happens to a VeltoConnection or a VeltoListener. Derive from it; both hold it weakly, so
+// keep it alive yourself.
 //
-// Threads: every callback runs on a thread of the library's platform, never on yours, and with no lock of the library held.
-// Callbacks about one connection come one at a time, in order; callbacks about different connections, and about the link to
-// the broker, may run at the same time. A callback may call anything on either class, send synchronously and close
-// included.
+// Threads: every callback runs on a thread of the library's platform, never on yours, and with no lock of the library
+// held. Callbacks about one connection come one at a time, in order; callbacks about different connections, and about
+// the link to the broker, may run at the same time. A callback may call anything on either class, send synchronously
+// and close included.
 class VeltoIPCDelegate {
  public:
   virtual ~VeltoIPCDelegate() = default;
@@ -24,11 +24,11 @@ class VeltoIPCDelegate {
   // Listener: a client has connected. It can be sent to as soon as this callback has returned, not before.
   virtual void connectionReady(NSString connectionID) = 0;
 
-  // A message has come. Call `usingHandler` with the reply, now or later, on any thread; whoever never calls it leaves the
-  // sender without a reply.
+  // A message has come. Call `usingHandler` with the reply, now or later, on any thread; whoever never calls it leaves
+  // the sender without a reply.
   virtual void receivedMessage(NSDictionary message, NSString fromConnection, VeltoReplyHandler usingHandler) = 0;
 
-  // Something failed or ended. `connectionID` is nil when no single connection is concerned, or when it has no identifier
-  // yet.
+  // Something failed or ended. `connectionID` is nil when no single connection is concerned, or when it has no
+  // identifier yet.
   virtual void connectionError(NSString connectionID, NSError error) = 0;
 };

@@ -18,8 +18,6 @@ RemoteObject::RemoteObject(std::shared_ptr<ConnectionCore> core, std::function<v
     : core_(std::move(core)),
       errorHandler_(std::make_shared<const std::function<void(NSError)>>(std::move(errorHandler))) {}
 
-RemoteObject::~RemoteObject() = default;
-
 void RemoteObject::send(const void* member, std::vector<NSObject> arguments, ReplyBlock reply) const {
   const Method* method = core_->remoteInterface()->protocol().methodForMember(member);
   if (method == nullptr) throw NSException("NSInvalidArgumentException", "the protocol's table lacks the method");

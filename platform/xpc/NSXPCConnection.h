@@ -20,15 +20,14 @@ class ConnectionCore;
 class VELTO_EXPORT RemoteObject {
  public:
   RemoteObject(std::shared_ptr<ConnectionCore> core, std::function<void(NSError)> errorHandler);
-  ~RemoteObject();
 
   void send(const void* member, std::vector<NSObject> arguments, ReplyBlock reply) const;
 
   static Class boxClass();
 
  private:
-  const std::shared_ptr<ConnectionCore> core_;
-  const std::shared_ptr<const std::function<void(NSError)>> errorHandler_;
+  std::shared_ptr<ConnectionCore> core_;
+  std::shared_ptr<const std::function<void(NSError)>> errorHandler_;
 };
 
 }  // namespace velto::xpc
@@ -59,7 +58,7 @@ class NSXPCProxy {
   static Class boxClass() { return velto::xpc::RemoteObject::boxClass(); }
 
  private:
-  const velto::xpc::RemoteObject remote_;
+  velto::xpc::RemoteObject remote_;
 };
 
 // A connection to one other end, over which both can call methods of an object that the other exports.

@@ -60,6 +60,29 @@ TEST_F(Connection, CallsMadeBeforeResumeGoOutWithIt) {
   EXPECT_EQ(service->greeter->flags.waitFor(1), std::vector<bool>{true});
 }
 
+TEST_F(Connection, MoreCallsBeforeResumeThanTheSocketHoldsGoOutAllTheSame) {
+  const auto connection = NSXPCConnection::initWithListenerEndpoint(listener->endpoint());
+  connection->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol<Greeter>());
+  const auto proxy = connection->remoteObjectProxyWithErrorHandler<Greeter>([](NSError) { FAIL(); });
+  const NSData portion(std::vector<std::uint8_t>(std::size_t{1} << 20));
+  for (int number = 0; number < 8; ++number) proxy->call<&Greeter::tell>(NSDictionary{{"portion", portion}});
+  connection->resume();
+  EXPECT_EQ(service->greeter->told.waitFor(8).size(), 8U);
+}
+
+TEST_F(Connection, MayBeInvalidatedWhileItIsResumed) {
+  for (int round = 0; round < 200; ++round) {
+    const auto connection = NSXPCConnection::initWithListenerEndpoint(listener->endpoint());
+    connection->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol<Greeter>());
+    std::promise<void> ended;
+    connection->setInvalidationHandler([&] { ended.set_value(); });
+    std::thread other([&] { connection->invalidate(); });
+    connection->resume();
+    other.join();
+    ASSERT_EQ(ended.get_future().wait_for(kGenerous), std::future_status::ready);
+  }
+}
+
 TEST_F(Connection, CarriesEndpoints) {
   const auto client = connect();
   const auto other = NSXPCListener::anonymousListener();

@@ -4,7 +4,8 @@
 
 #include "platform/xpc/Errors.h"
 
-const NSString NSXPCErrorDomain = *new NSString("org.velto.xpc");
+// Never destroyed: threads of the platform may still report errors when the process ends.
+const NSString& NSXPCErrorDomain = *new NSString("org.velto.xpc");
 
 namespace velto::xpc {
 

@@ -67,8 +67,11 @@ std::shared_ptr<ScriptedBroker> ScriptedBroker::start() {
   return made;
 }
 
-ScriptedBroker::~ScriptedBroker() {
+ScriptedBroker::~ScriptedBroker() = default;
+
+void ScriptedBroker::stop() {
   if (listener_) listener_->invalidate();
+  listener_.reset();
   dropLinks();
 }
 

@@ -45,8 +45,11 @@ class ScriptedBroker final : public NSXPCListenerDelegate,
   std::vector<std::string> calls() const;
   // What lookups get; without it they are never answered.
   void answerWith(const NSXPCListenerEndpoint& endpoint);
-  // Ends every link. Call it before the end of the test: the links hold their broker.
+  // Ends every link.
   void dropLinks();
+  // Ends the service and every link. Call it at the end of the test: the links hold their broker, which would otherwise
+  // be destroyed on a thread of the platform while the next test makes its runtime directory.
+  void stop();
 
   void sendListenerConnection(NSXPCListenerEndpoint endpoint, NSString withName) override;
   void findListenerEndpointForName(NSString name, std::function<void(NSXPCListenerEndpoint)> handle) override;

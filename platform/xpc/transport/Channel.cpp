@@ -40,7 +40,9 @@ Channel::Channel(system::Descriptor socket, std::shared_ptr<ChannelReceiver> rec
 
 bool Channel::start() {
   MutexLock lock(mutex_);
-  identifier_ = Reactor::shared().add(socket_->get(), kInput, shared_from_this());
+  // Whoever sent before this may have closed it, or filled it.
+  if (!socket_) return true;
+  identifier_ = Reactor::shared().add(socket_->get(), watchesForRoom_ ? kInput | EPOLLOUT : kInput, shared_from_this());
   return identifier_ != 0;
 }
 
@@ -121,7 +123,7 @@ Channel::Read Channel::readOnce() {
   }
   if (!socket) return Read::ended;
   const auto room = reader_.prepare(kReadBytes);
-  const Received received = receiveWithDescriptors(socket->get(), room);
+  Received received = receiveWithDescriptors(socket->get(), room);
   if (received.error == EAGAIN) return Read::drained;
   if (received.error != 0 && received.error != ECONNRESET) {
     end(std::string("reading failed: ") + std::strerror(received.error));
@@ -215,6 +217,7 @@ void Channel::giveUpWriting() {
 void Channel::watchForRoom(bool wanted) {
   if (watchesForRoom_ == wanted) return;
   watchesForRoom_ = wanted;
+  if (identifier_ == 0) return;
   Reactor::shared().changeEvents(identifier_, socket_->get(), wanted ? kInput | EPOLLOUT : kInput);
 }
 

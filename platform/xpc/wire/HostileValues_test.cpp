@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <functional>
 #include <random>
 
@@ -194,10 +195,13 @@ TEST(HostileValues, CountsAndLengthsAtTheEdgesOfTheirTypes) {
   }
 }
 
-// For a child process: it runs on with so little address space.
-void capAddressSpace(std::size_t bytes) {
+// For a child process: it runs on with so much more address space than it has now.
+void capAddressSpace(std::size_t more) {
+  std::size_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  const std::size_t bytes = pages * static_cast<std::size_t>(::getpagesize()) + more;
   const rlimit cap{bytes, bytes};
-  if (::setrlimit(RLIMIT_AS, &cap) != 0) std::_Exit(2);
+  if (pages == 0 || ::setrlimit(RLIMIT_AS, &cap) != 0) std::_Exit(2);
 }
 
 [[noreturn]] void decodeGigabytesThatAreNotThere() {
@@ -216,7 +220,7 @@ TEST(HostileValues, FiveBytesThatAskForAGigabyteFailWithTheAddressSpaceCapped) {
 [[noreturn]] void decodeMoreThanMemoryHolds() {
   const Frame greedy = frameOfBytes(hex("9a 001ffff0") + Bytes(0x1ffff0, 0) + hex("07"));
   const ClassSet& admitted = everything();
-  capAddressSpace(std::size_t{96} << 20);
+  capAddressSpace(std::size_t{48} << 20);
   ValueDecoder decoder(greedy);
   NSObject value;
   if (decoder.next(admitted, value) != Outcome::refused) std::_Exit(3);
