@@ -1,5 +1,7 @@
 // How a client comes to its listener, waits for it, and ends.
 
+#include <future>
+
 #include "tests/support/BrokerLink.h"
 #include "tests/support/LibraryTest.h"
 #include "tests/support/RawPeer.h"
@@ -150,15 +152,19 @@ TEST_F(ClientLifecycle, CloseIsToldTwiceOnceWithTheIdentifierAndOnceWithout) {
 
 TEST_F(ClientLifecycle, TheListenersEndOfAConnectionClosesTheClient) {
   Pair pair;
+  std::promise<bool> closedWhenTold;
+  pair.client.delegate->onError([&, client = pair.client.connection](const NSString&, const NSError& error) {
+    if (error.localizedDescription() != NSString("Listener connection invalidated")) return;
+    closedWhenTold.set_value(!client->listenerProxyObject() && !client->daemonConnection());
+  });
   pair.server.listener->close(pair.id);
   const Event event = pair.client.delegate->waitForError("Listener connection invalidated");
   EXPECT_EQ(event.connectionID, pair.id);
   expectError(event.error, 2, "Listener connection invalidated");
   EXPECT_EQ(log.count(2, "Listener connection invalided. Shutting down connections"), 1u);
-  // The client closed itself before it told.
-  EXPECT_FALSE(pair.client.connection->listenerProxyObject());
-  EXPECT_FALSE(pair.client.connection->daemonConnection());
+  EXPECT_TRUE(closedWhenTold.get_future().get()) << "the client closes itself before it tells";
   pair.client.delegate->waitForError("Daemon connection invalidated");
+  pair.client.delegate->quiesce();
 }
 
 TEST_F(ClientLifecycle, ASecondCloseDoesNothing) {
