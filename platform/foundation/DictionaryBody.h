@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "platform/foundation/ContainerBody.h"
 #include "platform/foundation/NSDictionary.h"
@@ -12,7 +13,8 @@ namespace velto {
 class DictionaryBody final : public ContainerBody {
  public:
   explicit DictionaryBody(Mutability mutability) : ContainerBody(mutability) {}
-  DictionaryBody(const OrderedEntries& entries, Mutability mutability) : ContainerBody(mutability), entries_(entries) {}
+  DictionaryBody(OrderedEntries entries, Mutability mutability)
+      : ContainerBody(mutability), entries_(std::move(entries)) {}
 
   const OrderedEntries& entries() const noexcept { return entries_; }
   OrderedEntries& entries() noexcept { return entries_; }

@@ -1,6 +1,7 @@
 // What the other end asks. A call is kept as the bytes that came until its turn has come in the queue, so that what a
 // blocked receiver holds is exactly what the sender's credit counts; it is checked whole before the method is called.
 
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -24,7 +25,7 @@ constexpr std::uint64_t kCreditPortion = 4;
 
 void ConnectionCore::callArrived(wire::Frame frame) {
   std::function<void(std::shared_ptr<ConnectionCore>)> accept;
-  bool deliverable = false;
+  std::optional<wire::Frame> deliverable;
   Account account;
   {
     MutexLock lock(mutex_);
@@ -33,8 +34,11 @@ void ConnectionCore::callArrived(wire::Frame frame) {
     undelivered_.calls += 1;
     account = undelivered_;
     accept = std::exchange(hooks_.accept, nullptr);
-    deliverable = resumed_;
-    if (!deliverable) held_.push_back(std::move(frame));
+    if (resumed_) {
+      deliverable = std::move(frame);
+    } else {
+      held_.push_back(std::move(frame));
+    }
   }
   if (account.bytes > limits::kUndeliveredBytes) {
     return breakProtocol(overLimit("bytes of undelivered calls", account.bytes, limits::kUndeliveredBytes));
@@ -44,7 +48,7 @@ void ConnectionCore::callArrived(wire::Frame frame) {
   }
   tellListener();
   if (accept) post([self = shared_from_this(), accept = std::move(accept)] { accept(self); });
-  if (deliverable) postDelivery(std::move(frame));
+  if (deliverable) postDelivery(std::move(*deliverable));
 }
 
 void ConnectionCore::postDelivery(wire::Frame frame) {

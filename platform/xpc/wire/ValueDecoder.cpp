@@ -50,7 +50,7 @@ ValueDecoder::Outcome ValueDecoder::build(NSObject& value) {
         value = std::move(made);
         return Outcome::value;
       }
-      stack_.push(std::move(made), cost_);
+      stack_.push(std::exchange(made, nil), cost_);
       step = stack_.isFull() ? close(made) : Step::opened;
     }
     if (step == Step::refused) return Outcome::refused;
