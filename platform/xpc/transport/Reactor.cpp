@@ -209,15 +209,17 @@ void Reactor::runScheduled() {
 }
 
 void Reactor::dispatch(const epoll_event& event) {
-  if (event.data.u64 == kWakeUp) return;
-  if (event.data.u64 == kTimer) {
+  // A copy: the kernel's structure is packed, and nothing may refer to what lies askew in it.
+  const Identifier identifier = event.data.u64;
+  if (identifier == kWakeUp) return;
+  if (identifier == kTimer) {
     for (const auto& action : timers_.takeDue()) action();
     return;
   }
   std::shared_ptr<EventSource> source;
   {
     MutexLock lock(mutex_);
-    const auto place = sources_.find(event.data.u64);
+    const auto place = sources_.find(identifier);
     if (place != sources_.end()) source = place->second;
   }
   if (source) source->eventsArrived(event.events);
