@@ -56,7 +56,6 @@ void ValueEncoder::add(const NSObject& value) {
   } catch (const std::exception& exception) {
     fail(std::string("could not be encoded: ") + exception.what());
   }
-  depth_ = 0;
 }
 
 void ValueEncoder::addUnsigned(std::uint64_t value) {
