@@ -83,19 +83,19 @@ void ConnectionCore::postInvalidation() {
 
 void ConnectionCore::resume() {
   if (isInherited()) return;
-  std::deque<wire::Frame> held;
   std::unique_ptr<Ending> ending;
   {
     MutexLock lock(mutex_);
     if (resumed_) return;
     resumed_ = true;
     patientUntil_ = std::chrono::steady_clock::now() + limits::kConnectPatience;
-    held.swap(held_);
+    // Under the lock: a call that comes now must not overtake those that were held.
+    for (wire::Frame& frame : held_) postDelivery(std::move(frame));
+    held_.clear();
     ending = std::move(heldEnding_);
     if (phase_ == Phase::idle) phase_ = Phase::connecting;
     if (phase_ == Phase::open) sendWaiting();
   }
-  for (wire::Frame& frame : held) postDelivery(std::move(frame));
   if (ending) end(std::move(*ending));
   if (connector_) tryToConnect();
 }

@@ -50,6 +50,19 @@ TEST_F(Connection, DeliversCallsInTheOrderInWhichTheyWereMade) {
   }
 }
 
+TEST_F(Connection, CallsThatArriveWhileTheirConnectionIsResumedKeepTheirOrder) {
+  constexpr int kRounds = 100;
+  constexpr int kCalls = 200;
+  for (int round = 0; round < kRounds; ++round) {
+    const auto client = connect();
+    for (int number = 0; number < kCalls; ++number) client->proxy->call<&Greeter::tell>(NSDictionary{{"n", number}});
+    const auto told = service->greeter->told.waitFor(static_cast<std::size_t>((round + 1) * kCalls));
+    for (int number = 0; number < kCalls; ++number) {
+      ASSERT_EQ(told[static_cast<std::size_t>(round * kCalls + number)]["n"].integerValue(), number) << round;
+    }
+  }
+}
+
 TEST_F(Connection, CallsMadeBeforeResumeGoOutWithIt) {
   const auto connection = NSXPCConnection::initWithListenerEndpoint(listener->endpoint());
   connection->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol<Greeter>());
