@@ -265,7 +265,7 @@ TEST_F(Connection, ACallbackCanWaitForANonBlockingReplyOfItsOwnConnection) {
 TEST_F(Connection, ManyConnectionsAreServedSideBySideWhileOneIsBlocked) {
   std::promise<void> release;
   auto released = release.get_future().share();
-  service->greeter->onGreet = [&](const NSString& name, const std::function<void(NSString)>& reply) {
+  service->greeter->onGreet = [released](const NSString& name, const std::function<void(NSString)>& reply) {
     if (name == NSString("blocked")) released.wait();
     reply(name);
   };

@@ -92,7 +92,7 @@ TEST_F(Refusals, AMethodCanRefuseItsCallItself) {
 TEST_F(Refusals, WhatWaitsForAReceiverThatIsBlockedIsBounded) {
   std::promise<void> release;
   auto released = release.get_future().share();
-  service->greeter->onTell = [&](const NSDictionary&) { released.wait(); };
+  service->greeter->onTell = [released](const NSDictionary&) { released.wait(); };
   const NSData portion(std::vector<std::uint8_t>(std::size_t{4} << 20));
   // More than the other end and this one together may hold.
   const std::size_t enough = (limits::kUndeliveredBytes + limits::kWaitingBytes) / (std::size_t{4} << 20) + 4;
@@ -108,7 +108,7 @@ TEST_F(Refusals, WhatWaitsForAReceiverThatIsBlockedIsBounded) {
 TEST_F(Refusals, RepliesPassCallsThatWaitForCredit) {
   std::promise<void> release;
   auto released = release.get_future().share();
-  service->greeter->onTell = [&](const NSDictionary&) { released.wait(); };
+  service->greeter->onTell = [released](const NSDictionary&) { released.wait(); };
   const NSData portion(std::vector<std::uint8_t>(std::size_t{8} << 20));
   for (int sent = 0; sent < 8; ++sent) client().proxy->call<&Greeter::tell>(NSDictionary{{"p", portion}});
   // The client's own calls are stuck; its reply to a call from the other end is not.
