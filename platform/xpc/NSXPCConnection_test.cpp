@@ -87,12 +87,12 @@ TEST_F(Connection, MayBeInvalidatedWhileItIsResumed) {
   for (int round = 0; round < 200; ++round) {
     const auto connection = NSXPCConnection::initWithListenerEndpoint(listener->endpoint());
     connection->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol<Greeter>());
-    std::promise<void> ended;
-    connection->setInvalidationHandler([&] { ended.set_value(); });
+    const auto ended = std::make_shared<std::promise<void>>();
+    connection->setInvalidationHandler([ended] { ended->set_value(); });
     std::thread other([&] { connection->invalidate(); });
     connection->resume();
     other.join();
-    ASSERT_EQ(ended.get_future().wait_for(kGenerous), std::future_status::ready);
+    ASSERT_EQ(ended->get_future().wait_for(kGenerous), std::future_status::ready);
   }
 }
 

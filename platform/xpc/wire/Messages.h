@@ -32,7 +32,7 @@ struct Hello {
 
 // The part of a call or reply ahead of its values. Values follow in the same frame: ValueEncoder and ValueDecoder.
 struct CallHeader {
-  std::uint64_t identifier = 0;  // of the caller's choice, growing by one from 1
+  std::uint64_t identifier = 0;  // of the caller's choice, never used twice on a connection
   std::string selector;
   bool wantsReply = false;
 };
