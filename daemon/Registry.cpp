@@ -28,9 +28,9 @@ namespace {
 void refuseUnservable(const NSString& name) {
   if (!name) throw NSXPCRefusal("the name is nil");
   if (name.length() == 0) throw NSXPCRefusal("the name is empty");
-  if (name.length() > kMaximumNameBytes) {
+  if (name.length() > limits::kMaximumNameBytes) {
     throw NSXPCRefusal("the name has " + std::to_string(name.length()) + " bytes; the maximum is " +
-                       std::to_string(kMaximumNameBytes));
+                       std::to_string(limits::kMaximumNameBytes));
   }
 }
 

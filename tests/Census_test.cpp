@@ -2,7 +2,7 @@
 
 #include "tests/support/Census.h"
 
-#include "platform/xpc/wire/Limits.h"
+#include "VeltoIPC/Limits.h"
 #include "tests/support/BrokerLink.h"
 #include "tests/support/LibraryTest.h"
 #include "tests/support/RawPeer.h"

@@ -7,7 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "platform/xpc/wire/Limits.h"
+#include "VeltoIPC/Limits.h"
 #include "tests/support/BrokerLink.h"
 #include "tests/support/LibraryTest.h"
 

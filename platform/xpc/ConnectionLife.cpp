@@ -4,10 +4,10 @@
 
 #include <utility>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/ConnectionCore.h"
 #include "platform/xpc/Errors.h"
-#include "platform/xpc/wire/Limits.h"
 #include "platform/xpc/wire/Messages.h"
 
 namespace velto::xpc {

@@ -6,11 +6,11 @@
 #include <fcntl.h>
 #include <poll.h>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/testing/Greeter.h"
 #include "platform/xpc/transport/DescriptorMessage.h"
 #include "platform/xpc/transport/Sockets.h"
-#include "platform/xpc/wire/Limits.h"
 #include "platform/xpc/wire/Messages.h"
 #include "platform/xpc/wire/ValueEncoder.h"
 

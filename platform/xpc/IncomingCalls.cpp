@@ -5,11 +5,11 @@
 #include <string>
 #include <utility>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/ConnectionCore.h"
 #include "platform/xpc/Errors.h"
 #include "platform/xpc/ReplyTicket.h"
-#include "platform/xpc/wire/Limits.h"
 #include "platform/xpc/wire/Messages.h"
 #include "platform/xpc/wire/ValueDecoder.h"
 #include "platform/xpc/wire/ValueEncoder.h"

@@ -11,12 +11,12 @@
 
 #include <sys/epoll.h>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/ConnectionCore.h"
 #include "platform/xpc/Errors.h"
 #include "platform/xpc/NSXPCConnection.h"
 #include "platform/xpc/system/SystemCalls.h"
-#include "platform/xpc/wire/Limits.h"
 
 namespace velto::xpc {
 

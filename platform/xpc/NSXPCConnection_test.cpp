@@ -4,8 +4,8 @@
 
 #include <thread>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/xpc/testing/Greeter.h"
-#include "platform/xpc/wire/Limits.h"
 
 namespace velto::testing {
 namespace {

@@ -8,10 +8,10 @@
 #include <optional>
 #include <vector>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/foundation/NSError.h"
 #include "platform/xpc/Protocol.h"
 #include "platform/xpc/wire/Frame.h"
-#include "platform/xpc/wire/Limits.h"
 #include "platform/xpc/wire/Messages.h"
 
 namespace velto::xpc {

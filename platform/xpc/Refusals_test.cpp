@@ -1,8 +1,8 @@
 // What is refused, who hears of it, and that the connection goes on.
 
+#include "VeltoIPC/Limits.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/testing/Greeter.h"
-#include "platform/xpc/wire/Limits.h"
 
 namespace velto::testing {
 namespace {

@@ -13,9 +13,9 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/xpc/system/SystemCalls.h"
 #include "platform/xpc/transport/DescriptorMessage.h"
-#include "platform/xpc/wire/Limits.h"
 
 namespace velto::transport {
 

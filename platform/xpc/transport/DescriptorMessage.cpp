@@ -10,8 +10,8 @@
 
 #include <sys/socket.h>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/xpc/system/SystemCalls.h"
-#include "platform/xpc/wire/Limits.h"
 
 namespace velto::transport {
 

@@ -13,9 +13,9 @@
 #include <signal.h>
 #include <sys/epoll.h>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/system/SystemCalls.h"
-#include "platform/xpc/wire/Limits.h"
 
 namespace velto::transport {
 

@@ -10,10 +10,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/foundation/NSUUID.h"
 #include "platform/xpc/system/SystemCalls.h"
 #include "platform/xpc/transport/RuntimeDirectory.h"
-#include "platform/xpc/wire/Limits.h"
 
 namespace velto::transport {
 

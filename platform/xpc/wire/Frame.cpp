@@ -3,7 +3,7 @@
 
 #include "platform/xpc/wire/Frame.h"
 
-#include "platform/xpc/wire/Limits.h"
+#include "VeltoIPC/Limits.h"
 #include "platform/xpc/wire/Text.h"
 
 namespace velto::wire {

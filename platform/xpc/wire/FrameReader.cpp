@@ -10,7 +10,7 @@
 #include <new>
 #include <utility>
 
-#include "platform/xpc/wire/Limits.h"
+#include "VeltoIPC/Limits.h"
 #include "platform/xpc/wire/Text.h"
 
 namespace velto::wire {

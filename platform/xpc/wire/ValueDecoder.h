@@ -8,13 +8,13 @@
 #include <string_view>
 #include <vector>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/foundation/NSObject.h"
 #include "platform/xpc/wire/ClassSet.h"
 #include "platform/xpc/wire/ContainerStack.h"
 #include "platform/xpc/wire/DescriptorCoding.h"
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/ItemReader.h"
-#include "platform/xpc/wire/Limits.h"
 
 namespace velto::wire {
 

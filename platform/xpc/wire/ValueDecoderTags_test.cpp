@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/xpc/testing/Support.h"
-#include "platform/xpc/wire/Limits.h"
 #include "platform/xpc/wire/WireTesting.h"
 
 namespace velto::wire {

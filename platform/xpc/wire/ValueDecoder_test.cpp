@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/xpc/wire/Limits.h"
+#include "VeltoIPC/Limits.h"
 #include "platform/xpc/wire/WireTesting.h"
 
 namespace velto::wire {

@@ -8,11 +8,11 @@
 #include <exception>
 #include <utility>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/foundation/NSCoding.h"
 #include "platform/foundation/UTF8.h"
 #include "platform/xpc/wire/DescriptorCoding.h"
-#include "platform/xpc/wire/Limits.h"
 #include "platform/xpc/wire/Tags.h"
 #include "platform/xpc/wire/Text.h"
 
