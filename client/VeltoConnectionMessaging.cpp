@@ -11,6 +11,26 @@
 #include "message/TypeChecking.h"
 #include "platform/logging/VeltoLogging.h"
 
+namespace {
+
+// Until the deadline has passed, the reply has come or the request is no longer valid, asked for in this order.
+template <class Predicate>
+void waitForReply(const velto::SynchronousReply& shared, double timeout, const NSDate& deadline, Predicate isValid)
+    VELTO_REQUIRES(shared.condition);
+
+template <class Predicate>
+void waitForReply(const velto::SynchronousReply& shared, double timeout, const NSDate& deadline, Predicate isValid) {
+  if (timeout == VKT_IPC_TIME_FOREVER) {
+    while (!shared.hasReplied && isValid()) shared.condition.wait();
+    return;
+  }
+  while (deadline.timeIntervalSinceNow() > 0.0 && !shared.hasReplied && isValid()) {
+    shared.condition.waitUntilDate(deadline);
+  }
+}
+
+}  // namespace
+
 bool VeltoConnection::sendMessage(const NSDictionary& message, NSError* error, VeltoReplyHandler handler) {
   if (!listenerProxyObject() || !getID()) {
     VKTLoggingLog(VKTLogGetAnchor(), 0, "VeltoConnection Connection is not available or connectionUUID is nil");
@@ -40,23 +60,12 @@ NSDictionary VeltoConnection::sendMessageSync(const NSDictionary& message, doubl
   setMessageCondition(shared->condition, key);
   {
     const velto::ConditionLock lock(shared->condition);
-    waitForReply(*shared, key, timeout, deadline);
+    waitForReply(*shared, timeout, deadline, [&] { return messageValid(key); });
     if (!shared->hasReplied) velto::fail(error, VeltoIPCTimeoutError, "Timed out waiting");
   }
   setMessageCondition(nil, key);
   // Read last: a reply that came since the lock was let go of is returned all the same.
   return shared->reply.get();
-}
-
-void VeltoConnection::waitForReply(const velto::SynchronousReply& shared, const NSUUID& key, double timeout,
-                                   const NSDate& deadline) const {
-  if (timeout == VKT_IPC_TIME_FOREVER) {
-    while (!shared.hasReplied && messageValid(key)) shared.condition.wait();
-    return;
-  }
-  while (deadline.timeIntervalSinceNow() > 0.0 && !shared.hasReplied && messageValid(key)) {
-    shared.condition.waitUntilDate(deadline);
-  }
 }
 
 void VeltoConnection::setMessageCondition(const NSCondition& condition, const NSUUID& key) {

@@ -9,18 +9,26 @@
 
 namespace velto {
 
+// Its count is reached through the registry, which holds its lock then.
 class Registrant {
- public:
-  // Guarded by the registry's lock.
-  std::size_t names = 0;
+  friend class Registry;
+
+  std::size_t names_ = 0;
 };
 
-struct Registry::Registration {
+class Registry::Registration {
+ public:
+  Registration(NSXPCListenerEndpoint endpointOfName, std::shared_ptr<Registrant> registrantOfName)
+      : endpoint(std::move(endpointOfName)), registrant(std::move(registrantOfName)) {}
+
   const NSXPCListenerEndpoint endpoint;
   const std::shared_ptr<Registrant> registrant;
   std::shared_ptr<NSXPCListenerEndpoint::Watch> watch;
-  // Guarded by the registry's lock.
-  bool isGone = false;
+
+ private:
+  // Reached through the registry, which holds its lock then.
+  friend class Registry;
+  bool isGone_ = false;
 };
 
 namespace {
@@ -58,18 +66,18 @@ void Registry::add(const NSString& name, const NSXPCListenerEndpoint& endpoint,
   // Let go of after the lock.
   std::shared_ptr<Registration> replaced;
   MutexLock lock(mutex_);
-  if (registration->isGone) return;
+  if (isGone(*registration)) return;
   const auto found = registrations_.find(name.view());
   refuseOverLimit(found != registrations_.end() ? found->second.get() : nullptr, *registrant);
   if (found != registrations_.end()) replaced = takeOut(found);
   registrations_.emplace(name.string(), registration);
-  ++registrant->names;
+  ++namesOf(*registrant);
 }
 
 std::shared_ptr<Registry::Registration> Registry::watched(const std::string& name,
                                                           const NSXPCListenerEndpoint& endpoint,
                                                           const std::shared_ptr<Registrant>& registrant) {
-  auto made = std::make_shared<Registration>(Registration{endpoint, registrant, nullptr});
+  auto made = std::make_shared<Registration>(endpoint, registrant);
   made->watch = endpoint.watch([weakSelf = weak_from_this(), name, weakMade = std::weak_ptr(made)] {
     const auto self = weakSelf.lock();
     const auto registration = weakMade.lock();
@@ -82,7 +90,7 @@ std::shared_ptr<Registry::Registration> Registry::watched(const std::string& nam
 void Registry::listenerIsGone(const std::string& name, const std::shared_ptr<Registration>& registration) {
   {
     MutexLock lock(mutex_);
-    registration->isGone = true;
+    isGone(*registration) = true;
     const auto found = registrations_.find(name);
     if (found == registrations_.end() || found->second != registration) return;
     takeOut(found);
@@ -90,17 +98,17 @@ void Registry::listenerIsGone(const std::string& name, const std::shared_ptr<Reg
   VKTLoggingLog(VKTLogGetAnchor(), 2, "The listener of %@ is gone", NSString(name));
 }
 
-void Registry::refuseOverLimit(const Registration* standing, const Registrant& registrant) const {
+void Registry::refuseOverLimit(const Registration* standing, Registrant& registrant) const {
   if (standing == nullptr) refuseAtLimit(registrations_.size(), limits_.names, "names");
   if (standing == nullptr || standing->registrant.get() != &registrant) {
-    refuseAtLimit(registrant.names, limits_.namesOfOneLink, "names of one link");
+    refuseAtLimit(namesOf(registrant), limits_.namesOfOneLink, "names of one link");
   }
 }
 
 std::shared_ptr<Registry::Registration> Registry::takeOut(Registrations::iterator found) {
   auto taken = std::move(found->second);
   registrations_.erase(found);
-  --taken->registrant->names;
+  --namesOf(*taken->registrant);
   return taken;
 }
 
@@ -117,6 +125,14 @@ bool Registry::drop(const NSString& name) {
   if (found == registrations_.end()) return false;
   dropped = takeOut(found);
   return true;
+}
+
+bool& Registry::isGone(Registration& registration) const {
+  return registration.isGone_;
+}
+
+std::size_t& Registry::namesOf(Registrant& registrant) const {
+  return registrant.names_;
 }
 
 std::size_t Registry::count() const {

@@ -33,14 +33,17 @@ class Registry : public std::enable_shared_from_this<Registry> {
   std::size_t count() const;
 
  private:
-  struct Registration;
+  class Registration;
   using Registrations = std::map<std::string, std::shared_ptr<Registration>, std::less<>>;
 
   explicit Registry(const BrokerLimits& limits) : limits_(limits) {}
   std::shared_ptr<Registration> watched(const std::string& name, const NSXPCListenerEndpoint& endpoint,
                                         const std::shared_ptr<Registrant>& registrant);
   void listenerIsGone(const std::string& name, const std::shared_ptr<Registration>& registration);
-  void refuseOverLimit(const Registration* standing, const Registrant& registrant) const VELTO_REQUIRES(mutex_);
+  void refuseOverLimit(const Registration* standing, Registrant& registrant) const VELTO_REQUIRES(mutex_);
+  // What the lock guards in objects of their own.
+  bool& isGone(Registration& registration) const VELTO_REQUIRES(mutex_);
+  std::size_t& namesOf(Registrant& registrant) const VELTO_REQUIRES(mutex_);
   std::shared_ptr<Registration> takeOut(Registrations::iterator found) VELTO_REQUIRES(mutex_);
 
   const BrokerLimits limits_;

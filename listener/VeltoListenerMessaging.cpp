@@ -12,6 +12,26 @@
 #include "platform/foundation/Box.h"
 #include "platform/logging/VeltoLogging.h"
 
+namespace {
+
+// Until the connection is no longer active, the deadline has passed or the reply has come, asked for in this order.
+template <class Predicate>
+void waitForReply(const velto::SynchronousReply& shared, double timeout, const NSDate& deadline, Predicate isActive)
+    VELTO_REQUIRES(shared.condition);
+
+template <class Predicate>
+void waitForReply(const velto::SynchronousReply& shared, double timeout, const NSDate& deadline, Predicate isActive) {
+  if (timeout == VKT_IPC_TIME_FOREVER) {
+    while (isActive() && !shared.hasReplied) shared.condition.wait();
+    return;
+  }
+  while (isActive() && deadline.timeIntervalSinceNow() > 0.0 && !shared.hasReplied) {
+    shared.condition.waitUntilDate(deadline);
+  }
+}
+
+}  // namespace
+
 bool VeltoListener::sendMessage(const NSDictionary& message, const NSString& toConnection, NSError* error,
                                 VeltoReplyHandler handler) {
   const auto proxy = proxyOf(toConnection);
@@ -53,7 +73,7 @@ NSDictionary VeltoListener::sendMessageSync(const NSDictionary& message, const N
   if (!sendMessage(message, toConnection, error, velto::replyHandlerFor(shared))) return nil;
   {
     const velto::ConditionLock lock(shared->condition);
-    waitForReply(*shared, toConnection, timeout, deadline);
+    waitForReply(*shared, timeout, deadline, [&] { return isConnectionActive_internal(toConnection); });
     if (!shared->hasReplied) velto::fail(error, VeltoIPCTimeoutError, "Timed out waiting");
   }
   {
@@ -65,17 +85,6 @@ NSDictionary VeltoListener::sendMessageSync(const NSDictionary& message, const N
 
 NSMutableArray VeltoListener::waitersOf(const NSString& connectionID) const {
   return connectionConditions().objectForKeyedSubscript(connectionID).as<NSMutableArray>();
-}
-
-void VeltoListener::waitForReply(const velto::SynchronousReply& shared, const NSString& connectionID, double timeout,
-                                 const NSDate& deadline) const {
-  if (timeout == VKT_IPC_TIME_FOREVER) {
-    while (isConnectionActive_internal(connectionID) && !shared.hasReplied) shared.condition.wait();
-    return;
-  }
-  while (isConnectionActive_internal(connectionID) && deadline.timeIntervalSinceNow() > 0.0 && !shared.hasReplied) {
-    shared.condition.waitUntilDate(deadline);
-  }
 }
 
 void VeltoListener::connectionID(NSString connectionID, NSDictionary withMessage, VeltoReplyHandler handler) {

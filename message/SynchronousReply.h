@@ -5,6 +5,7 @@
 #include "VeltoIPC/VeltoIPCDelegate.h"
 #include "platform/foundation/AtomicProperty.h"
 #include "platform/foundation/NSCondition.h"
+#include "platform/foundation/ThreadAnnotations.h"
 
 namespace velto {
 
@@ -13,8 +14,7 @@ namespace velto {
 struct SynchronousReply {
   // The sender sleeps on it.
   const NSCondition condition = NSCondition::condition();
-  // Read and written with the condition's lock held.
-  bool hasReplied = false;
+  bool hasReplied VELTO_GUARDED_BY(condition) = false;
   // Written with the condition's lock held; read by the sender once it has let go of it.
   AtomicProperty<NSDictionary> reply;
 };

@@ -45,7 +45,10 @@ TEST(SynchronousReply, ANilReplyCountsAndALaterOneReplacesIt) {
   const auto shared = std::make_shared<velto::SynchronousReply>();
   const auto handler = velto::replyHandlerFor(shared);
   handler(nil);
-  EXPECT_TRUE(shared->hasReplied);
+  {
+    const velto::ConditionLock lock(shared->condition);
+    EXPECT_TRUE(shared->hasReplied);
+  }
   EXPECT_FALSE(shared->reply.get());
   handler({{"answer", 1}});
   EXPECT_EQ(shared->reply.get(), (NSDictionary{{"answer", 1}}));

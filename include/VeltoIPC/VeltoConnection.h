@@ -7,14 +7,12 @@
 #include "VeltoIPC/VeltoIPCDelegate.h"
 #include "platform/foundation/AtomicProperty.h"
 #include "platform/foundation/Foundation.h"
+#include "platform/foundation/ThreadAnnotations.h"
 
 class NSXPCConnection;
 class NSXPCListenerEndpoint;
 template <class P>
 class NSXPCProxy;
-namespace velto {
-struct SynchronousReply;
-}
 
 // The client end: one connection to the listener of a service name.
 //
@@ -89,9 +87,6 @@ class VELTO_EXPORT VeltoConnection final : public NSObject,
   void configure(const NSXPCListenerEndpoint& endpoint);
   void installHandlers(NSXPCConnection& connection);
   std::shared_ptr<NSXPCProxy<VeltoCommunicationMessageProtocol>> makeListenerProxy(NSXPCConnection& connection);
-  // With the lock of `reply`'s condition held.
-  void waitForReply(const velto::SynchronousReply& reply, const NSUUID& key, double timeout,
-                    const NSDate& deadline) const;
   // Registers a synchronous send, or with a nil condition takes it out.
   void setMessageCondition(const NSCondition& condition, const NSUUID& key);
 
@@ -99,9 +94,8 @@ class VELTO_EXPORT VeltoConnection final : public NSObject,
   std::atomic<bool> _strictMessageTypeSet;
   velto::AtomicProperty<NSString> _connectionUUID;
   NSCondition _connectionCondition;
-  // Guarded by _connectionCondition.
-  bool _connectionSuccess;
-  NSError _connectionError;
+  bool _connectionSuccess VELTO_GUARDED_BY(_connectionCondition);
+  NSError _connectionError VELTO_GUARDED_BY(_connectionCondition);
   // The dictionary is its own lock (NSSynchronized).
   velto::AtomicProperty<NSMutableDictionary> _messageConditions;
   velto::AtomicProperty<std::weak_ptr<VeltoIPCDelegate>> _delegate;

@@ -13,9 +13,6 @@ class NSXPCConnection;
 class NSXPCListener;
 template <class P>
 class NSXPCProxy;
-namespace velto {
-struct SynchronousReply;
-}
 
 // The server end: makes a process reachable under a service name and talks to every client that connects.
 //
@@ -96,9 +93,6 @@ class VELTO_EXPORT VeltoListener final : public NSObject,
   std::shared_ptr<NSXPCProxy<VeltoCommunicationMessageProtocol>> proxyOf(const NSString& connectionID) const;
   // With the tables' monitor held.
   NSMutableArray waitersOf(const NSString& connectionID) const;
-  // With the lock of `reply`'s condition held.
-  void waitForReply(const velto::SynchronousReply& reply, const NSString& connectionID, double timeout,
-                    const NSDate& deadline) const;
   void wakeWaitersOf(const NSString& connectionID);
 
   // In this order they are destroyed, last first.

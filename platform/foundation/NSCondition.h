@@ -2,6 +2,7 @@
 
 #include "platform/foundation/NSDate.h"
 #include "platform/foundation/NSObject.h"
+#include "platform/foundation/ThreadAnnotations.h"
 
 namespace velto {
 
@@ -27,7 +28,7 @@ class VELTO_EXPORT WaitObserver {
 // between, whoever sends it. Waits may also end for no reason: test again.
 //
 // Thread-safe. Not recursive. Calls on nil do nothing.
-class VELTO_EXPORT NSCondition : public NSObject {
+class VELTO_CAPABILITY("condition") VELTO_EXPORT NSCondition : public NSObject {
  public:
   NSCondition() noexcept = default;
   NSCondition(std::nullptr_t) noexcept {}
@@ -36,12 +37,12 @@ class VELTO_EXPORT NSCondition : public NSObject {
   // A new condition.
   static NSCondition condition();
 
-  void lock() const;
-  void unlock() const;
+  void lock() const VELTO_ACQUIRE();
+  void unlock() const VELTO_RELEASE();
   // Call with the lock held; returns with it held.
-  void wait() const;
+  void wait() const VELTO_REQUIRES(this);
   // The same; returns false when the date came before a signal did.
-  bool waitUntilDate(const NSDate& date) const;
+  bool waitUntilDate(const NSDate& date) const VELTO_REQUIRES(this);
   void signal() const;
   void broadcast() const;
 
@@ -52,10 +53,12 @@ class VELTO_EXPORT NSCondition : public NSObject {
 namespace velto {
 
 // Holds an NSCondition's lock from construction to destruction.
-class ConditionLock {
+class VELTO_SCOPED_CAPABILITY ConditionLock {
  public:
-  explicit ConditionLock(NSCondition condition) : condition_(std::move(condition)) { condition_.lock(); }
-  ~ConditionLock() { condition_.unlock(); }
+  explicit ConditionLock(const NSCondition& condition) VELTO_ACQUIRE(condition) : condition_(condition) {
+    condition_.lock();
+  }
+  ~ConditionLock() VELTO_RELEASE() { condition_.unlock(); }
   ConditionLock(const ConditionLock&) = delete;
   ConditionLock& operator=(const ConditionLock&) = delete;
 
