@@ -1,6 +1,6 @@
 // The listener end: registration at the broker, and the acceptance of clients. One listener object is the exported
 // object of all its connections; what belongs to a connection alone is in three tables under its identifier. The tables
-// are read and changed under one monitor, and nothing is called while it is held. Messages are in
+// are read and changed under one monitor, and no user code is called while it is held. Messages are in
 // VeltoListenerMessaging.cpp, the end of connections in VeltoListenerTeardown.cpp.
 #include "VeltoIPC/VeltoListener.h"
 
@@ -84,18 +84,17 @@ void VeltoListener::record(const std::shared_ptr<NSXPCConnection>& connection, c
   receivedConnections().setObject(velto::box(connection), identifier);
 }
 
-// Tells the client how it stands: its strictness first, so that it is in place when the identifier makes it ready.
+// Tells the client how it stands: its strictness first, so that it is in place when the identifier makes it ready. From
+// the moment that the proxy can be found, other threads may send to the client; the monitor keeps their messages from
+// overtaking its identifier. Calls on a proxy never wait for anyone and call nobody back.
 void VeltoListener::introduce(NSXPCConnection& connection, const NSString& identifier) {
   const auto proxy = makeClientProxy(connection, identifier);
-  {
-    const NSSynchronized monitor(connectionConditions());
-    receivedProxyObjects().setObject(velto::box(proxy), identifier);
-  }
+  const NSSynchronized monitor(connectionConditions());
+  receivedProxyObjects().setObject(velto::box(proxy), identifier);
   proxy->call<&VeltoCommunicationMessageProtocol::setStrictMessageTypesRemote>(strictMessageTypeSet.load());
   proxy->call<&VeltoCommunicationMessageProtocol::connectionUUID>(identifier);
   // While the delegate's connectionReady() slept, the connection may have ended and been closed: nobody would ever take
   // this proxy out again.
-  const NSSynchronized monitor(connectionConditions());
   if (!isConnectionActive_internal(identifier)) receivedProxyObjects().removeObjectForKey(identifier);
 }
 
