@@ -1,0 +1,393 @@
+// The broker against a map. Links call it with names and endpoints of all sorts, end, and send what no client sends;
+// listeners end; the kernel runs out of descriptors. Every answer, and the number of names and links after every step,
+// must be what a plain map says.
+//
+// The input is a script: steps, each up to the next separator. A byte says what is done, a byte over which of four
+// links, and the rest is the name, or whatever the step needs.
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "daemon/Broker.h"
+#include "fuzz/support/Budget.h"
+#include "fuzz/support/FakeKernel.h"
+#include "fuzz/support/Input.h"
+#include "fuzz/support/PeerStream.h"
+#include "fuzz/support/Quiet.h"
+#include "fuzz/support/ReactorDriver.h"
+#include "fuzz/support/Require.h"
+#include "platform/foundation/UTF8.h"
+#include "platform/xpc/NSXPCListener.h"
+#include "platform/xpc/wire/ItemWriter.h"
+#include "platform/xpc/wire/Messages.h"
+
+namespace velto::fuzzing {
+namespace {
+
+constexpr Budget kBudget{
+    // A broker and four links of 70 kB each. Measured: 285 kB held, and 450 kB allocated by an input of 87 bytes; a
+    // step
+    // of two bytes may make a link.
+    .heldBytes = 512 << 10,
+    .heldBytesPerByte = 4096,
+    .allocatedBytes = 512 << 10,
+    .allocatedBytesPerByte = 65536,
+    // Measured: 4 ms at most.
+    .time = std::chrono::milliseconds(100),
+    .timePerByte = std::chrono::microseconds(200),
+};
+
+// Small, so that they are met.
+constexpr BrokerLimits kLimits{.names = 5, .namesOfOneLink = 3, .links = 3};
+constexpr unsigned kMaximumSteps = 16;
+constexpr const char* kRegister = "sendListenerConnection:withName:";
+constexpr const char* kLookUp = "findListenerEndpointForName:handle:";
+constexpr const char* kKill = "killListenerConnection:";
+
+FakeKernel& kernel() {
+  return FakeKernel::shared();
+}
+
+const std::shared_ptr<NSXPCListener>& listener() {
+  static const auto& made = *new std::shared_ptr<NSXPCListener>(NSXPCListener::anonymousListener());
+  return made;
+}
+
+std::size_t openAtRest = 0;
+
+// A name in a call: nil, or any bytes.
+struct Name {
+  bool isNil = false;
+  std::string text;
+};
+
+// Short names are those that meet again; long ones stand around the limit.
+Name readName(Input& input) {
+  const Bytes bytes = input.rest();
+  if (bytes.size() != 1) return {false, std::string(textOf(bytes))};
+  const unsigned choice = bytes[0];
+  if (choice == 255) return {true, {}};
+  if (choice >= 250) return {false, std::string(253 + choice % 250, 'x')};
+  return {false, std::string(1, static_cast<char>('a' + choice % 8))};
+}
+
+struct Endpoint {
+  SharedObject handle = std::make_shared<KernelObject>(ObjectKind::handle);
+  SharedObject pipe = std::make_shared<KernelObject>(ObjectKind::readEnd);
+};
+
+struct Link {
+  SharedObject stream;
+  std::uint64_t number = 0;
+  std::uint64_t lastCall = 0;
+  std::size_t read = 0;
+  bool hasCalled = false;
+
+  bool isAlive() const { return stream && !stream->isClosed; }
+};
+
+class Play {
+ public:
+  Play() { listener()->setDelegate(broker_); }
+
+  void step(Input part);
+  void finish();
+
+ private:
+  struct Entry {
+    std::size_t endpoint;
+    std::uint64_t link;
+  };
+
+  Link& linkAt(unsigned slot);
+  // Sends a call; the frames that came back. False when the link had to be refused, or ended.
+  bool call(Link& link, const char* selector, bool wantsReply, Bytes arguments, std::vector<SharedObject> objects,
+            std::vector<wire::Frame>& answers);
+  std::vector<wire::Frame> answersOf(Link& link);
+  void registerName(Link& link, Input& input);
+  void lookUp(Link& link, const Name& name);
+  void kill(Link& link, const Name& name);
+  void callWithAnything(Link& link, const char* selector, Bytes arguments);
+  void sendAnything(Link& link, Input& input);
+  void endListener(std::size_t index);
+  // Whether the broker must take it, and why not.
+  bool mayRegister(const Link& link, const Name& name) const;
+  void dropGone();
+  std::size_t keptLinks() const;
+  void compare() const;
+
+  std::shared_ptr<Broker> broker_ = Broker::make(kLimits);
+  std::array<Link, 4> links_;
+  std::uint64_t lastLink_ = 0;
+  std::array<Endpoint, 4> endpoints_;
+  std::map<std::string, Entry> names_;
+};
+
+void addName(wire::ItemWriter& writer, const Name& name) {
+  name.isNil ? writer.addUndefined() : writer.addText(name.text);
+}
+
+std::vector<std::uint8_t> written(const std::function<void(wire::ItemWriter&)>& write) {
+  std::vector<std::uint8_t> bytes;
+  wire::ItemWriter writer(bytes);
+  write(writer);
+  writer.finish();
+  return bytes;
+}
+
+Link& Play::linkAt(unsigned slot) {
+  Link& link = links_[slot % links_.size()];
+  if (link.isAlive()) return link;
+  link = {};
+  link.number = ++lastLink_;
+  link.stream = kernel().connects();
+  const auto hello = frameBytes(wire::Hello::ours().encode());
+  kernel().arrives(link.stream, {hello, {}, false});
+  ReactorDriver::runUntilIdle();
+  answersOf(link);
+  return link;
+}
+
+std::vector<wire::Frame> Play::answersOf(Link& link) {
+  std::vector<wire::Frame> frames;
+  const Bytes sent(link.stream->sent);
+  while (link.read < sent.size()) {
+    const Bytes left = sent.subspan(link.read);
+    require(left.size() >= 8, "what is sent is whole");
+    const std::size_t length = 8 + (left[0] | std::size_t{left[1]} << 8 | std::size_t{left[2]} << 16);
+    require(left.size() >= length, "what is sent is whole");
+    wire::Frame frame;
+    frame.type = static_cast<wire::FrameType>(left[4]);
+    frame.body.assign(left.begin() + 8, left.begin() + static_cast<std::ptrdiff_t>(length));
+    frames.push_back(std::move(frame));
+    link.read += length;
+  }
+  return frames;
+}
+
+bool Play::call(Link& link, const char* selector, bool wantsReply, Bytes arguments, std::vector<SharedObject> objects,
+                std::vector<wire::Frame>& answers) {
+  const bool hasRoom = link.hasCalled || keptLinks() < kLimits.links;
+  auto body = written([&](wire::ItemWriter& writer) {
+    writer.addUnsigned(++link.lastCall);
+    writer.addText(selector);
+    writer.addBool(wantsReply);
+  });
+  body.insert(body.end(), arguments.begin(), arguments.end());
+  const std::size_t count = objects.size();
+  kernel().arrives(link.stream, {frameBytes(2, body.size(), count, body), std::move(objects), false});
+  ReactorDriver::runUntilIdle();
+  link.hasCalled = true;
+  answers = answersOf(link);
+  require(hasRoom || !link.isAlive(), "a link over the limit is turned away");
+  return hasRoom && link.isAlive();
+}
+
+bool Play::mayRegister(const Link& link, const Name& name) const {
+  if (name.isNil || name.text.empty() || name.text.size() > limits::kMaximumNameBytes) return false;
+  const auto standing = names_.find(name.text);
+  if (standing == names_.end() && names_.size() >= kLimits.names) return false;
+  if (standing != names_.end() && standing->second.link == link.number) return true;
+  const auto own = std::ranges::count_if(names_, [&](const auto& each) { return each.second.link == link.number; });
+  return static_cast<std::size_t>(own) < kLimits.namesOfOneLink;
+}
+
+void Play::registerName(Link& link, Input& input) {
+  const unsigned choice = input.byte();
+  const std::size_t index = choice % endpoints_.size();
+  const Name name = readName(input);
+  // 3 bits: which endpoint, or none, or one that is none; or the kernel has nothing left to watch it with.
+  const unsigned kind = choice >> 4;
+  const bool isNil = kind == 1, isWrong = kind == 2;
+  std::vector<SharedObject> objects{endpoints_[index].handle, endpoints_[index].pipe};
+  if (isWrong) std::swap(objects[0], objects[1]);
+  const auto arguments = written([&](wire::ItemWriter& writer) {
+    if (isNil) {
+      writer.addUndefined();
+    } else {
+      writer.addTag(27);
+      writer.addArray(2);
+      writer.addText("NSXPCListenerEndpoint");
+      writer.addArray(2);
+      writer.addUnsigned(0);
+      writer.addUnsigned(1);
+    }
+    addName(writer, name);
+  });
+  if (kind == 3) kernel().duplicateError = EMFILE;
+  if (kind == 4) kernel().watchError = ENOSPC;
+  std::vector<wire::Frame> answers;
+  const bool isTaken = call(link, kRegister, false, arguments, isNil ? std::vector<SharedObject>() : objects, answers);
+  kernel().duplicateError = kernel().watchError = 0;
+  // Arguments are read one after the other, up to the first that is refused.
+  const bool isBroken = !isWrong && !isValidUTF8(name.text);
+  require(!isBroken || !link.isAlive(), "a name that is not UTF-8 breaks the protocol");
+  if (!isTaken) return;
+  const bool mayBe = kind == 0 || kind > 4;
+  if (mayBe && mayRegister(link, name)) {
+    require(answers.empty(), "a registration is taken without a word");
+    names_[name.text] = {index, link.number};
+    dropGone();
+    return;
+  }
+  std::string reason;
+  require(answers.size() == 1 && answers[0].type == wire::FrameType::refusal, "a registration is refused");
+  const auto refusal = wire::Refusal::decode(answers[0], reason);
+  require(refusal && refusal->identifier == link.lastCall && !refusal->text.empty(), "a refusal says what and why");
+}
+
+void Play::lookUp(Link& link, const Name& name) {
+  const std::size_t before = link.stream->sentObjects.size();
+  std::vector<wire::Frame> answers;
+  const auto arguments = written([&](wire::ItemWriter& writer) { addName(writer, name); });
+  const bool isTaken = call(link, kLookUp, true, arguments, {}, answers);
+  require(isValidUTF8(name.text) || !link.isAlive(), "a name that is not UTF-8 breaks the protocol");
+  if (!isTaken) return;
+  require(answers.size() == 1 && answers[0].type == wire::FrameType::reply, "a look-up is answered");
+  const auto& sent = link.stream->sentObjects;
+  const auto found = name.isNil ? names_.end() : names_.find(name.text);
+  if (found == names_.end()) {
+    require(answers[0].body.back() == 0xF7 && sent.size() == before, "nothing is found under another name");
+    return;
+  }
+  const Endpoint& endpoint = endpoints_[found->second.endpoint];
+  require(sent.size() == before + 2 && sent[before] == endpoint.handle && sent[before + 1] == endpoint.pipe,
+          "the last endpoint of a name is found");
+}
+
+void Play::kill(Link& link, const Name& name) {
+  std::vector<wire::Frame> answers;
+  const auto arguments = written([&](wire::ItemWriter& writer) { addName(writer, name); });
+  const bool isTaken = call(link, kKill, false, arguments, {}, answers);
+  require(isValidUTF8(name.text) || !link.isAlive(), "a name that is not UTF-8 breaks the protocol");
+  if (!isTaken) return;
+  require(answers.empty(), "a name is dropped without a word");
+  if (!name.isNil) names_.erase(name.text);
+}
+
+void Play::callWithAnything(Link& link, const char* selector, Bytes arguments) {
+  std::vector<wire::Frame> answers;
+  const bool isTaken = call(link, selector, false, arguments, {}, answers);
+  if (!isTaken || selector != kKill) return;
+  // It may have been a name after all.
+  static const wire::ClassSet& strings = *new wire::ClassSet(NSSet{NSString::classObject()});
+  wire::Frame frame;
+  frame.body.assign(arguments.begin(), arguments.end());
+  wire::ValueDecoder decoder(frame);
+  NSObject name;
+  if (decoder.next(strings, name) == wire::ValueDecoder::Outcome::value && decoder.atEnd() && name) {
+    names_.erase(name.stringValue());
+  }
+}
+
+void Play::sendAnything(Link& link, Input& input) {
+  unsigned type = input.byte();
+  if (type == 2) type = 0;
+  const Bytes body = input.rest();
+  kernel().arrives(link.stream, {frameBytes(type, body.size(), 0, body), {}, false});
+  ReactorDriver::runUntilIdle();
+  answersOf(link);
+}
+
+void Play::endListener(std::size_t index) {
+  Endpoint& endpoint = endpoints_[index % endpoints_.size()];
+  kernel().hangsUp(endpoint.pipe);
+  ReactorDriver::runUntilIdle();
+  dropGone();
+}
+
+void Play::dropGone() {
+  std::erase_if(names_, [this](const auto& each) { return endpoints_[each.second.endpoint].pipe->hasHungUp; });
+}
+
+std::size_t Play::keptLinks() const {
+  return static_cast<std::size_t>(
+      std::ranges::count_if(links_, [](const Link& link) { return link.isAlive() && link.hasCalled; }));
+}
+
+void Play::step(Input part) {
+  const unsigned what = part.byte() % 11;
+  Link& link = linkAt(part.byte());
+  switch (what) {
+    case 3:
+    case 4:
+      lookUp(link, readName(part));
+      break;
+    case 5:
+      kill(link, readName(part));
+      break;
+    case 6:
+      kernel().ends(link.stream);
+      ReactorDriver::runUntilIdle();
+      break;
+    case 7:
+      endListener(part.byte());
+      break;
+    case 8: {
+      static constexpr const char* kSelectors[] = {kRegister, kLookUp, kKill, "", "ping"};
+      callWithAnything(link, kSelectors[part.byte() % std::size(kSelectors)], part.rest());
+      break;
+    }
+    case 9:
+      sendAnything(link, part);
+      break;
+    case 10:
+      ReactorDriver::letTimePass();
+      break;
+    default:
+      registerName(link, part);
+      break;
+  }
+  compare();
+}
+
+void Play::compare() const {
+  require(broker_->nameCount() == names_.size(), "as many names stand as were registered");
+  require(broker_->linkCount() == keptLinks(), "as many links are kept as live");
+}
+
+void Play::finish() {
+  for (Link& link : links_) {
+    if (link.isAlive()) kernel().ends(link.stream);
+  }
+  ReactorDriver::runUntilIdle();
+  compare();
+  require(broker_->linkCount() == 0, "links that have ended are let go of");
+  for (std::size_t index = 0; index < endpoints_.size(); ++index) endListener(index);
+  require(broker_->nameCount() == 0, "a registration ends with its listener");
+  for (const Link& link : links_) require(!link.isAlive(), "the socket is closed");
+  const std::weak_ptr<Broker> life = broker_;
+  broker_.reset();
+  require(life.expired(), "nothing holds the broker");
+  ReactorDriver::letTimePass();
+  require(kernel().openDescriptors() == openAtRest, "no descriptor stays open");
+}
+
+void run(Bytes bytes) {
+  Input input(bytes);
+  Play play;
+  for (unsigned count = 0; count < kMaximumSteps && !input.isEmpty(); ++count) play.step(Input(input.part()));
+  play.finish();
+}
+
+}  // namespace
+}  // namespace velto::fuzzing
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  using namespace velto::fuzzing;
+  formatLogAndDropIt();
+  ReactorDriver::takeOver();
+  listener()->resume();
+  ReactorDriver::runUntilIdle();
+  openAtRest = FakeKernel::shared().openDescriptors();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  velto::fuzzing::runWithin(velto::fuzzing::kBudget, size, [=] { velto::fuzzing::run({data, size}); });
+  return 0;
+}

@@ -1,0 +1,53 @@
+// The reactor's threads are counted, and one is started whenever none stands ready to read. The fuzzer's thread enters
+// itself in that count as the one that always does, and then does what a thread of the reactor does between two waits.
+// Nothing public offers that, rightly; so this file alone is compiled without access control.
+
+#include "fuzz/support/ReactorDriver.h"
+
+#include <utility>
+#include <vector>
+
+#include "fuzz/support/FakeKernel.h"
+#include "fuzz/support/Require.h"
+#include "platform/xpc/transport/Reactor.h"
+
+namespace velto::fuzzing {
+
+using transport::Reactor;
+using transport::TimerQueue;
+
+void ReactorDriver::takeOver() {
+  FakeKernel::shared();
+  Reactor::shared().waiting_.fetch_add(1);
+}
+
+void ReactorDriver::runUntilIdle() {
+  Reactor& reactor = Reactor::shared();
+  while (FakeKernel::shared().hasEvents() || reactor.hasScheduled()) {
+    reactor.waiting_.fetch_add(1);
+    reactor.serveOne();
+  }
+  require(reactor.workers_.load() == 0, "no thread is started");
+}
+
+void ReactorDriver::letTimePass() {
+  TimerQueue& timers = Reactor::shared().timers_;
+  std::vector<TimerQueue::Action> due;
+  {
+    MutexLock lock(timers.mutex_);
+    for (auto& [time, action] : timers.actions_) due.push_back(std::move(action));
+    timers.actions_.clear();
+    timers.dueTimes_.clear();
+  }
+  for (const TimerQueue::Action& action : due) action();
+  due.clear();
+  runUntilIdle();
+}
+
+bool ReactorDriver::hasTimers() {
+  TimerQueue& timers = Reactor::shared().timers_;
+  MutexLock lock(timers.mutex_);
+  return !timers.actions_.empty();
+}
+
+}  // namespace velto::fuzzing
