@@ -138,11 +138,17 @@ void VeltoConnection::close() {
     for (const NSObject& condition : _messageConditions.get().allValues()) condition.as<NSCondition>().signal();
     _messageConditions.set(nil);
   }
-  // Each is taken out and ended by one caller only, whoever else closes at the same moment.
   setListenerProxyObject(nullptr);
-  if (const auto connection = _listenerConnection.exchange(nullptr)) connection->invalidate();
+  // Told to end, then let go of. Whoever closes at the same moment tells it again, which does nothing.
+  if (const auto connection = listenerConnection()) {
+    connection->invalidate();
+    setListenerConnection(nullptr);
+  }
   setListenerEndpoint(nil);
-  if (const auto connection = _daemonConnection.exchange(nullptr)) connection->invalidate();
+  if (const auto connection = daemonConnection()) {
+    connection->invalidate();
+    setDaemonConnection(nullptr);
+  }
 }
 
 NSString VeltoConnection::getID() const {

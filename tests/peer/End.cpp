@@ -73,12 +73,13 @@ class End::Delegate final : public VeltoIPCDelegate {
     if (!state) return;
     const std::string payload = payloadOf(message);
     const std::string word = wordOf(payload);
-    state->record("message " + payload + " from " + fromConnection.description().string());
-    if (word == "echo" || word == "date" || word == "bytes") usingHandler(message);
+    // Held before it is told of: whoever hears of it may have it answered.
     if (word == "hold") {
       MutexLock lock(state->mutex);
       state->held.emplace_back(message, std::move(usingHandler));
     }
+    state->record("message " + payload + " from " + fromConnection.description().string());
+    if (word == "echo" || word == "date" || word == "bytes") usingHandler(message);
     if (word == "nest") usingHandler(messageOf(nest(*state, payload, fromConnection)));
     if (word == "finish") finishConnection(*state, fromConnection);
   }
@@ -151,6 +152,10 @@ std::string End::perform(const std::string& line) {
   }
   if (command == "active") return state_->listener->isConnectionActive_internal(NSString(words.at(0))) ? "yes" : "no";
   if (command == "answer") return answer();
+  if (command == "types") {
+    state_->listener->setStrictMessageTypes(words.at(0) == "strict");
+    return "done";
+  }
   if (command == "close") return close(words);
   return "what is '" + command + "'?";
 }

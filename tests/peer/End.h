@@ -26,6 +26,7 @@ namespace velto::testing {
 //   list EVENT                the events that begin like that, with "|" between them
 //   active ID                 "yes" or "no": whether a listener has this connection
 //   answer                    answers the messages that are held, in their order
+//   types strict|any          a listener's rule for its messages, and for clients to come; "done"
 //   close [ID]                closes it, or one connection of it
 //
 // Events: "ready ID", "message PAYLOAD from ID", "reply PAYLOAD", "error ID CODE TEXT".
