@@ -44,7 +44,11 @@ void VeltoListener::close() {
     proxies = receivedProxyObjects().allValues();
     receivedProxyObjects().removeAllObjects();
   }
-  if (const auto connection = _daemonConnection.exchange(nullptr)) connection->invalidate();
+  // Told to end, then let go of. Whoever closes at the same moment tells it again, which does nothing.
+  if (const auto connection = daemonConnection()) {
+    connection->invalidate();
+    setDaemonConnection(nullptr);
+  }
 }
 
 void VeltoListener::connectionError(NSError error) {
