@@ -58,6 +58,8 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
   void invalidate();
   // Ends a connection that nobody has accepted.
   void turnAway();
+  // The same for one that has not called. What has called is its delegate's, or about to be, and goes on.
+  void turnAwayIfSilent();
 
   void call(const Method& method, std::vector<NSObject> arguments, ReplyBlock reply, ErrorHandler errorHandler);
 
@@ -65,6 +67,8 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
   void sendReply(std::uint64_t identifier, const Method& method, const NSObject& value);
   void dropReply(std::uint64_t identifier);
   void replySettled();
+  // Ends the connection without any memory: its other end, and this one, hear of it.
+  void giveUp() noexcept;
 
   void frameArrived(wire::Frame frame) override;
   void channelEnded(const std::string& reason) override;
@@ -99,6 +103,7 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
   void attach(std::shared_ptr<transport::Channel> channel) VELTO_REQUIRES(mutex_);
   void sayFarewell() VELTO_REQUIRES(mutex_);
   void boundFarewell(const std::shared_ptr<transport::Channel>& channel);
+  void endFarewell();
   void end(Ending ending);
   void breakProtocol(const std::string& reason);
   void cutOff(NSXPCErrorCode code, const std::string& reason);
@@ -109,13 +114,13 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
 
   // OutgoingTraffic.cpp
   void sendWaiting() VELTO_REQUIRES(mutex_);
-  NSError refusalToKeep(std::size_t bytes, bool wantsReply) VELTO_REQUIRES(mutex_);
-  enum class Sent {
-    yes,
-    over,  // there is nobody to send to any more
-    full   // the other end does not read, and one frame more would be too many
-  };
-  Sent sendControl(wire::Frame frame);
+  void postNotSent(const ErrorHandler& handler, const Method& method, const NSError& reason);
+  NSError refusalToKeep(const wire::Frame& frame, bool wantsReply) VELTO_REQUIRES(mutex_);
+  // What of a frame is more than the other end has stated to take; "" when nothing is.
+  std::string overPeerLimits(const wire::Frame& frame) VELTO_REQUIRES(mutex_);
+  // Sends a frame, if there is anybody to send it to. 0, or, when the other end does not read and one frame more would
+  // be too many, the bytes that would then wait; it is not sent.
+  std::size_t sendControl(wire::Frame frame);
   void helloArrived(const wire::Frame& frame);
   void creditArrived(const wire::Frame& frame);
   void goodbyeArrived(const wire::Frame& frame);
@@ -128,9 +133,10 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
   void callArrived(wire::Frame frame);
   void postDelivery(wire::Frame frame);
   void deliver(const wire::Frame& frame);
-  void dispatch(const wire::Frame& frame);
+  // `called` is set as soon as the user's code runs.
+  void dispatch(const wire::Frame& frame, bool& called);
   void invoke(const Method& method, void* object, const std::vector<NSObject>& arguments,
-              const wire::CallHeader& header);
+              const wire::CallHeader& header, bool& called);
   void refuse(std::uint64_t identifier, std::uint64_t code, const std::string& reason);
   // For the small frames of which an end that reads never lets many collect.
   void sendOrCutOff(wire::Frame frame);
@@ -161,6 +167,7 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
   OutgoingCalls outgoing_ VELTO_GUARDED_BY(mutex_);
   bool greeted_ VELTO_GUARDED_BY(mutex_) = false;
   std::size_t peerMaximumBytes_ VELTO_GUARDED_BY(mutex_) = limits::kMaximumFrameBytes;
+  std::size_t peerMaximumDescriptors_ VELTO_GUARDED_BY(mutex_) = limits::kMaximumDescriptors;
   // What later calls are told.
   NSError endError_ VELTO_GUARDED_BY(mutex_);
 

@@ -12,6 +12,16 @@
 
 namespace velto::xpc {
 
+namespace {
+
+void logDropped(const std::string& name, std::size_t bytes) {
+  VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure,
+                "%s was invalidated %d ms ago, which is the maximum: %u bytes are not sent any more", name,
+                limits::kFarewell.count(), bytes);
+}
+
+}  // namespace
+
 std::shared_ptr<ConnectionCore> ConnectionCore::connecting(std::string name, Connector connector) {
   return std::make_shared<ConnectionCore>(std::move(name), std::move(connector), AcceptanceHooks{});
 }
@@ -158,9 +168,23 @@ void ConnectionCore::sayFarewell() {
 
 void ConnectionCore::boundFarewell(const std::shared_ptr<transport::Channel>& channel) {
   if (channel->waitingBytes() == 0) return;
-  transport::Reactor::shared().timers().add(limits::kFarewell, [weak = std::weak_ptr(channel)] {
-    if (const auto late = weak.lock()) late->abort();
+  transport::Reactor::shared().timers().add(limits::kFarewell, [weak = std::weak_ptr(channel), name = name_] {
+    const auto late = weak.lock();
+    if (!late || late->waitingBytes() == 0) return;
+    logDropped(name, late->waitingBytes());
+    late->abort();
   });
+}
+
+void ConnectionCore::endFarewell() {
+  std::size_t waiting = 0;
+  {
+    MutexLock lock(mutex_);
+    if (phase_ != Phase::closing) return;
+    waiting = outgoing_.waitingBytes() + (channel_ ? channel_->waitingBytes() : 0);
+  }
+  logDropped(name_, waiting);
+  turnAway();
 }
 
 void ConnectionCore::invalidate() {
@@ -182,7 +206,7 @@ void ConnectionCore::invalidate() {
   }
   if (waits) {
     transport::Reactor::shared().timers().add(limits::kFarewell, [weak = weak_from_this()] {
-      if (const auto self = weak.lock()) self->turnAway();
+      if (const auto self = weak.lock()) self->endFarewell();
     });
   }
   tellListener();
@@ -200,6 +224,16 @@ void ConnectionCore::turnAway() {
   if (channel) channel->abort();
 }
 
+void ConnectionCore::turnAwayIfSilent() {
+  {
+    MutexLock lock(mutex_);
+    if (!hooks_.accept) return;
+    // A call that is on its way in comes too late.
+    silenced_ = true;
+  }
+  turnAway();
+}
+
 void ConnectionCore::channelEnded(const std::string& reason) {
   if (!reason.empty()) return cutOff(NSXPCConnectionInterrupted, reason);
   end({makeError(NSXPCConnectionInterrupted, name_ + " was interrupted: the other end has vanished"), true});
@@ -208,6 +242,10 @@ void ConnectionCore::channelEnded(const std::string& reason) {
 std::shared_ptr<transport::Channel> ConnectionCore::currentChannel() {
   MutexLock lock(mutex_);
   return channel_;
+}
+
+void ConnectionCore::giveUp() noexcept {
+  if (const auto channel = currentChannel()) channel->giveUp();
 }
 
 void ConnectionCore::breakProtocol(const std::string& reason) {

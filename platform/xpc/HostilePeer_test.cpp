@@ -11,6 +11,7 @@
 #include "platform/xpc/testing/Greeter.h"
 #include "platform/xpc/transport/DescriptorMessage.h"
 #include "platform/xpc/transport/Sockets.h"
+#include "platform/xpc/wire/FrameReader.h"
 #include "platform/xpc/wire/Messages.h"
 #include "platform/xpc/wire/ValueEncoder.h"
 
@@ -63,9 +64,24 @@ class RawPeer {
     return false;
   }
   void close() { socket_.reset(); }
+  // The next frame that the other end sends; a goodbye when it sends none any more.
+  Frame receive() {
+    const auto end = std::chrono::steady_clock::now() + kGenerous;
+    while (std::chrono::steady_clock::now() < end) {
+      if (auto frame = reader_->next()) return std::move(*frame);
+      pollfd entry{socket_.get(), POLLIN, 0};
+      ::poll(&entry, 1, 1000);
+      auto received = transport::receiveWithDescriptors(socket_.get(), reader_->prepare(4096));
+      if (received.error == EAGAIN) continue;
+      if (received.error != 0 || received.count == 0) break;
+      reader_->received(received.count, std::move(received.descriptors));
+    }
+    return wire::encodeGoodbye();
+  }
 
  private:
   system::Descriptor socket_;
+  std::unique_ptr<wire::FrameReader> reader_ = std::make_unique<wire::FrameReader>();
 };
 
 Frame callFrame(const std::string& selector, bool wantsReply, const std::vector<NSObject>& arguments,
@@ -106,6 +122,32 @@ class HostilePeer : public ::testing::Test {
   const std::shared_ptr<GreeterService> service = std::make_shared<GreeterService>();
   const std::shared_ptr<NSXPCListener> listener = NSXPCListener::anonymousListener();
 };
+
+// Bytes that the fuzzer of connections found: a hello with small limits, then a call whose answer is over them.
+TEST_F(HostilePeer, AReplyOverWhatThePeerHasStatedIsRefusedWithTheLimit) {
+  RawPeer peer(listener->endpoint());
+  wire::Hello hello = wire::Hello::ours();
+  hello.maximumFrameBytes = 40;
+  hello.maximumDescriptors = 1;
+  peer.send(hello.encode());
+  ASSERT_EQ(peer.receive().type, FrameType::hello);
+  const auto refusalOf = [&peer](const Frame& call) {
+    peer.send(call);
+    const Frame answer = peer.receive();
+    EXPECT_EQ(answer.type, FrameType::replyRefusal);
+    EXPECT_TRUE(answer.descriptors.empty());
+    std::string reason;
+    const auto refusal = wire::Refusal::decode(answer, reason);
+    EXPECT_TRUE(refusal && refusal->code == wire::kLimitExceeded) << reason;
+    return refusal ? refusal->text : std::string();
+  };
+  EXPECT_EQ(refusalOf(callFrame("greet:reply:", true, {std::string(40, 'x')})),
+            "bytes of a frame to this peer: 49, the maximum is 40");
+  EXPECT_EQ(refusalOf(callFrame("introduce:reply:", true, {listener->endpoint()}, 2)),
+            "descriptors of a frame to this peer: 2, the maximum is 1");
+  peer.send(callFrame("greet:reply:", true, {"Ada"}, 3));
+  EXPECT_EQ(peer.receive().type, FrameType::reply);
+}
 
 TEST_F(HostilePeer, GarbageIsCutOff) {
   RawPeer peer(listener->endpoint());

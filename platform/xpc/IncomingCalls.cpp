@@ -1,6 +1,7 @@
 // What the other end asks. A call is kept as the bytes that came until its turn has come in the queue, so that what a
 // blocked receiver holds is exactly what the sender's credit counts; it is checked whole before the method is called.
 
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -60,16 +61,30 @@ void ConnectionCore::deliver(const wire::Frame& frame) {
   struct GiveBack {
     ConnectionCore& core;
     const std::size_t bytes;
-    ~GiveBack() { core.giveBack(bytes); }
+    ~GiveBack() {
+      try {
+        core.giveBack(bytes);
+      } catch (const std::bad_alloc&) {
+        // The other end would wait for its credit for ever.
+        core.giveUp();
+      }
+    }
   } giveBackAtEnd{*this, frame.body.size()};
   {
     MutexLock lock(mutex_);
     if (silenced_) return;
   }
-  dispatch(frame);
+  bool called = false;
+  try {
+    dispatch(frame, called);
+  } catch (const std::bad_alloc&) {
+    if (called) throw;
+    // The caller would wait for ever.
+    giveUp();
+  }
 }
 
-void ConnectionCore::dispatch(const wire::Frame& frame) {
+void ConnectionCore::dispatch(const wire::Frame& frame, bool& called) {
   std::shared_ptr<NSXPCInterface> interface;
   std::shared_ptr<void> object;
   {
@@ -100,11 +115,11 @@ void ConnectionCore::dispatch(const wire::Frame& frame) {
     }
   }
   if (!decoder.atEnd()) return breakProtocol("bytes after the arguments of " + method->selector);
-  invoke(*method, object.get(), arguments, *header);
+  invoke(*method, object.get(), arguments, *header, called);
 }
 
 void ConnectionCore::invoke(const Method& method, void* object, const std::vector<NSObject>& arguments,
-                            const wire::CallHeader& header) {
+                            const wire::CallHeader& header, bool& called) {
   std::shared_ptr<ReplyTicket> ticket;
   ReplyBlock reply;
   if (method.hasReply()) reply.block = [](const NSObject&) {};
@@ -118,6 +133,7 @@ void ConnectionCore::invoke(const Method& method, void* object, const std::vecto
     reply.block = [ticket](const NSObject& value) { ticket->answer(value); };
     if (owed > limits::kOwedReplies) return breakProtocol(overLimit("replies owed", owed, limits::kOwedReplies));
   }
+  called = true;
   try {
     method.invoke(object, arguments, std::move(reply));
   } catch (const NSXPCUnrecognizedSelector& missing) {
@@ -136,9 +152,9 @@ void ConnectionCore::refuse(std::uint64_t identifier, std::uint64_t code, const 
 }
 
 void ConnectionCore::sendOrCutOff(wire::Frame frame) {
-  if (sendControl(std::move(frame)) != Sent::full) return;
-  breakProtocol("the other end does not read: more than " + std::to_string(limits::kWaitingBytes) +
-                " bytes wait to be sent");
+  const std::size_t waiting = sendControl(std::move(frame));
+  if (waiting == 0) return;
+  breakProtocol(overLimit("the other end does not read: bytes that wait to be sent", waiting, limits::kWaitingBytes));
 }
 
 void ConnectionCore::giveBack(std::size_t bytes) {
@@ -174,9 +190,13 @@ void ConnectionCore::sendReply(std::uint64_t identifier, const Method& method, c
   std::uint64_t code = encoder.exceededLimit() ? wire::kLimitExceeded : wire::kReplyRefused;
   if (!encoder.failed()) {
     wire::Frame frame = encoder.take();
-    const std::size_t bytes = frame.body.size();
-    if (sendControl(std::move(frame)) != Sent::full) return;
-    reason = overLimit("bytes that wait to be sent, with a reply of", bytes, limits::kWaitingBytes);
+    {
+      MutexLock lock(mutex_);
+      reason = overPeerLimits(frame);
+    }
+    const std::size_t waiting = reason.empty() ? sendControl(std::move(frame)) : 0;
+    if (reason.empty() && waiting == 0) return;
+    if (waiting > 0) reason = overLimit("bytes that wait to be sent", waiting, limits::kWaitingBytes);
     code = wire::kLimitExceeded;
   }
   VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "%s: the reply to %s could not be sent: %s", name_,

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -22,8 +23,8 @@ namespace velto::xpc {
 
 namespace {
 
-// Pause before another try when this process can open no more descriptors: the kernel tells only of new connections,
-// not of those that are still waiting.
+// Pause before another try when this process can open no more descriptors, or watch no more of them: the kernel tells
+// only of new connections, not of those that are still waiting.
 constexpr std::chrono::milliseconds kAcceptPause{50};
 
 }  // namespace
@@ -68,7 +69,10 @@ void ListenerCore::resume() {
   if (!socket_ || identifier_ != 0) return;
   identifier_ = transport::Reactor::shared().add(socket_->get(), EPOLLIN, shared_from_this());
   if (identifier_ == 0) {
-    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A listener cannot be watched: %s", std::strerror(errno));
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A listener cannot be watched yet: %s", std::strerror(errno));
+    transport::Reactor::shared().timers().add(kAcceptPause, [weak = weak_from_this()] {
+      if (const auto self = weak.lock()) self->resume();
+    });
   }
 }
 
@@ -88,7 +92,7 @@ void ListenerCore::invalidate() {
   }
   if (!served.name.empty()) transport::stopServingName(served);
   for (const auto& [number, connection] : silent) {
-    if (const auto core = connection.connection.lock()) core->turnAway();
+    if (const auto core = connection.connection.lock()) core->turnAwayIfSilent();
   }
 }
 
@@ -99,7 +103,16 @@ void ListenerCore::eventsArrived(std::uint32_t) {
     if (accepting_) return;
     accepting_ = true;
   }
-  while (acceptOne()) {
+  try {
+    while (acceptOne()) {
+    }
+  } catch (const std::bad_alloc&) {
+    {
+      MutexLock lock(mutex_);
+      accepting_ = false;
+    }
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A connection cannot be accepted: there is no memory");
+    acceptLater();
   }
 }
 
@@ -154,7 +167,7 @@ void ListenerCore::admit(system::Descriptor socket) {
     VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "%@",
                   NSString(overLimit("A connection that has not called is cut off: such connections",
                                      limits::kSilentConnections + 1, limits::kSilentConnections)));
-    oldest->turnAway();
+    oldest->turnAwayIfSilent();
   }
   const auto weak = weak_from_this();
   const auto core =
@@ -199,22 +212,26 @@ void ListenerCore::armSilenceTimer() {
 }
 
 void ListenerCore::endLongSilences() {
-  std::vector<std::shared_ptr<ConnectionCore>> late;
+  std::vector<Silent> late;
+  const auto now = Clock::now();
   {
     MutexLock lock(mutex_);
     silenceTimer_ = 0;
-    const auto before = Clock::now() - limits::kSilence;
-    while (!silent_.empty() && silent_.begin()->second.since <= before) {
-      late.push_back(silent_.begin()->second.connection.lock());
+    while (!silent_.empty() && silent_.begin()->second.since <= now - limits::kSilence) {
+      late.push_back(silent_.begin()->second);
       silent_.erase(silent_.begin());
     }
     armSilenceTimer();
   }
-  for (const auto& core : late) {
+  for (const Silent& silent : late) {
+    const auto core = silent.connection.lock();
     if (!core) continue;
-    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A connection that has not called is cut off after %d ms",
-                  limits::kSilence.count());
-    core->turnAway();
+    const auto silence = std::chrono::duration_cast<std::chrono::milliseconds>(now - silent.since);
+    VKTLoggingLog(
+        VKTLogGetAnchor(), VKTLogLevelFailure, "%s",
+        overLimit("A connection that has not called is cut off: milliseconds of silence",
+                  static_cast<std::size_t>(silence.count()), static_cast<std::size_t>(limits::kSilence.count())));
+    core->turnAwayIfSilent();
   }
 }
 

@@ -3,6 +3,7 @@
 
 #include "platform/xpc/NSXPCConnection.h"
 
+#include <new>
 #include <utility>
 
 #include "platform/xpc/ConnectionCore.h"
@@ -35,7 +36,7 @@ std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithServiceName(const NSSt
   const std::string name = serviceName.string();
   auto connector = [name]() -> velto::transport::ConnectAttempt {
     std::string reason;
-    if (!velto::transport::isFileName(name, reason)) return {{}, false, reason};
+    if (!velto::transport::isFileName(name, reason)) return {{}, false, false, reason};
     return velto::transport::connectToService(name);
   };
   return std::shared_ptr<NSXPCConnection>(
@@ -44,7 +45,7 @@ std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithServiceName(const NSSt
 
 std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(const NSXPCListenerEndpoint& endpoint) {
   auto connector = [endpoint]() -> velto::transport::ConnectAttempt {
-    if (!endpoint) return {{}, false, "the endpoint is nil"};
+    if (!endpoint) return {{}, false, false, "the endpoint is nil"};
     return velto::transport::connectToEndpoint(endpoint.socket()->get());
   };
   return std::shared_ptr<NSXPCConnection>(
@@ -54,7 +55,12 @@ std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(const
 NSXPCConnection::NSXPCConnection(std::shared_ptr<ConnectionCore> core) : core_(std::move(core)) {}
 
 NSXPCConnection::~NSXPCConnection() {
-  core_->invalidate();
+  try {
+    core_->invalidate();
+  } catch (const std::bad_alloc&) {
+    // Nobody can be told without memory. The socket at least is closed.
+    core_->turnAway();
+  }
 }
 
 void NSXPCConnection::setRemoteObjectInterface(std::shared_ptr<NSXPCInterface> interface) {

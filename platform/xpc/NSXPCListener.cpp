@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include <sys/epoll.h>
@@ -52,7 +53,11 @@ std::shared_ptr<NSXPCListener> NSXPCListener::make(std::shared_ptr<ListenerCore>
 NSXPCListener::NSXPCListener(std::shared_ptr<ListenerCore> core) : core_(std::move(core)) {}
 
 NSXPCListener::~NSXPCListener() {
-  core_->invalidate();
+  try {
+    core_->invalidate();
+  } catch (const std::bad_alloc&) {
+    // The socket is closed by then. What may stay is its name, which the next one to serve it takes over.
+  }
 }
 
 NSXPCListenerEndpoint NSXPCListener::endpoint() const {

@@ -23,9 +23,7 @@ using velto::system::systemCalls;
 class EndpointBody final : public velto::ObjectBody {
  public:
   EndpointBody(SharedDescriptor socket, SharedDescriptor hangUp)
-      : socket_(std::move(socket)), hangUp_(std::move(hangUp)) {
-    systemCalls().status(socket_->get(), status_);
-  }
+      : socket_(std::move(socket)), hangUp_(std::move(hangUp)), identity_(askForIdentity()) {}
 
   const SharedDescriptor& socket() const noexcept { return socket_; }
   const SharedDescriptor& hangUp() const noexcept { return hangUp_; }
@@ -33,15 +31,25 @@ class EndpointBody final : public velto::ObjectBody {
   const velto::ClassBody& classBody() const override { return *NSXPCListenerEndpoint::classObject().classBody(); }
   bool isEqual(const velto::ObjectBody& other, velto::WalkBound&) const override {
     const auto* endpoint = dynamic_cast<const EndpointBody*>(&other);
-    return endpoint != nullptr && endpoint->status_.st_dev == status_.st_dev &&
-           endpoint->status_.st_ino == status_.st_ino;
+    if (endpoint == nullptr) return false;
+    return endpoint->socket_ == socket_ || (identity() != kUnknown && endpoint->identity() == identity());
   }
-  std::size_t hash() const override { return std::hash<ino_t>()(status_.st_ino); }
+  std::size_t hash() const override { return std::hash<ino_t>()(identity().second); }
 
  private:
+  using Identity = std::pair<dev_t, ino_t>;
+  static constexpr Identity kUnknown{0, 0};
+
+  Identity askForIdentity() const {
+    struct stat status {};
+    return systemCalls().status(socket_->get(), status) == 0 ? Identity{status.st_dev, status.st_ino} : kUnknown;
+  }
+  // If the kernel would not say which socket it is, it is asked again.
+  Identity identity() const { return identity_ != kUnknown ? identity_ : askForIdentity(); }
+
   const SharedDescriptor socket_;
   const SharedDescriptor hangUp_;
-  struct stat status_ {};
+  const Identity identity_;
 };
 
 const EndpointBody* bodyOf(const NSXPCListenerEndpoint& endpoint) {

@@ -9,10 +9,17 @@ namespace velto::xpc {
 
 void OutgoingCalls::add(OutgoingCall call, wire::Frame frame) {
   const std::uint64_t identifier = call.identifier;
-  if (call.reply) ++pendingReplies_;
-  waitingBytes_ += frame.body.size();
+  const bool wantsReply = static_cast<bool>(call.reply);
+  const std::size_t bytes = frame.body.size();
   waiting_.push_back({identifier, std::move(frame)});
-  calls_.emplace(identifier, std::move(call));
+  try {
+    calls_.emplace(identifier, std::move(call));
+  } catch (...) {
+    waiting_.pop_back();
+    throw;
+  }
+  if (wantsReply) ++pendingReplies_;
+  waitingBytes_ += bytes;
 }
 
 std::optional<OutgoingCalls::Sendable> OutgoingCalls::takeSendable() {
@@ -58,6 +65,19 @@ std::optional<OutgoingCall> OutgoingCalls::take(std::uint64_t identifier) {
   calls_.erase(found);
   if (call.reply) --pendingReplies_;
   return call;
+}
+
+std::vector<OutgoingCalls::Refused> OutgoingCalls::takeRefused(
+    const std::function<std::string(const wire::Frame&)>& objectionTo) {
+  std::vector<Refused> refused;
+  std::erase_if(waiting_, [&](const Waiting& waiting) {
+    std::string objection = objectionTo(waiting.frame);
+    if (objection.empty()) return false;
+    waitingBytes_ -= waiting.frame.body.size();
+    if (auto call = take(waiting.identifier)) refused.push_back({std::move(*call), std::move(objection)});
+    return true;
+  });
+  return refused;
 }
 
 std::optional<OutgoingCall> OutgoingCalls::takeAwaitingReply(std::uint64_t identifier) {

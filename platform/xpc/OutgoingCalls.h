@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "VeltoIPC/Limits.h"
@@ -33,6 +34,7 @@ struct OutgoingCall {
 // guards it.
 class OutgoingCalls {
  public:
+  // Raises std::bad_alloc, and changes nothing, when there is no memory.
   void add(OutgoingCall call, wire::Frame frame);
   // The next frame that the credit allows to send; nothing when none waits or none may go.
   struct Sendable {
@@ -43,12 +45,21 @@ class OutgoingCalls {
   void sent(std::uint64_t identifier, std::uint64_t frameNumber);
 
   void helloArrived(const wire::Hello& hello);
+  // What the other end keeps at most for a receiver that is busy: a call over it could never be sent.
+  std::uint64_t windowBytes() const noexcept { return windowBytes_; }
+  std::uint64_t windowCalls() const noexcept { return windowCalls_; }
   // False when more is given back than was ever taken.
   bool creditArrived(const wire::Credit& credit);
 
   // Removes a call: one that waits for a reply, or any.
   std::optional<OutgoingCall> takeAwaitingReply(std::uint64_t identifier);
   std::optional<OutgoingCall> take(std::uint64_t identifier);
+  // Removes, in order, the calls that wait here to whose frames there is an objection.
+  struct Refused {
+    OutgoingCall call;
+    std::string objection;
+  };
+  std::vector<Refused> takeRefused(const std::function<std::string(const wire::Frame&)>& objectionTo);
   // Forgets the replies: returns the calls that waited for one, in order. What waits to be sent stays.
   std::vector<OutgoingCall> takeAllAwaitingReply();
   // Removes everything; returns, in order, the calls that wait for a reply or were not written to the socket.

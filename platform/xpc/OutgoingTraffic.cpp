@@ -1,6 +1,7 @@
 // What this end asks: calls on their way out, and what comes back for them. A call is encoded before the lock is taken,
 // so that a large message holds up nobody but its sender.
 
+#include <new>
 #include <string>
 #include <utility>
 
@@ -14,44 +15,72 @@
 
 namespace velto::xpc {
 
+namespace {
+
+using Outcome = wire::ValueDecoder::Outcome;
+
+struct DecodedReply {
+  Outcome outcome = Outcome::refused;
+  NSObject value;
+  std::string reason;
+};
+
+DecodedReply decodeReply(const NSXPCInterface& interface, const Method& method, const wire::Frame& frame) {
+  DecodedReply reply;
+  wire::ValueDecoder decoder(frame);
+  decoder.nextUnsigned();
+  reply.outcome = decoder.next(interface.admitted(method, 0, true), reply.value);
+  reply.reason = decoder.reason();
+  if (reply.outcome != Outcome::value) return reply;
+  const Class& declared = method.replyParameters.front().classObject;
+  if (!decoder.atEnd()) return {Outcome::broken, nil, "bytes after the value of a reply"};
+  if (!isOfKind(reply.value, declared)) return {Outcome::refused, nil, wrongKind(reply.value, declared)};
+  return reply;
+}
+
+}  // namespace
+
 void ConnectionCore::call(const Method& method, std::vector<NSObject> arguments, ReplyBlock reply,
                           ErrorHandler errorHandler) {
   if (isInherited()) return;
   const std::uint64_t identifier = ++lastIdentifier_;
   wire::ValueEncoder encoder(wire::FrameType::call);
   wire::encodeCallHeader(encoder, {identifier, method.selector, static_cast<bool>(reply)});
+  std::string where;
   for (std::size_t index = 0; index < arguments.size() && !encoder.failed(); ++index) {
     encoder.add(arguments[index]);
-    if (!encoder.failed()) continue;
-    const std::string text =
-        method.selector + " was not sent: argument " + std::to_string(index) + ": " + encoder.reason();
-    postFailure(errorHandler, makeError(encoder.exceededLimit() ? NSXPCLimitExceeded : NSXPCCallRefused, text));
-    return;
+    if (encoder.failed()) where = "argument " + std::to_string(index) + ": ";
+  }
+  if (encoder.failed()) {
+    const auto code = encoder.exceededLimit() ? NSXPCLimitExceeded : NSXPCCallRefused;
+    return postNotSent(errorHandler, method, makeError(code, where + encoder.reason()));
   }
   wire::Frame frame = encoder.take();
   NSError failure;
   {
     MutexLock lock(mutex_);
-    failure = refusalToKeep(frame.body.size(), static_cast<bool>(reply));
+    failure = refusalToKeep(frame, static_cast<bool>(reply));
     if (!failure) {
       outgoing_.add({identifier, &method, std::move(reply), errorHandler, 0}, std::move(frame));
       if (phase_ == Phase::open && resumed_) sendWaiting();
     }
   }
-  if (!failure) return;
-  const std::string text = method.selector + " was not sent: " + failure.localizedDescription().string();
-  postFailure(errorHandler, makeError(static_cast<NSXPCErrorCode>(failure.code()), text));
+  if (failure) postNotSent(errorHandler, method, failure);
 }
 
-NSError ConnectionCore::refusalToKeep(std::size_t bytes, bool wantsReply) {
+void ConnectionCore::postNotSent(const ErrorHandler& handler, const Method& method, const NSError& reason) {
+  const std::string text = method.selector + " was not sent: " + reason.localizedDescription().string();
+  postFailure(handler, makeError(static_cast<NSXPCErrorCode>(reason.code()), text));
+}
+
+NSError ConnectionCore::refusalToKeep(const wire::Frame& frame, bool wantsReply) {
   if (phase_ == Phase::closing || phase_ == Phase::ended) return endError_;
-  if (bytes > peerMaximumBytes_) {
-    return makeError(NSXPCLimitExceeded, overLimit("bytes of a call to this peer", bytes, peerMaximumBytes_));
-  }
+  if (const std::string excess = overPeerLimits(frame); !excess.empty()) return makeError(NSXPCLimitExceeded, excess);
   if (wantsReply && outgoing_.pendingReplies() >= limits::kPendingReplies) {
     return makeError(NSXPCLimitExceeded, overLimit("calls that wait for their replies", outgoing_.pendingReplies() + 1,
                                                    limits::kPendingReplies));
   }
+  const std::size_t bytes = frame.body.size();
   const std::size_t waiting = outgoing_.waitingBytes() + (channel_ ? channel_->waitingBytes() : 0);
   if (waiting + bytes > limits::kWaitingBytes) {
     return makeError(NSXPCLimitExceeded,
@@ -60,19 +89,39 @@ NSError ConnectionCore::refusalToKeep(std::size_t bytes, bool wantsReply) {
   return nil;
 }
 
+std::string ConnectionCore::overPeerLimits(const wire::Frame& frame) {
+  if (frame.body.size() > peerMaximumBytes_) {
+    return overLimit("bytes of a frame to this peer", frame.body.size(), peerMaximumBytes_);
+  }
+  if (frame.descriptors.size() > peerMaximumDescriptors_) {
+    return overLimit("descriptors of a frame to this peer", frame.descriptors.size(), peerMaximumDescriptors_);
+  }
+  if (frame.type != wire::FrameType::call) return {};
+  if (frame.body.size() > outgoing_.windowBytes()) {
+    return overLimit("bytes of a call that this peer keeps", frame.body.size(), outgoing_.windowBytes());
+  }
+  return outgoing_.windowCalls() == 0 ? overLimit("calls that this peer keeps", 1, 0) : std::string();
+}
+
 void ConnectionCore::sendWaiting() {
   if (!channel_) return;
-  while (auto sendable = outgoing_.takeSendable()) {
-    outgoing_.sent(sendable->identifier, channel_->send(std::move(sendable->frame)));
+  try {
+    while (auto sendable = outgoing_.takeSendable()) {
+      outgoing_.sent(sendable->identifier, channel_->send(std::move(sendable->frame)));
+    }
+  } catch (const std::bad_alloc&) {
+    // A call between here and the socket is lost. Everybody hears of it when the stream ends.
+    channel_->giveUp();
   }
 }
 
-ConnectionCore::Sent ConnectionCore::sendControl(wire::Frame frame) {
+std::size_t ConnectionCore::sendControl(wire::Frame frame) {
   MutexLock lock(mutex_);
-  if (!channel_ || phase_ != Phase::open) return Sent::over;
-  if (channel_->waitingBytes() + frame.body.size() > limits::kWaitingBytes) return Sent::full;
+  if (!channel_ || phase_ != Phase::open) return 0;
+  const std::size_t waiting = channel_->waitingBytes() + frame.body.size();
+  if (waiting > limits::kWaitingBytes) return waiting;
   channel_->send(std::move(frame));
-  return Sent::yes;
+  return 0;
 }
 
 void ConnectionCore::frameArrived(wire::Frame frame) {
@@ -116,11 +165,20 @@ void ConnectionCore::helloArrived(const wire::Frame& frame) {
                                      " of the protocol, this one version " + std::to_string(wire::kProtocolVersion));
     return;
   }
-  MutexLock lock(mutex_);
-  peerMaximumBytes_ = std::min<std::uint64_t>(hello->maximumFrameBytes, limits::kMaximumFrameBytes);
-  outgoing_.helloArrived(*hello);
-  if (phase_ == Phase::closing) sayFarewell();
-  if (phase_ == Phase::open && resumed_) sendWaiting();
+  std::vector<OutgoingCalls::Refused> refused;
+  {
+    MutexLock lock(mutex_);
+    peerMaximumBytes_ = std::min<std::uint64_t>(hello->maximumFrameBytes, limits::kMaximumFrameBytes);
+    peerMaximumDescriptors_ = std::min<std::uint64_t>(hello->maximumDescriptors, limits::kMaximumDescriptors);
+    outgoing_.helloArrived(*hello);
+    refused = outgoing_.takeRefused([this](const wire::Frame& waiting)
+                                        VELTO_REQUIRES(mutex_) { return overPeerLimits(waiting); });
+    if (phase_ == Phase::closing) sayFarewell();
+    if (phase_ == Phase::open && resumed_) sendWaiting();
+  }
+  for (const auto& [call, objection] : refused) {
+    postNotSent(call.errorHandler, *call.method, makeError(NSXPCLimitExceeded, objection));
+  }
 }
 
 void ConnectionCore::creditArrived(const wire::Frame& frame) {
@@ -173,25 +231,16 @@ void ConnectionCore::replyArrived(wire::Frame frame) {
 }
 
 void ConnectionCore::finishCall(const OutgoingCall& call, const wire::Frame& frame) {
-  const auto interface = remoteInterface();
-  wire::ValueDecoder decoder(frame);
-  decoder.nextUnsigned();
-  NSObject value;
-  auto outcome = decoder.next(interface->admitted(*call.method, 0, true), value);
-  std::string reason = decoder.reason();
-  if (outcome == wire::ValueDecoder::Outcome::value && !decoder.atEnd()) {
-    outcome = wire::ValueDecoder::Outcome::broken;
-    reason = "bytes after the value of a reply";
+  DecodedReply reply;
+  try {
+    reply = decodeReply(*remoteInterface(), *call.method, frame);
+  } catch (const std::bad_alloc&) {
+    reply = {Outcome::refused, nil, "there is no memory for it"};
   }
-  if (outcome == wire::ValueDecoder::Outcome::value &&
-      !isOfKind(value, call.method->replyParameters.front().classObject)) {
-    outcome = wire::ValueDecoder::Outcome::refused;
-    reason = wrongKind(value, call.method->replyParameters.front().classObject);
-  }
-  if (outcome == wire::ValueDecoder::Outcome::value) return call.reply.block(value);
-  const std::string text = "the reply to " + call.method->selector + " was refused: " + reason;
+  if (reply.outcome == Outcome::value) return call.reply.block(reply.value);
+  const std::string text = "the reply to " + call.method->selector + " was refused: " + reply.reason;
   postFailure(call.errorHandler, makeError(NSXPCReplyRefused, text));
-  if (outcome == wire::ValueDecoder::Outcome::broken) breakProtocol(text);
+  if (reply.outcome == Outcome::broken) breakProtocol(text);
 }
 
 void ConnectionCore::replyDroppedArrived(const wire::Frame& frame) {

@@ -3,6 +3,8 @@
 
 #include "platform/xpc/ReplyTicket.h"
 
+#include <new>
+
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/ConnectionCore.h"
 
@@ -10,7 +12,14 @@ namespace velto::xpc {
 
 ReplyTicket::~ReplyTicket() {
   if (settled_.load()) return;
-  if (const auto core = core_.lock()) core->dropReply(identifier_);
+  const auto core = core_.lock();
+  if (!core) return;
+  try {
+    core->dropReply(identifier_);
+  } catch (const std::bad_alloc&) {
+    // The other end would wait for ever.
+    core->giveUp();
+  }
 }
 
 void ReplyTicket::answer(const NSObject& value) {

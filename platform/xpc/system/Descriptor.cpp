@@ -1,11 +1,15 @@
 // Descriptors that survive a fork only in the parent. Every open one is written down; the child closes them all before
 // its first instruction runs, and the objects that the child inherited know by their generation that the numbers are no
 // longer theirs.
+//
+// One bit stands for each descriptor that the kernel gives out unless it is told to give more. So a descriptor that a
+// peer has sent is owned whether there is memory or not.
 
 #include "platform/xpc/system/Descriptor.h"
 
+#include <algorithm>
 #include <atomic>
-#include <unordered_set>
+#include <bitset>
 
 #include <pthread.h>
 
@@ -16,6 +20,9 @@ namespace velto::system {
 
 namespace {
 
+// The kernel's own bound, as it comes. Descriptors beyond it are not closed in the child of a fork.
+constexpr std::size_t kWrittenDown = std::size_t{1} << 20;
+
 class OpenDescriptors {
  public:
   static OpenDescriptors& shared() {
@@ -24,14 +31,17 @@ class OpenDescriptors {
   }
 
   void add(int descriptor) {
+    const auto number = static_cast<std::size_t>(descriptor);
+    if (number >= kWrittenDown) return;
     MutexLock lock(mutex_);
-    open_.insert(descriptor);
+    open_.set(number);
+    end_ = std::max(end_, number + 1);
   }
   // Forgets before it closes: once closed, the number can be given out again at any moment.
   void close(int descriptor) {
     {
       MutexLock lock(mutex_);
-      open_.erase(descriptor);
+      if (static_cast<std::size_t>(descriptor) < kWrittenDown) open_.reset(static_cast<std::size_t>(descriptor));
     }
     systemCalls().close(descriptor);
   }
@@ -41,18 +51,24 @@ class OpenDescriptors {
   OpenDescriptors() { pthread_atfork(beforeFork, afterForkInParent, afterForkInChild); }
 
   // The lock is taken before the fork, so that the child finds the set whole.
-  static void beforeFork() VELTO_NO_THREAD_SAFETY_ANALYSIS { shared().mutex_.lock(); }
-  static void afterForkInParent() VELTO_NO_THREAD_SAFETY_ANALYSIS { shared().mutex_.unlock(); }
+  static void beforeFork() VELTO_NO_THREAD_SAFETY_ANALYSIS { mutex_.lock(); }
+  static void afterForkInParent() VELTO_NO_THREAD_SAFETY_ANALYSIS { mutex_.unlock(); }
   static void afterForkInChild() VELTO_NO_THREAD_SAFETY_ANALYSIS {
     OpenDescriptors& all = shared();
-    for (const int descriptor : all.open_) systemCalls().close(descriptor);
-    all.open_.clear();
+    for (std::size_t number = 0; number < all.end_; ++number) {
+      if (open_.test(number)) systemCalls().close(static_cast<int>(number));
+      open_.reset(number);
+    }
+    all.end_ = 0;
     all.generation_.fetch_add(1, std::memory_order_relaxed);
-    all.mutex_.unlock();
+    mutex_.unlock();
   }
 
-  Mutex mutex_;
-  std::unordered_set<int> open_ VELTO_GUARDED_BY(mutex_);
+  static inline Mutex mutex_;
+  // In the program's zeroed memory, of which only what is written to is ever used.
+  static inline std::bitset<kWrittenDown> open_ VELTO_GUARDED_BY(mutex_);
+  // After the greatest of them.
+  std::size_t end_ VELTO_GUARDED_BY(mutex_) = 0;
   std::atomic<unsigned> generation_{0};
 };
 

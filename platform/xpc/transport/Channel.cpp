@@ -33,6 +33,10 @@ bool isPassing(int error) {
   return error == ENOBUFS || error == ENOMEM || error == ETOOMANYREFS;
 }
 
+bool meansGone(int error) {
+  return error == EPIPE || error == ECONNRESET || error == ENOTCONN;
+}
+
 }  // namespace
 
 Channel::Channel(system::Descriptor socket, std::shared_ptr<ChannelReceiver> receiver)
@@ -124,8 +128,8 @@ Channel::Read Channel::readOnce() {
   if (!socket) return Read::ended;
   const auto room = reader_.prepare(kReadBytes);
   Received received = receiveWithDescriptors(socket->get(), room);
-  if (received.error == EAGAIN) return Read::drained;
-  if (received.error != 0 && received.error != ECONNRESET) {
+  if (received.error == EAGAIN && !endsWhenDrained_) return Read::drained;
+  if (received.error != 0 && received.error != EAGAIN && received.error != ECONNRESET) {
     end(std::string("reading failed: ") + std::strerror(received.error));
     return Read::ended;
   }
@@ -134,7 +138,11 @@ Channel::Read Channel::readOnce() {
     return Read::ended;
   }
   if (received.count == 0) {
-    end(reader_.hasPartialFrame() ? "the stream ended in the middle of a frame" : "");
+    if (const int error = writeError_) {
+      end(std::string("writing failed: ") + std::strerror(error));
+    } else {
+      end(reader_.hasPartialFrame() ? "the stream ended in the middle of a frame" : "");
+    }
     return Read::ended;
   }
   const bool mayHaveMore = received.count == room.size() || !received.descriptors.empty() || hungUp_;
@@ -190,7 +198,9 @@ Channel::Attempt Channel::writeOnce() {
     return Attempt::done;
   }
   if (errno == EAGAIN) return Attempt::full;
-  return isPassing(errno) ? Attempt::retry : Attempt::broken;
+  if (isPassing(errno)) return Attempt::retry;
+  if (!meansGone(errno)) writeError_ = errno;
+  return Attempt::broken;
 }
 
 void Channel::consume(std::size_t count) {
@@ -211,14 +221,31 @@ void Channel::giveUpWriting() {
   output_.clear();
   waitingBytes_ = 0;
   // What has arrived can still be read; after it comes the end, even from an end that only stopped reading.
-  system::systemCalls().shutdown(socket_->get());
+  if (system::systemCalls().shutdown(socket_->get()) != 0) endSoon();
+}
+
+void Channel::giveUp() noexcept {
+  MutexLock lock(mutex_);
+  if (!socket_) return;
+  writeError_ = ENOMEM;
+  giveUpWriting();
+}
+
+void Channel::endSoon() {
+  endsWhenDrained_ = true;
+  Reactor::shared().timers().add({}, [weak = weak_from_this()] {
+    if (const auto channel = weak.lock()) channel->eventsArrived(EPOLLHUP);
+  });
 }
 
 void Channel::watchForRoom(bool wanted) {
   if (watchesForRoom_ == wanted) return;
-  watchesForRoom_ = wanted;
-  if (identifier_ == 0) return;
-  Reactor::shared().changeEvents(identifier_, socket_->get(), wanted ? kInput | EPOLLOUT : kInput);
+  if (identifier_ == 0 ||
+      Reactor::shared().changeEvents(identifier_, socket_->get(), wanted ? kInput | EPOLLOUT : kInput)) {
+    watchesForRoom_ = wanted;
+  } else if (wanted) {
+    retryLater();
+  }
 }
 
 void Channel::retryLater() {

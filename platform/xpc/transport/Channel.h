@@ -49,6 +49,9 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
 
   // Closes the socket once everything handed over before is written.
   void finish();
+  // Ends the stream, since something could not be sent for want of memory: both receivers hear of it. Needs none
+  // itself.
+  void giveUp() noexcept;
   // Closes the socket now. The receiver is not told.
   void abort();
 
@@ -76,6 +79,8 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
   Attempt writeOnce() VELTO_REQUIRES(mutex_);
   void consume(std::size_t count) VELTO_REQUIRES(mutex_);
   void giveUpWriting() VELTO_REQUIRES(mutex_);
+  // Whoever waits for the end is told by the reading half, even if the kernel does not.
+  void endSoon() VELTO_REQUIRES(mutex_);
   void watchForRoom(bool wanted) VELTO_REQUIRES(mutex_);
   void retryLater() VELTO_REQUIRES(mutex_);
   void roomArrived();
@@ -87,6 +92,10 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
   // Events not yet acted upon. Whoever raises it from 0 reads until it is 0 again, so that one thread reads at a time.
   std::atomic<std::uint32_t> readEvents_{0};
   std::atomic<bool> hungUp_{false};
+  // Why writing has failed; 0 when it has not, or only because the other end is gone.
+  std::atomic<int> writeError_{0};
+  // The kernel will not say that the stream is over: it is once nothing is left to read.
+  std::atomic<bool> endsWhenDrained_{false};
   wire::FrameReader reader_;  // of the thread that reads
 
   Mutex mutex_;

@@ -1,12 +1,16 @@
 // All idle threads sleep in epoll_wait on one epoll descriptor, and the kernel wakes one of them per event. Handing the
 // duty of reading from thread to thread therefore costs nothing: it is enough that one thread too many waits there.
+//
+// Handlers that report a failure run on these threads too. So the threads do their work even while the kernel has no
+// epoll descriptor to give, or waiting fails: they look for it after short pauses until the kernel has recovered.
 
 #include "platform/xpc/transport/Reactor.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <exception>
 #include <string>
-#include <system_error>
 #include <thread>
 
 #include <pthread.h>
@@ -24,6 +28,8 @@ namespace {
 constexpr Reactor::Identifier kWakeUp = 0;
 constexpr Reactor::Identifier kTimer = 1;
 constexpr Reactor::Identifier kFirstSource = 2;
+// Between two tries to wait for events that cannot be waited for.
+constexpr std::chrono::milliseconds kPauseAfterFailure{10};
 
 // What the current thread is to drain once it has read; set only while a reactor's thread deals with an event.
 thread_local std::vector<std::shared_ptr<SerialQueue>>* queuesToDrain = nullptr;
@@ -74,17 +80,32 @@ Reactor& Reactor::shared() {
   return *found->reactor;
 }
 
-Reactor::Reactor()
-    : epoll_(system::systemCalls().epollCreate()),
-      wakeUp_(system::systemCalls().eventCounter()),
-      lastIdentifier_(kFirstSource) {
-  auto wakeUp = eventFor(kWakeUp, EPOLLIN);
-  auto timer = eventFor(kTimer, EPOLLIN);
-  system::systemCalls().epollControl(epoll_.get(), EPOLL_CTL_ADD, wakeUp_.get(), wakeUp);
-  system::systemCalls().epollControl(epoll_.get(), EPOLL_CTL_ADD, timers_.descriptor(), timer);
+Reactor::Reactor() : lastIdentifier_(kFirstSource) {
+  setUp();
+}
+
+bool Reactor::setUp() {
+  if (isSetUp_.load(std::memory_order_acquire)) return true;
+  MutexLock lock(setUpMutex_);
+  if (isSetUp_.load(std::memory_order_relaxed)) return true;
+  auto& calls = system::systemCalls();
+  if (!epoll_) epoll_ = system::Descriptor(calls.epollCreate());
+  if (!epoll_) return false;
+  if (!wakeUp_) wakeUp_ = system::Descriptor(calls.eventCounter());
+  if (!wakeUp_ || !timers_.makeTimer()) return false;
+  const auto watch = [&](bool& watches, int descriptor, Identifier identifier) {
+    auto event = eventFor(identifier, EPOLLIN);
+    watches = watches || calls.epollControl(epoll_.get(), EPOLL_CTL_ADD, descriptor, event) == 0;
+    return watches;
+  };
+  if (!watch(watchesWakeUp_, wakeUp_.get(), kWakeUp)) return false;
+  if (!watch(watchesTimers_, timers_.descriptor(), kTimer)) return false;
+  isSetUp_.store(true, std::memory_order_release);
+  return true;
 }
 
 Reactor::Identifier Reactor::add(int descriptor, std::uint32_t events, std::shared_ptr<EventSource> source) {
+  if (!setUp()) return 0;
   Identifier identifier = 0;
   {
     MutexLock lock(mutex_);
@@ -103,9 +124,9 @@ Reactor::Identifier Reactor::add(int descriptor, std::uint32_t events, std::shar
   return identifier;
 }
 
-void Reactor::changeEvents(Identifier identifier, int descriptor, std::uint32_t events) {
+bool Reactor::changeEvents(Identifier identifier, int descriptor, std::uint32_t events) {
   auto event = eventFor(identifier, events);
-  system::systemCalls().epollControl(epoll_.get(), EPOLL_CTL_MOD, descriptor, event);
+  return system::systemCalls().epollControl(epoll_.get(), EPOLL_CTL_MOD, descriptor, event) == 0;
 }
 
 void Reactor::remove(Identifier identifier, int descriptor) {
@@ -139,7 +160,10 @@ void Reactor::schedule(std::shared_ptr<SerialQueue> queue) {
 void Reactor::wakeOne() {
   // Never read: edge-triggered, each write wakes one thread, and the counter has room for ever.
   const std::uint64_t one = 1;
-  system::systemCalls().write(wakeUp_.get(), &one, sizeof(one));
+  if (!isSetUp_.load(std::memory_order_acquire)) return;
+  if (system::systemCalls().write(wakeUp_.get(), &one, sizeof(one)) >= 0) return;
+  // Nobody can be woken: a new thread looks for what is scheduled before it waits.
+  startWorker();
 }
 
 bool Reactor::ensureSpare() {
@@ -157,7 +181,7 @@ bool Reactor::startWorker() {
     SignalsBlocked blocked;
     std::thread([this] { work(); }).detach();
     return true;
-  } catch (const std::system_error& error) {
+  } catch (const std::exception& error) {
     waiting_.fetch_sub(1);
     workers_.fetch_sub(1);
     VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "No further thread can be started: %s", error.what());
@@ -167,7 +191,13 @@ bool Reactor::startWorker() {
 
 void Reactor::work() {
   pthread_setname_np(pthread_self(), "velto-worker");
-  while (serveOne()) {
+  if (hasScheduled()) {
+    waiting_.fetch_sub(1);
+    runScheduled();
+    waiting_.fetch_add(1);
+  }
+  for (;;) {
+    serveOne();
     if (waiting_.fetch_add(1) >= limits::kSpareWorkers) {
       waiting_.fetch_sub(1);
       break;
@@ -178,18 +208,37 @@ void Reactor::work() {
   workers_.fetch_sub(1);
 }
 
-bool Reactor::serveOne() {
-  epoll_event event{};
-  const int count = system::systemCalls().epollWait(epoll_.get(), &event, 1);
-  waiting_.fetch_sub(1);
-  if (count < 0) {
-    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "Waiting for events failed: %s", std::strerror(errno));
-    return false;
+int Reactor::waitForEvent(epoll_event& event) {
+  const int count = setUp() ? system::systemCalls().epollWait(epoll_.get(), &event, 1) : -1;
+  if (count >= 0) {
+    complained_.store(false, std::memory_order_relaxed);
+  } else {
+    pauseAfterFailure();
   }
+  return count;
+}
+
+void Reactor::pauseAfterFailure() {
+  const int error = errno;
+  if (!complained_.exchange(true)) {
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "Events cannot be waited for: %s", std::strerror(error));
+  }
+  std::this_thread::sleep_for(kPauseAfterFailure);
+}
+
+void Reactor::serveOne() {
+  epoll_event event{};
+  const int count = waitForEvent(event);
+  waiting_.fetch_sub(1);
   std::vector<std::shared_ptr<SerialQueue>> queues;
   if (count > 0) {
     queuesToDrain = &queues;
-    dispatch(event);
+    try {
+      dispatch(event);
+    } catch (const std::exception& exception) {
+      // Only memory can fail here. What it was needed for is lost, and the process is not.
+      VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "An event could not be dealt with: %s", exception.what());
+    }
     queuesToDrain = nullptr;
   }
   // One queue this thread drains itself; any others must not wait for it.
@@ -199,7 +248,6 @@ bool Reactor::serveOne() {
   }
   if (!queues.empty()) drain(std::move(queues.front()));
   runScheduled();
-  return true;
 }
 
 void Reactor::runScheduled() {
@@ -226,12 +274,17 @@ void Reactor::dispatch(const epoll_event& event) {
 }
 
 std::shared_ptr<SerialQueue> Reactor::takeScheduled() {
-  MutexLock lock(mutex_);
-  if (scheduled_.empty()) return nullptr;
-  auto queue = std::move(scheduled_.front());
-  scheduled_.pop_front();
+  std::shared_ptr<SerialQueue> queue;
+  bool leavesMore = false;
+  {
+    MutexLock lock(mutex_);
+    if (scheduled_.empty()) return nullptr;
+    queue = std::move(scheduled_.front());
+    scheduled_.pop_front();
+    leavesMore = !scheduled_.empty();
+  }
   // Several wake-ups may have reached this thread as one event, and what it has taken may keep it busy for long.
-  if (!scheduled_.empty()) wakeOne();
+  if (leavesMore) wakeOne();
   return queue;
 }
 

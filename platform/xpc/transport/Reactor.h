@@ -40,7 +40,8 @@ class Reactor {
 
   // Watches a descriptor (borrowed until remove()). 0 and errno when the kernel has no room for it.
   Identifier add(int descriptor, std::uint32_t events, std::shared_ptr<EventSource> source);
-  void changeEvents(Identifier identifier, int descriptor, std::uint32_t events);
+  // False, and everything as before, when the kernel refuses.
+  bool changeEvents(Identifier identifier, int descriptor, std::uint32_t events);
   void remove(Identifier identifier, int descriptor);
 
   // A queue whose tasks run on these threads.
@@ -50,11 +51,16 @@ class Reactor {
  private:
   Reactor();
 
+  // Makes what is missing of the kernel's objects. False, and errno, while it cannot be had: then callbacks still run,
+  // nothing can be watched, and the threads try again until it can.
+  bool setUp();
   void schedule(std::shared_ptr<SerialQueue> queue);
   void wakeOne();
   void work();
-  // Waits for one event and deals with it. False when waiting itself has failed.
-  bool serveOne();
+  // Waits for one event and deals with it.
+  void serveOne();
+  int waitForEvent(epoll_event& event);
+  void pauseAfterFailure();
   void runScheduled();
   void dispatch(const epoll_event& event);
   // False when no thread may run callbacks now; the queue is then scheduled again.
@@ -65,9 +71,16 @@ class Reactor {
   bool ensureSpare();
   bool startWorker();
 
-  const system::Descriptor epoll_;
-  const system::Descriptor wakeUp_;
+  Mutex setUpMutex_;
+  std::atomic<bool> isSetUp_{false};
+  // Written with setUpMutex_ held, until it is set up; then read by everybody.
+  system::Descriptor epoll_;
+  system::Descriptor wakeUp_;
+  bool watchesWakeUp_ VELTO_GUARDED_BY(setUpMutex_) = false;
+  bool watchesTimers_ VELTO_GUARDED_BY(setUpMutex_) = false;
   TimerQueue timers_;
+  // The failure that lasts has been logged.
+  std::atomic<bool> complained_{false};
   std::atomic<std::size_t> waiting_{0};
   std::atomic<std::size_t> workers_{0};
 

@@ -17,12 +17,18 @@ namespace velto::transport {
 
 namespace {
 
-// Opens the directory if only this user can put things into it; otherwise says why not.
-system::Descriptor openOwn(const std::string& path, std::string& reason) {
+// What says nothing about the directory, only about this moment.
+bool isPassing(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO;
+}
+
+// Opens the directory if only this user can put things into it; otherwise says why not, and whether that may change.
+system::Descriptor openOwn(const std::string& path, std::string& reason, bool& passing) {
   auto& calls = system::systemCalls();
   system::Descriptor directory(calls.openAt(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
   struct stat status {};
   if (!directory || calls.status(directory.get(), status) != 0) {
+    passing = isPassing(errno);
     reason += path + ": " + std::strerror(errno) + "; ";
     return {};
   }
@@ -42,17 +48,21 @@ system::Descriptor openOwn(const std::string& path, std::string& reason) {
 RuntimeDirectory RuntimeDirectory::open() {
   RuntimeDirectory result;
   const std::string user = std::to_string(::geteuid());
+  // True when the search is over: it is this one, or it may be and cannot be opened just now. In the latter case
+  // another would be a place where nobody looks.
   const auto take = [&result](const std::string& candidate) {
-    result.directory = openOwn(candidate, result.reason);
+    bool passing = false;
+    result.directory = openOwn(candidate, result.reason, passing);
     if (result.directory) result.path = candidate;
-    return static_cast<bool>(result.directory);
+    return result.directory || passing;
   };
   const char* fromEnvironment = ::getenv("XDG_RUNTIME_DIR");
   if (fromEnvironment != nullptr && fromEnvironment[0] == '/' && take(fromEnvironment)) return result;
   if (take("/run/user/" + user)) return result;
   const std::string last = "/tmp/velto-" + user;
   system::systemCalls().makeDirectory(last.c_str(), S_IRWXU);  // it may be there already
-  if (!take(last)) result.reason = "no runtime directory for sockets: " + result.reason;
+  take(last);
+  if (!result.directory) result.reason = "no runtime directory for sockets: " + result.reason;
   return result;
 }
 

@@ -24,7 +24,7 @@ std::string withError(std::string_view what) {
 }
 
 ConnectAttempt failed(std::string reason) {
-  return {{}, false, std::move(reason)};
+  return {{}, false, false, std::move(reason)};
 }
 
 // Opens what is under a name without following links; none unless it is a socket of this user.
@@ -66,13 +66,24 @@ system::Descriptor listenUnderFreshName(const RuntimeDirectory& runtime, std::st
   return {};
 }
 
-// Whether a process lives that listens under the name. One that is only slow counts as alive.
-bool isServed(const RuntimeDirectory& runtime, const std::string& name) {
-  std::string reason;
-  const auto handle = openSocketHandle(runtime, name, reason);
-  if (!handle) return false;
+// Whether the name may be taken: nobody has it, or who had it is dead. One that is only slow counts as alive, and so
+// does one of whom the kernel cannot tell just now; then the reason is set.
+bool isFree(const RuntimeDirectory& runtime, const std::string& name, std::string& reason) {
+  auto& calls = system::systemCalls();
+  const std::string path = runtime.path + "/" + name;
+  const system::Descriptor handle(calls.openAt(runtime.directory.get(), name.c_str(), O_PATH | O_NOFOLLOW));
+  struct stat status {};
+  if (!handle && errno == ENOENT) return true;
+  if (!handle || calls.status(handle.get(), status) != 0) {
+    reason = withError("whether " + path + " is served cannot be told");
+    return false;
+  }
+  if (!S_ISSOCK(status.st_mode) || status.st_uid != ::geteuid()) return true;
   const auto attempt = connectToEndpoint(handle.get());
-  return attempt.socket || attempt.full;
+  if (attempt.refused) return true;
+  reason = attempt.socket || attempt.full ? path + " is served already by another process"
+                                          : "whether " + path + " is served cannot be told: " + attempt.reason;
+  return false;
 }
 
 }  // namespace
@@ -94,12 +105,11 @@ ConnectAttempt connectToEndpoint(int borrowedDescriptor) {
   system::Descriptor socket(calls.socketStream());
   if (!socket) return failed(withError("making a socket failed"));
   if (calls.connect(socket.get(), pathOfDescriptor(borrowedDescriptor).c_str()) != 0) {
-    const bool full = errno == EAGAIN;
-    return {{}, full, withError("nobody can be reached")};
+    return {{}, errno == EAGAIN, errno == ECONNREFUSED, withError("nobody can be reached")};
   }
   std::string reason;
   if (!isOwnUser(socket.get(), reason)) return failed(std::move(reason));
-  return {std::move(socket), false, {}};
+  return {std::move(socket), false, false, {}};
 }
 
 ConnectAttempt connectToService(std::string_view name) {
@@ -127,10 +137,7 @@ NamedSocket serveName(std::string_view name) {
     result.reason = withError(runtime.path + " is locked by a process that starts a service there");
     return result;
   }
-  if (isServed(runtime, result.name)) {
-    result.reason = result.path + " is served already by another process";
-    return result;
-  }
+  if (!isFree(runtime, result.name, result.reason)) return result;
   std::string freshName;
   auto socket = listenUnderFreshName(runtime, freshName, result.reason);
   if (!socket) return result;
@@ -180,7 +187,11 @@ AnonymousSocket makeAnonymousSocket() {
   auto socket = listenUnderFreshName(runtime, name, result.reason);
   if (!socket) return result;
   result.handle = openSocketHandle(runtime, name, result.reason);
-  calls.unlinkAt(runtime.directory.get(), name.c_str());
+  if (calls.unlinkAt(runtime.directory.get(), name.c_str()) != 0) {
+    // Whoever looks into the directory could connect: that is not what was asked for.
+    result.reason = withError("taking a socket's name away in " + runtime.path + " failed");
+    return result;
+  }
   if (result.handle) result.socket = std::move(socket);
   return result;
 }

@@ -13,6 +13,7 @@ namespace velto::transport {
 struct ConnectAttempt {
   system::Descriptor socket;  // none when it failed
   bool full = false;          // nobody has accepted the connections before this one yet: try again later
+  bool refused = false;       // nobody listens there any more
   std::string reason;         // why it failed
 };
 

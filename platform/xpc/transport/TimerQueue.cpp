@@ -4,14 +4,33 @@
 #include "platform/xpc/transport/TimerQueue.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
+#include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/system/SystemCalls.h"
 
 namespace velto::transport {
 
-TimerQueue::TimerQueue() : timer_(system::systemCalls().timer()) {}
+TimerQueue::TimerQueue() {
+  makeTimer();
+}
+
+bool TimerQueue::makeTimer() {
+  MutexLock lock(mutex_);
+  if (timer_) return true;
+  timer_ = system::Descriptor(system::systemCalls().timer());
+  if (timer_ && !actions_.empty()) arm();
+  return static_cast<bool>(timer_);
+}
+
+int TimerQueue::descriptor() {
+  MutexLock lock(mutex_);
+  return timer_.get();
+}
 
 void TimerQueue::arm() {
+  if (!timer_) return;
   std::uint64_t nanoseconds = 0;
   if (!actions_.empty()) {
     const auto delay = actions_.begin()->first.first - Clock::now();
@@ -19,7 +38,10 @@ void TimerQueue::arm() {
     nanoseconds = static_cast<std::uint64_t>(
         std::max<std::int64_t>(1, std::chrono::duration_cast<std::chrono::nanoseconds>(delay).count()));
   }
-  system::systemCalls().setTimer(timer_.get(), nanoseconds);
+  auto& calls = system::systemCalls();
+  // The kernel has no reason to refuse this. If it does so once, what waits for its time must not wait for ever.
+  if (calls.setTimer(timer_.get(), nanoseconds) == 0 || calls.setTimer(timer_.get(), nanoseconds) == 0) return;
+  VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "The timer cannot be set: %s", std::strerror(errno));
 }
 
 TimerQueue::Identifier TimerQueue::add(Clock::duration delay, Action action) {

@@ -21,8 +21,11 @@ class TimerQueue {
 
   TimerQueue();
 
+  // Makes the kernel's timer if that has failed before; until then actions are only kept. False, and errno, when the
+  // kernel has none to give.
+  bool makeTimer();
   // The descriptor becomes readable when something is due; borrowed.
-  int descriptor() const noexcept { return timer_.get(); }
+  int descriptor();
 
   Identifier add(Clock::duration delay, Action action);
   // Forgets an action that has not been taken yet.
@@ -33,8 +36,8 @@ class TimerQueue {
  private:
   void arm() VELTO_REQUIRES(mutex_);
 
-  const system::Descriptor timer_;
   Mutex mutex_;
+  system::Descriptor timer_ VELTO_GUARDED_BY(mutex_);
   std::map<std::pair<Clock::time_point, Identifier>, Action> actions_ VELTO_GUARDED_BY(mutex_);
   std::map<Identifier, Clock::time_point> dueTimes_ VELTO_GUARDED_BY(mutex_);
   Identifier last_ VELTO_GUARDED_BY(mutex_) = 0;

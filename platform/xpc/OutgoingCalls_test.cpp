@@ -1,0 +1,53 @@
+// What waits for credit when the other end states its limits.
+#include "platform/xpc/OutgoingCalls.h"
+
+#include <gtest/gtest.h>
+
+namespace velto::xpc {
+namespace {
+
+const Method kMethod{};
+
+void add(OutgoingCalls& calls, std::uint64_t identifier, std::size_t bytes) {
+  OutgoingCall call;
+  call.identifier = identifier;
+  call.method = &kMethod;
+  call.reply.block = [](const NSObject&) {};
+  wire::Frame frame;
+  frame.type = wire::FrameType::call;
+  frame.body.resize(bytes);
+  calls.add(std::move(call), std::move(frame));
+}
+
+TEST(OutgoingCalls, ThoseToWhichThereIsAnObjectionAreTakenOutInOrderAndTheOthersStay) {
+  OutgoingCalls calls;
+  for (const std::uint64_t identifier : {1U, 2U, 3U, 4U}) add(calls, identifier, 10 * identifier);
+  const auto refused = calls.takeRefused(
+      [](const wire::Frame& frame) { return frame.body.size() % 20 == 0 ? std::string("no") : std::string(); });
+  ASSERT_EQ(refused.size(), 2U);
+  EXPECT_EQ(refused[0].call.identifier, 2U);
+  EXPECT_EQ(refused[1].call.identifier, 4U);
+  EXPECT_EQ(refused[1].objection, "no");
+  EXPECT_EQ(calls.waitingBytes(), 40U);
+  EXPECT_EQ(calls.pendingReplies(), 2U);
+  EXPECT_EQ(calls.takeSendable()->identifier, 1U);
+  EXPECT_EQ(calls.takeSendable()->identifier, 3U);
+  EXPECT_FALSE(calls.takeSendable());
+}
+
+TEST(OutgoingCalls, GoOutUpToTheCreditThatTheOtherEndHasStated) {
+  OutgoingCalls calls;
+  wire::Hello hello = wire::Hello::ours();
+  hello.undeliveredBytes = 30;
+  hello.undeliveredCalls = 2;
+  calls.helloArrived(hello);
+  for (const std::uint64_t identifier : {1U, 2U, 3U}) add(calls, identifier, 10);
+  EXPECT_EQ(calls.takeSendable()->identifier, 1U);
+  EXPECT_EQ(calls.takeSendable()->identifier, 2U);
+  EXPECT_FALSE(calls.takeSendable());
+  EXPECT_TRUE(calls.creditArrived({.bytes = 10, .calls = 1}));
+  EXPECT_EQ(calls.takeSendable()->identifier, 3U);
+}
+
+}  // namespace
+}  // namespace velto::xpc
