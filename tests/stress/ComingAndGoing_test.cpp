@@ -46,8 +46,8 @@ TEST_F(ComingAndGoing, ListenersUnderTheirClients) {
     }
   });
   isOver = true;
-  // The last listener may still wait for a client. (One that is closed serves on for as long as a client is connected to
-  // it, so these must end before anybody waits for its end.)
+  // The last listener may still wait for a client. (One that is closed serves on for as long as a client is connected
+  // to it, so these must end before anybody waits for its end.)
   while (listeners.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
     ClientEnd another(kName);
     another.connection->waitUntilReady(20.0);
