@@ -18,17 +18,6 @@ class ListenerDropping : public ListenerHere {
     NSSynchronized lock(server.listener->connectionConditions());
     server.listener->connectionConditions().setObject(NSMutableArray::arrayWithArray(NSArray(conditions)), id);
   }
-  // The compiler's analysis does not follow locks that are taken in one loop and let go of in another.
-  static void lockAll(const std::vector<NSCondition>& conditions) VELTO_NO_THREAD_SAFETY_ANALYSIS {
-    for (const NSCondition& condition : conditions) condition.lock();
-  }
-  // Each has been signalled while this thread held its lock, which ends a wait that begins only now.
-  static void expectSignals(const std::vector<NSCondition>& conditions) VELTO_NO_THREAD_SAFETY_ANALYSIS {
-    for (const NSCondition& condition : conditions) {
-      EXPECT_TRUE(condition.waitUntilDate(NSDate::dateWithTimeIntervalSinceNow(kLong)));
-      condition.unlock();
-    }
-  }
 };
 INSTANTIATE_TEST_SUITE_P(, ListenerDropping, kArrangementsHere, printArrangement);
 

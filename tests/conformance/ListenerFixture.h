@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/conformance/Locks.h"
 #include "tests/conformance/Statements.h"
 #include "tests/support/Arrangement.h"
 #include "tests/support/BrokerLink.h"
@@ -90,11 +91,5 @@ class Gate {
 std::string labelOf(const std::string& line);
 // An underscore and a universally unique identifier after the connection's.
 bool isLabelOf(const std::string& label, const NSString& connectionID);
-
-// Whether the call is still under way after a while. It cannot fail for a call that waits for us.
-template <class T>
-bool isHeldUp(const std::future<T>& call) {
-  return call.wait_for(std::chrono::milliseconds(30)) == std::future_status::timeout;
-}
 
 }  // namespace velto::testing

@@ -29,7 +29,7 @@ class Credit : public LimitTest {
     EXPECT_TRUE(peer.next(wire::FrameType::reply));
   }
 
-  const Gate gate;
+  const Gate gate{};
   const std::shared_ptr<std::atomic<std::size_t>> delivered = std::make_shared<std::atomic<std::size_t>>(0);
   const std::shared_ptr<Service> service = Service::start();
 };

@@ -3,6 +3,7 @@
 #include <map>
 
 #include "message/PeerProtocol.h"
+#include "tests/conformance/steps/ClientInside.h"
 #include "tests/conformance/steps/ClientSteps.h"
 
 namespace velto::testing {
@@ -102,6 +103,26 @@ TEST_F(ClientEstablishment, ThePendingLookupKeepsTheClientAlive) {
   EXPECT_FALSE(watched.expired());
   link().lastCall(kLookup)->answer(nil);
   EXPECT_TRUE(watched.expired());
+}
+
+TEST_F(ClientEstablishment, AnAnswerMayComeWhileTheLookupIsStillBeingSent) {
+  PROVES(
+      "client.start.8",
+      "the registry of synchronous sends is there before the lookup goes out: an answer at that very moment finds it");
+  bool hadRegistry = false;
+  journal().observe([&](const std::string& line) {
+    if (line != "proxy#1 findListenerEndpointForName:handle:") return;
+    link().lastCall(kLookup)->answer(endpoint);
+    const auto* end = static_cast<const VeltoCommunicationMessageProtocol*>(peer().exportedObject());
+    const auto* early = dynamic_cast<const VeltoConnection*>(end);
+    hadRegistry = early != nullptr && !registryOf(*early).isNil();
+  });
+  client = VeltoConnection::initWithServiceName("service", delegate);
+  journal().observe({});
+  EXPECT_TRUE(hadRegistry);
+  EXPECT_FALSE(peer().isInvalidated()) << "nor is it taken for a closed client";
+  peer().deliver<&VeltoCommunicationMessageProtocol::connectionUUID>("id");
+  EXPECT_TRUE(client->sendMessage(NSDictionary::dictionary()));
 }
 
 TEST_F(ClientEstablishment, NoListenerIsLoggedAndReportedWithoutIdentifier) {

@@ -151,6 +151,20 @@ TEST_F(ClientHandlers, InvalidationHoldsTheClientWhileItRuns) {
                           "connection#1 invalidate", "delegate connectionError id 2 Listener connection invalidated"));
 }
 
+TEST_F(ClientHandlers, InvalidationTellsNobodyWhenItsCloseWasTheEndOfTheClient) {
+  PROVES("client.handlers.12",
+         "an invalidation asks for the client anew after closing it: one that is gone by then is not told of");
+  becomeReady("id");
+  client = nullptr;
+  journal().observe([this](const std::string& line) {
+    if (line == "connection#1 invalidate") peer().letGoOfExportedObject();
+  });
+  peer().playInvalidation();
+  journal().observe({});
+  EXPECT_THAT(journal().take(), ElementsAre("log 2 Listener connection invalided. Shutting down connections",
+                                            "connection#2 invalidate", "connection#1 invalidate"));
+}
+
 TEST_F(ClientHandlers, TellTheDelegateOfThatMoment) {
   PROVES("peer.delegate.3", "the delegate is read afresh at every callback, and none is no obstacle");
   becomeReady("id");

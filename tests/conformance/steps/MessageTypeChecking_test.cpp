@@ -1,5 +1,7 @@
 // Which values pass the type check, in what order they are looked at, and what a failure writes.
 
+#include <functional>
+
 #include "message/TypeChecking.h"
 #include "platform/logging/VeltoLogging.h"
 #include "tests/conformance/Statements.h"
@@ -228,6 +230,26 @@ TEST_F(MessageTypeChecking, AnArrayThatChangesUnderfootRaises) {
   EXPECT_THROW(checkArray(array), NSException);
   EXPECT_THROW(checkDictionary(holding(array)), NSException);
   array.removeAllObjects();
+}
+
+TEST_F(MessageTypeChecking, ADictionaryIsWalkedByTheKeysThatItHadAtFirst) {
+  PROVES(
+      "types.walk.4",
+      "a dictionary is walked by the keys that it had at first: a key that comes meanwhile is not looked at, and one "
+      "that has gone has no value, which fails");
+  NSMutableDictionary message = NSMutableDictionary::dictionary();
+  std::function<void()> change;
+  const Class derived = Class::define("Changing", NSString::classObject());
+  message.setObject(TestObject::ofClass(derived, [&change] { change(); }), "first");
+  message.setObject("text", "second");
+  change = [&message] { message.setObject(NSNull::null(), "third"); };
+  EXPECT_TRUE(checkDictionary(message));
+  EXPECT_EQ(message.count(), 3u);
+  message.removeObjectForKey("third");
+  change = [&message] { message.removeObjectForKey("second"); };
+  EXPECT_FALSE(checkDictionary(message));
+  EXPECT_THAT(journal().take(), ElementsAre(failure("(null)")));
+  change = [] {};
 }
 
 TEST_F(MessageTypeChecking, HoldsNoStateBetweenCallsAndThreads) {
