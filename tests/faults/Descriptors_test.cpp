@@ -10,6 +10,12 @@
 #include "platform/xpc/NSXPCError.h"
 #include "tests/faults/FaultTest.h"
 
+#if defined(__has_feature)
+#if __has_feature(undefined_behavior_sanitizer)
+#define VELTO_NEEDS_DESCRIPTORS_TO_CHECK_TYPES
+#endif
+#endif
+
 namespace velto::testing {
 namespace {
 
@@ -73,6 +79,9 @@ class Descriptors : public FaultTest {
 };
 
 TEST_F(Descriptors, ThatCannotBeMadeAreReportedAndOnesThatComeAreNotLost) {
+#ifdef VELTO_NEEDS_DESCRIPTORS_TO_CHECK_TYPES
+  GTEST_SKIP() << "this sanitizer makes a pipe to look at the type of an object, and reports one when it cannot";
+#endif
   // An exchange has no more than these open at a time.
   constexpr std::size_t kEnough = 40;
   std::size_t whole = 0;
