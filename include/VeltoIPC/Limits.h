@@ -50,6 +50,9 @@ inline constexpr std::size_t kOwedReplies = 65536;
 // nothing holds a descriptor here.
 inline constexpr std::size_t kSilentConnections = 256;
 inline constexpr std::chrono::milliseconds kSilence{10'000};
+// Over that number the oldest is cut off, but not before it has had this long: many honest clients may come at once.
+// Until then no more are accepted, and those that come wait in the kernel.
+inline constexpr std::chrono::milliseconds kShortestSilence{500};
 // Connections waiting in the kernel to be accepted.
 inline constexpr int kBacklog = 4096;
 

@@ -107,11 +107,8 @@ void ListenerCore::eventsArrived(std::uint32_t) {
     while (acceptOne()) {
     }
   } catch (const std::bad_alloc&) {
-    {
-      MutexLock lock(mutex_);
-      accepting_ = false;
-    }
     VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A connection cannot be accepted: there is no memory");
+    MutexLock lock(mutex_);
     acceptLater();
   }
 }
@@ -121,6 +118,10 @@ bool ListenerCore::acceptOne() {
   {
     // Under the lock, so that an event that comes now is either seen by this accept or finds nobody accepting.
     MutexLock lock(mutex_);
+    if (socket_ && isCrowded()) {
+      acceptLater();
+      return false;
+    }
     const int descriptor = socket_ ? system::systemCalls().accept(socket_->get()) : -1;
     const int error = errno;
     if (descriptor < 0) {
@@ -139,9 +140,22 @@ bool ListenerCore::acceptOne() {
   return true;
 }
 
+bool ListenerCore::isCrowded() const {
+  return silent_.size() >= limits::kSilentConnections &&
+         Clock::now() - silent_.begin()->second.since < limits::kShortestSilence;
+}
+
+// Nobody accepts in the meantime, whatever events come.
 void ListenerCore::acceptLater() {
+  accepting_ = true;
   transport::Reactor::shared().timers().add(kAcceptPause, [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->eventsArrived(EPOLLIN);
+    const auto self = weak.lock();
+    if (!self) return;
+    {
+      MutexLock lock(self->mutex_);
+      self->accepting_ = false;
+    }
+    self->eventsArrived(EPOLLIN);
   });
 }
 

@@ -43,7 +43,9 @@ class ListenerCore final : public transport::EventSource, public std::enable_sha
 
   // One connection; false when there is none to accept.
   bool acceptOne();
-  void acceptLater();
+  // Whether so many say nothing that one more must wait until the oldest has had its time.
+  bool isCrowded() const VELTO_REQUIRES(mutex_);
+  void acceptLater() VELTO_REQUIRES(mutex_);
   void admit(system::Descriptor socket);
   void handOver(const std::shared_ptr<ConnectionCore>& connection);
   void forget(std::uint64_t number);

@@ -1,5 +1,6 @@
 // Which values pass the type check, in what order they are looked at, and what a failure writes.
 
+#include <deque>
 #include <functional>
 
 #include "message/TypeChecking.h"
@@ -15,6 +16,12 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+
+// A class is for ever: something must go on naming it.
+const Class& newClass(const char* name, const Class& superclass) {
+  static std::deque<Class>& all = *new std::deque<Class>;
+  return all.emplace_back(Class::define(name, superclass));
+}
 
 using MessageTypeChecking = StepsTest;
 
@@ -83,7 +90,7 @@ TEST_F(MessageTypeChecking, PassesMutableKinds) {
 TEST_F(MessageTypeChecking, PassesSubclassesOfThePlainClasses) {
   PROVES("types.accept.6", "an instance of a subclass of string, number or data passes, whoever made the class");
   for (const Class& plain : {NSString::classObject(), NSNumber::classObject(), NSData::classObject()}) {
-    const Class derived = Class::define("Derived", plain);
+    const Class& derived = newClass("Derived", plain);
     EXPECT_TRUE(checkArray(NSArray{TestObject::ofClass(derived)})) << plain.name().view();
   }
   EXPECT_THAT(journal().take(), IsEmpty());
@@ -224,7 +231,7 @@ TEST_F(MessageTypeChecking, LeavesTheMessageAsItWas) {
 TEST_F(MessageTypeChecking, AnArrayThatChangesUnderfootRaises) {
   PROVES("types.walk.2", "an array that is changed while it is walked raises the platform's exception for that");
   NSMutableArray array = NSMutableArray::array();
-  const Class derived = Class::define("Changing", NSString::classObject());
+  const Class& derived = newClass("Changing", NSString::classObject());
   array.addObject(TestObject::ofClass(derived, [&array] { array.addObject("one more"); }));
   array.addObject("last");
   EXPECT_THROW(checkArray(array), NSException);
@@ -239,7 +246,7 @@ TEST_F(MessageTypeChecking, ADictionaryIsWalkedByTheKeysThatItHadAtFirst) {
       "that has gone has no value, which fails");
   NSMutableDictionary message = NSMutableDictionary::dictionary();
   std::function<void()> change;
-  const Class derived = Class::define("Changing", NSString::classObject());
+  const Class& derived = newClass("Changing", NSString::classObject());
   message.setObject(TestObject::ofClass(derived, [&change] { change(); }), "first");
   message.setObject("text", "second");
   change = [&message] { message.setObject(NSNull::null(), "third"); };
