@@ -114,6 +114,8 @@ TEST_F(Callbacks, NoneRunsOnTheThreadThatCallsIn) {
   atServer->waitForErrors(2);
   ASSERT_TRUE(waitUntilAlone(server));
   ASSERT_TRUE(waitUntilAlone(client));
+  atServer->quiesce();
+  atClient->quiesce();
   EXPECT_EQ(onCaller, 0);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <deque>
 #include <future>
 #include <vector>
 
@@ -30,17 +31,33 @@ inline bool comesToBeHeld(const NSCondition& condition, std::future<void>& passi
   });
 }
 
-// The compiler's analysis does not follow locks that are taken in one loop and let go of in another.
-inline void lockAll(const std::vector<NSCondition>& conditions) VELTO_NO_THREAD_SAFETY_ANALYSIS {
-  for (const NSCondition& condition : conditions) condition.lock();
-}
-
-// Lets go of the locks. Each has been signalled while this thread held it, which ends a wait that begins only now.
-inline void expectSignals(const std::vector<NSCondition>& conditions) VELTO_NO_THREAD_SAFETY_ANALYSIS {
-  for (const NSCondition& condition : conditions) {
-    EXPECT_TRUE(condition.waitUntilDate(NSDate::dateWithTimeIntervalSinceNow(static_cast<double>(kBound.count()))));
-    condition.unlock();
+// The locks of conditions, each held by a thread of its own until expectSignals(), which must be called.
+class HeldConditions {
+ public:
+  explicit HeldConditions(const std::vector<NSCondition>& conditions) {
+    for (const NSCondition& condition : conditions) {
+      std::promise<void>& held = held_.emplace_back();
+      waits_.push_back(inBackground([condition, &held, go = go_] {
+        const ConditionLock lock(condition);
+        held.set_value();
+        go.wait();
+        return condition.waitUntilDate(NSDate::dateWithTimeIntervalSinceNow(static_cast<double>(kBound.count())));
+      }));
+    }
+    for (std::promise<void>& held : held_) held.get_future().wait();
   }
-}
+
+  // Each has been signalled while its lock was held, which ends a wait that begins only now.
+  void expectSignals() {
+    start_.set_value();
+    for (auto& wait : waits_) EXPECT_TRUE(finish(wait));
+  }
+
+ private:
+  std::promise<void> start_;
+  const std::shared_future<void> go_ = start_.get_future().share();
+  std::deque<std::promise<void>> held_;
+  std::vector<std::future<bool>> waits_;
+};
 
 }  // namespace velto::testing

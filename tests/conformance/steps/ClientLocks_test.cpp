@@ -122,10 +122,10 @@ TEST_F(ClientLocks, CloseSignalsWithoutTheConditionsLocks) {
                                             NSCondition::condition()};
   NSMutableDictionary registry = registryOf(*client);
   for (const NSCondition& condition : conditions) registry.setObject(condition, NSUUID::UUID());
-  lockAll(conditions);
+  HeldConditions held(conditions);
   auto closing = inBackground([this] { client->close(); });
   finish(closing);
-  expectSignals(conditions);
+  held.expectSignals();
 }
 
 TEST_F(ClientLocks, CloseGoesThroughTheRegistryWithItsMonitorHeld) {
