@@ -11,17 +11,25 @@
 namespace velto::testing {
 namespace {
 
-// The kernel says that whoever is at the other end of a socket is another user. One at a time.
-class EverybodyIsAnotherUser final : public system::SystemCalls {
- public:
-  EverybodyIsAnotherUser() { system::replaceSystemCalls(this); }
-  ~EverybodyIsAnotherUser() override { system::replaceSystemCalls(nullptr); }
-
+// A kernel that says of whoever is at the other end of a socket that it is another user.
+class StrangeKernel final : public system::SystemCalls {
   int peerUser(int socket, uid_t& user) override {
     const int result = SystemCalls::peerUser(socket, user);
     user = ::geteuid() + 1;
     return result;
   }
+};
+
+// It is in place for as long as this lives; it is never destroyed, because a thread may still be in one of its calls.
+class EverybodyIsAnotherUser {
+ public:
+  EverybodyIsAnotherUser() {
+    static StrangeKernel& kernel = *new StrangeKernel;
+    system::replaceSystemCalls(&kernel);
+  }
+  ~EverybodyIsAnotherUser() { system::replaceSystemCalls(nullptr); }
+  EverybodyIsAnotherUser(const EverybodyIsAnotherUser&) = delete;
+  EverybodyIsAnotherUser& operator=(const EverybodyIsAnotherUser&) = delete;
 };
 
 wire::Frame replyFrame(std::uint64_t identifier) {

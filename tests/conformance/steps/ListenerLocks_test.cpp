@@ -61,7 +61,9 @@ TEST_F(ListenerLocks, AfterAReplyActivityIsAskedForFirst) {
   std::future<void> passing;
   {
     const NSSynchronized monitor(listener->connectionConditions());
-    accepted.connection->lastCall(kMessage)->answer(kHello);
+    // By a thread that has no other lock.
+    auto answered = inBackground([&] { accepted.connection->lastCall(kMessage)->answer(kHello); });
+    finish(answered);
     EXPECT_TRUE(comesToBeHeld(condition, passing)) << "by the send, which asks";
   }
   finish(passing);
@@ -85,7 +87,9 @@ TEST_F(ClientLockOrder, AfterAReplyNothingMoreIsAskedFor) {
   {
     const NSSynchronized monitor(registry);
     const NSCondition condition = registry.allValues()[0].as<NSCondition>();
-    lastMessage()->answer(kHello);
+    // By a thread that has no other lock.
+    auto answered = inBackground([this] { lastMessage()->answer(kHello); });
+    finish(answered);
     EXPECT_TRUE(isHeldUp(send)) << "its entry cannot be taken out";
     for (int time = 0; time < 10; ++time) {
       auto passing = passThrough(condition);
