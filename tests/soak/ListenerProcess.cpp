@@ -221,8 +221,9 @@ class Server {
   bool hasComeToRest() {
     if (slot_.registeredWith != shared_.currentBroker()) return false;
     letGoOfTheOld();
-    return served_.size() == 1 && served_.front().delegate->isIdle() &&
-           served_.front().listener->receivedConnections().count() == 0;
+    if (served_.size() != 1 || !served_.front().delegate->isIdle()) return false;
+    const NSSynchronized monitor(served_.front().listener->connectionConditions());
+    return served_.front().listener->receivedConnections().count() == 0;
   }
 
   // All but the newest, once nobody talks over them any more.
