@@ -145,9 +145,9 @@ bool ListenerCore::isCrowded() const {
          Clock::now() - silent_.begin()->second.since < limits::kShortestSilence;
 }
 
-// Nobody accepts in the meantime, whatever events come.
+// Nobody accepts in the meantime, whatever events come; unless there is no memory to come back with, then they count.
 void ListenerCore::acceptLater() {
-  accepting_ = true;
+  accepting_ = false;
   transport::Reactor::shared().timers().add(kAcceptPause, [weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self) return;
@@ -157,6 +157,7 @@ void ListenerCore::acceptLater() {
     }
     self->eventsArrived(EPOLLIN);
   });
+  accepting_ = true;
 }
 
 void ListenerCore::admit(system::Descriptor socket) {
