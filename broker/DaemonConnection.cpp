@@ -4,6 +4,7 @@
 
 #include <functional>
 
+#include "message/DelegateCalls.h"
 #include "message/Errors.h"
 #include "platform/logging/VeltoLogging.h"
 
@@ -13,7 +14,7 @@ std::function<void()> reportingTo(const std::weak_ptr<VeltoIPCDelegate>& weakDel
   return [weakDelegate, text] {
     VKTLoggingLog(VKTLogGetAnchor(), 0, "%s", text);
     const NSError error = velto::makeError(VeltoIPCConnectionError, text);
-    if (const auto delegate = weakDelegate.lock()) delegate->connectionError(nil, error);
+    velto::tellError(weakDelegate.lock(), nil, error);
   };
 }
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "broker/DaemonConnection.h"
+#include "message/DelegateCalls.h"
 #include "message/Errors.h"
 #include "message/InstanceBody.h"
 #include "message/PeerProtocol.h"
@@ -106,21 +107,23 @@ void VeltoConnection::connectionUUID(NSString connectionID) {
     _connectionSuccess = true;
     _connectionCondition.signal();
   }
-  if (const auto delegate = this->delegate()) delegate->connectionReady(connectionID);
+  velto::tellReady(delegate(), connectionID);
 }
 
 void VeltoConnection::connectionError(NSError error) {
   if (!error) error = velto::makeError(VeltoIPCUnknownError, "Unknown error sent from listener");
   {
+    NSError former = error;
     const velto::ConditionLock lock(_connectionCondition);
-    _connectionError = error;
+    std::swap(_connectionError, former);
     _connectionCondition.signal();
   }
-  if (const auto delegate = this->delegate()) delegate->connectionError(getID(), error);
+  velto::tellError(delegate(), getID(), error);
 }
 
 bool VeltoConnection::waitUntilReady(double timeout, NSError* error) {
   const NSDate deadline = NSDate::dateWithTimeIntervalSinceNow(timeout);
+  const NSError former = velto::heldBy(error);
   const velto::ConditionLock lock(_connectionCondition);
   while (deadline.timeIntervalSinceNow() > 0.0 && !_connectionSuccess && !_connectionError) {
     _connectionCondition.waitUntilDate(deadline);

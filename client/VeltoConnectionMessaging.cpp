@@ -59,6 +59,7 @@ NSDictionary VeltoConnection::sendMessageSync(const NSDictionary& message, doubl
   if (!sendMessage(message, error, velto::replyHandlerFor(shared))) return nil;
   setMessageCondition(shared->condition, key);
   {
+    const NSError former = velto::heldBy(error);
     const velto::ConditionLock lock(shared->condition);
     waitForReply(*shared, timeout, deadline, [&] { return messageValid(key); });
     if (!shared->hasReplied) velto::fail(error, VeltoIPCTimeoutError, "Timed out waiting");

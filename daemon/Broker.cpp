@@ -1,5 +1,6 @@
-// The broker's links. Each link exports an object of its own, because what one client may register is counted per link;
-// and a registration outlives the link that made it, because a listener may close its link and listen on.
+// The broker's links. Each link exports an object of its own, because what one client may register is counted per link,
+// and because a link that is used makes room later than one that is idle. A registration outlives the link that made
+// it, because a listener may close its link and listen on.
 #include "daemon/Broker.h"
 
 #include <utility>
@@ -12,34 +13,43 @@ namespace {
 // What one client calls.
 class Link final : public VeltoIPCDaemonProtocol {
  public:
-  explicit Link(std::shared_ptr<Registry> registry)
-      : registry_(std::move(registry)), registrant_(Registry::makeRegistrant()) {}
+  Link(std::shared_ptr<Registry> registry, std::shared_ptr<Ledger> ledger, const Holder& holder)
+      : registry_(std::move(registry)), ledger_(std::move(ledger)), registrant_(Registry::makeRegistrant(holder)) {}
+
+  // As what it is kept; before the first call.
+  void setItem(Ledger::Item item) { item_ = item; }
+  Ledger::Item item() const { return item_; }
 
   void sendListenerConnection(NSXPCListenerEndpoint endpoint, NSString withName) override {
+    ledger_->use(item_);
     registry_->add(withName, endpoint, registrant_);
     VKTLoggingLog(VKTLogGetAnchor(), 2, "Registered %@", withName);
   }
 
   void findListenerEndpointForName(NSString name, std::function<void(NSXPCListenerEndpoint)> handle) override {
+    ledger_->use(item_);
     const NSXPCListenerEndpoint endpoint = registry_->find(name);
     VKTLoggingLog(VKTLogGetAnchor(), 2, "Looked up %@: %s", name, endpoint ? "found" : "not registered");
     if (handle) handle(endpoint);
   }
 
   void killListenerConnection(NSString name) override {
+    ledger_->use(item_);
     if (registry_->drop(name)) VKTLoggingLog(VKTLogGetAnchor(), 2, "Dropped %@ as asked", name);
   }
 
  private:
   const std::shared_ptr<Registry> registry_;
+  const std::shared_ptr<Ledger> ledger_;
   const std::shared_ptr<Registrant> registrant_;
+  Ledger::Item item_ = 0;
 };
 
 }  // namespace
 
 Broker::Broker(const BrokerLimits& limits)
-    : limits_(limits),
-      registry_(Registry::make(limits)),
+    : ledger_(Ledger::make(limits)),
+      registry_(Registry::make(limits, ledger_)),
       interface_(NSXPCInterface::interfaceWithProtocol<VeltoIPCDaemonProtocol>()) {}
 
 std::shared_ptr<Broker> Broker::make(const BrokerLimits& limits) {
@@ -48,36 +58,57 @@ std::shared_ptr<Broker> Broker::make(const BrokerLimits& limits) {
 
 bool Broker::listener(const std::shared_ptr<NSXPCListener>&,
                       const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) {
-  const std::uint64_t number = keep(shouldAcceptNewConnection);
-  if (number == 0) {
-    VKTLoggingLog(VKTLogGetAnchor(), 0, "A link was refused: links would be %u; the maximum is %u", limits_.links + 1,
-                  limits_.links);
-    return false;
-  }
+  const Holder holder = Holder::of(shouldAcceptNewConnection->peer());
+  const auto link = std::make_shared<Link>(registry_, ledger_, holder);
   shouldAcceptNewConnection->setExportedInterface(interface_);
-  shouldAcceptNewConnection->setExportedObject<VeltoIPCDaemonProtocol>(std::make_shared<Link>(registry_));
-  shouldAcceptNewConnection->setInvalidationHandler([weakSelf = weak_from_this(), number] {
-    if (const auto self = weakSelf.lock()) self->forget(number);
+  shouldAcceptNewConnection->setExportedObject<VeltoIPCDaemonProtocol>(link);
+  shouldAcceptNewConnection->setInvalidationHandler([weakSelf = weak_from_this(), link] {
+    if (const auto self = weakSelf.lock()) self->takeOut(link->item());
   });
+  link->setItem(keep(shouldAcceptNewConnection, holder));
+  if (link->item() == 0) return false;
   shouldAcceptNewConnection->resume();
   return true;
 }
 
-std::uint64_t Broker::keep(const std::shared_ptr<NSXPCConnection>& link) {
-  MutexLock lock(mutex_);
-  if (links_.size() >= limits_.links) return 0;
-  links_.emplace(++lastNumber_, link);
-  return lastNumber_;
+Ledger::Item Broker::keep(const std::shared_ptr<NSXPCConnection>& link, const Holder& holder) {
+  // Made before the lock, so that memory is not wanting once there is room.
+  Links entry;
+  entry.emplace(0, link);
+  Ledger::Admission admission;
+  {
+    MutexLock lock(mutex_);
+    ledger_->enter(admission, Ledger::Kind::link, holder,
+                   [weakSelf = weak_from_this()](Ledger::Item item, const std::string& why) {
+                     if (const auto self = weakSelf.lock()) self->giveWay(item, why);
+                   });
+    if (admission.item != 0) {
+      auto node = entry.extract(entry.begin());
+      node.key() = admission.item;
+      links_.insert(std::move(node));
+    }
+  }
+  if (admission.item == 0) VKTLoggingLog(VKTLogGetAnchor(), 0, "A link was refused: %s", admission.reason);
+  return admission.item;
 }
 
-void Broker::forget(std::uint64_t number) {
-  // Let go of after the lock.
+std::shared_ptr<NSXPCConnection> Broker::takeOut(Ledger::Item item) {
   std::shared_ptr<NSXPCConnection> link;
   MutexLock lock(mutex_);
-  const auto found = links_.find(number);
-  if (found == links_.end()) return;
+  ledger_->leave(item);
+  const auto found = links_.find(item);
+  if (found == links_.end()) return nullptr;
   link = std::move(found->second);
   links_.erase(found);
+  return link;
+}
+
+void Broker::giveWay(Ledger::Item item, const std::string& why) {
+  const auto link = takeOut(item);
+  if (!link) return;
+  // At once: one that does not read would keep its descriptor while it says farewell.
+  link->invalidateAtOnce();
+  VKTLoggingLog(VKTLogGetAnchor(), 0, "A link of process %d makes room: %s", link->peer().processIdentifier(), why);
 }
 
 std::size_t Broker::linkCount() const {

@@ -1,12 +1,13 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <map>
 #include <memory>
+#include <string>
 
 #include "VeltoIPC/NSXPCListenerDelegate.h"
 #include "broker/VeltoIPCDaemonProtocol.h"
+#include "daemon/Ledger.h"
 #include "daemon/Registry.h"
 #include "platform/xpc/NSXPCConnection.h"
 
@@ -15,7 +16,9 @@ namespace velto {
 // The broker: accepts links, and keeps the endpoints that listeners send under the names that clients ask for. Make it
 // the delegate of a listener, named or anonymous, and hold it: listeners hold their delegates weakly.
 //
-// Every link has a queue of its own, so no client waits for another; all they share is the registry's short lock.
+// What a link causes is charged to the process at its other end, so that no process can use up what all of them share.
+//
+// Every link has a queue of its own, so no client waits for another; all they share is short locks.
 // Thread-safe.
 class Broker final : public NSXPCListenerDelegate, public std::enable_shared_from_this<Broker> {
  public:
@@ -28,17 +31,20 @@ class Broker final : public NSXPCListenerDelegate, public std::enable_shared_fro
   std::size_t nameCount() const { return registry_->count(); }
 
  private:
-  explicit Broker(const BrokerLimits& limits);
-  // 0 when there is no room.
-  std::uint64_t keep(const std::shared_ptr<NSXPCConnection>& link);
-  void forget(std::uint64_t number);
+  using Links = std::map<Ledger::Item, std::shared_ptr<NSXPCConnection>>;
 
-  const BrokerLimits limits_;
+  explicit Broker(const BrokerLimits& limits);
+  // 0, and a line in the log, when there is no room.
+  Ledger::Item keep(const std::shared_ptr<NSXPCConnection>& link, const Holder& holder);
+  // Null when it is not kept any more.
+  std::shared_ptr<NSXPCConnection> takeOut(Ledger::Item item);
+  void giveWay(Ledger::Item item, const std::string& why);
+
+  const std::shared_ptr<Ledger> ledger_;
   const std::shared_ptr<Registry> registry_;
   const std::shared_ptr<NSXPCInterface> interface_;
   mutable Mutex mutex_;
-  std::uint64_t lastNumber_ VELTO_GUARDED_BY(mutex_) = 0;
-  std::map<std::uint64_t, std::shared_ptr<NSXPCConnection>> links_ VELTO_GUARDED_BY(mutex_);
+  Links links_ VELTO_GUARDED_BY(mutex_);
 };
 
 }  // namespace velto

@@ -11,6 +11,12 @@ namespace velto {
 
 // Its count is reached through the registry, which holds its lock then.
 class Registrant {
+ public:
+  explicit Registrant(Holder holderOfNames) : holder(std::move(holderOfNames)) {}
+
+  const Holder holder;
+
+ private:
   friend class Registry;
 
   std::size_t names_ = 0;
@@ -50,28 +56,49 @@ void refuseAtLimit(std::size_t value, std::size_t maximum, const char* what) {
 
 }  // namespace
 
-std::shared_ptr<Registry> Registry::make(const BrokerLimits& limits) {
-  return std::shared_ptr<Registry>(new Registry(limits));
+std::shared_ptr<Registry> Registry::make(const BrokerLimits& limits, std::shared_ptr<Ledger> ledger) {
+  return std::shared_ptr<Registry>(new Registry(limits, std::move(ledger)));
 }
 
-std::shared_ptr<Registrant> Registry::makeRegistrant() {
-  return std::make_shared<Registrant>();
+std::shared_ptr<Registrant> Registry::makeRegistrant(const Holder& holder) {
+  return std::make_shared<Registrant>(holder);
 }
 
 void Registry::add(const NSString& name, const NSXPCListenerEndpoint& endpoint,
                    const std::shared_ptr<Registrant>& registrant) {
   refuseUnservable(name);
   if (!endpoint) throw NSXPCRefusal("the endpoint is nil");
-  const auto registration = watched(name.string(), endpoint, registrant);
-  // Let go of after the lock.
+  // Let go of after the lock, as is what it replaces; and made before it, so that memory is not wanting half-way.
+  Names entry;
+  entry.emplace(name.string(), Kept{watched(name.string(), endpoint, registrant), 0});
   std::shared_ptr<Registration> replaced;
-  MutexLock lock(mutex_);
-  if (isGone(*registration)) return;
-  const auto found = registrations_.find(name.view());
-  refuseOverLimit(found != registrations_.end() ? found->second.get() : nullptr, *registrant);
-  if (found != registrations_.end()) replaced = takeOut(found);
-  registrations_.emplace(name.string(), registration);
-  ++namesOf(*registrant);
+  Ledger::Admission admission;
+  {
+    MutexLock lock(mutex_);
+    if (isGone(*entry.begin()->second.registration)) return;
+    const auto found = names_.find(name.view());
+    enter(admission, entry.begin(), found);
+    if (admission.item != 0) {
+      if (found != names_.end()) replaced = takeOut(found);
+      entry.begin()->second.item = admission.item;
+      names_.insert(entry.extract(entry.begin()));
+      ++namesOf(*registrant);
+    }
+  }
+  if (admission.item == 0) throw NSXPCRefusal(admission.reason);
+}
+
+void Registry::enter(Ledger::Admission& admission, Names::const_iterator entry, Names::const_iterator standing) {
+  const auto& registrant = entry->second.registration->registrant;
+  const bool isStanding = standing != names_.end();
+  if (!isStanding || standing->second.registration->registrant != registrant) {
+    refuseAtLimit(namesOf(*registrant), limits_.namesOfOneLink, "names of one link");
+  }
+  auto giveWay = [weakSelf = weak_from_this(), name = entry->first](Ledger::Item item, const std::string& why) {
+    if (const auto self = weakSelf.lock()) self->giveWay(name, item, why);
+  };
+  ledger_->enter(admission, Ledger::Kind::name, registrant->holder, std::move(giveWay),
+                 isStanding ? standing->second.item : 0);
 }
 
 std::shared_ptr<Registry::Registration> Registry::watched(const std::string& name,
@@ -91,38 +118,43 @@ void Registry::listenerIsGone(const std::string& name, const std::shared_ptr<Reg
   {
     MutexLock lock(mutex_);
     isGone(*registration) = true;
-    const auto found = registrations_.find(name);
-    if (found == registrations_.end() || found->second != registration) return;
+    const auto found = names_.find(name);
+    if (found == names_.end() || found->second.registration != registration) return;
     takeOut(found);
   }
   VKTLoggingLog(VKTLogGetAnchor(), 2, "The listener of %@ is gone", NSString(name));
 }
 
-void Registry::refuseOverLimit(const Registration* standing, Registrant& registrant) const {
-  if (standing == nullptr) refuseAtLimit(registrations_.size(), limits_.names, "names");
-  if (standing == nullptr || standing->registrant.get() != &registrant) {
-    refuseAtLimit(namesOf(registrant), limits_.namesOfOneLink, "names of one link");
+void Registry::giveWay(const std::string& name, Ledger::Item item, const std::string& why) {
+  std::shared_ptr<Registration> dropped;
+  {
+    MutexLock lock(mutex_);
+    const auto found = names_.find(name);
+    if (found == names_.end() || found->second.item != item) return;
+    dropped = takeOut(found);
   }
+  VKTLoggingLog(VKTLogGetAnchor(), 0, "The name %@ makes room: %s", NSString(name), why);
 }
 
-std::shared_ptr<Registry::Registration> Registry::takeOut(Registrations::iterator found) {
-  auto taken = std::move(found->second);
-  registrations_.erase(found);
+std::shared_ptr<Registry::Registration> Registry::takeOut(Names::iterator found) {
+  auto taken = std::move(found->second.registration);
+  ledger_->leave(found->second.item);
+  names_.erase(found);
   --namesOf(*taken->registrant);
   return taken;
 }
 
 NSXPCListenerEndpoint Registry::find(const NSString& name) const {
   MutexLock lock(mutex_);
-  const auto found = registrations_.find(name.view());
-  return found != registrations_.end() ? found->second->endpoint : NSXPCListenerEndpoint();
+  const auto found = names_.find(name.view());
+  return found != names_.end() ? found->second.registration->endpoint : NSXPCListenerEndpoint();
 }
 
 bool Registry::drop(const NSString& name) {
   std::shared_ptr<Registration> dropped;
   MutexLock lock(mutex_);
-  const auto found = registrations_.find(name.view());
-  if (found == registrations_.end()) return false;
+  const auto found = names_.find(name.view());
+  if (found == names_.end()) return false;
   dropped = takeOut(found);
   return true;
 }
@@ -137,7 +169,7 @@ std::size_t& Registry::namesOf(Registrant& registrant) const {
 
 std::size_t Registry::count() const {
   MutexLock lock(mutex_);
-  return registrations_.size();
+  return names_.size();
 }
 
 }  // namespace velto

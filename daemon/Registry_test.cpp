@@ -13,8 +13,12 @@ namespace {
 class RegistryTest : public ::testing::Test {
  protected:
   std::string refusalOf(const NSString& name, const NSXPCListenerEndpoint& endpoint) {
+    return refusalOf(name, endpoint, registrant);
+  }
+  std::string refusalOf(const NSString& name, const NSXPCListenerEndpoint& endpoint,
+                        const std::shared_ptr<velto::Registrant>& registering) {
     try {
-      registry->add(name, endpoint, registrant);
+      registry->add(name, endpoint, registering);
     } catch (const NSXPCRefusal& refusal) {
       return refusal.reason();
     }
@@ -22,10 +26,15 @@ class RegistryTest : public ::testing::Test {
   }
 
   velto::CapturedLog log;
-  const std::shared_ptr<velto::Registry> registry =
-      velto::Registry::make({.names = 3, .namesOfOneLink = 2, .links = 1});
-  const std::shared_ptr<velto::Registrant> registrant = velto::Registry::makeRegistrant();
-  const std::shared_ptr<velto::Registrant> another = velto::Registry::makeRegistrant();
+  // Over a link of its own.
+  static std::shared_ptr<velto::Registrant> registrantOf(std::uint64_t process) {
+    return velto::Registry::makeRegistrant({process, nil});
+  }
+
+  static constexpr velto::BrokerLimits kLimits{.names = 3, .namesOfOneProcess = 3, .namesOfOneLink = 2, .links = 1};
+  const std::shared_ptr<velto::Registry> registry = velto::Registry::make(kLimits, velto::Ledger::make(kLimits));
+  const std::shared_ptr<velto::Registrant> registrant = registrantOf(1);
+  const std::shared_ptr<velto::Registrant> another = registrantOf(2);
   std::shared_ptr<NSXPCListener> first = NSXPCListener::anonymousListener();
   std::shared_ptr<NSXPCListener> second = NSXPCListener::anonymousListener();
 };
@@ -132,4 +141,37 @@ TEST_F(RegistryTest, AllTogetherRegisterUpToTheLimitAndRecover) {
   EXPECT_EQ(refusalOf("c", second->endpoint()), "");
   registry->drop("a");
   EXPECT_EQ(refusalOf("d", first->endpoint()), "");
+}
+
+TEST_F(RegistryTest, ANameStaysChargedToItsProcessWhenTheLinkIsGone) {
+  const velto::BrokerLimits limits{.names = 9, .namesOfOneProcess = 3, .namesOfOneLink = 2};
+  const auto counting = velto::Registry::make(limits, velto::Ledger::make(limits));
+  for (const char* name : {"a", "b", "c"}) counting->add(name, first->endpoint(), registrantOf(1));
+  EXPECT_THROW(counting->add("d", first->endpoint(), registrantOf(1)), NSXPCRefusal);
+  counting->add("d", first->endpoint(), registrantOf(2));
+  EXPECT_TRUE(counting->drop("a"));
+  counting->add("e", first->endpoint(), registrantOf(1));
+  first.reset();
+  EXPECT_TRUE(log.waitFor({2, "The listener of e is gone"}));
+  while (counting->count() > 0) std::this_thread::yield();
+  for (const char* name : {"f", "g", "h"}) counting->add(name, second->endpoint(), registrantOf(1));
+  EXPECT_EQ(counting->count(), 3U);
+}
+
+TEST_F(RegistryTest, AtTheLimitTheNewestNameOfWhoHasTheMostMakesRoomForAnother) {
+  registry->add("a", first->endpoint(), registrant);
+  registry->add("b", first->endpoint(), registrant);
+  registry->add("c", first->endpoint(), registrantOf(1));
+  EXPECT_EQ(refusalOf("d", first->endpoint(), registrantOf(1)), "names of one process would be 4; the maximum is 3");
+  EXPECT_EQ(refusalOf("d", second->endpoint(), another), "");
+  EXPECT_TRUE(
+      log.waitFor({0, "The name c makes room: its process holds the most, and names would be 4; the maximum is 3"}));
+  EXPECT_FALSE(registry->find("c"));
+  EXPECT_EQ(registry->find("d"), second->endpoint());
+  EXPECT_EQ(registry->count(), 3U);
+  // Two against one: no more.
+  EXPECT_EQ(refusalOf("e", second->endpoint(), another), "names would be 4; the maximum is 3");
+  // What made room is no longer counted over its link.
+  registry->drop("a");
+  EXPECT_EQ(refusalOf("e", second->endpoint()), "");
 }

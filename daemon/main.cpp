@@ -23,22 +23,25 @@ sigset_t blockTerminationSignals() {
   return signals;
 }
 
-// The usual soft limit of 1024 would be the first limit that clients meet, and the one that says least.
-void raiseDescriptorLimit() {
+// The usual soft limit of 1024 would be the first limit that clients meet, and the one that says least. Returns how
+// many descriptors may be open then.
+std::size_t raiseDescriptorLimit() {
   rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= velto::kNeededDescriptors) return;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return velto::kNeededDescriptors;
+  const rlim_t before = limit.rlim_cur;
+  if (before >= velto::kNeededDescriptors) return velto::kNeededDescriptors;
   limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, velto::kNeededDescriptors);
-  setrlimit(RLIMIT_NOFILE, &limit);
+  return setrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : before;
 }
 
-int serve(const sigset_t& untilSignals) {
+int serve(const sigset_t& untilSignals, const velto::BrokerLimits& limits) {
   NSError error;
   const auto listener = NSXPCListener::listenerWithServiceName(VeltoIPCDaemonServiceName, &error);
   if (!listener) {
     std::fprintf(stderr, "VeltoIPCDaemon: %s\n", error.localizedDescription().string().c_str());
     return 1;
   }
-  const auto broker = velto::Broker::make();
+  const auto broker = velto::Broker::make(limits);
   listener->setDelegate(broker);
   listener->resume();
   std::printf("VeltoIPCDaemon: listening on %s\n", listener->path().string().c_str());
@@ -59,7 +62,10 @@ int main(int argumentCount, char** arguments) {
   CLI11_PARSE(options, argumentCount, arguments);
 
   const sigset_t signals = blockTerminationSignals();
-  raiseDescriptorLimit();
+  const std::size_t descriptors = raiseDescriptorLimit();
+  const velto::BrokerLimits limits = velto::limitsWithin(descriptors);
   if (isVerbose) VKTLogSetLevel(VKTLogLevelProgress);
-  return serve(signals);
+  VKTLoggingLog(VKTLogGetAnchor(), 2, "Descriptors: %u may be open, %u of them for links and names", descriptors,
+                limits.descriptors);
+  return serve(signals, limits);
 }

@@ -1,6 +1,6 @@
-// The broker against a map. Links call it with names and endpoints of all sorts, end, and send what no client sends;
-// listeners end; the kernel runs out of descriptors. Every answer, and the number of names and links after every step,
-// must be what a plain map says.
+// The broker against a map. Links of two processes call it with names and endpoints of all sorts, end, and send what no
+// client sends; listeners end; the kernel runs out of descriptors. Every answer, and the number of names and links
+// after every step, must be what a plain map says; and so must be which link and which name make room for another.
 //
 // The input is a script: steps, each up to the next separator. A byte says what is done, a byte over which of four
 // links, and the rest is the name, or whatever the step needs.
@@ -42,7 +42,8 @@ constexpr Budget kBudget{
 };
 
 // Small, so that they are met.
-constexpr BrokerLimits kLimits{.names = 5, .namesOfOneLink = 3, .links = 3};
+constexpr BrokerLimits kLimits{.names = 5, .namesOfOneProcess = 4, .namesOfOneLink = 3, .links = 3};
+constexpr std::size_t kProcesses = 2;
 constexpr unsigned kMaximumSteps = 16;
 constexpr const char* kRegister = "sendListenerConnection:withName:";
 constexpr const char* kLookUp = "findListenerEndpointForName:handle:";
@@ -83,7 +84,12 @@ struct Endpoint {
 struct Link {
   SharedObject stream;
   std::uint64_t number = 0;
+  std::size_t process = 0;
   std::uint64_t lastCall = 0;
+  // Of all calls of all links, the last one of this.
+  std::uint64_t lastUse = 0;
+  // It has said what the broker may have taken for a call or not.
+  bool isVague = false;
   std::size_t read = 0;
   bool hasCalled = false;
 
@@ -101,6 +107,8 @@ class Play {
   struct Entry {
     std::size_t endpoint;
     std::uint64_t link;
+    std::size_t process;
+    std::uint64_t age;
   };
 
   Link& linkAt(unsigned slot);
@@ -116,13 +124,21 @@ class Play {
   void endListener(std::size_t index);
   // Whether the broker must take it, and why not.
   bool mayRegister(const Link& link, const Name& name) const;
+  std::size_t namesOf(std::size_t process) const;
+  std::size_t linksOf(std::size_t process) const;
+  // What the other process holds more of makes room, when it is clearly more.
+  void makeRoomForName(const Link& link, const Name& name);
+  // The link that has to go; null when there is room, or nobody makes it.
+  Link* linkToGo(std::size_t process);
   void dropGone();
   std::size_t keptLinks() const;
   void compare() const;
 
   std::shared_ptr<Broker> broker_ = Broker::make(kLimits);
   std::array<Link, 4> links_;
+  std::array<SharedObject, kProcesses> processes_{FakeKernel::makeProcess(1), FakeKernel::makeProcess(2)};
   std::uint64_t lastLink_ = 0;
+  std::uint64_t lastUse_ = 0;
   std::array<Endpoint, 4> endpoints_;
   std::map<std::string, Entry> names_;
 };
@@ -144,7 +160,9 @@ Link& Play::linkAt(unsigned slot) {
   if (link.isAlive()) return link;
   link = {};
   link.number = ++lastLink_;
-  link.stream = kernel().connects();
+  // Three links of the one, one of the other: so the first can hold clearly more.
+  link.process = slot % links_.size() == 3 ? 1 : 0;
+  link.stream = kernel().connects(processes_[link.process]);
   const auto hello = frameBytes(wire::Hello::ours().encode());
   kernel().arrives(link.stream, {hello, {}, false});
   ReactorDriver::runUntilIdle();
@@ -171,7 +189,8 @@ std::vector<wire::Frame> Play::answersOf(Link& link) {
 
 bool Play::call(Link& link, const char* selector, bool wantsReply, Bytes arguments, std::vector<SharedObject> objects,
                 std::vector<wire::Frame>& answers) {
-  const bool hasRoom = link.hasCalled || keptLinks() < kLimits.links;
+  Link* const leaving = link.hasCalled ? nullptr : linkToGo(link.process);
+  const bool hasRoom = link.hasCalled || leaving != nullptr || keptLinks() < kLimits.links;
   auto body = written([&](wire::ItemWriter& writer) {
     writer.addUnsigned(++link.lastCall);
     writer.addText(selector);
@@ -182,18 +201,55 @@ bool Play::call(Link& link, const char* selector, bool wantsReply, Bytes argumen
   kernel().arrives(link.stream, {frameBytes(2, body.size(), count, body), std::move(objects), false});
   ReactorDriver::runUntilIdle();
   link.hasCalled = true;
+  link.lastUse = ++lastUse_;
   answers = answersOf(link);
+  const bool isVague = std::ranges::any_of(links_, [](const Link& each) { return each.isVague; });
+  require(leaving == nullptr || isVague || !leaving->isAlive(), "the link that is idle for longest makes room");
   require(hasRoom || !link.isAlive(), "a link over the limit is turned away");
   return hasRoom && link.isAlive();
+}
+
+std::size_t Play::namesOf(std::size_t process) const {
+  return static_cast<std::size_t>(
+      std::ranges::count_if(names_, [&](const auto& each) { return each.second.process == process; }));
+}
+
+std::size_t Play::linksOf(std::size_t process) const {
+  return static_cast<std::size_t>(std::ranges::count_if(
+      links_, [&](const Link& link) { return link.isAlive() && link.hasCalled && link.process == process; }));
+}
+
+Link* Play::linkToGo(std::size_t process) {
+  const std::size_t other = 1 - process;
+  if (keptLinks() < kLimits.links || linksOf(other) <= linksOf(process) + 1) return nullptr;
+  Link* idle = nullptr;
+  for (Link& link : links_) {
+    if (!link.isAlive() || !link.hasCalled || link.process != other) continue;
+    if (idle == nullptr || link.lastUse < idle->lastUse) idle = &link;
+  }
+  return idle;
 }
 
 bool Play::mayRegister(const Link& link, const Name& name) const {
   if (name.isNil || name.text.empty() || name.text.size() > limits::kMaximumNameBytes) return false;
   const auto standing = names_.find(name.text);
-  if (standing == names_.end() && names_.size() >= kLimits.names) return false;
-  if (standing != names_.end() && standing->second.link == link.number) return true;
+  const bool isNew = standing == names_.end();
+  if (!isNew && standing->second.link == link.number) return true;
   const auto own = std::ranges::count_if(names_, [&](const auto& each) { return each.second.link == link.number; });
-  return static_cast<std::size_t>(own) < kLimits.namesOfOneLink;
+  if (static_cast<std::size_t>(own) >= kLimits.namesOfOneLink) return false;
+  const bool isOwn = !isNew && standing->second.process == link.process;
+  if (!isOwn && namesOf(link.process) >= kLimits.namesOfOneProcess) return false;
+  return !isNew || names_.size() < kLimits.names || namesOf(1 - link.process) > namesOf(link.process) + 1;
+}
+
+void Play::makeRoomForName(const Link& link, const Name& name) {
+  if (names_.contains(name.text) || names_.size() < kLimits.names) return;
+  auto newest = names_.end();
+  for (auto each = names_.begin(); each != names_.end(); ++each) {
+    if (each->second.process == link.process) continue;
+    if (newest == names_.end() || each->second.age > newest->second.age) newest = each;
+  }
+  names_.erase(newest);
 }
 
 void Play::registerName(Link& link, Input& input) {
@@ -218,6 +274,8 @@ void Play::registerName(Link& link, Input& input) {
     }
     addName(writer, name);
   });
+  // Refused before it is a call.
+  link.isVague = link.isVague || isWrong;
   if (kind == 3) kernel().duplicateError = EMFILE;
   if (kind == 4) kernel().watchError = ENOSPC;
   std::vector<wire::Frame> answers;
@@ -230,7 +288,8 @@ void Play::registerName(Link& link, Input& input) {
   const bool mayBe = kind == 0 || kind > 4;
   if (mayBe && mayRegister(link, name)) {
     require(answers.empty(), "a registration is taken without a word");
-    names_[name.text] = {index, link.number};
+    makeRoomForName(link, name);
+    names_[name.text] = {index, link.number, link.process, ++lastUse_};
     dropGone();
     return;
   }
@@ -272,6 +331,7 @@ void Play::kill(Link& link, const Name& name) {
 void Play::callWithAnything(Link& link, const char* selector, Bytes arguments) {
   std::vector<wire::Frame> answers;
   const bool isTaken = call(link, selector, false, arguments, {}, answers);
+  link.isVague = true;
   if (!isTaken || selector != kKill) return;
   // It may have been a name after all.
   static const wire::ClassSet& strings = *new wire::ClassSet(NSSet{NSString::classObject()});

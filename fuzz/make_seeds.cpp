@@ -216,6 +216,13 @@ void makeBrokerSeeds(Folder folder) {
     many = many + step(0, count, Seed{static_cast<std::uint8_t>(count), static_cast<std::uint8_t>(count)});
   }
   folder.add(many + step(3, 0, a) + step(10, 0, {}));
+  // One process holds more than the other, which wants what there is no more of.
+  const auto enter = [&](unsigned link, std::uint8_t name) { return step(0, link, Seed{0, name}); };
+  folder.add(enter(0, 0) + enter(0, 1) + enter(1, 2) + enter(1, 3) + enter(3, 4) + enter(3, 5) + step(3, 3, {3}) +
+             step(3, 3, {0}));
+  folder.add(step(3, 0, a) + step(3, 1, a) + step(3, 2, a) + step(3, 0, a) + step(3, 3, a) + step(3, 0, b));
+  folder.add(enter(0, 0) + enter(0, 1) + enter(0, 2) + step(6, 0, {}) + enter(0, 3) + enter(0, 4) + enter(1, 5) +
+             step(5, 1, {0}) + enter(1, 5));
   for (const Frame& each : messages()) {
     folder.add(step(0, 0, Seed{0} + a) + step(9, 0, Seed{static_cast<std::uint8_t>(each.type)} + each.body) +
                step(3, 0, a));

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "broker/DaemonConnection.h"
+#include "message/DelegateCalls.h"
 #include "message/Errors.h"
 #include "message/InstanceBody.h"
 #include "message/PeerProtocol.h"
@@ -70,18 +71,17 @@ bool VeltoListener::listener(const std::shared_ptr<NSXPCListener>&,
   connection.resume();
   record(shouldAcceptNewConnection, identifier);
   VKTLoggingLog(VKTLogGetAnchor(), 2, "Sending ConnectionUUID %@", identifier);
-  if (const auto delegate = this->delegate()) delegate->connectionReady(identifier);
+  velto::tellReady(delegate(), identifier);
   introduce(connection, identifier);
   return true;
 }
 
 void VeltoListener::record(const std::shared_ptr<NSXPCConnection>& connection, const NSString& identifier) {
-  {
-    const NSSynchronized monitor(connectionConditions());
-    connectionConditions().setObject(NSMutableArray::array(), identifier);
-  }
+  const NSMutableArray waiters = NSMutableArray::array();
+  const NSObject boxed = velto::box(connection);
   const NSSynchronized monitor(connectionConditions());
-  receivedConnections().setObject(velto::box(connection), identifier);
+  connectionConditions().setObject(waiters, identifier);
+  receivedConnections().setObject(boxed, identifier);
 }
 
 // Tells the client how it stands: its strictness first, so that it is in place when the identifier makes it ready. From
@@ -89,13 +89,13 @@ void VeltoListener::record(const std::shared_ptr<NSXPCConnection>& connection, c
 // overtaking its identifier. Calls on a proxy never wait for anyone and call nobody back.
 void VeltoListener::introduce(NSXPCConnection& connection, const NSString& identifier) {
   const auto proxy = makeClientProxy(connection, identifier);
+  const NSObject boxed = velto::box(proxy);
   const NSSynchronized monitor(connectionConditions());
-  receivedProxyObjects().setObject(velto::box(proxy), identifier);
-  proxy->call<&VeltoCommunicationMessageProtocol::setStrictMessageTypesRemote>(strictMessageTypeSet.load());
-  proxy->call<&VeltoCommunicationMessageProtocol::connectionUUID>(identifier);
   // While the delegate's connectionReady() slept, the connection may have ended and been closed: nobody would ever take
   // this proxy out again.
-  if (!isConnectionActive_internal(identifier)) receivedProxyObjects().removeObjectForKey(identifier);
+  if (isConnectionActive_internal(identifier)) receivedProxyObjects().setObject(boxed, identifier);
+  proxy->call<&VeltoCommunicationMessageProtocol::setStrictMessageTypesRemote>(strictMessageTypeSet.load());
+  proxy->call<&VeltoCommunicationMessageProtocol::connectionUUID>(identifier);
 }
 
 void VeltoListener::installHandlers(NSXPCConnection& connection, const NSString& identifier) {
@@ -124,7 +124,7 @@ std::shared_ptr<velto::PeerProxy> VeltoListener::makeClientProxy(NSXPCConnection
 }
 
 void VeltoListener::report(const NSString& identifier, const NSError& error) const {
-  if (const auto delegate = this->delegate()) delegate->connectionError(identifier, error);
+  velto::tellError(delegate(), identifier, error);
 }
 
 void VeltoListener::ping() {

@@ -72,6 +72,7 @@ NSDictionary VeltoListener::sendMessageSync(const NSDictionary& message, const N
   }
   if (!sendMessage(message, toConnection, error, velto::replyHandlerFor(shared))) return nil;
   {
+    const NSError former = velto::heldBy(error);
     const velto::ConditionLock lock(shared->condition);
     waitForReply(*shared, timeout, deadline, [&] { return isConnectionActive_internal(toConnection); });
     if (!shared->hasReplied) velto::fail(error, VeltoIPCTimeoutError, "Timed out waiting");

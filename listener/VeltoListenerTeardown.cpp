@@ -5,30 +5,36 @@
 #include "platform/foundation/Box.h"
 #include "platform/logging/VeltoLogging.h"
 
+namespace {
+
+NSObject takeFrom(NSMutableDictionary table, const NSString& connectionID) {
+  NSObject taken = table.objectForKey(connectionID);
+  table.removeObjectForKey(connectionID);
+  return taken;
+}
+
+}  // namespace
+
 void VeltoListener::close(const NSString& connectionID) {
-  NSObject connection;
-  {
-    const NSSynchronized monitor(connectionConditions());
-    connection = receivedConnections().objectForKey(connectionID);
-  }
-  if (const auto found = velto::unbox<NSXPCConnection>(connection)) found->invalidate();
-  // What is taken out is let go of after the monitor.
-  NSObject proxy;
-  {
-    const NSSynchronized monitor(connectionConditions());
-    receivedConnections().removeObjectForKey(connectionID);
-    proxy = receivedProxyObjects().objectForKey(connectionID);
-    receivedProxyObjects().removeObjectForKey(connectionID);
-  }
-  wakeWaitersOf(connectionID);
+  if (const auto connection = connectionOf(connectionID)) connection->invalidate();
+  takeOut(connectionID);
   VKTLoggingLog(VKTLogGetAnchor(), 2, "Cleared out connections and objects for %@", connectionID);
 }
 
-void VeltoListener::wakeWaitersOf(const NSString& connectionID) {
+std::shared_ptr<NSXPCConnection> VeltoListener::connectionOf(const NSString& connectionID) const {
   const NSSynchronized monitor(connectionConditions());
-  const NSMutableArray waiters = waitersOf(connectionID);
-  connectionConditions().setObjectForKeyedSubscript(nil, connectionID);
-  for (const NSObject& waiter : waiters) waiter.as<NSCondition>().signal();
+  return velto::unbox<NSXPCConnection>(receivedConnections().objectForKey(connectionID));
+}
+
+// The three tables change together: nobody sees a connection that is half gone, nor puts a proxy into the gap. What is
+// taken out is let go of after the monitor.
+void VeltoListener::takeOut(const NSString& connectionID) {
+  NSObject connection, proxy, waiters;
+  const NSSynchronized monitor(connectionConditions());
+  connection = takeFrom(receivedConnections(), connectionID);
+  proxy = takeFrom(receivedProxyObjects(), connectionID);
+  waiters = takeFrom(connectionConditions(), connectionID);
+  for (const NSObject& waiter : waiters.as<NSMutableArray>()) waiter.as<NSCondition>().signal();
 }
 
 void VeltoListener::close() {

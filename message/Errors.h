@@ -28,4 +28,10 @@ NSError makeError(VeltoIPCErrorCode code, const char* description);
 // Stores makeError() in `*error`, if that is given, and returns false: for `return fail(…)`.
 bool fail(NSError* error, VeltoIPCErrorCode code, const char* description);
 
+// What `*error`, if that is given, holds so far. Kept beyond a lock, whoever writes to `*error` with the lock held
+// destroys nothing there: an error's user info can hold objects of users' classes.
+inline NSError heldBy(const NSError* error) {
+  return error != nullptr ? *error : NSError();
+}
+
 }  // namespace velto

@@ -12,7 +12,8 @@ VeltoReplyHandler replyHandlerFor(std::shared_ptr<SynchronousReply> reply) {
   return NonBlockingReply<NSDictionary>{[shared = std::move(reply)](NSDictionary value) {
     const ConditionLock lock(shared->condition);
     shared->hasReplied = true;
-    shared->reply.set(std::move(value));
+    // An earlier reply is let go of after the lock.
+    value = shared->reply.exchange(std::move(value));
     shared->condition.signal();
   }};
 }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "VeltoIPC/VeltoConstants.h"
+#include "platform/foundation/NSData.h"
 #include "platform/xpc/Protocol.h"
 
 TEST(SynchronousReply, ZeroPositiveAndForeverAreValidTimeouts) {
@@ -52,6 +53,19 @@ TEST(SynchronousReply, ANilReplyCountsAndALaterOneReplacesIt) {
   EXPECT_FALSE(shared->reply.get());
   handler({{"answer", 1}});
   EXPECT_EQ(shared->reply.get(), (NSDictionary{{"answer", 1}}));
+}
+
+TEST(SynchronousReply, AReplyThatIsReplacedMayUseTheConditionAsItGoes) {
+  const auto shared = std::make_shared<velto::SynchronousReply>();
+  const auto handler = velto::replyHandlerFor(shared);
+  bool ended = false;
+  handler({{"data", NSData::dataWithBytesNoCopy("", 0, [&] {
+              const velto::ConditionLock lock(shared->condition);  // blocks for ever if it is still held
+              ended = true;
+            })}});
+  EXPECT_FALSE(ended);
+  handler(nil);
+  EXPECT_TRUE(ended);
 }
 
 TEST(SynchronousReply, TheHandlerOutlivesTheSenderAndNeverBlocks) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "message/CapturedLog.h"
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/foundation/WalkBound.h"
 
@@ -23,7 +24,7 @@ class TypeChecking : public ::testing::Test {
   velto::CapturedLog log;
 };
 
-// A subclass of a plain class, as a user may define one.
+// An object of any class.
 class CheckedBody final : public velto::ObjectBody {
  public:
   explicit CheckedBody(Class aClass) : class_(aClass) {}
@@ -75,7 +76,7 @@ TEST_F(TypeChecking, MutableSubclassesPass) {
 }
 
 TEST_F(TypeChecking, ASubclassOfAPlainClassPasses) {
-  static const Class& special = *new Class(Class::define("SpecialString", NSString::classObject()));
+  static const Class& special = *new Class(velto::defineBuiltIn("SpecialString", NSString::classObject()));
   EXPECT_TRUE(checkDictionary({{"key", CheckedObject(special)}}));
 }
 

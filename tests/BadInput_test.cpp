@@ -234,5 +234,9 @@ TEST_F(BadInput, CallsThatTheListenerDoesNotHaveAreRefusedAndTheConnectionGoesOn
   connection->invalidate();
 }
 
+TEST(BadClasses, NoneOfAUsersOwnCanBeBelowAnEndpoint) {
+  EXPECT_THROW(Class::define("Mine", NSXPCListenerEndpoint::classObject()), NSException);
+}
+
 }  // namespace
 }  // namespace velto::testing

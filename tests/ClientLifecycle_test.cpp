@@ -2,6 +2,7 @@
 
 #include <future>
 
+#include "platform/xpc/NSXPCError.h"
 #include "tests/support/BrokerLink.h"
 #include "tests/support/LibraryTest.h"
 #include "tests/support/RawPeer.h"
@@ -269,6 +270,49 @@ TEST_F(ClientLifecycle, AnEstablishedConnectionKeepsItselfAliveUntilItIsClosed) 
   server.listener->close(id);
   EXPECT_TRUE(eventually([&] { return alive.expired(); }));
   EXPECT_EQ(delegate->errorCount("Listener connection invalidated"), 1u);
+}
+
+TEST_F(ClientLifecycle, OneThatIsNotEstablishedEndsWhenItIsLetGoOfAndItsLinkIsTold) {
+  const auto delegate = std::make_shared<RecordingDelegate>();
+  auto connection = VeltoConnection::initWithServiceName(kName, delegate);
+  delegate->waitForError("Listener not available");
+  const std::weak_ptr<VeltoConnection> alive = connection;
+  connection.reset();
+  const Event event = delegate->waitForError("Daemon connection invalidated");
+  EXPECT_TRUE(event.connectionID.isNil());
+  expectError(event.error, 2, "Daemon connection invalidated");
+  EXPECT_TRUE(eventually([&] { return alive.expired(); }));
+  EXPECT_EQ(delegate->errors().size(), 2u);
+}
+
+// What a delegate heard of one connection: that so many calls were not answered, then its end.
+void expectUnanswered(const RecordingDelegate& delegate, const NSString& id, std::size_t calls, const char* end) {
+  delegate.waitForError(end);
+  RecordingDelegate::Events heard = delegate.errors();
+  std::erase_if(heard, [&](const Event& event) { return event.connectionID != id; });
+  ASSERT_EQ(heard.size(), calls + 1);
+  for (std::size_t call = 0; call < calls; ++call) expectPlatformError(heard[call].error, NSXPCConnectionInvalid);
+  expectError(heard[calls].error, 2, end);
+}
+
+TEST_F(ClientLifecycle, CallsThatAreNotAnsweredAreToldBeforeTheEndWhoeverCloses) {
+  for (const bool atClient : {true, false}) {
+    Pair pair;
+    // With a handler and without; the other end's delegate keeps what it could answer with.
+    ASSERT_TRUE(pair.client.connection->sendMessage({{"first", true}}, nullptr, [](const NSDictionary&) {}));
+    ASSERT_TRUE(pair.client.connection->sendMessage({{"first", false}}));
+    ASSERT_TRUE(pair.server.listener->sendMessage({{"only", true}}, pair.id));
+    pair.server.delegate->waitForMessages(2);
+    pair.client.delegate->waitForMessages(1);
+    if (atClient) {
+      pair.client.connection->close();
+    } else {
+      pair.server.listener->close(pair.id);
+    }
+    expectUnanswered(*pair.client.delegate, pair.id, 2, "Listener connection invalidated");
+    expectUnanswered(*pair.server.delegate, pair.id, 1, "Connection invalidated");
+    pair.client.delegate->waitForError("Daemon connection invalidated");
+  }
 }
 
 }  // namespace

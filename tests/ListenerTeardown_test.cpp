@@ -205,5 +205,38 @@ TEST_F(ListenerTeardown, AConnectionMayBeClosedInsideItsOwnCallbacks) {
   server.delegate->waitForError("Connection invalidated", 2);
 }
 
+TEST_F(ListenerTeardown, OneThatIsLetGoOfWithoutCloseEndsAndItsLinkIsTold) {
+  const auto delegate = std::make_shared<RecordingDelegate>();
+  auto listener = VeltoListener::initWithServiceName(kName, delegate);
+  settle(listener->daemonConnection());
+  const std::weak_ptr<VeltoListener> alive = listener;
+  listener.reset();
+  EXPECT_TRUE(eventually([&] { return alive.expired(); }));
+  const Event event = delegate->waitForError("Daemon connection invalidated");
+  EXPECT_TRUE(event.connectionID.isNil());
+  expectError(event.error, 2, "Daemon connection invalidated");
+  EXPECT_EQ(delegate->errors().size(), 1u);
+  EXPECT_TRUE(eventually([] { return TestLink().find(kName).isNil(); })) << "its name is gone with it";
+}
+
+TEST_F(ListenerTeardown, OneWithConnectionsLivesUntilTheLastOfThemEnds) {
+  const auto delegate = std::make_shared<RecordingDelegate>();
+  delegate->echo();
+  auto listener = VeltoListener::initWithServiceName(kName, delegate);
+  settle(listener->daemonConnection());
+  ClientEnd client(kName);
+  const NSString id = client.ready();
+  const std::weak_ptr<VeltoListener> alive = listener;
+  listener.reset();
+  EXPECT_EQ(client.connection->sendMessageSync({{"still", "there"}}, 20.0), NSDictionary({{"still", "there"}}));
+  EXPECT_TRUE(delegate->errors().empty());
+  client.connection->close();
+  delegate->waitForError("Daemon connection invalidated");
+  EXPECT_TRUE(eventually([&] { return alive.expired(); }));
+  ASSERT_EQ(delegate->errors().size(), 2u);
+  EXPECT_EQ(delegate->errors()[0].connectionID, id);
+  expectError(delegate->errors()[0].error, 2, "Connection invalidated");
+}
+
 }  // namespace
 }  // namespace velto::testing

@@ -20,6 +20,9 @@ namespace {
 // Far from every real descriptor, which a call that went past this kernel would hit.
 constexpr int kFirstDescriptor = 1'000'000;
 
+// More than the kernel ever gives out.
+constexpr pid_t kFirstProcess = 1 << 22;
+
 std::uint64_t nextNumber() {
   static std::uint64_t last = 0;
   return ++last;
@@ -134,8 +137,20 @@ void FakeKernel::hangsUp(const SharedObject& pipe) {
   tell(pipe, EPOLLHUP);
 }
 
-SharedObject FakeKernel::connects() {
+SharedObject FakeKernel::makeProcess(pid_t number) {
+  auto process = std::make_shared<KernelObject>(ObjectKind::process);
+  process->processNumber = kFirstProcess + number;
+  return process;
+}
+
+void FakeKernel::dies(const SharedObject& process) {
+  process->hasEnded = true;
+  tell(process, EPOLLIN);
+}
+
+SharedObject FakeKernel::connects(const SharedObject& process) {
   auto stream = std::make_shared<KernelObject>(ObjectKind::stream);
+  stream->process = process;
   backlog_.push_back(stream);
   tell(listening_, EPOLLIN);
   return stream;
@@ -259,6 +274,7 @@ int FakeKernel::status(int descriptor, struct stat& result) {
       result.st_mode = S_IFIFO | S_IRWXU;
       break;
     case ObjectKind::file:
+    case ObjectKind::process:
       result.st_mode = S_IFREG | S_IRWXU;
       break;
   }
@@ -297,6 +313,31 @@ int FakeKernel::openAt(int, const char*, int flags) {
 int FakeKernel::peerUser(int, uid_t& user) {
   user = ::geteuid();
   return 0;
+}
+
+const SharedObject& FakeKernel::processOf(int socket) {
+  static const SharedObject& anybody = *new SharedObject(makeProcess(0));
+  const SharedObject& process = slotOf(socket).object->process;
+  return process ? process : anybody;
+}
+
+int FakeKernel::peerProcess(int socket, pid_t& process) {
+  process = processOf(socket)->processNumber;
+  return 0;
+}
+
+int FakeKernel::openPeerProcess(int socket) {
+  return fails(openProcessError) ? -1 : open(processOf(socket));
+}
+
+// Never asked: the other end's can always be had, or nothing can.
+int FakeKernel::openProcess(pid_t) {
+  return failWith(ESRCH);
+}
+
+int FakeKernel::isReadable(int descriptor) {
+  const KernelObject& object = *slotOf(descriptor).object;
+  return object.hasEnded || !object.incoming.empty() ? 1 : 0;
 }
 
 int FakeKernel::socketStream() {

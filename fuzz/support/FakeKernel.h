@@ -11,7 +11,7 @@
 namespace velto::fuzzing {
 
 // What a descriptor stands for.
-enum class ObjectKind : std::uint8_t { stream, listening, handle, readEnd, writeEnd, file };
+enum class ObjectKind : std::uint8_t { stream, listening, handle, readEnd, writeEnd, file, process };
 
 struct KernelObject;
 using SharedObject = std::shared_ptr<KernelObject>;
@@ -42,6 +42,9 @@ struct KernelObject {
   int sendError = 0;
   // The library has closed its end.
   bool isClosed = false;
+  // The process at its other end, and the number that this one has.
+  SharedObject process;
+  pid_t processNumber = 0;
 };
 
 // Stands in the kernel's place: sockets, pipes and epoll that exist only here. Deterministic, makes no system call, and
@@ -63,8 +66,12 @@ class FakeKernel final : public system::SystemCalls {
   void ends(const SharedObject& stream, int error = 0);
   void roomArrives(const SharedObject& stream, std::size_t room);
   void hangsUp(const SharedObject& pipe);
-  // Somebody connects to the listener behind a handle; the stream that it gets.
-  SharedObject connects();
+  // Somebody connects to the listener behind a handle; the stream that it gets. Nobody in particular is one process
+  // that never dies.
+  SharedObject connects(const SharedObject& process = nullptr);
+  // A process with a number that no real one can have.
+  static SharedObject makeProcess(pid_t number);
+  void dies(const SharedObject& process);
 
   // Events that wait to be told.
   bool hasEvents() const noexcept { return !events_.empty(); }
@@ -72,6 +79,7 @@ class FakeKernel final : public system::SystemCalls {
   int duplicateError = 0;
   int watchError = 0;
   int connectError = 0;
+  int openProcessError = 0;
   // The stream of the last connect().
   SharedObject connected;
 
@@ -82,6 +90,10 @@ class FakeKernel final : public system::SystemCalls {
   int accept(int socket) override;
   int shutdown(int socket) override;
   int peerUser(int socket, uid_t& user) override;
+  int peerProcess(int socket, pid_t& process) override;
+  int openPeerProcess(int socket) override;
+  int openProcess(pid_t process) override;
+  int isReadable(int descriptor) override;
   ssize_t sendMessage(int socket, const msghdr& message) override;
   ssize_t receiveMessage(int socket, msghdr& message) override;
   int openAt(int directory, const char* name, int flags) override;
@@ -113,6 +125,7 @@ class FakeKernel final : public system::SystemCalls {
 
   FakeKernel() = default;
   Slot& slotOf(int descriptor);
+  const SharedObject& processOf(int socket);
   int openFile() { return open(std::make_shared<KernelObject>(ObjectKind::file)); }
   void tell(const SharedObject& object, std::uint32_t events);
   void tellState(const Slot& slot);

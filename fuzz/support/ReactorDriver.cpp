@@ -1,9 +1,11 @@
 // The reactor's threads are counted, and one is started whenever none stands ready to read. The fuzzer's thread enters
-// itself in that count as the one that always does, and then does what a thread of the reactor does between two waits.
-// Nothing public offers that, rightly; so this file alone is compiled without access control.
+// itself in that count as the one that always does, and as those that stand by for what is urgent, and then does what a
+// thread of the reactor does between two waits. Nothing public offers that, rightly; so this file alone is compiled
+// without access control.
 
 #include "fuzz/support/ReactorDriver.h"
 
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -16,9 +18,21 @@ namespace velto::fuzzing {
 using transport::Reactor;
 using transport::TimerQueue;
 
+namespace {
+
+// A callback of a fuzzer may deal with events itself.
+constexpr std::size_t kThreads = 64;
+
+}  // namespace
+
 void ReactorDriver::takeOver() {
   FakeKernel::shared();
-  Reactor::shared().waiting_.fetch_add(1);
+  Reactor& reactor = Reactor::shared();
+  reactor.waiting_.fetch_add(kThreads - 1);
+  MutexLock lock(reactor.mutex_);
+  reactor.threads_ = kThreads;
+  // Nobody has to wait for a processor.
+  reactor.passes_ = SIZE_MAX;
 }
 
 void ReactorDriver::runUntilIdle() {
@@ -27,7 +41,8 @@ void ReactorDriver::runUntilIdle() {
     reactor.waiting_.fetch_add(1);
     reactor.serveOne();
   }
-  require(reactor.workers_.load() == 0, "no thread is started");
+  MutexLock lock(reactor.mutex_);
+  require(reactor.threads_ == kThreads, "no thread is started");
 }
 
 void ReactorDriver::letTimePass() {

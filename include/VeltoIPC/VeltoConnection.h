@@ -18,7 +18,9 @@ class NSXPCProxy;
 //
 // Thread-safe: any function may be called from any thread, and from inside a delegate's callback. Nothing retries: an
 // object that failed ("Listener not available" included) stays failed, and a new attempt needs a new object. An
-// established connection keeps itself alive until it is closed: call close() before letting it go.
+// established connection keeps itself alive until it is closed: call close() before letting it go. One that is not
+// established, or no longer, and is let go of is gone once its look-up has been answered; unless it was closed before,
+// the delegate then hears "Daemon connection invalidated", as after close().
 //
 // Errors are NSErrors of the domain "org.velto.VeltoIPC" (codes below) or, unchanged, of the platform. They are written
 // to an out-pointer only on failure, if one is given; the result alone always tells.

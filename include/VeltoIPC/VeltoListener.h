@@ -9,6 +9,7 @@
 #include "platform/foundation/AtomicProperty.h"
 #include "platform/foundation/Foundation.h"
 
+class NSOperationQueue;
 class NSXPCConnection;
 class NSXPCListener;
 template <class P>
@@ -17,7 +18,8 @@ class NSXPCProxy;
 // The server end: makes a process reachable under a service name and talks to every client that connects.
 //
 // Thread-safe: any function may be called from any thread, and from inside a delegate's callback. A listener with live
-// connections keeps itself alive: call close() before letting it go.
+// connections keeps itself alive: call close() before letting it go. One without connections that is let go of is gone,
+// and its name with it; the delegate hears "Daemon connection invalidated", as after close().
 //
 // A connection is named by its identifier, which the delegate hears in connectionReady(). Errors are as for
 // VeltoConnection.
@@ -93,13 +95,14 @@ class VELTO_EXPORT VeltoListener final : public NSObject,
   std::shared_ptr<NSXPCProxy<VeltoCommunicationMessageProtocol>> proxyOf(const NSString& connectionID) const;
   // With the tables' monitor held.
   NSMutableArray waitersOf(const NSString& connectionID) const;
-  void wakeWaitersOf(const NSString& connectionID);
+  std::shared_ptr<NSXPCConnection> connectionOf(const NSString& connectionID) const;
+  void takeOut(const NSString& connectionID);
 
   // In this order they are destroyed, last first.
   std::shared_ptr<NSXPCListener> _listener;
   NSString storedServiceName;
   // Never made: the platform's own queues serve.
-  std::shared_ptr<void> listenerQueue;
+  std::shared_ptr<NSOperationQueue> listenerQueue;
   std::atomic<bool> strictMessageTypeSet;
   velto::AtomicProperty<std::weak_ptr<VeltoIPCDelegate>> _delegate;
   velto::AtomicProperty<std::shared_ptr<NSXPCConnection>> _daemonConnection;

@@ -3,9 +3,21 @@
 
 #include <utility>
 
+#include "platform/foundation/BuiltInClass.h"
+#include "platform/foundation/NSException.h"
+
 namespace velto {
 
-ClassBody::ClassBody(std::string name, const ClassBody* superclass) : name_(std::move(name)), superclass_(superclass) {}
+ClassBody::ClassBody(std::string name, const ClassBody* superclass, Subclasses subclasses) noexcept
+    : name_(std::move(name)), superclass_(superclass), subclasses_(subclasses) {}
+
+ClassBody::ClassBody(std::string name, const ClassBody* superclass)
+    : ClassBody(std::move(name), superclass, Subclasses::anybodys) {
+  if (superclass_ == nullptr || superclass_->subclasses_ == Subclasses::anybodys) return;
+  throw NSException("InvalidArgumentException", "the class " + name_ + " cannot be below " + superclass_->name_ +
+                                                    ", a class of the platform: whatever is of that kind is taken for "
+                                                    "the platform's own body");
+}
 
 bool ClassBody::isSubclassOf(const ClassBody& other) const noexcept {
   for (const ClassBody* each = this; each != nullptr; each = each->superclass_) {
@@ -31,12 +43,18 @@ using velto::ClassBody;
 Class::Class(const ClassBody& body) noexcept : NSObject(const_cast<ClassBody*>(&body)) {}
 
 Class Class::classObject() {
-  static const Class& made = *new Class(define("Class", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("Class", NSObject::classObject()));
   return made;
 }
 
 Class Class::define(std::string name, const Class& superclass) {
   auto* body = new ClassBody(std::move(name), superclass.classBody());
+  body->retain();
+  return Class(*body);
+}
+
+Class velto::defineBuiltIn(std::string name, const Class& superclass) {
+  auto* body = new ClassBody(std::move(name), superclass.classBody(), ClassBody::Subclasses::builtInOnly);
   body->retain();
   return Class(*body);
 }

@@ -10,6 +10,7 @@ namespace velto {
 // The body of a class object. One per class, never destroyed.
 class VELTO_EXPORT ClassBody final : public ObjectBody {
  public:
+  // Raises an NSException as Class::define() does.
   ClassBody(std::string name, const ClassBody* superclass);
 
   const std::string& name() const noexcept { return name_; }
@@ -20,8 +21,14 @@ class VELTO_EXPORT ClassBody final : public ObjectBody {
   void describe(std::string& out, WalkBound& bound) const override;
 
  private:
+  friend Class defineBuiltIn(std::string name, const Class& superclass);
+  enum class Subclasses { anybodys, builtInOnly };
+
+  ClassBody(std::string name, const ClassBody* superclass, Subclasses subclasses) noexcept;
+
   const std::string name_;
   const ClassBody* const superclass_;
+  const Subclasses subclasses_;
 };
 
 }  // namespace velto
@@ -37,8 +44,9 @@ class VELTO_EXPORT Class : public NSObject {
   // The class of class objects themselves.
   static Class classObject();
 
-  // Makes a class, for bodies of your own: below NSObject, or below a class of your own. Call it once per class, from a
-  // function-local static:
+  // Makes a class, for bodies of your own: below NSObject, or below a class of your own. Below a class of the platform
+  // (NSString, NSDictionary, …) there is no room: whatever is of such a kind is taken for the platform's own body. That
+  // raises an NSException which names both classes. Call it once per class, from a function-local static:
   //   Class Point::classObject() {
   //     static const Class& made = *new Class(Class::define("Point", NSObject::classObject()));
   //     return made;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/foundation/Foundation.h"
+#include "platform/foundation/NSException.h"
 
 namespace {
 
@@ -94,6 +95,38 @@ TEST(Class, AUsersOwnClassTakesPartLikeAnyOther) {
   EXPECT_FALSE(point.as<Point>().isNil());
   EXPECT_TRUE(NSObject("3/4").as<Point>().isNil());
   EXPECT_EQ((NSArray{point}.description().string()), "(3/4)");
+}
+
+// What Class::define() says when nothing can be below the superclass; "" when it makes the class.
+std::string whyNotBelow(const Class& superclass) {
+  try {
+    static_cast<void>(Class::define("Mine", superclass));
+  } catch (const NSException& exception) {
+    return exception.reason();
+  }
+  return "";
+}
+
+TEST(Class, NoneOfAUsersOwnCanBeBelowOneThatIsToldByItsKind) {
+  for (const Class& builtIn :
+       {NSString::classObject(), NSMutableString::classObject(), NSNumber::classObject(), NSDictionary::classObject(),
+        NSMutableDictionary::classObject(), NSArray::classObject(), NSMutableArray::classObject(),
+        NSData::classObject(), NSMutableData::classObject(), NSSet::classObject(), NSMutableSet::classObject(),
+        NSDate::classObject(), NSUUID::classObject(), NSURL::classObject(), NSNull::classObject(),
+        NSError::classObject(), NSCondition::classObject(), Class::classObject()}) {
+    EXPECT_EQ(whyNotBelow(builtIn), "the class Mine cannot be below " + builtIn.name().string() +
+                                        ", a class of the platform: whatever is of that kind is taken for the "
+                                        "platform's own body");
+    EXPECT_THROW(velto::ClassBody("Mine", builtIn.classBody()), NSException);
+  }
+}
+
+TEST(Class, AUsersOwnMayBeBelowNSObjectAndBelowAnyOfTheUsers) {
+  EXPECT_EQ(whyNotBelow(NSObject::classObject()), "");
+  EXPECT_EQ(whyNotBelow(Point::classObject()), "");
+  const Class below = Class::define("PointInSpace", Point::classObject());
+  EXPECT_TRUE(below.isSubclassOfClass(Point::classObject()));
+  EXPECT_EQ(whyNotBelow(below), "");
 }
 
 }  // namespace

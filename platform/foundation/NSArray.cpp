@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "platform/foundation/ArrayBody.h"
+#include "platform/foundation/BuiltInClass.h"
 
 using velto::ArrayBody;
 using velto::ObjectIterator;
@@ -34,7 +35,7 @@ velto::ObjectBody* bodyFor(std::vector<NSObject> elements) {
 NSArray::NSArray(std::initializer_list<NSObject> elements) : NSObject(bodyFor(elements)) {}
 
 Class NSArray::classObject() {
-  static const Class& made = *new Class(Class::define("NSArray", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSArray", NSObject::classObject()));
   return made;
 }
 
@@ -71,7 +72,7 @@ NSArray NSArray::copy() const {
 }
 
 Class NSMutableArray::classObject() {
-  static const Class& made = *new Class(Class::define("NSMutableArray", NSArray::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSMutableArray", NSArray::classObject()));
   return made;
 }
 

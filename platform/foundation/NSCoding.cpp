@@ -2,6 +2,7 @@
 #include "platform/foundation/NSCoding.h"
 
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -17,32 +18,37 @@ class CodingRegistry {
     return made;
   }
 
-  // What was registered before is let go of by the caller, outside the lock.
-  CodedClass exchange(const std::string& name, CodedClass coded) {
+  // Under the lock no coding is copied or destroyed: what it captured is a user's.
+  using Entry = std::shared_ptr<const CodedClass>;
+
+  // Returns what was registered before.
+  Entry exchange(const std::string& name, Entry coded) {
     MutexLock lock(mutex_);
     return std::exchange(classes_[name], std::move(coded));
   }
 
-  CodedClass find(std::string_view name) {
+  Entry find(std::string_view name) {
     MutexLock lock(mutex_);
     const auto found = classes_.find(name);
-    return found != classes_.end() ? found->second : CodedClass{};
+    return found != classes_.end() ? found->second : nullptr;
   }
 
  private:
   Mutex mutex_;
-  std::map<std::string, CodedClass, std::less<>> classes_ VELTO_GUARDED_BY(mutex_);
+  std::map<std::string, Entry, std::less<>> classes_ VELTO_GUARDED_BY(mutex_);
 };
 
 }  // namespace
 
 void registerClassCoding(const Class& aClass, ClassCoding coding) {
   if (aClass.isNil()) return;
-  CodingRegistry::shared().exchange(aClass.classBody()->name(), {aClass, std::move(coding)});
+  auto coded = std::make_shared<const CodedClass>(CodedClass{aClass, std::move(coding)});
+  CodingRegistry::shared().exchange(aClass.classBody()->name(), std::move(coded));
 }
 
 CodedClass codedClassNamed(std::string_view name) {
-  return CodingRegistry::shared().find(name);
+  const auto found = CodingRegistry::shared().find(name);
+  return found ? *found : CodedClass{};
 }
 
 }  // namespace velto

@@ -1,7 +1,9 @@
 #include "platform/foundation/NSCoding.h"
 
+#include <functional>
 #include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -58,6 +60,29 @@ TEST(NSCoding, WhatARegistrationReplacesMayUseTheRegistryAsItGoes) {
   }
   registerClassCoding(made, codingThatAnswers("new"));
   EXPECT_TRUE(found);
+}
+
+// A callable whose copies are noticed.
+struct Copied {
+  std::function<void()> whenCopied;
+
+  explicit Copied(std::function<void()> whenItIs) : whenCopied(std::move(whenItIs)) {}
+  Copied(const Copied& other) : whenCopied(other.whenCopied) { whenCopied(); }
+  NSObject operator()(const NSObject& object) const { return object; }
+};
+
+TEST(NSCoding, WhatIsCopiedMayUseTheRegistry) {
+  const Class made = defined("CodingTestCopied");
+  int copies = 0;
+  registerClassCoding(made, {Copied([&copies] {
+                               codedClassNamed("CodingTestMissing");  // blocks for ever if the lock is held
+                               ++copies;
+                             }),
+                             nullptr});
+  copies = 0;
+  const CodedClass found = codedClassNamed("CodingTestCopied");
+  EXPECT_EQ(copies, 1);
+  registerClassCoding(made, codingThatAnswers("coded"));
 }
 
 TEST(NSCoding, IsUsedByManyThreads) {

@@ -9,6 +9,7 @@
 #include <optional>
 #include <utility>
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
 #include "platform/foundation/ThreadAnnotations.h"
 
@@ -109,7 +110,7 @@ WaitObserver* WaitObserver::install(WaitObserver* observer) noexcept {
 using velto::bodyOf;
 
 Class NSCondition::classObject() {
-  static const Class& made = *new Class(Class::define("NSCondition", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSCondition", NSObject::classObject()));
   return made;
 }
 

@@ -1,6 +1,7 @@
 // Data: the handles. (Mapping a descriptor is in NSDataMapping.cpp.)
 #include "platform/foundation/NSData.h"
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
 #include "platform/foundation/DataBody.h"
 #include "platform/foundation/Walk.h"
@@ -28,7 +29,7 @@ std::vector<std::uint8_t> vectorOf(const void* bytes, std::size_t length) {
 NSData::NSData(const std::vector<std::uint8_t>& bytes) : NSObject(new DataBody(bytes, Mutability::immutable)) {}
 
 Class NSData::classObject() {
-  static const Class& made = *new Class(Class::define("NSData", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSData", NSObject::classObject()));
   return made;
 }
 
@@ -58,7 +59,7 @@ std::string_view NSData::view() const noexcept {
 }
 
 Class NSMutableData::classObject() {
-  static const Class& made = *new Class(Class::define("NSMutableData", NSData::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSMutableData", NSData::classObject()));
   return made;
 }
 

@@ -9,6 +9,7 @@
 #include <limits>
 #include <optional>
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
 #include "platform/foundation/NumberBody.h"
 #include "platform/foundation/SipHash.h"
@@ -90,7 +91,7 @@ const DateBody& bodyOf(const NSDate& date) {
 using velto::DateBody;
 
 Class NSDate::classObject() {
-  static const Class& made = *new Class(Class::define("NSDate", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSDate", NSObject::classObject()));
   return made;
 }
 

@@ -1,6 +1,7 @@
 // Dictionaries: the handles.
 #include "platform/foundation/NSDictionary.h"
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
 #include "platform/foundation/DictionaryBody.h"
 #include "platform/foundation/Walk.h"
@@ -39,7 +40,7 @@ velto::ObjectBody* bodyFor(const Entries& entries) {
 NSDictionary::NSDictionary(std::initializer_list<Entry> entries) : NSObject(bodyFor(entries)) {}
 
 Class NSDictionary::classObject() {
-  static const Class& made = *new Class(Class::define("NSDictionary", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSDictionary", NSObject::classObject()));
   return made;
 }
 
@@ -85,7 +86,7 @@ NSDictionary NSDictionary::copy() const {
 }
 
 Class NSMutableDictionary::classObject() {
-  static const Class& made = *new Class(Class::define("NSMutableDictionary", NSDictionary::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSMutableDictionary", NSDictionary::classObject()));
   return made;
 }
 

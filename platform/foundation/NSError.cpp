@@ -1,6 +1,7 @@
 // Errors. What is missing is made empty at once, so that an error is the same before and after a journey.
 #include "platform/foundation/NSError.h"
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
 #include "platform/foundation/SipHash.h"
 #include "platform/foundation/Walk.h"
@@ -66,7 +67,7 @@ NSString outlivingAll(const NSString& text) {
 __attribute__((init_priority(101))) const NSString NSLocalizedDescriptionKey = outlivingAll("NSLocalizedDescription");
 
 Class NSError::classObject() {
-  static const Class& made = *new Class(Class::define("NSError", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSError", NSObject::classObject()));
   return made;
 }
 

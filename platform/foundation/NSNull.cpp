@@ -1,6 +1,7 @@
 // The null object. One body for the whole process, never destroyed.
 #include "platform/foundation/NSNull.h"
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
 
 namespace velto {
@@ -16,7 +17,7 @@ class NullBody final : public ObjectBody {
 }  // namespace velto
 
 Class NSNull::classObject() {
-  static const Class& made = *new Class(Class::define("NSNull", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSNull", NSObject::classObject()));
   return made;
 }
 

@@ -9,6 +9,7 @@
 #include <limits>
 #include <utility>
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
 #include "platform/foundation/NumberBody.h"
 #include "platform/foundation/SipHash.h"
@@ -120,7 +121,7 @@ void NumberBody::describe(std::string& out, WalkBound&) const {
 using velto::NumberBody;
 
 Class NSNumber::classObject() {
-  static const Class& made = *new Class(Class::define("NSNumber", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSNumber", NSObject::classObject()));
   return made;
 }
 

@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
 #include "platform/foundation/SetBody.h"
 #include "platform/foundation/Walk.h"
@@ -72,7 +73,7 @@ velto::ObjectBody* bodyFor(const Elements& elements) {
 NSSet::NSSet(std::initializer_list<NSObject> elements) : NSObject(bodyFor(elements)) {}
 
 Class NSSet::classObject() {
-  static const Class& made = *new Class(Class::define("NSSet", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSSet", NSObject::classObject()));
   return made;
 }
 
@@ -105,7 +106,7 @@ NSSet NSSet::copy() const {
 }
 
 Class NSMutableSet::classObject() {
-  static const Class& made = *new Class(Class::define("NSMutableSet", NSSet::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSMutableSet", NSSet::classObject()));
   return made;
 }
 

@@ -1,6 +1,7 @@
 // Strings. Text is checked once, where it enters; behind that door every string is valid UTF-8.
 #include "platform/foundation/NSString.h"
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/StringBody.h"
 #include "platform/foundation/UTF8.h"
 
@@ -28,7 +29,7 @@ NSString::NSString(const std::string& text) : NSObject(bodyFor(text)) {}
 NSString::NSString(std::string_view text) : NSObject(bodyFor(text)) {}
 
 Class NSString::classObject() {
-  static const Class& made = *new Class(Class::define("NSString", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSString", NSObject::classObject()));
   return made;
 }
 
@@ -55,7 +56,7 @@ NSString NSString::copy() const {
 }
 
 Class NSMutableString::classObject() {
-  static const Class& made = *new Class(Class::define("NSMutableString", NSString::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSMutableString", NSString::classObject()));
   return made;
 }
 

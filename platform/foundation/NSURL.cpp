@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
 #include "platform/foundation/SipHash.h"
 #include "platform/foundation/Walk.h"
@@ -39,7 +40,7 @@ bool isSpaceOrControl(char character) {
 using velto::URLBody;
 
 Class NSURL::classObject() {
-  static const Class& made = *new Class(Class::define("NSURL", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSURL", NSObject::classObject()));
   return made;
 }
 

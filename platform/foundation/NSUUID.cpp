@@ -3,6 +3,7 @@
 
 #include <optional>
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
 #include "platform/foundation/RandomBytes.h"
 #include "platform/foundation/SipHash.h"
@@ -76,7 +77,7 @@ class UUIDBody final : public ObjectBody {
 using velto::UUIDBody;
 
 Class NSUUID::classObject() {
-  static const Class& made = *new Class(Class::define("NSUUID", NSObject::classObject()));
+  static const Class& made = *new Class(velto::defineBuiltIn("NSUUID", NSObject::classObject()));
   return made;
 }
 

@@ -15,8 +15,9 @@ class ClassBody;
 class WalkBound;
 
 // What a value handle (NSObject and its subclasses) points to: a reference count, a monitor made at first use, and the
-// answers that differ from class to class. Derive from it to write a class of your own; the handle then is a subclass
-// of NSObject that holds nothing but the reference. A body is destroyed on whichever thread lets go of it last; what
+// answers that differ from class to class. Derive from it to write a class of your own: classBody() is then that of a
+// class that Class::define() made for it, and the handle is a subclass of NSObject that holds nothing but the
+// reference. A body is destroyed on whichever thread lets go of it last; what
 // the destructor of a body lets go of is destroyed once that destructor has returned.
 //
 // The walks (isEqual, describe) carry a WalkBound, because containers nest as deep as their maker likes and may even

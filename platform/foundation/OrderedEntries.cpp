@@ -47,10 +47,13 @@ const OrderedEntries::Slot* OrderedEntries::scan(const Matches& matches) const {
 }
 
 const OrderedEntries::Slot* OrderedEntries::find(const NSObject& key, WalkBound& bound) const {
-  if (key.isNil()) return nullptr;
-  if (const auto* string = bodyAs<StringBody>(key.body())) return findText(string->text());
+  return key.isNil() ? nullptr : findHashed(key, cells_.empty() ? 0 : key.hash(), bound);
+}
+
+const OrderedEntries::Slot* OrderedEntries::findHashed(const NSObject& key, std::size_t hash, WalkBound& bound) const {
+  if (const auto* string = bodyAs<StringBody>(key.body())) return findHashedText(string->text(), hash);
   const auto matches = [&](const NSObject& each) { return isEqualWithin(bound, each, key); };
-  return cells_.empty() ? scan(matches) : search(key.hash(), matches);
+  return cells_.empty() ? scan(matches) : search(hash, matches);
 }
 
 const OrderedEntries::Slot* OrderedEntries::find(const NSObject& key) const {
@@ -59,11 +62,15 @@ const OrderedEntries::Slot* OrderedEntries::find(const NSObject& key) const {
 }
 
 const OrderedEntries::Slot* OrderedEntries::findText(std::string_view text) const {
+  return findHashedText(text, cells_.empty() ? 0 : hashOfText(text));
+}
+
+const OrderedEntries::Slot* OrderedEntries::findHashedText(std::string_view text, std::size_t hash) const {
   const auto matches = [text](const NSObject& each) {
     const auto* string = bodyAs<StringBody>(each.body());
     return string != nullptr && string->text() == text;
   };
-  return cells_.empty() ? scan(matches) : search(hashOfText(text), matches);
+  return cells_.empty() ? scan(matches) : search(hash, matches);
 }
 
 NSObject OrderedEntries::valueOf(const NSObject& key) const {
@@ -82,15 +89,18 @@ void OrderedEntries::reserve(std::size_t count) {
 }
 
 void OrderedEntries::put(NSObject key, NSObject value) {
-  if (const Slot* found = find(key)) {
+  WalkBound bound;
+  const bool isIndexed = !cells_.empty();
+  std::size_t hash = isIndexed ? key.hash() : 0;
+  if (const Slot* found = findHashed(key, hash, bound)) {
     const_cast<Slot*>(found)->value = std::move(value);
     return;
   }
   makeRoom();
-  const auto hash = cells_.empty() ? 0 : static_cast<std::uint32_t>(key.hash());
+  if (!isIndexed && !cells_.empty()) hash = key.hash();
   slots_.push_back({std::move(key), std::move(value)});
   ++count_;
-  if (!cells_.empty()) enter(cells_, hash, slots_.size() - 1);
+  if (!cells_.empty()) enter(cells_, static_cast<std::uint32_t>(hash), slots_.size() - 1);
 }
 
 bool OrderedEntries::remove(const NSObject& key) {

@@ -49,6 +49,9 @@ class OrderedEntries {
     std::uint32_t position = 0;
   };
 
+  // With the hash of the key, which is not asked for while there is no index.
+  const Slot* findHashed(const NSObject& key, std::size_t hash, WalkBound& bound) const;
+  const Slot* findHashedText(std::string_view text, std::size_t hash) const;
   template <class Matches>
   const Slot* search(std::size_t hash, const Matches& matches) const;
   template <class Matches>

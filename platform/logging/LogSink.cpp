@@ -4,19 +4,25 @@
 
 #include <utility>
 
+#include <pthread.h>
+
 namespace velto {
+
 namespace {
 
-thread_local bool isInsideSink = false;
+// The sink that this thread is inside.
+constinit thread_local const void* visitedSlot = nullptr;
 
 }  // namespace
+
+constinit thread_local bool InsideSink::isInside = false;
 
 // One thread's stay inside the sink.
 class LogSinkHolder::Visit {
  public:
-  explicit Visit(LogSinkHolder& holder) : holder_(holder), slot_(holder.enter()) { isInsideSink = true; }
+  explicit Visit(LogSinkHolder& holder) : holder_(holder), slot_(holder.enter()) { visitedSlot = slot_; }
   ~Visit() {
-    isInsideSink = false;
+    visitedSlot = nullptr;
     holder_.leave(slot_);
   }
   Visit(const Visit&) = delete;
@@ -34,21 +40,51 @@ LogSinkHolder& LogSinkHolder::shared() {
   return made;
 }
 
-LogSinkHolder::LogSinkHolder() : current_(new Slot{writeToStandardError}) {}
+LogSinkHolder::LogSinkHolder() : current_(new Slot{writeToStandardError}) {
+  pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+}
+
+void LogSinkHolder::beforeFork() noexcept VELTO_NO_THREAD_SAFETY_ANALYSIS {
+  shared().mutex_.lock();
+}
+
+void LogSinkHolder::afterForkInParent() noexcept VELTO_NO_THREAD_SAFETY_ANALYSIS {
+  shared().mutex_.unlock();
+}
+
+void LogSinkHolder::afterForkInChild() noexcept VELTO_NO_THREAD_SAFETY_ANALYSIS {
+  LogSinkHolder& holder = shared();
+  holder.current_->threadsInside = visitedSlot == holder.current_.get() ? 1 : 0;
+  holder.mutex_.unlock();
+}
+
+template <class Write>
+void LogSinkHolder::visit(Write write) noexcept {
+  if (InsideSink::isNow()) return;
+  const Visit visit(*this);
+  const InsideSink inside;
+  try {
+    write(visit.sink());
+  } catch (...) {
+    // A sink must not raise. One that does loses its line; the process goes on.
+  }
+}
 
 void LogSinkHolder::write(const VKTLogAnchor& anchor, int level, const char* format,
-                          std::initializer_list<FormatArgument> arguments) {
-  if (isInsideSink) return;
-  const Visit visit(*this);
+                          std::initializer_list<FormatArgument> arguments) noexcept {
   // Formatted inside the visit: a description that logs is dropped like a sink that does.
-  visit.sink()(anchor, level, formatText(format, arguments));
+  visit([&](const VKTLogSink& sink) { sink(anchor, level, formatText(format, arguments)); });
+}
+
+void LogSinkHolder::writeText(const VKTLogAnchor& anchor, int level, const NSString& text) noexcept {
+  visit([&](const VKTLogSink& sink) { sink(anchor, level, text); });
 }
 
 void LogSinkHolder::replace(VKTLogSink sink) {
   std::unique_ptr<Slot> former(new Slot{sink ? std::move(sink) : writeToStandardError});
   MutexLock lock(mutex_);
   std::swap(current_, former);
-  if (!isInsideSink) {
+  if (!InsideSink::isNow()) {
     while (former->threadsInside > 0) lock.wait(left_);
   } else if (former->threadsInside > 0) {
     former->isAbandoned = true;

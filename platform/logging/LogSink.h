@@ -9,6 +9,21 @@
 
 namespace velto {
 
+// This thread is inside a sink, or asks an object for its description on the way there: what it logs meanwhile is
+// dropped. (So there is no such thing within another.)
+class InsideSink {
+ public:
+  InsideSink() noexcept { isInside = true; }
+  ~InsideSink() { isInside = false; }
+  InsideSink(const InsideSink&) = delete;
+  InsideSink& operator=(const InsideSink&) = delete;
+
+  static bool isNow() noexcept { return isInside; }
+
+ private:
+  static thread_local bool isInside;
+};
+
 // The sink in use, and who is inside it. One for the process, never destroyed.
 //
 // Thread-safe.
@@ -16,9 +31,10 @@ class LogSinkHolder {
  public:
   static LogSinkHolder& shared();
 
-  // Hands a line to the sink, unless this thread is inside a sink already.
+  // Hands a line to the sink, unless this thread is inside a sink already. What the sink raises goes no further.
   void write(const VKTLogAnchor& anchor, int level, const char* format,
-             std::initializer_list<FormatArgument> arguments);
+             std::initializer_list<FormatArgument> arguments) noexcept;
+  void writeText(const VKTLogAnchor& anchor, int level, const NSString& text) noexcept;
   // Returns once no thread is inside the former sink; at once if this thread is inside one.
   void replace(VKTLogSink sink);
 
@@ -32,6 +48,12 @@ class LogSinkHolder {
   class Visit;
 
   LogSinkHolder();
+  // Around a fork the lock is held, so that the child finds everything whole; there only its own thread is inside.
+  static void beforeFork() noexcept;
+  static void afterForkInParent() noexcept;
+  static void afterForkInChild() noexcept;
+  template <class Write>
+  void visit(Write write) noexcept;
   Slot* enter();
   void leave(Slot* slot);
 
@@ -40,7 +62,9 @@ class LogSinkHolder {
   std::unique_ptr<Slot> current_ VELTO_GUARDED_BY(mutex_);
 };
 
-// Writes "VeltoIPC: text" and a line end to standard error, in one write.
+// The default sink: writes "VeltoIPC: text" and a line end to standard error, in one write, and never waits for
+// anybody. What does not fit is lost and counted; lines that a place in the source repeats, or logs too many of in a
+// second, are held back and told in one.
 void writeToStandardError(const VKTLogAnchor& anchor, int level, const NSString& text);
 
 }  // namespace velto

@@ -6,8 +6,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "platform/foundation/Foundation.h"
+#include "platform/logging/DeferredLog.h"
 
 namespace {
 
@@ -17,6 +20,10 @@ void log() {
 
 class LogSink : public testing::Test {
  protected:
+  // What no sink of the test sees is nobody's.
+  LogSink() {
+    VKTLogSetSink([](const VKTLogAnchor&, int, const NSString&) {});
+  }
   ~LogSink() override { VKTLogSetSink(nullptr); }
 };
 
@@ -106,6 +113,44 @@ TEST_F(LogSink, NoThreadIsInsideTheFormerSinkOnceItIsReplaced) {
   stop = true;
   for (std::thread& thread : loggers) thread.join();
   EXPECT_EQ(insideADeadOne, 0);
+}
+
+// Other threads hold every lock of logging for moments, and are inside the sink; in the child of a fork none of them
+// is.
+TEST_F(LogSink, TheChildOfAForkLogsAndReplacesWhateverItsParentWasDoing) {
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int each = 0; each < 3; ++each) {
+    threads.emplace_back([&] {
+      while (!stop) {
+        log();
+        velto::writeToStandardError(nil, VKTLogLevelFailure, "line");
+        velto::logLater(VKTLogGetAnchor(), VKTLogLevelFailure, "line");
+      }
+    });
+  }
+  VKTLogSetSink([](const VKTLogAnchor&, int, const NSString&) { std::this_thread::yield(); });
+  int good = 0;
+  for (int round = 0; round < 500; ++round) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(30);
+      int lines = 0;
+      velto::logLater(VKTLogGetAnchor(), VKTLogLevelFailure, "line");
+      velto::writeToStandardError(nil, VKTLogLevelFailure, "line");
+      VKTLogSetSink([&](const VKTLogAnchor&, int, const NSString&) { ++lines; });
+      log();
+      velto::drainDeferredLog();
+      velto::logLater(VKTLogGetAnchor(), VKTLogLevelFailure, "line");
+      _exit(lines == 2 ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    if (status == 0) ++good;
+  }
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(good, 500);
 }
 
 TEST_F(LogSink, ManyThreadsMayReplaceAndLogAtOnce) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/logging/VeltoLogging.h"
 
@@ -65,7 +66,7 @@ NSObject decode(const NSObject& value) {
 
 // Defines the class and makes it able to travel, in one: whoever can name the class can decode it.
 const Class& defineTravelling() {
-  const Class& made = *new Class(Class::define("VKTLogAnchor", NSObject::classObject()));
+  const Class& made = *new Class(defineBuiltIn("VKTLogAnchor", NSObject::classObject()));
   registerClassCoding(made, {encode, decode});
   return made;
 }

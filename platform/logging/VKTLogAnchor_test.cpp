@@ -79,6 +79,10 @@ TEST(VKTLogAnchor, LinesAreDecodedFromTheLowestToTheHighest) {
   EXPECT_TRUE(decoded(parts("f", UINT64_MAX, "g")).isNil());
 }
 
+TEST(VKTLogAnchor, HasNoClassesOfUsersBelowIt) {
+  EXPECT_THROW(Class::define("Mine", VKTLogAnchor::classObject()), NSException);
+}
+
 TEST(VKTLogAnchor, DecodesNothingElse) {
   EXPECT_TRUE(decoded(nil).isNil());
   EXPECT_TRUE(decoded("text").isNil());

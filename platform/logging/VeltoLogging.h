@@ -44,23 +44,34 @@ class VELTO_EXPORT VKTLogAnchor : public NSObject {
   explicit VKTLogAnchor(velto::ObjectBody* body) noexcept : NSObject(body) {}
 };
 
-// The anchor of the line that calls it; made once per place, then only handed out.
-#define VKTLogGetAnchor()                                                                                     \
-  ([](const ::velto::SourceLocation& veltoPlace) -> const VKTLogAnchor& {                                     \
-    static const VKTLogAnchor& veltoAnchor = *new VKTLogAnchor(VKTLogAnchor::anchorWithLocation(veltoPlace)); \
-    return veltoAnchor;                                                                                       \
+namespace velto {
+
+// The anchor of one place, once it is made; never destroyed.
+using AnchorPlace = std::atomic<const VKTLogAnchor*>;
+VELTO_EXPORT const VKTLogAnchor& anchorOfPlace(AnchorPlace& place, const SourceLocation& location) noexcept;
+
+}  // namespace velto
+
+// The anchor of the line that calls it; made once per place, then only handed out. nil while there is no memory for it.
+#define VKTLogGetAnchor()                                                             \
+  ([](const ::velto::SourceLocation& veltoLocation) noexcept -> const VKTLogAnchor& { \
+    static constinit ::velto::AnchorPlace veltoPlace{nullptr};                        \
+    return ::velto::anchorOfPlace(veltoPlace, veltoLocation);                         \
   }(::velto::SourceLocation::current()))
 
 // Levels: 0 marks failures, 2 progress.
 inline constexpr int VKTLogLevelFailure = 0;
 inline constexpr int VKTLogLevelProgress = 2;
 
-// Where lines go. A sink is called on the thread that logs, possibly by several threads at once, and must not raise; a
-// line that a sink logs itself is dropped.
+// Where lines go. A sink is called on the thread that logs, possibly by several threads at once; what the library logs
+// on a thread that may not wait for a sink, or under a lock, comes a little later on another, cut after 16 KiB. A sink
+// must not raise: one that does loses its line. A line that a sink logs itself is dropped.
 using VKTLogSink = std::function<void(const VKTLogAnchor& anchor, int level, const NSString& text)>;
 
-// Replaces the sink; an empty one brings the default back, which writes a line to standard error. Thread-safe. When it
-// returns, no thread is inside the former sink any more (unless it is called from inside one).
+// Replaces the sink; an empty one brings the default back. That writes a line to standard error and waits for nobody
+// who should read there: lines without room are lost and their number is told; lines that a place in the source repeats
+// within a second, and those beyond ten of a place in a second, are told in one. Thread-safe. When it returns, no
+// thread is inside the former sink any more (unless it is called from inside one).
 VELTO_EXPORT void VKTLogSetSink(VKTLogSink sink);
 // Lines above this level are dropped, before anything is formatted: at first VKTLogLevelFailure, so that failures are
 // seen and progress is not. Thread-safe.

@@ -6,18 +6,26 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/foundation/Foundation.h"
 #include "platform/foundation/ThreadAnnotations.h"
+#include "platform/xpc/AcceptedConnections.h"
 #include "platform/xpc/NSXPCError.h"
 #include "platform/xpc/NSXPCInterface.h"
 #include "platform/xpc/NSXPCListenerEndpoint.h"
 #include "platform/xpc/OutgoingCalls.h"
 #include "platform/xpc/transport/Channel.h"
+#include "platform/xpc/transport/Holdings.h"
+#include "platform/xpc/transport/PeerProcess.h"
 #include "platform/xpc/transport/SerialQueue.h"
 #include "platform/xpc/transport/Sockets.h"
+
+namespace velto::wire {
+class ValueDecoder;
+}
 
 namespace velto::xpc {
 
@@ -38,14 +46,20 @@ struct AcceptanceHooks {
 //
 // It outlives its NSXPCConnection by as long as it takes to send what was handed over before: the reactor holds the
 // channel, the channel holds this.
-class ConnectionCore final : public transport::ChannelReceiver, public std::enable_shared_from_this<ConnectionCore> {
+class ConnectionCore final : public transport::ChannelReceiver,
+                             public transport::HoldingOwner,
+                             public std::enable_shared_from_this<ConnectionCore> {
  public:
-  // Each try to connect; the text is the connection's name in errors.
+  // Each try to connect. The name is the connection's in errors; the target is the same for all connections to one
+  // listener.
   using Connector = std::function<transport::ConnectAttempt()>;
-  static std::shared_ptr<ConnectionCore> connecting(std::string name, Connector connector);
+  static std::shared_ptr<ConnectionCore> connecting(std::string name, std::string target, Connector connector);
   // Takes a connected socket over and starts to read.
-  static std::shared_ptr<ConnectionCore> accepted(system::Descriptor socket, AcceptanceHooks hooks);
-  ConnectionCore(std::string name, Connector connector, AcceptanceHooks hooks);
+  static std::shared_ptr<ConnectionCore> accepted(system::Descriptor socket,
+                                                  std::shared_ptr<transport::PeerProcess> peer,
+                                                  std::shared_ptr<AcceptedConnections::Place> place,
+                                                  AcceptanceHooks hooks);
+  ConnectionCore(std::string name, std::string target, Connector connector, AcceptanceHooks hooks);
 
   void setRemoteInterface(std::shared_ptr<NSXPCInterface> interface);
   std::shared_ptr<NSXPCInterface> remoteInterface();
@@ -55,11 +69,18 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
   void setInvalidationHandler(std::function<void()> handler);
 
   void resume();
+  // For one that waits in line: whether it goes on waiting.
+  bool connectAgain();
   void invalidate();
+  void invalidateAtOnce();
+  // Null until the connection is made.
+  std::shared_ptr<transport::PeerProcess> peer();
   // Ends a connection that nobody has accepted.
   void turnAway();
   // The same for one that has not called. What has called is its delegate's, or about to be, and goes on.
   void turnAwayIfSilent();
+  // Ends it like one that has broken the protocol.
+  void giveWay(const std::string& reason);
 
   void call(const Method& method, std::vector<NSObject> arguments, ReplyBlock reply, ErrorHandler errorHandler);
 
@@ -73,6 +94,8 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
   void frameArrived(wire::Frame frame) override;
   void channelEnded(const std::string& reason) override;
   void outputDrained() override;
+  void heldTooMuch(const std::string& reason) override;
+  void mayReadOn() override;
 
  private:
   enum class Phase {
@@ -91,20 +114,39 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
     std::uint64_t bytes = 0;
     std::uint64_t calls = 0;
   };
+  // A reply that has come, whose turn in the queue has not. Without its frame when that was given back.
+  struct ArrivedReply {
+    OutgoingCall call;
+    std::optional<wire::Frame> frame;
+  };
+  // How many descriptors a call or a reply may carry that anybody here claims.
+  struct Claimable {
+    std::size_t byCalls = limits::kMaximumDescriptors;
+    std::size_t byReplies = limits::kMaximumDescriptors;
+  };
 
   // ConnectionLife.cpp
   bool isInherited() const noexcept { return generation_ != system::forkGeneration(); }
   void post(transport::SerialQueue::Task task);
   void postFailures(const std::vector<OutgoingCall>& calls, const NSError& error);
   void postFailure(const ErrorHandler& handler, const NSError& error);
+  void letGo(std::vector<OutgoingCall> calls);
   void postInvalidation();
-  void tryToConnect();
-  void open(system::Descriptor socket);
+  void open(system::Descriptor socket, std::shared_ptr<transport::PeerProcess> peer,
+            std::shared_ptr<AcceptedConnections::Place> place);
   void attach(std::shared_ptr<transport::Channel> channel) VELTO_REQUIRES(mutex_);
   void sayFarewell() VELTO_REQUIRES(mutex_);
   void boundFarewell(const std::shared_ptr<transport::Channel>& channel);
   void endFarewell();
   void end(Ending ending);
+  void learnClaimable() VELTO_REQUIRES(mutex_);
+  // What a connection that has ended still holds behind a callback that does not return.
+  void watchLeftovers();
+  void dropLeftoversIfStuck();
+  // Returns how many calls and replies there were.
+  std::size_t dropLeftovers() VELTO_REQUIRES(mutex_);
+  void dropCalls() VELTO_REQUIRES(mutex_);
+  void stateArrived() VELTO_REQUIRES(mutex_);
   void breakProtocol(const std::string& reason);
   void cutOff(NSXPCErrorCode code, const std::string& reason);
   std::shared_ptr<transport::Channel> currentChannel();
@@ -127,14 +169,24 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
   void replyArrived(wire::Frame frame);
   void replyDroppedArrived(const wire::Frame& frame);
   void refusalArrived(const wire::Frame& frame);
+  void deliverReply();
+  void finishOnReader(const OutgoingCall& call, const wire::Frame& frame);
   void finishCall(const OutgoingCall& call, const wire::Frame& frame);
+  void stateWaiting() VELTO_REQUIRES(mutex_);
 
   // IncomingCalls.cpp
   void callArrived(wire::Frame frame);
-  void postDelivery(wire::Frame frame);
-  void deliver(const wire::Frame& frame);
+  void breakCredit(const std::string& reason);
+  // Lets go of the descriptors of a frame that nobody can claim. False when only a peer that cheats sends so many.
+  static bool keepClaimable(wire::Frame& frame, std::size_t most);
+  void postDelivery();
+  void deliver();
+  std::optional<wire::Frame> takeCall();
   // `called` is set as soon as the user's code runs.
   void dispatch(const wire::Frame& frame, bool& called);
+  // False when the call has been refused, or has ended the connection.
+  bool decodeArguments(const wire::Frame& frame, const NSXPCInterface& interface, const Method& method,
+                       const wire::CallHeader& header, wire::ValueDecoder& decoder, std::vector<NSObject>& arguments);
   void invoke(const Method& method, void* object, const std::vector<NSObject>& arguments,
               const wire::CallHeader& header, bool& called);
   void refuse(std::uint64_t identifier, std::uint64_t code, const std::string& reason);
@@ -145,8 +197,10 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
 
   const unsigned generation_ = system::forkGeneration();
   const std::string name_;
+  const std::string target_;
   const Connector connector_;
   const std::shared_ptr<transport::SerialQueue> queue_;
+  std::shared_ptr<transport::Holding> holding_;  // made with the connection, and then read only
   std::atomic<std::uint64_t> lastIdentifier_{0};
 
   Mutex mutex_;
@@ -156,6 +210,7 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
   // Calls of the other end are no longer delivered.
   bool silenced_ VELTO_GUARDED_BY(mutex_) = false;
   std::shared_ptr<transport::Channel> channel_ VELTO_GUARDED_BY(mutex_);
+  std::shared_ptr<transport::PeerProcess> peer_ VELTO_GUARDED_BY(mutex_);
   std::shared_ptr<NSXPCInterface> remoteInterface_ VELTO_GUARDED_BY(mutex_);
   std::shared_ptr<NSXPCInterface> exportedInterface_ VELTO_GUARDED_BY(mutex_);
   const Protocol* exportedProtocol_ VELTO_GUARDED_BY(mutex_) = nullptr;
@@ -171,8 +226,15 @@ class ConnectionCore final : public transport::ChannelReceiver, public std::enab
   // What later calls are told.
   NSError endError_ VELTO_GUARDED_BY(mutex_);
 
-  // Calls that came before resume(), and an end that did.
-  std::deque<wire::Frame> held_ VELTO_GUARDED_BY(mutex_);
+  Claimable claimable_ VELTO_GUARDED_BY(mutex_);
+  // Calls and replies whose turn has not come. From resume() on the queue has a task for each.
+  std::deque<wire::Frame> arrivedCalls_ VELTO_GUARDED_BY(mutex_);
+  std::deque<ArrivedReply> arrivedReplies_ VELTO_GUARDED_BY(mutex_);
+  std::size_t arrivedDescriptors_ VELTO_GUARDED_BY(mutex_) = 0;
+  // Turns that have come, and their number when it was looked at last.
+  std::uint64_t turns_ VELTO_GUARDED_BY(mutex_) = 0;
+  std::uint64_t turnsAtLastLook_ VELTO_GUARDED_BY(mutex_) = 0;
+  // An end that came before resume().
   std::unique_ptr<Ending> heldEnding_ VELTO_GUARDED_BY(mutex_);
   Account undelivered_ VELTO_GUARDED_BY(mutex_);
   Account dealtWith_ VELTO_GUARDED_BY(mutex_);

@@ -202,6 +202,13 @@ TEST_F(HostilePeer, CreditThatWasNeverTakenIsCutOff) {
   expectCutOff(peer, "credit for calls that were never sent");
 }
 
+TEST_F(HostilePeer, CreditForNothingIsCutOff) {
+  RawPeer peer(listener->endpoint());
+  peer.greet();
+  peer.send(wire::Credit{0, 0}.encode());
+  expectCutOff(peer, "credit for nothing");
+}
+
 TEST_F(HostilePeer, CallsWithoutRegardForCreditAreCutOffNamingTheLimit) {
   std::promise<void> release;
   auto released = release.get_future().share();
@@ -234,7 +241,7 @@ TEST_F(HostilePeer, AnEndInTheMiddleOfAFrameIsAnInterruption) {
   peer.send(std::vector<std::uint8_t>(header.begin(), header.end()));
   peer.close();
   EXPECT_EQ(service->events.waitFor(2), (std::vector<std::string>{"interrupted", "invalidated"}));
-  EXPECT_TRUE(logged("in the middle of a frame"));
+  EXPECT_TRUE(eventually([&] { return logged("in the middle of a frame"); }));
 }
 
 TEST_F(HostilePeer, DescriptorsThatAreDeclaredAndDoNotComeAreCutOff) {

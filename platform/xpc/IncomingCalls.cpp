@@ -11,6 +11,7 @@
 #include "platform/xpc/ConnectionCore.h"
 #include "platform/xpc/Errors.h"
 #include "platform/xpc/ReplyTicket.h"
+#include "platform/xpc/transport/LongWork.h"
 #include "platform/xpc/wire/Messages.h"
 #include "platform/xpc/wire/ValueDecoder.h"
 #include "platform/xpc/wire/ValueEncoder.h"
@@ -26,37 +27,64 @@ constexpr std::uint64_t kCreditPortion = 4;
 
 void ConnectionCore::callArrived(wire::Frame frame) {
   std::function<void(std::shared_ptr<ConnectionCore>)> accept;
-  std::optional<wire::Frame> deliverable;
+  bool isDeliverable = false;
+  bool isClaimable = true;
   Account account;
   {
     MutexLock lock(mutex_);
     if (silenced_) return;
+    isClaimable = keepClaimable(frame, claimable_.byCalls);
     undelivered_.bytes += frame.body.size();
     undelivered_.calls += 1;
     account = undelivered_;
+    arrivedDescriptors_ += frame.descriptors.size();
+    arrivedCalls_.push_back(std::move(frame));
+    stateArrived();
     accept = std::exchange(hooks_.accept, nullptr);
-    if (resumed_) {
-      deliverable = std::move(frame);
-    } else {
-      held_.push_back(std::move(frame));
-    }
+    isDeliverable = resumed_;
   }
+  if (!isClaimable) return breakProtocol("a call with more descriptors than any method takes");
   if (account.bytes > limits::kUndeliveredBytes) {
-    return breakProtocol(overLimit("bytes of undelivered calls", account.bytes, limits::kUndeliveredBytes));
+    return breakCredit(overLimit("bytes of undelivered calls", account.bytes, limits::kUndeliveredBytes));
   }
   if (account.calls > limits::kUndeliveredCalls) {
-    return breakProtocol(overLimit("undelivered calls", account.calls, limits::kUndeliveredCalls));
+    return breakCredit(overLimit("undelivered calls", account.calls, limits::kUndeliveredCalls));
   }
   tellListener();
   if (accept) post([self = shared_from_this(), accept = std::move(accept)] { accept(self); });
-  if (deliverable) postDelivery(std::move(*deliverable));
+  if (isDeliverable) postDelivery();
 }
 
-void ConnectionCore::postDelivery(wire::Frame frame) {
-  post([self = shared_from_this(), frame = std::move(frame)] { self->deliver(frame); });
+// Who takes more than his credit has not earned that it is dealt with.
+void ConnectionCore::breakCredit(const std::string& reason) {
+  breakProtocol(reason);
+  MutexLock lock(mutex_);
+  dropCalls();
 }
 
-void ConnectionCore::deliver(const wire::Frame& frame) {
+bool ConnectionCore::keepClaimable(wire::Frame& frame, std::size_t most) {
+  if (most == 0) frame.descriptors.clear();
+  return frame.descriptors.size() <= most;
+}
+
+void ConnectionCore::postDelivery() {
+  post([self = shared_from_this()] { self->deliver(); });
+}
+
+std::optional<wire::Frame> ConnectionCore::takeCall() {
+  MutexLock lock(mutex_);
+  ++turns_;
+  if (arrivedCalls_.empty()) return std::nullopt;
+  std::optional<wire::Frame> frame(std::move(arrivedCalls_.front()));
+  arrivedCalls_.pop_front();
+  arrivedDescriptors_ -= frame->descriptors.size();
+  return frame;
+}
+
+void ConnectionCore::deliver() {
+  const auto taken = takeCall();
+  if (!taken) return;
+  const wire::Frame& frame = *taken;
   // Given back even if the callback raises.
   struct GiveBack {
     ConnectionCore& core;
@@ -70,10 +98,14 @@ void ConnectionCore::deliver(const wire::Frame& frame) {
       }
     }
   } giveBackAtEnd{*this, frame.body.size()};
+  bool hasEnded = false;
   {
     MutexLock lock(mutex_);
     if (silenced_) return;
+    hasEnded = phase_ == Phase::ended;
   }
+  // The end is on its way, past a callback that sleeps, or through the last threads: nothing but it may pass there.
+  if (hasEnded && (queue_->hasSleeper() || !transport::Reactor::shared().mayLinger())) return;
   bool called = false;
   try {
     dispatch(frame, called);
@@ -101,21 +133,32 @@ void ConnectionCore::dispatch(const wire::Frame& frame, bool& called) {
     return refuse(header->identifier, wire::kNoSuchMethod, object ? "it has no such method" : "it exports no object");
   }
   std::vector<NSObject> arguments(method->parameters.size());
-  for (std::size_t index = 0; index < arguments.size(); ++index) {
-    auto outcome = decoder.next(interface->admitted(*method, index, false), arguments[index]);
-    reason = decoder.reason();
-    if (outcome == wire::ValueDecoder::Outcome::broken) return breakProtocol(reason);
-    if (outcome == wire::ValueDecoder::Outcome::value &&
-        !isOfKind(arguments[index], method->parameters[index].classObject)) {
-      outcome = wire::ValueDecoder::Outcome::refused;
-      reason = wrongKind(arguments[index], method->parameters[index].classObject);
-    }
-    if (outcome == wire::ValueDecoder::Outcome::refused) {
-      return refuse(header->identifier, wire::kArgumentRefused, "argument " + std::to_string(index) + " " + reason);
-    }
-  }
+  if (!decodeArguments(frame, *interface, *method, *header, decoder, arguments)) return;
   if (!decoder.atEnd()) return breakProtocol("bytes after the arguments of " + method->selector);
   invoke(*method, object.get(), arguments, *header, called);
+}
+
+bool ConnectionCore::decodeArguments(const wire::Frame& frame, const NSXPCInterface& interface, const Method& method,
+                                     const wire::CallHeader& header, wire::ValueDecoder& decoder,
+                                     std::vector<NSObject>& arguments) {
+  const transport::LongWork turn(frame.body.size());
+  for (std::size_t index = 0; index < arguments.size(); ++index) {
+    auto outcome = decoder.next(interface.admitted(method, index, false), arguments[index]);
+    std::string reason = decoder.reason();
+    const Class& declared = method.parameters[index].classObject;
+    if (outcome == wire::ValueDecoder::Outcome::value && !isOfKind(arguments[index], declared)) {
+      outcome = wire::ValueDecoder::Outcome::refused;
+      reason = wrongKind(arguments[index], declared);
+    }
+    if (outcome == wire::ValueDecoder::Outcome::value) continue;
+    if (outcome == wire::ValueDecoder::Outcome::broken) {
+      breakProtocol(reason);
+    } else {
+      refuse(header.identifier, wire::kArgumentRefused, "argument " + std::to_string(index) + " " + reason);
+    }
+    return false;
+  }
+  return true;
 }
 
 void ConnectionCore::invoke(const Method& method, void* object, const std::vector<NSObject>& arguments,
@@ -163,6 +206,7 @@ void ConnectionCore::giveBack(std::size_t bytes) {
   undelivered_.calls -= 1;
   dealtWith_.bytes += bytes;
   dealtWith_.calls += 1;
+  stateArrived();
   giveCredit();
 }
 

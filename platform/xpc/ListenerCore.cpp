@@ -1,9 +1,10 @@
-// The listening socket and what it brings. A peer that connects and says nothing costs a descriptor: of those the
-// oldest goes when there are too many, and each goes after a time, so that silence never keeps out who has something to
-// say.
+// The listening socket and what it brings. A peer that connects and says nothing costs a descriptor: when there are too
+// many, those of the process that has the most go, the oldest first, and each goes after a time. So silence never keeps
+// out who has something to say, and nobody waits for the silent ones to go.
 
 #include "platform/xpc/ListenerCore.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -13,6 +14,7 @@
 #include <sys/epoll.h>
 
 #include "VeltoIPC/Limits.h"
+#include "platform/logging/DeferredLog.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/ConnectionCore.h"
 #include "platform/xpc/Errors.h"
@@ -26,6 +28,8 @@ namespace {
 // Pause before another try when this process can open no more descriptors, or watch no more of them: the kernel tells
 // only of new connections, not of those that are still waiting.
 constexpr std::chrono::milliseconds kAcceptPause{50};
+// Connections that are accepted before others have their turn.
+constexpr unsigned kTurn = 64;
 
 }  // namespace
 
@@ -65,6 +69,7 @@ void ListenerCore::setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate) {
 
 void ListenerCore::resume() {
   if (generation_ != system::forkGeneration()) return;
+  const LogDeferral deferral;
   MutexLock lock(mutex_);
   if (!socket_ || identifier_ != 0) return;
   identifier_ = transport::Reactor::shared().add(socket_->get(), EPOLLIN, shared_from_this());
@@ -78,7 +83,7 @@ void ListenerCore::resume() {
 
 void ListenerCore::invalidate() {
   if (generation_ != system::forkGeneration()) return;
-  std::map<std::uint64_t, Silent> silent;
+  SilentConnections silent;
   transport::NamedSocket served;
   {
     MutexLock lock(mutex_);
@@ -87,6 +92,7 @@ void ListenerCore::invalidate() {
     socket_.reset();
     hangUpWrite_.reset();
     silent.swap(silent_);
+    silentOf_.clear();
     served = std::move(served_);
     served_ = {};
   }
@@ -104,55 +110,70 @@ void ListenerCore::eventsArrived(std::uint32_t) {
     accepting_ = true;
   }
   try {
-    while (acceptOne()) {
-    }
+    unsigned accepted = 0;
+    while (accepted < kTurn && acceptOne()) ++accepted;
+    if (accepted == kTurn) acceptSoon();
   } catch (const std::bad_alloc&) {
     VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A connection cannot be accepted: there is no memory");
-    MutexLock lock(mutex_);
     acceptLater();
   }
 }
 
 bool ListenerCore::acceptOne() {
   system::Descriptor accepted;
+  int error = 0;
   {
     // Under the lock, so that an event that comes now is either seen by this accept or finds nobody accepting.
     MutexLock lock(mutex_);
-    if (socket_ && isCrowded()) {
-      acceptLater();
+    const int descriptor = socket_ ? system::systemCalls().accept(socket_->get()) : -1;
+    error = errno;
+    if (descriptor < 0 && (!socket_ || error == EAGAIN)) {
+      accepting_ = false;
       return false;
     }
-    const int descriptor = socket_ ? system::systemCalls().accept(socket_->get()) : -1;
-    const int error = errno;
-    if (descriptor < 0) {
-      const bool again = socket_ && (error == ECONNABORTED);
-      accepting_ = again;
-      if (socket_ && !again && error != EAGAIN) {
-        VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A connection cannot be accepted yet: %s",
-                      std::strerror(error));
-        acceptLater();
-      }
-      return again;
-    }
-    accepted = system::Descriptor(descriptor);
+    if (descriptor >= 0) accepted = system::Descriptor(descriptor);
   }
+  if (accepted) madeRoom_ = false;
+  if (!accepted) return mendAccept(error);
   admit(std::move(accepted));
   return true;
 }
 
-bool ListenerCore::isCrowded() const {
-  return silent_.size() >= limits::kSilentConnections &&
-         Clock::now() - silent_.begin()->second.since < limits::kShortestSilence;
+bool ListenerCore::mendAccept(int error) {
+  if (error == ECONNABORTED) return true;
+  if (error == EMFILE || error == ENFILE) {
+    // One for each that is accepted: its descriptor may still be in use by the thread that reads it.
+    const auto one = madeRoom_.exchange(true) ? nullptr : AcceptedConnections::shared().oneTooMany();
+    if (one) {
+      one->giveWay("no descriptor is left for another connection, and its process has the most");
+      return true;
+    }
+    madeRoom_ = false;
+  }
+  VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A connection cannot be accepted yet: %s", std::strerror(error));
+  acceptLater();
+  return false;
+}
+
+// The kernel tells again of who waits, behind all others that it has something to tell of.
+void ListenerCore::acceptSoon() {
+  {
+    MutexLock lock(mutex_);
+    accepting_ = false;
+    if (!socket_ || transport::Reactor::shared().changeEvents(identifier_, socket_->get(), EPOLLIN)) return;
+  }
+  acceptLater();
 }
 
 // Nobody accepts in the meantime, whatever events come; unless there is no memory to come back with, then they count.
 void ListenerCore::acceptLater() {
+  MutexLock lock(mutex_);
   accepting_ = false;
   transport::Reactor::shared().timers().add(kAcceptPause, [weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self) return;
     {
-      MutexLock lock(self->mutex_);
+      MutexLock inner(self->mutex_);
       self->accepting_ = false;
     }
     self->eventsArrived(EPOLLIN);
@@ -166,36 +187,78 @@ void ListenerCore::admit(system::Descriptor socket) {
     VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A connection is turned away: %s", reason);
     return;
   }
+  auto peer = transport::PeerProcess::of(socket.get());
+  std::shared_ptr<ConnectionCore> gaveWay;
+  auto place = AcceptedConnections::shared().enter(peer->number(), gaveWay);
+  if (gaveWay) gaveWay->giveWay("no place is left for another connection, and its process has the most");
+  if (!place) {
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure,
+                  "A connection of process %d is turned away: no place is left, and no process has more connections",
+                  peer->identifier());
+    return;
+  }
+  watchOver(std::move(socket), std::move(peer), std::move(place));
+  endCrowding();
+}
+
+void ListenerCore::watchOver(system::Descriptor socket, std::shared_ptr<transport::PeerProcess> peer,
+                             std::shared_ptr<AcceptedConnections::Place> place) {
   std::uint64_t number = 0;
-  std::shared_ptr<ConnectionCore> oldest;
   {
     MutexLock lock(mutex_);
     number = ++lastNumber_;
-    silent_.emplace(number, Silent{{}, Clock::now()});
-    if (silent_.size() > limits::kSilentConnections) {
-      oldest = silent_.begin()->second.connection.lock();
-      silent_.erase(silent_.begin());
-    }
+    silent_.emplace(number, Silent{{}, Clock::now(), peer->number()});
+    ++silentOf_[peer->number()];
     armSilenceTimer();
   }
-  if (oldest) {
-    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "%@",
-                  NSString(overLimit("A connection that has not called is cut off: such connections",
-                                     limits::kSilentConnections + 1, limits::kSilentConnections)));
-    oldest->turnAwayIfSilent();
-  }
   const auto weak = weak_from_this();
-  const auto core =
-      ConnectionCore::accepted(std::move(socket), {[weak, number] {
-                                                     if (const auto self = weak.lock()) self->forget(number);
-                                                   },
-                                                   [weak](const std::shared_ptr<ConnectionCore>& connection) {
-                                                     const auto self = weak.lock();
-                                                     self ? self->handOver(connection) : connection->turnAway();
-                                                   }});
+  const auto core = ConnectionCore::accepted(std::move(socket), std::move(peer), std::move(place),
+                                             {[weak, number] {
+                                                if (const auto self = weak.lock()) self->forget(number);
+                                              },
+                                              [weak](const std::shared_ptr<ConnectionCore>& connection) {
+                                                const auto self = weak.lock();
+                                                self ? self->handOver(connection) : connection->turnAway();
+                                              }});
   MutexLock lock(mutex_);
-  const auto place = silent_.find(number);
-  if (place != silent_.end()) place->second.connection = core;
+  const auto silent = silent_.find(number);
+  if (silent != silent_.end()) silent->second.connection = core;
+}
+
+ListenerCore::SilentConnections::iterator ListenerCore::nextToGo() {
+  const auto most = std::max_element(silentOf_.begin(), silentOf_.end(),
+                                     [](const auto& one, const auto& other) { return one.second < other.second; });
+  return std::find_if(silent_.begin(), silent_.end(),
+                      [peer = most->first](const auto& each) { return each.second.peer == peer; });
+}
+
+ListenerCore::Silent ListenerCore::takeOut(SilentConnections::iterator silent) {
+  Silent taken = std::move(silent->second);
+  silent_.erase(silent);
+  const auto count = silentOf_.find(taken.peer);
+  if (--count->second == 0) silentOf_.erase(count);
+  return taken;
+}
+
+void ListenerCore::endCrowding() {
+  for (;;) {
+    std::shared_ptr<ConnectionCore> next;
+    std::size_t count = 0;
+    {
+      MutexLock lock(mutex_);
+      count = silent_.size();
+      if (count <= limits::kSilentConnections) return;
+      const auto silent = nextToGo();
+      const bool hasHadItsTime = Clock::now() - silent->second.since >= limits::kShortestSilence;
+      if (!hasHadItsTime && count <= limits::kMostSilentConnections) return;
+      next = takeOut(silent).connection.lock();
+    }
+    if (!next) continue;
+    VKTLoggingLog(
+        VKTLogGetAnchor(), VKTLogLevelFailure, "%s",
+        overLimit("A connection that has not called is cut off: such connections", count, limits::kSilentConnections));
+    next->turnAwayIfSilent();
+  }
 }
 
 void ListenerCore::handOver(const std::shared_ptr<ConnectionCore>& connection) {
@@ -213,28 +276,35 @@ void ListenerCore::handOver(const std::shared_ptr<ConnectionCore>& connection) {
 
 void ListenerCore::forget(std::uint64_t number) {
   MutexLock lock(mutex_);
-  silent_.erase(number);
+  const auto silent = silent_.find(number);
+  if (silent != silent_.end()) takeOut(silent);
   // An idle process has no timer.
   if (silent_.empty()) transport::Reactor::shared().timers().cancel(std::exchange(silenceTimer_, 0));
 }
 
 void ListenerCore::armSilenceTimer() {
+  const bool isCrowded = silent_.size() > limits::kSilentConnections;
+  // With the first that is too many the time gets shorter.
+  if (isCrowded && silent_.size() == limits::kSilentConnections + 1) {
+    transport::Reactor::shared().timers().cancel(std::exchange(silenceTimer_, 0));
+  }
   if (silenceTimer_ != 0 || silent_.empty()) return;
-  const auto due = silent_.begin()->second.since + limits::kSilence;
+  const auto oldest = isCrowded ? nextToGo() : silent_.begin();
+  const auto due = oldest->second.since + (isCrowded ? limits::kShortestSilence : limits::kSilence);
   silenceTimer_ = transport::Reactor::shared().timers().add(due - Clock::now(), [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->endLongSilences();
   });
 }
 
 void ListenerCore::endLongSilences() {
+  endCrowding();
   std::vector<Silent> late;
   const auto now = Clock::now();
   {
     MutexLock lock(mutex_);
     silenceTimer_ = 0;
     while (!silent_.empty() && silent_.begin()->second.since <= now - limits::kSilence) {
-      late.push_back(silent_.begin()->second);
-      silent_.erase(silent_.begin());
+      late.push_back(takeOut(silent_.begin()));
     }
     armSilenceTimer();
   }

@@ -1,14 +1,18 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <unordered_map>
 
 #include "platform/foundation/NSString.h"
 #include "platform/foundation/ThreadAnnotations.h"
+#include "platform/xpc/AcceptedConnections.h"
 #include "platform/xpc/NSXPCListener.h"
 #include "platform/xpc/NSXPCListenerEndpoint.h"
+#include "platform/xpc/transport/PeerProcess.h"
 #include "platform/xpc/transport/Reactor.h"
 #include "platform/xpc/transport/Sockets.h"
 
@@ -39,20 +43,31 @@ class ListenerCore final : public transport::EventSource, public std::enable_sha
   struct Silent {
     std::weak_ptr<ConnectionCore> connection;
     Clock::time_point since;
+    std::uint64_t peer;
   };
+  using SilentConnections = std::map<std::uint64_t, Silent>;
 
   // One connection; false when there is none to accept.
   bool acceptOne();
-  // Whether so many say nothing that one more must wait until the oldest has had its time.
-  bool isCrowded() const VELTO_REQUIRES(mutex_);
-  void acceptLater() VELTO_REQUIRES(mutex_);
+  // What to do about an accept that has failed: whether to try again at once.
+  bool mendAccept(int error);
+  void acceptLater();
+  void acceptSoon();
   void admit(system::Descriptor socket);
+  void watchOver(system::Descriptor socket, std::shared_ptr<transport::PeerProcess> peer,
+                 std::shared_ptr<AcceptedConnections::Place> place);
+  // The oldest connection of the process that has the most.
+  SilentConnections::iterator nextToGo() VELTO_REQUIRES(mutex_);
+  Silent takeOut(SilentConnections::iterator silent) VELTO_REQUIRES(mutex_);
+  void endCrowding();
   void handOver(const std::shared_ptr<ConnectionCore>& connection);
   void forget(std::uint64_t number);
   void endLongSilences();
   void armSilenceTimer() VELTO_REQUIRES(mutex_);
 
   const unsigned generation_ = system::forkGeneration();
+  // Somebody has given way since the last connection was accepted.
+  std::atomic<bool> madeRoom_{false};
   Mutex mutex_;
   system::SharedDescriptor socket_ VELTO_GUARDED_BY(mutex_);
   transport::Reactor::Identifier identifier_ VELTO_GUARDED_BY(mutex_) = 0;
@@ -62,7 +77,9 @@ class ListenerCore final : public transport::EventSource, public std::enable_sha
   transport::NamedSocket served_ VELTO_GUARDED_BY(mutex_);
   std::weak_ptr<NSXPCListener> listener_ VELTO_GUARDED_BY(mutex_);
   std::weak_ptr<NSXPCListenerDelegate> delegate_ VELTO_GUARDED_BY(mutex_);
-  std::map<std::uint64_t, Silent> silent_ VELTO_GUARDED_BY(mutex_);
+  SilentConnections silent_ VELTO_GUARDED_BY(mutex_);
+  // How many of them each process has.
+  std::unordered_map<std::uint64_t, std::size_t> silentOf_ VELTO_GUARDED_BY(mutex_);
   std::uint64_t lastNumber_ VELTO_GUARDED_BY(mutex_) = 0;
   transport::TimerQueue::Identifier silenceTimer_ VELTO_GUARDED_BY(mutex_) = 0;
 };

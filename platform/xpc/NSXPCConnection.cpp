@@ -34,13 +34,13 @@ Class RemoteObject::boxClass() {
 
 std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithServiceName(const NSString& serviceName) {
   const std::string name = serviceName.string();
-  auto connector = [name]() -> velto::transport::ConnectAttempt {
+  auto connector = [name, from = velto::transport::RuntimeDirectory::named()]() -> velto::transport::ConnectAttempt {
     std::string reason;
     if (!velto::transport::isFileName(name, reason)) return {{}, false, false, reason};
-    return velto::transport::connectToService(name);
+    return velto::transport::connectToService(name, from);
   };
   return std::shared_ptr<NSXPCConnection>(
-      new NSXPCConnection(ConnectionCore::connecting("the service \"" + name + "\"", std::move(connector))));
+      new NSXPCConnection(ConnectionCore::connecting("the service \"" + name + "\"", name, std::move(connector))));
 }
 
 std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(const NSXPCListenerEndpoint& endpoint) {
@@ -48,8 +48,10 @@ std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(const
     if (!endpoint) return {{}, false, false, "the endpoint is nil"};
     return velto::transport::connectToEndpoint(endpoint.socket()->get());
   };
+  // No service has a name with "/".
+  const std::string target = "endpoint/" + std::to_string(endpoint.hash());
   return std::shared_ptr<NSXPCConnection>(
-      new NSXPCConnection(ConnectionCore::connecting("the listener of an endpoint", std::move(connector))));
+      new NSXPCConnection(ConnectionCore::connecting("the listener of an endpoint", target, std::move(connector))));
 }
 
 NSXPCConnection::NSXPCConnection(std::shared_ptr<ConnectionCore> core) : core_(std::move(core)) {}
@@ -89,6 +91,14 @@ void NSXPCConnection::resume() {
 
 void NSXPCConnection::invalidate() {
   core_->invalidate();
+}
+
+void NSXPCConnection::invalidateAtOnce() {
+  core_->invalidateAtOnce();
+}
+
+NSXPCPeer NSXPCConnection::peer() const {
+  return NSXPCPeer(core_->peer());
 }
 
 RemoteObject NSXPCConnection::makeRemoteObject(const velto::xpc::Protocol& protocol,

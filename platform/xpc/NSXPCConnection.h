@@ -8,6 +8,7 @@
 #include "platform/xpc/NSXPCError.h"
 #include "platform/xpc/NSXPCInterface.h"
 #include "platform/xpc/NSXPCListenerEndpoint.h"
+#include "platform/xpc/NSXPCPeer.h"
 #include "platform/xpc/Protocol.h"
 
 class NSXPCListener;
@@ -105,6 +106,11 @@ class VELTO_EXPORT NSXPCConnection final {
   void resume();
   // Ends; further calls do nothing. Never blocks.
   void invalidate();
+  // Ends the same way, but what has not been sent by now is dropped and the socket closed before this returns.
+  void invalidateAtOnce();
+
+  // The process at the other end. nil until the connection is made; it stays when it has ended.
+  NSXPCPeer peer() const;
 
   // A proxy whose failures call `errorHandler`. P is the protocol of the remote object interface; another raises an
   // NSException.

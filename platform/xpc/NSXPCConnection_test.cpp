@@ -262,6 +262,28 @@ TEST_F(Connection, ACallbackCanWaitForANonBlockingReplyOfItsOwnConnection) {
   EXPECT_EQ(got.get_future().get(), "hello inner");
 }
 
+TEST_F(Connection, ANonBlockingReplyThatRaisesLeavesItsConnectionAsItIs) {
+  const auto client = connect();
+  const auto raising = [&](auto raised) {
+    client->proxy->call<&Greeter::greet>(
+        "Ada", std::function<void(NSString)>(NonBlockingReply<NSString>{[raised](const NSString&) { throw raised; }}));
+  };
+  raising(std::runtime_error("raised on purpose"));
+  EXPECT_EQ(client->greet("one"), "hello one");
+  raising(1);
+  EXPECT_EQ(client->greet("two"), "hello two");
+}
+
+TEST_F(Connection, WhatAReplyBlockHeldMayEndItsConnectionAsItIsDestroyed) {
+  const auto client = connect();
+  service->greeter->onGreet = [](const NSString&, const std::function<void(NSString)>&) {};
+  // Its reply is dropped at the other end; with the block goes what it holds.
+  const std::shared_ptr<void> atItsEnd(nullptr, [connection = client->connection](void*) { connection->invalidate(); });
+  client->proxy->call<&Greeter::greet>("Ada", [atItsEnd](NSString) {});
+  const_cast<std::shared_ptr<void>&>(atItsEnd).reset();
+  EXPECT_EQ(client->events.waitFor(1).back(), "invalidated");
+}
+
 TEST_F(Connection, ManyConnectionsAreServedSideBySideWhileOneIsBlocked) {
   std::promise<void> release;
   auto released = release.get_future().share();

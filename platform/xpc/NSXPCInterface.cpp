@@ -3,10 +3,13 @@
 
 #include "platform/xpc/NSXPCInterface.h"
 
+#include <algorithm>
 #include <string>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/wire/ClassSet.h"
+#include "platform/xpc/wire/DescriptorCoding.h"
 
 using velto::xpc::Method;
 using velto::xpc::Parameter;
@@ -76,6 +79,24 @@ void NSXPCInterface::setClasses(const NSSet& classes, const NSString& forSelecto
   }
   const NSSet kept = classes.copy();
   found->second = Entry{kept, velto::wire::ClassSet(kept)};
+}
+
+std::size_t NSXPCInterface::claimableDescriptors(bool ofReply) const {
+  std::map<const Method*, std::size_t> ofMethods;
+  std::size_t most = 0;
+  for (const auto& [key, entry] : entries_) {
+    const auto& [method, index, isOfReply] = key;
+    const std::size_t ofOne = velto::wire::descriptorsOfOneObject(entry.admitted);
+    if (isOfReply != ofReply || ofOne == 0) continue;
+    // What is declared as something else can hold as many as there may be.
+    const Class& declared = parametersOf(*method, ofReply)[index].classObject;
+    const bool isOne = !velto::wire::descriptorClassNamed(declared.classBody()->name()).classObject.isNil();
+    std::size_t& ofMethod = ofMethods[method];
+    ofMethod =
+        std::min(ofMethod + (isOne ? ofOne : velto::limits::kMaximumDescriptors), velto::limits::kMaximumDescriptors);
+    most = std::max(most, ofMethod);
+  }
+  return most;
 }
 
 const velto::wire::ClassSet& NSXPCInterface::admitted(const Method& method, std::size_t argumentIndex,

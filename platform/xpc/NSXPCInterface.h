@@ -42,6 +42,9 @@ class VELTO_EXPORT NSXPCInterface {
   const velto::wire::ClassSet& admitted(const velto::xpc::Method& method, std::size_t argumentIndex,
                                         bool ofReply) const;
 
+  // How many descriptors one call, or one reply, can carry that anybody claims.
+  std::size_t claimableDescriptors(bool ofReply) const;
+
  private:
   explicit NSXPCInterface(const velto::xpc::Protocol& protocol);
 

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
 #include "platform/xpc/system/SystemCalls.h"
 #include "platform/xpc/transport/Reactor.h"
@@ -93,13 +94,13 @@ NSObject makeEndpoint(const std::vector<SharedDescriptor>& descriptors, std::str
 }
 
 Class defineEndpointClass() {
-  const Class made = Class::define("NSXPCListenerEndpoint", NSObject::classObject());
+  const Class made = velto::defineBuiltIn("NSXPCListenerEndpoint", NSObject::classObject());
   velto::wire::registerDescriptorCoding(made,
                                         {[](const NSObject& object) {
                                            const auto endpoint = object.as<NSXPCListenerEndpoint>();
                                            return std::vector<SharedDescriptor>{endpoint.socket(), endpoint.hangUp()};
                                          },
-                                         makeEndpoint});
+                                         makeEndpoint, 2});
   return made;
 }
 

@@ -3,11 +3,12 @@
 
 #include "platform/xpc/OutgoingCalls.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace velto::xpc {
 
-void OutgoingCalls::add(OutgoingCall call, wire::Frame frame) {
+void OutgoingCalls::add(OutgoingCall&& call, wire::Frame&& frame) {
   const std::uint64_t identifier = call.identifier;
   const bool wantsReply = static_cast<bool>(call.reply);
   const std::size_t bytes = frame.body.size();
@@ -40,8 +41,8 @@ void OutgoingCalls::sent(std::uint64_t identifier, std::uint64_t frameNumber) {
 }
 
 void OutgoingCalls::helloArrived(const wire::Hello& hello) {
-  windowBytes_ = hello.undeliveredBytes;
-  windowCalls_ = hello.undeliveredCalls;
+  windowBytes_ = std::min<std::uint64_t>(hello.undeliveredBytes, limits::kUndeliveredBytes);
+  windowCalls_ = std::min<std::uint64_t>(hello.undeliveredCalls, limits::kUndeliveredCalls);
 }
 
 bool OutgoingCalls::creditArrived(const wire::Credit& credit) {
@@ -52,7 +53,9 @@ bool OutgoingCalls::creditArrived(const wire::Credit& credit) {
     uncredited_.pop_front();
     bytes += dealtWith.bytes;
     const auto found = calls_.find(dealtWith.identifier);
-    if (found != calls_.end() && !found->second.reply) calls_.erase(found);
+    if (found == calls_.end() || found->second.reply) continue;
+    forgotten_.push_back(std::move(found->second));
+    calls_.erase(found);
   }
   usedBytes_ -= bytes;
   return bytes == credit.bytes;
@@ -90,8 +93,7 @@ std::vector<OutgoingCall> OutgoingCalls::takeAllAwaitingReply() {
   std::vector<OutgoingCall> taken;
   for (auto& [identifier, call] : calls_) {
     if (!call.reply) continue;
-    taken.push_back(call);
-    call.reply = {};
+    taken.push_back({identifier, call.method, std::exchange(call.reply, {}), call.errorHandler, call.frameNumber});
   }
   pendingReplies_ = 0;
   return taken;
@@ -99,11 +101,13 @@ std::vector<OutgoingCall> OutgoingCalls::takeAllAwaitingReply() {
 
 std::vector<OutgoingCall> OutgoingCalls::takeAllUnsettled(std::uint64_t framesWritten) {
   std::vector<OutgoingCall> taken;
+  std::vector<OutgoingCall> forgotten = takeForgotten();
   for (auto& [identifier, call] : calls_) {
     const bool unwritten = call.frameNumber == 0 || call.frameNumber > framesWritten;
-    if (call.reply || unwritten) taken.push_back(std::move(call));
+    (call.reply || unwritten ? taken : forgotten).push_back(std::move(call));
   }
   *this = OutgoingCalls();
+  forgotten_ = std::move(forgotten);
   return taken;
 }
 

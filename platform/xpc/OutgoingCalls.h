@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "VeltoIPC/Limits.h"
@@ -35,7 +36,7 @@ struct OutgoingCall {
 class OutgoingCalls {
  public:
   // Raises std::bad_alloc, and changes nothing, when there is no memory.
-  void add(OutgoingCall call, wire::Frame frame);
+  void add(OutgoingCall&& call, wire::Frame&& frame);
   // The next frame that the credit allows to send; nothing when none waits or none may go.
   struct Sendable {
     std::uint64_t identifier;
@@ -44,6 +45,7 @@ class OutgoingCalls {
   std::optional<Sendable> takeSendable();
   void sent(std::uint64_t identifier, std::uint64_t frameNumber);
 
+  // What the other end states counts up to what it would be allowed here.
   void helloArrived(const wire::Hello& hello);
   // What the other end keeps at most for a receiver that is busy: a call over it could never be sent.
   std::uint64_t windowBytes() const noexcept { return windowBytes_; }
@@ -65,6 +67,9 @@ class OutgoingCalls {
   // Removes everything; returns, in order, the calls that wait for a reply or were not written to the socket.
   std::vector<OutgoingCall> takeAllUnsettled(std::uint64_t framesWritten);
 
+  // The calls that were settled by the way, to be let go of where user code may run: what they hold is the user's.
+  std::vector<OutgoingCall> takeForgotten() noexcept { return std::exchange(forgotten_, {}); }
+
   bool hasWaiting() const noexcept { return !waiting_.empty(); }
   std::size_t waitingBytes() const noexcept { return waitingBytes_; }
   std::size_t pendingReplies() const noexcept { return pendingReplies_; }
@@ -80,6 +85,7 @@ class OutgoingCalls {
   };
 
   std::map<std::uint64_t, OutgoingCall> calls_;
+  std::vector<OutgoingCall> forgotten_;
   std::deque<Waiting> waiting_;
   // Sent, and neither dealt with nor known to be.
   std::deque<Uncredited> uncredited_;

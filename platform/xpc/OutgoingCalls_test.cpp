@@ -49,5 +49,38 @@ TEST(OutgoingCalls, GoOutUpToTheCreditThatTheOtherEndHasStated) {
   EXPECT_EQ(calls.takeSendable()->identifier, 3U);
 }
 
+// As much as this end would allow is believed, and no more.
+TEST(OutgoingCalls, ACreditWithoutEndIsWhatThisEndWouldAllow) {
+  OutgoingCalls calls;
+  wire::Hello hello = wire::Hello::ours();
+  hello.undeliveredBytes = UINT64_MAX;
+  hello.undeliveredCalls = UINT64_MAX;
+  calls.helloArrived(hello);
+  EXPECT_EQ(calls.windowBytes(), limits::kUndeliveredBytes);
+  EXPECT_EQ(calls.windowCalls(), limits::kUndeliveredCalls);
+}
+
+// What a call holds is the user's: it must not be destroyed where the connection's lock is held.
+TEST(OutgoingCalls, ThoseThatAreSettledByTheWayAreHandedOverToBeLetGoOf) {
+  const auto held = std::make_shared<int>(0);
+  OutgoingCalls calls;
+  for (const std::uint64_t identifier : {1U, 2U}) {
+    OutgoingCall call;
+    call.identifier = identifier;
+    call.method = &kMethod;
+    call.errorHandler = std::make_shared<const std::function<void(NSError)>>([held](NSError) {});
+    wire::Frame frame;
+    frame.body.resize(10);
+    calls.add(std::move(call), std::move(frame));
+    calls.takeSendable();
+    calls.sent(identifier, identifier);
+  }
+  EXPECT_TRUE(calls.creditArrived({.bytes = 10, .calls = 1}));
+  EXPECT_TRUE(calls.takeAllUnsettled(2).empty());
+  EXPECT_EQ(held.use_count(), 3);
+  EXPECT_EQ(calls.takeForgotten().size(), 2U);
+  EXPECT_EQ(held.use_count(), 1);
+}
+
 }  // namespace
 }  // namespace velto::xpc

@@ -9,6 +9,7 @@
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/ConnectionCore.h"
 #include "platform/xpc/Errors.h"
+#include "platform/xpc/transport/LongWork.h"
 #include "platform/xpc/wire/Messages.h"
 #include "platform/xpc/wire/ValueDecoder.h"
 #include "platform/xpc/wire/ValueEncoder.h"
@@ -19,6 +20,9 @@ namespace {
 
 using Outcome = wire::ValueDecoder::Outcome;
 
+// Bytes of a reply that can hold what is dear to make.
+constexpr std::size_t kMayTakeLong = 256;
+
 struct DecodedReply {
   Outcome outcome = Outcome::refused;
   NSObject value;
@@ -27,6 +31,7 @@ struct DecodedReply {
 
 DecodedReply decodeReply(const NSXPCInterface& interface, const Method& method, const wire::Frame& frame) {
   DecodedReply reply;
+  const transport::LongWork turn(frame.body.size());
   wire::ValueDecoder decoder(frame);
   decoder.nextUnsigned();
   reply.outcome = decoder.next(interface.admitted(method, 0, true), reply.value);
@@ -56,13 +61,15 @@ void ConnectionCore::call(const Method& method, std::vector<NSObject> arguments,
     return postNotSent(errorHandler, method, makeError(code, where + encoder.reason()));
   }
   wire::Frame frame = encoder.take();
+  OutgoingCall outgoing{identifier, &method, std::move(reply), errorHandler, 0};
   NSError failure;
   {
     MutexLock lock(mutex_);
-    failure = refusalToKeep(frame, static_cast<bool>(reply));
+    failure = refusalToKeep(frame, static_cast<bool>(outgoing.reply));
     if (!failure) {
-      outgoing_.add({identifier, &method, std::move(reply), errorHandler, 0}, std::move(frame));
+      outgoing_.add(std::move(outgoing), std::move(frame));
       if (phase_ == Phase::open && resumed_) sendWaiting();
+      stateWaiting();
     }
   }
   if (failure) postNotSent(errorHandler, method, failure);
@@ -175,6 +182,7 @@ void ConnectionCore::helloArrived(const wire::Frame& frame) {
                                         VELTO_REQUIRES(mutex_) { return overPeerLimits(waiting); });
     if (phase_ == Phase::closing) sayFarewell();
     if (phase_ == Phase::open && resumed_) sendWaiting();
+    stateWaiting();
   }
   for (const auto& [call, objection] : refused) {
     postNotSent(call.errorHandler, *call.method, makeError(NSXPCLimitExceeded, objection));
@@ -185,13 +193,18 @@ void ConnectionCore::creditArrived(const wire::Frame& frame) {
   std::string reason;
   const auto credit = wire::Credit::decode(frame, reason);
   if (!credit) return breakProtocol(reason);
+  if (credit->calls == 0) return breakProtocol("credit for nothing");
   bool valid = false;
+  std::vector<OutgoingCall> forgotten;
   {
     MutexLock lock(mutex_);
     valid = outgoing_.creditArrived(*credit);
+    forgotten = outgoing_.takeForgotten();
     if (valid && phase_ == Phase::closing) sayFarewell();
     if (valid && phase_ == Phase::open && resumed_) sendWaiting();
+    stateWaiting();
   }
+  letGo(std::move(forgotten));
   if (!valid) breakProtocol("credit for calls that were never sent");
 }
 
@@ -208,26 +221,73 @@ void ConnectionCore::replyArrived(wire::Frame frame) {
   if (!identifier) return breakProtocol("a reply without the number of its call");
   std::optional<OutgoingCall> call;
   std::size_t undelivered = 0;
+  bool isClaimable = true;
+  bool isKnown = false;
   {
     MutexLock lock(mutex_);
     // What was asked before invalidate() may be answered after it.
     if (phase_ == Phase::closing) return;
+    isClaimable = keepClaimable(frame, claimable_.byReplies);
     call = outgoing_.takeAwaitingReply(*identifier);
-    if (call && !call->reply.neverBlocks) undeliveredReplyBytes_ += frame.body.size();
+    isKnown = call.has_value();
+    if (call && !call->reply.neverBlocks) {
+      undeliveredReplyBytes_ += frame.body.size();
+      arrivedDescriptors_ += frame.descriptors.size();
+      arrivedReplies_.push_back({std::move(*call), std::move(frame)});
+      call.reset();
+      stateArrived();
+    }
     undelivered = undeliveredReplyBytes_;
   }
-  if (!call) return breakProtocol("a reply to no call: " + std::to_string(*identifier));
-  if (call->reply.neverBlocks) return finishCall(*call, frame);
-  post([self = shared_from_this(), call = std::move(*call), frame = std::move(frame)] {
-    {
-      MutexLock lock(self->mutex_);
-      self->undeliveredReplyBytes_ -= frame.body.size();
-    }
-    self->finishCall(call, frame);
-  });
+  if (!isKnown) return breakProtocol("a reply to no call: " + std::to_string(*identifier));
+  if (call) {
+    if (isClaimable) return finishOnReader(*call, frame);
+    postFailure(call->errorHandler, makeError(NSXPCReplyRefused, "the reply to " + call->method->selector +
+                                                                     " was refused: more descriptors than any takes"));
+  } else {
+    post([self = shared_from_this()] { self->deliverReply(); });
+  }
+  if (!isClaimable) return breakProtocol("a reply with more descriptors than any takes");
   if (undelivered > limits::kUndeliveredReplyBytes) {
     breakProtocol(overLimit("bytes of undelivered replies", undelivered, limits::kUndeliveredReplyBytes));
   }
+}
+
+void ConnectionCore::deliverReply() {
+  ArrivedReply reply;
+  {
+    MutexLock lock(mutex_);
+    ++turns_;
+    reply = std::move(arrivedReplies_.front());
+    arrivedReplies_.pop_front();
+    if (reply.frame) {
+      undeliveredReplyBytes_ -= reply.frame->body.size();
+      arrivedDescriptors_ -= reply.frame->descriptors.size();
+    }
+    stateArrived();
+  }
+  if (reply.frame) return finishCall(reply.call, *reply.frame);
+  if (!reply.call.errorHandler || !*reply.call.errorHandler) return;
+  (*reply.call.errorHandler)(makeError(NSXPCConnectionInterrupted, "the reply to " + reply.call.method->selector +
+                                                                       " came, but was let go of: its connection has "
+                                                                       "ended, and a callback was in its way"));
+}
+
+// The reply block never blocks, but what a peer sends may take its time to be read.
+void ConnectionCore::finishOnReader(const OutgoingCall& call, const wire::Frame& frame) {
+  if (frame.body.size() >= kMayTakeLong) transport::Reactor::shared().standIn();
+  try {
+    finishCall(call, frame);
+  } catch (const std::exception& exception) {
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A reply block raised an exception, which is ignored: %s",
+                  exception.what());
+  } catch (...) {
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A reply block raised an unknown exception, which is ignored");
+  }
+}
+
+void ConnectionCore::stateWaiting() {
+  holding_->setBytes(transport::Holding::Place::waiting, outgoing_.waitingBytes());
 }
 
 void ConnectionCore::finishCall(const OutgoingCall& call, const wire::Frame& frame) {
@@ -247,13 +307,14 @@ void ConnectionCore::replyDroppedArrived(const wire::Frame& frame) {
   std::string reason;
   const auto identifier = wire::decodeReplyDropped(frame, reason);
   if (!identifier) return breakProtocol(reason);
-  std::optional<OutgoingCall> forgotten;  // let go of after the lock
+  std::vector<OutgoingCall> forgotten;
   bool known = false;
   {
     MutexLock lock(mutex_);
-    forgotten = outgoing_.takeAwaitingReply(*identifier);
-    known = forgotten.has_value() || phase_ == Phase::closing;
+    if (auto call = outgoing_.takeAwaitingReply(*identifier)) forgotten.push_back(std::move(*call));
+    known = !forgotten.empty() || phase_ == Phase::closing;
   }
+  letGo(std::move(forgotten));
   if (!known) breakProtocol("a dropped reply to no call: " + std::to_string(*identifier));
 }
 
@@ -273,6 +334,7 @@ void ConnectionCore::refusalArrived(const wire::Frame& frame) {
   if (refusal->code == wire::kLimitExceeded) code = NSXPCLimitExceeded;
   const std::string what = ofReply ? " could not be answered: " : " was refused by the other end: ";
   postFailure(call->errorHandler, makeError(code, call->method->selector + what + refusal->text));
+  letGo({std::move(*call)});
 }
 
 }  // namespace velto::xpc

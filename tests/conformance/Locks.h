@@ -2,12 +2,14 @@
 
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <future>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "platform/foundation/NSCondition.h"
+#include "platform/foundation/Foundation.h"
 #include "tests/support/Waiting.h"
 
 namespace velto::testing {
@@ -29,6 +31,11 @@ inline bool comesToBeHeld(const NSCondition& condition, std::future<void>& passi
     passing = passThrough(condition);
     return isHeldUp(passing);
   });
+}
+
+// An error that holds something whose end is told.
+inline NSError errorWhoseEnd(std::function<void()> isTold) {
+  return NSError::errorWithDomain("d", 1, {{"held", NSData::dataWithBytesNoCopy("", 0, std::move(isTold))}});
 }
 
 // The locks of conditions, each held by a thread of its own until expectSignals(), which must be called.

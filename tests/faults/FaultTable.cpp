@@ -38,6 +38,7 @@ const std::vector<Fault>& allFaults() {
        {ENOPROTOOPT, ENOMEM, EBADF},
        Effect::reported,
        {NSXPCConnectionInvalid, NSXPCConnectionInterrupted}},
+      {SystemCall::peerProcess, {ENOPROTOOPT, ENOMEM, EBADF}, Effect::none, {}},
       {SystemCall::sendMessage, {EAGAIN, ENOBUFS, ENOMEM, ETOOMANYREFS}, Effect::none, {}},
       {SystemCall::sendMessage,
        {EPIPE, ECONNRESET, EPERM, EIO, EMSGSIZE, EBADF},
@@ -83,8 +84,9 @@ std::vector<SystemCall> callsOfTheTable() {
 
 const std::vector<SystemCall>& callsApart() {
   static const std::vector<SystemCall>& calls = *new std::vector<SystemCall>{
-      SystemCall::makeDirectory, SystemCall::shutdown, SystemCall::epollCreate, SystemCall::eventCounter,
-      SystemCall::timer,         SystemCall::setTimer, SystemCall::read};
+      SystemCall::makeDirectory, SystemCall::shutdown,  SystemCall::epollCreate, SystemCall::eventCounter,
+      SystemCall::timer,         SystemCall::setTimer,  SystemCall::read,        SystemCall::openPeerProcess,
+      SystemCall::openProcess,   SystemCall::isReadable};
   return calls;
 }
 

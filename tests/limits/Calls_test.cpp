@@ -96,7 +96,7 @@ TEST_F(Calls, WithTheMostObjectsArriveAndOneMoreIsRefused) {
 
 // A set of arrays of one long text: they cost the most to compare for their number, and differ in the first byte.
 constexpr std::size_t kTextBytes = std::size_t{48} << 10;
-constexpr std::size_t kCost = 1 + 1 + kTextBytes / 64;
+constexpr std::size_t kCost = 2 + 1 + kTextBytes / 64;
 constexpr std::size_t kMostKeys = 295;
 static_assert(kMostKeys * (kMostKeys - 1) * kCost <= limits::kMaximumKeyComparisons);
 static_assert((kMostKeys + 1) * kMostKeys * kCost > limits::kMaximumKeyComparisons);

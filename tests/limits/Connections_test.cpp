@@ -65,6 +65,50 @@ TEST_F(Connections, OneThatSaysNothingForTooLongIsCutOffAndOthersAreNot) {
   EXPECT_TRUE(Client(service->endpoint()).works());
 }
 
+// The same for one that has called and never ends its next frame.
+TEST_F(Connections, OneThatNeverFinishesAFrameIsCutOffAndOthersAreNot) {
+  const auto service = Service::start();
+  RawEnd halting = RawEnd::connectedTo(service->endpoint());
+  halting.greet();
+  halting.send(callFrame(1, NSDictionary{{"first", "word"}}, true));
+  ASSERT_TRUE(halting.next(wire::FrameType::reply));
+  halting.send(std::vector<std::uint8_t>{100, 0, 0, 0});
+  RawEnd idle = RawEnd::connectedTo(service->endpoint());
+  idle.greet();
+  idle.send(callFrame(1, NSDictionary{{"first", "word"}}, true));
+  ASSERT_TRUE(idle.next(wire::FrameType::reply));
+  EXPECT_TRUE(halting.isCutOff());
+  EXPECT_TRUE(log.waitForContaining(0, "a frame was begun more than 10000 ms ago"));
+  idle.send(callFrame(2, NSDictionary{{"second", "word"}}, true));
+  EXPECT_TRUE(idle.next(wire::FrameType::reply));
+}
+
+// What lies behind a callback that blocks is given back once its connection is over, but for what is little.
+TEST_F(Connections, WhatOneHasLeftBehindABlockedCallbackIsDroppedUnlessItIsLittle) {
+  constexpr std::size_t kCalls = 5;
+  for (const std::size_t bytes : {limits::kLeftoverBytes / 10, limits::kLeftoverBytes}) {
+    const auto service = Service::start();
+    Gate gate;
+    std::atomic<std::size_t> calls{0};
+    service->exported->onMessage([&](const NSDictionary&, const VeltoReplyHandler&) {
+      if (++calls == 1) gate.wait();
+    });
+    const bool isMuch = bytes == limits::kLeftoverBytes;
+    {
+      RawEnd peer = RawEnd::connectedTo(service->endpoint());
+      peer.greet();
+      peer.send(callFrame(1, NSDictionary{{"first", "word"}}, false));
+      ASSERT_TRUE(eventually([&] { return calls == 1; }));
+      for (std::size_t call = 0; call < kCalls; ++call) peer.send(callFrame(2 + call, dataOf(bytes), false));
+    }
+    ASSERT_TRUE(!isMuch || log.waitForContaining(0, "5 calls and replies behind it are not delivered any more"));
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return calls == (isMuch ? 1 : 1 + kCalls); })) << calls;
+    service->waitForOne()->invalidate();
+  }
+  EXPECT_EQ(log.containing(0, "not delivered any more").size(), 1u);
+}
+
 // As long as the limit is, likewise.
 TEST_F(Connections, AFarewellToOneThatDoesNotReadEndsAfterItsTimeAndToOneThatReadsArrives) {
   constexpr std::size_t kCalls = 20;
@@ -112,7 +156,7 @@ TEST_F(Connections, CallbacksRunUpToTheMostThreadsAndTheOthersWaitTheirTurn) {
     }
   }
   EXPECT_TRUE(eventually([&] { return running >= limits::kMaximumWorkers - 1; })) << running;
-  EXPECT_LE(runningThreads(), threads + limits::kMaximumWorkers);
+  EXPECT_LE(runningThreads(), threads + limits::kMaximumWorkers + limits::kReservedWorkers);
   EXPECT_LE(running, limits::kMaximumWorkers);
   gate.open();
   for (auto& answer : answers) EXPECT_TRUE(finish(answer));

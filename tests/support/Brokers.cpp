@@ -20,7 +20,13 @@ BrokerHere::~BrokerHere() {
   listener_->invalidate();
 }
 
-DaemonProcess::DaemonProcess() : process_({VELTO_DAEMON}, ChildProcess::Errors::joinOutput) {
+DaemonProcess::DaemonProcess() : DaemonProcess(std::vector<std::string>{VELTO_DAEMON}) {}
+
+DaemonProcess::DaemonProcess(std::size_t descriptors)
+    : DaemonProcess({"/bin/sh", "-c", "ulimit -n " + std::to_string(descriptors) + " && exec \"$0\"", VELTO_DAEMON}) {}
+
+DaemonProcess::DaemonProcess(const std::vector<std::string>& command)
+    : process_(command, ChildProcess::Errors::joinOutput) {
   while (const auto line = process_.readLine()) {
     words_ += *line + "\n";
     if (line->find("listening") == std::string::npos) continue;

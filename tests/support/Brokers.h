@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/xpc/NSXPCListener.h"
 #include "tests/support/ChildProcess.h"
@@ -25,6 +27,8 @@ class BrokerHere {
 class DaemonProcess {
  public:
   DaemonProcess();
+  // It may not have more descriptors open than this.
+  explicit DaemonProcess(std::size_t descriptors);
 
   ChildProcess& process() { return process_; }
   // What the program said until it listened, or ended.
@@ -32,6 +36,8 @@ class DaemonProcess {
   bool listens() const { return listens_; }
 
  private:
+  explicit DaemonProcess(const std::vector<std::string>& command);
+
   ChildProcess process_;
   std::string words_;
   bool listens_ = false;

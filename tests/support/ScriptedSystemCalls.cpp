@@ -13,10 +13,12 @@ namespace velto::testing {
 namespace {
 
 constexpr std::array<const char*, kSystemCallCount> kNames = {
-    "socketStream",  "bind",           "connect",     "listen",        "accept",    "shutdown",    "peerUser",
-    "sendMessage",   "receiveMessage", "openAt",      "makeDirectory", "unlinkAt",  "renameAt",    "changeMode",
-    "lockDirectory", "status",         "statusFlags", "pipe",          "duplicate", "epollCreate", "epollControl",
-    "epollWait",     "eventCounter",   "timer",       "setTimer",      "read",      "write",       "close"};
+    "socketStream",   "bind",        "connect",         "listen",      "accept",     "shutdown",
+    "peerUser",       "peerProcess", "openPeerProcess", "openProcess", "isReadable", "sendMessage",
+    "receiveMessage", "openAt",      "makeDirectory",   "unlinkAt",    "renameAt",   "changeMode",
+    "lockDirectory",  "status",      "statusFlags",     "pipe",        "duplicate",  "epollCreate",
+    "epollControl",   "epollWait",   "eventCounter",    "timer",       "setTimer",   "read",
+    "write",          "close"};
 
 // The first `bytes` bytes of what a message's vectors describe.
 std::vector<iovec> shortened(const msghdr& message, std::size_t bytes) {
@@ -123,6 +125,22 @@ int ScriptedSystemCalls::shutdown(int socket) {
 
 int ScriptedSystemCalls::peerUser(int socket, uid_t& user) {
   return passes(SystemCall::peerUser, socket) ? SystemCalls::peerUser(socket, user) : -1;
+}
+
+int ScriptedSystemCalls::peerProcess(int socket, pid_t& process) {
+  return passes(SystemCall::peerProcess, socket) ? SystemCalls::peerProcess(socket, process) : -1;
+}
+
+int ScriptedSystemCalls::openPeerProcess(int socket) {
+  return passes(SystemCall::openPeerProcess, socket) ? SystemCalls::openPeerProcess(socket) : -1;
+}
+
+int ScriptedSystemCalls::openProcess(pid_t process) {
+  return passes(SystemCall::openProcess) ? SystemCalls::openProcess(process) : -1;
+}
+
+int ScriptedSystemCalls::isReadable(int descriptor) {
+  return passes(SystemCall::isReadable, descriptor) ? SystemCalls::isReadable(descriptor) : -1;
 }
 
 int ScriptedSystemCalls::openAt(int directory, const char* name, int flags) {

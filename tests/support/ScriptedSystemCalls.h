@@ -18,6 +18,10 @@ enum class SystemCall {
   accept,
   shutdown,
   peerUser,
+  peerProcess,
+  openPeerProcess,
+  openProcess,
+  isReadable,
   sendMessage,
   receiveMessage,
   openAt,
@@ -77,6 +81,10 @@ class ScriptedSystemCalls final : public system::SystemCalls {
   int accept(int socket) override;
   int shutdown(int socket) override;
   int peerUser(int socket, uid_t& user) override;
+  int peerProcess(int socket, pid_t& process) override;
+  int openPeerProcess(int socket) override;
+  int openProcess(pid_t process) override;
+  int isReadable(int descriptor) override;
   ssize_t sendMessage(int socket, const msghdr& message) override;
   ssize_t receiveMessage(int socket, msghdr& message) override;
   int openAt(int directory, const char* name, int flags) override;

@@ -8,8 +8,14 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <malloc.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/timerfd.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -37,7 +43,20 @@ bool fillAddress(const char* path, sockaddr_un& address) {
   return true;
 }
 
+// Not in the headers of every system that this is built on.
+#ifdef SO_PEERPIDFD
+constexpr int kPeerProcessOption = SO_PEERPIDFD;
+#else
+constexpr int kPeerProcessOption = 77;
+#endif
+
+constexpr std::size_t kUsualDescriptorLimit = 1024;
 constexpr std::uint64_t kNanosecondsPerSecond = 1'000'000'000;
+
+int askForPeer(int socket, ucred& credentials) {
+  socklen_t length = sizeof(credentials);
+  return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length);
+}
 
 SystemCalls& kernel() {
   static SystemCalls& calls = *new SystemCalls;
@@ -78,10 +97,31 @@ int SystemCalls::shutdown(int socket) {
 
 int SystemCalls::peerUser(int socket, uid_t& user) {
   ucred credentials{};
-  socklen_t length = sizeof(credentials);
-  const int result = ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length);
+  const int result = askForPeer(socket, credentials);
   if (result == 0) user = credentials.uid;
   return result;
+}
+
+int SystemCalls::peerProcess(int socket, pid_t& process) {
+  ucred credentials{};
+  const int result = askForPeer(socket, credentials);
+  if (result == 0) process = credentials.pid;
+  return result;
+}
+
+int SystemCalls::openPeerProcess(int socket) {
+  int process = -1;
+  socklen_t length = sizeof(process);
+  return ::getsockopt(socket, SOL_SOCKET, kPeerProcessOption, &process, &length) == 0 ? process : -1;
+}
+
+int SystemCalls::openProcess(pid_t process) {
+  return static_cast<int>(::syscall(SYS_pidfd_open, process, 0));
+}
+
+int SystemCalls::isReadable(int descriptor) {
+  pollfd asked{descriptor, POLLIN, 0};
+  return uninterrupted([&] { return ::poll(&asked, 1, 0); });
 }
 
 ssize_t SystemCalls::sendMessage(int socket, const msghdr& message) {
@@ -170,6 +210,32 @@ ssize_t SystemCalls::write(int descriptor, const void* bytes, std::size_t length
 // Not repeated on EINTR: Linux has closed the descriptor by then, and the number may be somebody else's.
 int SystemCalls::close(int descriptor) {
   return ::close(descriptor);
+}
+
+int SystemCalls::startThread(void* (*run)(void*), void* argument) {
+  // Signals belong to the program's own threads. A new thread inherits the mask.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, &before);
+  pthread_t thread{};
+  const int error = ::pthread_create(&thread, nullptr, run, argument);
+  if (error == 0) ::pthread_detach(thread);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return error;
+}
+
+void SystemCalls::giveMemoryBack() {
+#ifdef __GLIBC__
+  ::malloc_trim(0);
+#endif
+}
+
+std::size_t SystemCalls::descriptorLimit() {
+  rlimit limit{};
+  // The kernel has no reason to refuse this, but then the usual limit holds.
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return kUsualDescriptorLimit;
+  return limit.rlim_cur;
 }
 
 SystemCalls& systemCalls() noexcept {

@@ -27,6 +27,15 @@ class SystemCalls {
   // Both directions.
   virtual int shutdown(int socket);
   virtual int peerUser(int socket, uid_t& user);
+  // 0 for a process whose number cannot be told here: it is in another namespace.
+  virtual int peerProcess(int socket, pid_t& process);
+  // A descriptor of the process at the other end, and of no other that may have its number by now. ENOPROTOOPT where
+  // the kernel does not offer it.
+  virtual int openPeerProcess(int socket);
+  // A descriptor of the process that has the number now: readable once the process is dead. ESRCH when none has it.
+  virtual int openProcess(pid_t process);
+  // 1 or 0, at once: whether there is something to be read.
+  virtual int isReadable(int descriptor);
   virtual ssize_t sendMessage(int socket, const msghdr& message);
   virtual ssize_t receiveMessage(int socket, msghdr& message);
 
@@ -53,6 +62,12 @@ class SystemCalls {
   virtual ssize_t read(int descriptor, void* bytes, std::size_t length);
   virtual ssize_t write(int descriptor, const void* bytes, std::size_t length);
   virtual int close(int descriptor);
+  // A thread that nobody waits for, with all signals blocked. 0, or what is wrong.
+  virtual int startThread(void* (*run)(void*), void* argument);
+  // Gives memory that is free, but still the process's, back to the system, if the allocator can do so.
+  virtual void giveMemoryBack();
+  // How many descriptors this process may have open.
+  virtual std::size_t descriptorLimit();
 };
 
 // What the process uses: the kernel, unless a test has put its own in place.

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <utility>
 
@@ -28,9 +29,22 @@ constexpr std::size_t kGatheredFrames = 32;
 // Pause before a write is tried again that the kernel had no memory for, or no room for descriptors on their way.
 constexpr std::chrono::milliseconds kRetryPause{10};
 constexpr std::size_t kReadBytes = std::size_t{64} << 10;
+constexpr std::size_t kSmallReadBytes = std::size_t{8} << 10;
+// Writes before others have their turn.
+constexpr unsigned kTurnWrites = 16;
 
 bool isPassing(int error) {
   return error == ENOBUFS || error == ENOMEM || error == ETOOMANYREFS;
+}
+
+// What waits takes no more memory than it needs: encoding leaves as much again unused.
+void releaseUnused(std::vector<std::uint8_t>& body) {
+  if (body.capacity() - body.size() < body.size() / 4) return;
+  try {
+    body.shrink_to_fit();
+  } catch (const std::bad_alloc&) {
+    // It stays as it is.
+  }
 }
 
 bool meansGone(int error) {
@@ -39,8 +53,17 @@ bool meansGone(int error) {
 
 }  // namespace
 
-Channel::Channel(system::Descriptor socket, std::shared_ptr<ChannelReceiver> receiver)
-    : socket_(std::make_shared<const system::Descriptor>(std::move(socket))), receiver_(std::move(receiver)) {}
+Channel::Channel(system::Descriptor socket, std::shared_ptr<ChannelReceiver> receiver, std::shared_ptr<Holding> holding,
+                 std::shared_ptr<ChannelPlace> place)
+    : holding_(std::move(holding)),
+      socket_(std::make_shared<const system::Descriptor>(std::move(socket))),
+      receiver_(std::move(receiver)),
+      place_(std::move(place)) {}
+
+Channel::~Channel() {
+  holding_->setBytes(Holding::Place::input, 0);
+  holding_->setDescriptors(Holding::Place::input, 0);
+}
 
 bool Channel::start() {
   MutexLock lock(mutex_);
@@ -64,6 +87,8 @@ std::uint64_t Channel::send(wire::Frame frame) {
   const bool mustWait = !output_.empty();
   output_.push_back(std::move(output));
   if (!mustWait) writeQueued();
+  if (!output_.empty()) releaseUnused(output_.back().body);
+  stateOutput();
   return number;
 }
 
@@ -88,8 +113,10 @@ std::shared_ptr<ChannelReceiver> Channel::closeIfFinished() {
 std::shared_ptr<ChannelReceiver> Channel::close() {
   if (socket_ && identifier_ != 0) Reactor::shared().remove(identifier_, socket_->get());
   socket_.reset();
+  place_.reset();
   output_.clear();
   waitingBytes_ = 0;
+  stateOutput();
   return std::exchange(receiver_, nullptr);
 }
 
@@ -100,35 +127,83 @@ std::shared_ptr<ChannelReceiver> Channel::receiver() {
 
 void Channel::eventsArrived(std::uint32_t events) {
   if ((events & kHangUp) != 0) hungUp_ = true;
-  if ((events & (kInput | kHangUp)) != 0 && readEvents_.fetch_add(1) == 0) {
-    std::uint32_t seen = 0;
-    do {
-      seen = readEvents_.load();
-      readAvailable();
-    } while (readEvents_.fetch_sub(seen) != seen);
-  }
+  if ((events & (kInput | kHangUp)) != 0) read();
   if ((events & EPOLLOUT) != 0) roomArrived();
 }
 
-void Channel::readAvailable() {
-  try {
-    while (readOnce() == Read::more) {
-    }
-  } catch (const std::bad_alloc&) {
-    end("there is no memory for what arrives");
-  }
+void Channel::watch(PeerProcess& peer) {
+  auto death = peer.onDeath([weak = weak_from_this()] {
+    if (const auto channel = weak.lock()) channel->peerDied();
+  });
+  MutexLock lock(mutex_);
+  peerDeath_ = std::move(death);
 }
 
-Channel::Read Channel::readOnce() {
+void Channel::peerDied() {
+  endsWhenDrained_ = true;
+  hungUp_ = true;
+  read();
+}
+
+void Channel::readOn() {
+  read();
+}
+
+void Channel::read() {
+  if (readEvents_.fetch_add(1) != 0) return;
+  std::uint32_t seen = 0;
+  do {
+    seen = readEvents_.load();
+    if (readTurn() == Read::turnIsOver) {
+      // Events that came meanwhile are in this one.
+      readEvents_ = 0;
+      return readAgainSoon();
+    }
+  } while (readEvents_.fetch_sub(seen) != seen);
+}
+
+// The kernel tells of the socket again, behind all others that have something to read.
+void Channel::readAgainSoon() {
+  {
+    MutexLock lock(mutex_);
+    if (!socket_) return;
+    const std::uint32_t events = watchesForRoom_ ? kInput | EPOLLOUT : kInput;
+    const bool hearsOfEnd = !endsWhenDrained_ && identifier_ != 0;
+    if (hearsOfEnd && Reactor::shared().changeEvents(identifier_, socket_->get(), events)) return;
+  }
+  Reactor::shared().timers().add({}, [weak = weak_from_this()] {
+    if (const auto channel = weak.lock()) channel->read();
+  });
+}
+
+Channel::Read Channel::readTurn() {
+  Turn turn;
+  Read result = Read::more;
+  try {
+    while (result == Read::more) result = turn.isOver() ? Read::turnIsOver : readOnce(turn);
+  } catch (const std::exception& exception) {
+    end(std::string("what arrives cannot be dealt with: ") + exception.what());
+    return Read::ended;
+  }
+  stateInput();
+  return result;
+}
+
+Channel::Read Channel::readOnce(Turn& turn) {
   system::SharedDescriptor socket;
   {
     MutexLock lock(mutex_);
     socket = socket_;
+    if (place_) place_->heard();
   }
   if (!socket) return Read::ended;
-  const auto room = reader_.prepare(kReadBytes);
+  // What is left of a connection that is over is little, and must be read for its end to be found.
+  if (holding_->mustWait() && !hungUp_) return Read::drained;
+  // Of small frames few at once, so that the turn is short; of a large one as much as there is.
+  const auto whole = reader_.prepare(kReadBytes);
+  const auto room = whole.first(std::min(whole.size(), std::max(kSmallReadBytes, reader_.missing())));
   Received received = receiveWithDescriptors(socket->get(), room);
-  if (received.error == EAGAIN && !endsWhenDrained_) return Read::drained;
+  if (received.error == EAGAIN && !endsWhenDrained_) return drained();
   if (received.error != 0 && received.error != EAGAIN && received.error != ECONNRESET) {
     end(std::string("reading failed: ") + std::strerror(received.error));
     return Read::ended;
@@ -146,13 +221,18 @@ Channel::Read Channel::readOnce() {
     return Read::ended;
   }
   const bool mayHaveMore = received.count == room.size() || !received.descriptors.empty() || hungUp_;
+  // Those that are not kept are closed here, which may take the kernel its time, whatever they are.
+  if (!received.descriptors.empty()) Reactor::shared().standIn();
+  reader_.keepDescriptors(claimableDescriptors_);
   reader_.received(received.count, std::move(received.descriptors));
-  if (!deliverFrames()) return Read::ended;
-  return mayHaveMore ? Read::more : Read::drained;
+  turn.bytes += received.count;
+  if (!deliverFrames(turn)) return Read::ended;
+  return mayHaveMore ? Read::more : drained();
 }
 
-bool Channel::deliverFrames() {
+bool Channel::deliverFrames(Turn& turn) {
   while (auto frame = reader_.next()) {
+    ++turn.frames;
     const auto listener = receiver();
     if (!listener) return false;
     listener->frameArrived(std::move(*frame));
@@ -160,6 +240,46 @@ bool Channel::deliverFrames() {
   if (!reader_.failed()) return true;
   end(reader_.reason());
   return false;
+}
+
+// Nothing more is there just now.
+Channel::Read Channel::drained() {
+  if (lateFrame_ == reader_.framesTaken() + 1 && reader_.hasPartialFrame()) {
+    end("a frame was begun more than " + std::to_string(limits::kUnfinishedFrame.count()) +
+        " ms ago, which is the maximum, and is not finished");
+    return Read::ended;
+  }
+  watchUnfinished();
+  return Read::drained;
+}
+
+void Channel::watchUnfinished() {
+  const std::uint64_t number = reader_.framesTaken() + 1;
+  if (reader_.hasPartialFrame() && watchedFrame_ == number) return;
+  if (watchedFrame_ != 0) Reactor::shared().timers().cancel(unfinishedTimer_);
+  watchedFrame_ = reader_.hasPartialFrame() ? number : 0;
+  if (watchedFrame_ == 0) return;
+  unfinishedTimer_ = Reactor::shared().timers().add(limits::kUnfinishedFrame, [weak = weak_from_this(), number] {
+    if (const auto channel = weak.lock()) channel->unfinishedIsLate(number);
+  });
+}
+
+// It may lie in the socket by now: this process may have been stopped.
+void Channel::unfinishedIsLate(std::uint64_t number) {
+  if (holding_->mustWait()) return;
+  lateFrame_ = number;
+  read();
+}
+
+void Channel::stateInput() {
+  const std::size_t bytes = reader_.capacity();
+  holding_->setBytes(Holding::Place::input, bytes > kReadBytes ? bytes : 0);
+  holding_->setDescriptors(Holding::Place::input, reader_.heldDescriptors());
+}
+
+// Measured: what waits takes up to four times its bytes, since encoding leaves gaps that are too small for the next.
+void Channel::stateOutput() {
+  holding_->setBytes(Holding::Place::output, 4 * waitingBytes_);
 }
 
 void Channel::end(const std::string& reason) {
@@ -173,10 +293,14 @@ void Channel::end(const std::string& reason) {
 
 void Channel::writeQueued() {
   Attempt attempt = Attempt::done;
-  while (!output_.empty() && attempt == Attempt::done) attempt = writeOnce();
+  unsigned writes = 0;
+  while (!output_.empty() && attempt == Attempt::done && writes++ < kTurnWrites) attempt = writeOnce();
   if (attempt == Attempt::broken) giveUpWriting();
   if (attempt == Attempt::retry) retryLater();
-  watchForRoom(attempt == Attempt::full);
+  // The kernel is asked anew when there may be room still: it tells so behind all others that it has something to tell
+  // of.
+  const bool turnIsOver = !output_.empty() && attempt == Attempt::done;
+  watchForRoom(turnIsOver || attempt == Attempt::full, turnIsOver);
 }
 
 Channel::Attempt Channel::writeOnce() {
@@ -220,6 +344,7 @@ void Channel::giveUpWriting() {
   outputBroken_ = true;
   output_.clear();
   waitingBytes_ = 0;
+  stateOutput();
   // What has arrived can still be read; after it comes the end, even from an end that only stopped reading.
   if (system::systemCalls().shutdown(socket_->get()) != 0) endSoon();
 }
@@ -238,8 +363,8 @@ void Channel::endSoon() {
   });
 }
 
-void Channel::watchForRoom(bool wanted) {
-  if (watchesForRoom_ == wanted) return;
+void Channel::watchForRoom(bool wanted, bool anew) {
+  if (watchesForRoom_ == wanted && !anew) return;
   if (identifier_ == 0 ||
       Reactor::shared().changeEvents(identifier_, socket_->get(), wanted ? kInput | EPOLLOUT : kInput)) {
     watchesForRoom_ = wanted;
@@ -261,6 +386,7 @@ void Channel::roomArrived() {
     MutexLock lock(mutex_);
     if (!socket_ || output_.empty()) return;
     writeQueued();
+    stateOutput();
     if (!output_.empty()) return;
     listener = receiver_;
     released = closeIfFinished();

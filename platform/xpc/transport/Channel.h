@@ -10,6 +10,8 @@
 
 #include "platform/foundation/ThreadAnnotations.h"
 #include "platform/xpc/system/Descriptor.h"
+#include "platform/xpc/transport/Holdings.h"
+#include "platform/xpc/transport/PeerProcess.h"
 #include "platform/xpc/transport/Reactor.h"
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/FrameReader.h"
@@ -28,17 +30,37 @@ class ChannelReceiver {
   virtual void outputDrained() = 0;
 };
 
+// What a channel's descriptor is counted as. Let go of with the socket.
+class ChannelPlace {
+ public:
+  virtual ~ChannelPlace() = default;
+  // Something has come from the other end.
+  virtual void heard() noexcept = 0;
+};
+
 // A connected socket that carries frames both ways. A frame is written by the thread that sends it when the socket has
-// room and nothing is queued before it, and in the background otherwise. Reading never waits for anybody.
+// room and nothing is queued before it, and in the background otherwise. Reading never waits for anybody, but it takes
+// turns: after some frames others are read first. It rests only while the process holds too much (see Holding).
 //
 // Thread-safe.
 class Channel final : public EventSource, public std::enable_shared_from_this<Channel> {
  public:
-  // The receiver is held until the channel has ended.
-  Channel(system::Descriptor socket, std::shared_ptr<ChannelReceiver> receiver);
+  // The receiver is held until the channel has ended. What the channel holds for it is stated there. It
+  // need not have a place.
+  Channel(system::Descriptor socket, std::shared_ptr<ChannelReceiver> receiver, std::shared_ptr<Holding> holding,
+          std::shared_ptr<ChannelPlace> place);
+  ~Channel() override;
 
   // Starts to read. False when the kernel has no room to watch the socket; then nothing is ever received.
   bool start();
+
+  // How many descriptors one frame that comes may carry for anybody here to claim; more are not kept.
+  void setClaimableDescriptors(std::size_t most) noexcept { claimableDescriptors_ = most; }
+  // When the process at the other end dies, the stream ends once what that has sent is read, even if its socket lives
+  // on in other hands.
+  void watch(PeerProcess& peer);
+  // The process holds less again.
+  void readOn();
 
   // Hands a frame over, behind all before it. Returns its number: frames are counted from 1.
   std::uint64_t send(wire::Frame frame);
@@ -67,21 +89,39 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
     std::size_t remaining() const noexcept { return header.size() + body.size() - written; }
   };
   enum class Attempt { done, full, retry, broken };
-  enum class Read { more, drained, ended };
+  enum class Read { more, drained, turnIsOver, ended };
+  // What has been read since others had their turn. It is over after less than a millisecond of work, but what was
+  // read at once is dealt with whole.
+  struct Turn {
+    std::size_t frames = 0;
+    std::size_t bytes = 0;
 
-  void readAvailable();
-  Read readOnce();
+    bool isOver() const noexcept { return frames >= 64 || bytes >= std::size_t{512} << 10; }
+  };
+
+  // Reads unless another thread does, which then reads on.
+  void read();
+  Read readTurn();
+  Read readOnce(Turn& turn);
   // False when the stream is broken or nobody listens any more.
-  bool deliverFrames();
+  bool deliverFrames(Turn& turn);
+  Read drained();
   void end(const std::string& reason);
+  void readAgainSoon();
+  // Sees to it that an unfinished frame is finished in time.
+  void watchUnfinished();
+  void peerDied();
+  void unfinishedIsLate(std::uint64_t number);
+  void stateInput();
 
   void writeQueued() VELTO_REQUIRES(mutex_);
+  void stateOutput() VELTO_REQUIRES(mutex_);
   Attempt writeOnce() VELTO_REQUIRES(mutex_);
   void consume(std::size_t count) VELTO_REQUIRES(mutex_);
   void giveUpWriting() VELTO_REQUIRES(mutex_);
   // Whoever waits for the end is told by the reading half, even if the kernel does not.
   void endSoon() VELTO_REQUIRES(mutex_);
-  void watchForRoom(bool wanted) VELTO_REQUIRES(mutex_);
+  void watchForRoom(bool wanted, bool anew) VELTO_REQUIRES(mutex_);
   void retryLater() VELTO_REQUIRES(mutex_);
   void roomArrived();
   // Closes the socket; returns the receiver, to be let go of outside the lock.
@@ -96,7 +136,15 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
   std::atomic<int> writeError_{0};
   // The kernel will not say that the stream is over: it is once nothing is left to read.
   std::atomic<bool> endsWhenDrained_{false};
-  wire::FrameReader reader_;  // of the thread that reads
+  std::atomic<std::size_t> claimableDescriptors_{limits::kMaximumDescriptors};
+  const std::shared_ptr<Holding> holding_;
+
+  // Of the thread that reads.
+  wire::FrameReader reader_;
+  TimerQueue::Identifier unfinishedTimer_ = 0;
+  std::uint64_t watchedFrame_ = 0;
+  // The number of the frame that is late, counted from 1; 0 when none is.
+  std::atomic<std::uint64_t> lateFrame_{0};
 
   Mutex mutex_;
   // Shared with the thread that reads, so that the number is not given out anew while it does.
@@ -107,6 +155,8 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
   bool watchesForRoom_ VELTO_GUARDED_BY(mutex_) = false;
   bool finishing_ VELTO_GUARDED_BY(mutex_) = false;
   bool outputBroken_ VELTO_GUARDED_BY(mutex_) = false;
+  std::shared_ptr<ChannelPlace> place_ VELTO_GUARDED_BY(mutex_);
+  PeerProcess::Subscription peerDeath_ VELTO_GUARDED_BY(mutex_);
   std::uint64_t sent_ VELTO_GUARDED_BY(mutex_) = 0;
   std::atomic<std::uint64_t> written_{0};
   std::atomic<std::size_t> waitingBytes_{0};

@@ -1,24 +1,31 @@
 // All idle threads sleep in epoll_wait on one epoll descriptor, and the kernel wakes one of them per event. Handing the
 // duty of reading from thread to thread therefore costs nothing: it is enough that one thread too many waits there.
 //
+// A queue that is scheduled waits in one of two lists until a thread has a seat for it. Who leaves a seat looks into
+// the lists; nobody is woken for what cannot run, so that a shortage of threads costs no time.
+//
 // Handlers that report a failure run on these threads too. So the threads do their work even while the kernel has no
 // epoll descriptor to give, or waiting fails: they look for it after short pauses until the kernel has recovered.
 
 #include "platform/xpc/transport/Reactor.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <exception>
-#include <string>
+#include <new>
 #include <thread>
+#include <utility>
 
 #include <pthread.h>
-#include <signal.h>
 #include <sys/epoll.h>
 
 #include "VeltoIPC/Limits.h"
+#include "platform/logging/DeferredLog.h"
+#include "platform/logging/LogTimer.h"
 #include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/system/PerProcess.h"
 #include "platform/xpc/system/SystemCalls.h"
 
 namespace velto::transport {
@@ -31,8 +38,22 @@ constexpr Reactor::Identifier kFirstSource = 2;
 // Between two tries to wait for events that cannot be waited for.
 constexpr std::chrono::milliseconds kPauseAfterFailure{10};
 
+// How long the kernel is left in peace once it has refused a thread.
+constexpr std::chrono::milliseconds kPauseAfterRefusal{100};
+// A queue that has waited so long gets a thread beyond those that the processors are for: whoever has them may be
+// blocked, or busy for long. How often that is looked at, and how many get one then: one as long as anybody gets on,
+// since what all wait for may be the processors themselves.
+constexpr std::chrono::milliseconds kLongestWait{5};
+constexpr std::chrono::milliseconds kLookPause{2};
+constexpr std::size_t kPasses = 4;
+// Threads besides the one that takes up an ordinary queue: one that reads, and one for what is urgent.
+constexpr std::size_t kStandBy = 2;
+constexpr std::size_t kMaximumThreads = limits::kMaximumWorkers + limits::kReservedWorkers;
+
 // What the current thread is to drain once it has read; set only while a reactor's thread deals with an event.
-thread_local std::vector<std::shared_ptr<SerialQueue>>* queuesToDrain = nullptr;
+thread_local std::shared_ptr<SerialQueue>* queueToDrain = nullptr;
+// Whether the seat that the current thread has is an urgent queue's; none while it has no seat.
+thread_local bool* seatIsUrgent = nullptr;
 
 epoll_event eventFor(Reactor::Identifier identifier, std::uint32_t events) {
   epoll_event event{};
@@ -41,47 +62,34 @@ epoll_event eventFor(Reactor::Identifier identifier, std::uint32_t events) {
   return event;
 }
 
-// Signals belong to the program's own threads.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
-  }
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
- private:
-  sigset_t before_{};
-};
-
-struct SharedReactor {
-  unsigned generation;
-  Reactor* reactor;
-};
-
 }  // namespace
 
 Reactor& Reactor::shared() {
-  // Found without a lock: the child of a fork may have inherited a locked one.
-  static std::atomic<const SharedReactor*> current{nullptr};
-  const SharedReactor* found = current.load(std::memory_order_acquire);
-  while (found == nullptr || found->generation != system::forkGeneration()) {
-    const auto* made = new SharedReactor{system::forkGeneration(), new Reactor};
-    if (current.compare_exchange_strong(found, made, std::memory_order_acq_rel)) {
-      found = made;
-      break;
-    }
-    delete made->reactor;
-    delete made;
-  }
-  return *found->reactor;
+  return system::perProcess<Reactor>();
 }
 
-Reactor::Reactor() : lastIdentifier_(kFirstSource) {
+Reactor::Reactor()
+    : logQueue_(makeQueue()),
+      lastIdentifier_(kFirstSource),
+      processors_(std::max<std::size_t>(2, std::thread::hardware_concurrency())) {
   setUp();
+  setLogDrainer([] { shared().drainLogSoon(); });
+  setLogTimer([](std::chrono::milliseconds delay, void (*call)()) {
+    try {
+      shared().timers().add(delay, call);
+    } catch (const std::bad_alloc&) {
+      // It comes with the next line.
+    }
+  });
+}
+
+// A sink is user code, which may block for ever: it takes a thread as a callback does.
+void Reactor::drainLogSoon() noexcept {
+  try {
+    logQueue_->add(drainDeferredLog);
+  } catch (const std::bad_alloc&) {
+    // The next line asks again.
+  }
 }
 
 bool Reactor::setUp() {
@@ -120,7 +128,7 @@ Reactor::Identifier Reactor::add(int descriptor, std::uint32_t events, std::shar
     errno = error;
     return 0;
   }
-  ensureSpare();
+  ensureThread();
   return identifier;
 }
 
@@ -140,24 +148,108 @@ void Reactor::remove(Identifier identifier, int descriptor) {
   sources_.erase(place);
 }
 
-std::shared_ptr<SerialQueue> Reactor::makeQueue() {
-  return std::make_shared<SerialQueue>([this](std::shared_ptr<SerialQueue> queue) { schedule(std::move(queue)); });
+void Reactor::standIn() noexcept {
+  // One more than reads: it takes the kernel its time to bring another while everybody is busy.
+  if (waiting_.load() < kStandBy) startWorker();
 }
 
-void Reactor::schedule(std::shared_ptr<SerialQueue> queue) {
-  if (queuesToDrain != nullptr) {
-    queuesToDrain->push_back(std::move(queue));
+bool Reactor::mayLinger() noexcept {
+  if (seatIsUrgent == nullptr || !*seatIsUrgent) return true;
+  for (bool canGrow = true;; canGrow = startWorker()) {
+    MutexLock lock(mutex_);
+    --inUrgent_;
+    const Seat seat = takeSeat(false, canGrow);
+    if (seat == Seat::taken) {
+      *seatIsUrgent = false;
+      return true;
+    }
+    ++inUrgent_;
+    if (seat != Seat::needsThread) return false;
+  }
+}
+
+void Reactor::taskSleeps() noexcept {
+  if (seatIsUrgent == nullptr || *seatIsUrgent) return;
+  bool leavesRoom = false;
+  {
+    MutexLock lock(mutex_);
+    ++asleep_;
+    leavesRoom = hasScheduled();
+  }
+  if (!leavesRoom) return;
+  ensureThread();
+  wakeOne();
+}
+
+void Reactor::taskWakes() noexcept {
+  if (seatIsUrgent == nullptr || *seatIsUrgent) return;
+  MutexLock lock(mutex_);
+  --asleep_;
+}
+
+// While queues wait for their turn although there are threads enough.
+void Reactor::lookWhoWaits() noexcept {
+  {
+    MutexLock lock(mutex_);
+    if (std::exchange(looks_, true)) return;
+  }
+  try {
+    timers_.add(kLookPause, [this] { letPass(); });
+  } catch (const std::bad_alloc&) {
+    MutexLock lock(mutex_);
+    looks_ = false;
+  }
+}
+
+void Reactor::letPass() noexcept {
+  {
+    MutexLock lock(mutex_);
+    looks_ = false;
+    const auto late = Clock::now() - kLongestWait;
+    const auto isLate = [late](const QueueList& list) { return !list.isEmpty() && list.waitsSince() <= late; };
+    if (ordinary_.isEmpty() && ended_.isEmpty()) return;
+    const std::size_t passes = std::exchange(getsOn_, false) ? 1 : kPasses;
+    passes_ = isLate(ordinary_) || isLate(ended_) ? passes : 0;
+  }
+  ensureThread();
+  wakeOne();
+  lookWhoWaits();
+}
+
+std::shared_ptr<SerialQueue> Reactor::makeQueue() {
+  return std::make_shared<SerialQueue>(*this);
+}
+
+void Reactor::enlist(std::shared_ptr<SerialQueue> queue) {
+  QueueList& list = queue->overtakes() ? overtaking_ : queue->isUrgent() ? ended_ : ordinary_;
+  list.push(std::move(queue));
+  scheduled_.fetch_add(1, std::memory_order_relaxed);
+}
+
+void Reactor::schedule(std::shared_ptr<SerialQueue> queue) noexcept {
+  if (queueToDrain != nullptr && !*queueToDrain) {
+    *queueToDrain = std::move(queue);
     return;
   }
   {
     MutexLock lock(mutex_);
-    scheduled_.push_back(std::move(queue));
+    enlist(std::move(queue));
   }
-  ensureSpare();
+  ensureThread();
   wakeOne();
 }
 
-void Reactor::wakeOne() {
+void Reactor::promote(SerialQueue& queue) noexcept {
+  {
+    MutexLock lock(mutex_);
+    if (!ordinary_.holds(queue)) return;
+    ended_.push(ordinary_.remove(queue));
+  }
+  ensureThread();
+  wakeOne();
+}
+
+void Reactor::wakeOne() noexcept {
   // Never read: edge-triggered, each write wakes one thread, and the counter has room for ever.
   const std::uint64_t one = 1;
   if (!isSetUp_.load(std::memory_order_acquire)) return;
@@ -166,26 +258,66 @@ void Reactor::wakeOne() {
   startWorker();
 }
 
-bool Reactor::ensureSpare() {
-  return waiting_.load() > 0 || startWorker();
+// Threads without a seat read, and wait again when they have: that there is one is enough.
+void Reactor::ensureThread() noexcept {
+  {
+    MutexLock lock(mutex_);
+    if (threads_ > inOrdinary_ + inUrgent_) return;
+  }
+  startWorker();
 }
 
-bool Reactor::startWorker() {
-  if (workers_.fetch_add(1) >= limits::kMaximumWorkers) {
-    workers_.fetch_sub(1);
-    return false;
+bool Reactor::startWorker() noexcept {
+  {
+    MutexLock lock(mutex_);
+    if (threads_ >= kMaximumThreads || Clock::now() < refusedUntil_) return false;
+    ++threads_;
   }
   // Counted as waiting from here on: whoever asks next need not start another.
   waiting_.fetch_add(1);
-  try {
-    SignalsBlocked blocked;
-    std::thread([this] { work(); }).detach();
-    return true;
-  } catch (const std::exception& error) {
+  const auto run = [](void* reactor) -> void* {
+    static_cast<Reactor*>(reactor)->work();
+    return nullptr;
+  };
+  if (const int error = system::systemCalls().startThread(run, this)) {
     waiting_.fetch_sub(1);
-    workers_.fetch_sub(1);
-    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "No further thread can be started: %s", error.what());
+    threadWasRefused(error);
     return false;
+  }
+  MutexLock lock(mutex_);
+  saidRefused_ = false;
+  return true;
+}
+
+void Reactor::threadWasRefused(int error) noexcept {
+  bool says = false;
+  {
+    MutexLock lock(mutex_);
+    --threads_;
+    refusedUntil_ = Clock::now() + kPauseAfterRefusal;
+    says = !std::exchange(saidRefused_, true);
+  }
+  if (says)
+    logLater(VKTLogGetAnchor(), VKTLogLevelFailure, "No further thread can be started: %s", std::strerror(error));
+}
+
+// What waits for a thread that the kernel has refused is not forgotten, even if nothing else ever happens here.
+void Reactor::tryAgainLater() noexcept {
+  {
+    MutexLock lock(mutex_);
+    if (Clock::now() >= refusedUntil_ || std::exchange(willTryAgain_, true)) return;
+  }
+  try {
+    timers_.add(kPauseAfterRefusal, [this] {
+      {
+        MutexLock lock(mutex_);
+        willTryAgain_ = false;
+      }
+      if (hasScheduled()) wakeOne();
+    });
+  } catch (const std::bad_alloc&) {
+    MutexLock lock(mutex_);
+    willTryAgain_ = false;
   }
 }
 
@@ -196,16 +328,21 @@ void Reactor::work() {
     runScheduled();
     waiting_.fetch_add(1);
   }
-  for (;;) {
+  while (mayWait()) {
     serveOne();
-    if (waiting_.fetch_add(1) >= limits::kSpareWorkers) {
-      waiting_.fetch_sub(1);
-      break;
-    }
-    // A queue that had to wait for a thread may have been put back since this one last looked.
-    if (waiting_.load() > 1 && hasScheduled()) wakeOne();
+    waiting_.fetch_add(1);
   }
-  workers_.fetch_sub(1);
+  MutexLock lock(mutex_);
+  --threads_;
+}
+
+// For a thread that is counted as waiting: if too many are, it is not any more.
+bool Reactor::mayWait() noexcept {
+  std::size_t waiting = waiting_.load();
+  while (waiting > limits::kSpareWorkers) {
+    if (waiting_.compare_exchange_weak(waiting, waiting - 1)) return false;
+  }
+  return true;
 }
 
 int Reactor::waitForEvent(epoll_event& event) {
@@ -221,7 +358,7 @@ int Reactor::waitForEvent(epoll_event& event) {
 void Reactor::pauseAfterFailure() {
   const int error = errno;
   if (!complained_.exchange(true)) {
-    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "Events cannot be waited for: %s", std::strerror(error));
+    logLater(VKTLogGetAnchor(), VKTLogLevelFailure, "Events cannot be waited for: %s", std::strerror(error));
   }
   std::this_thread::sleep_for(kPauseAfterFailure);
 }
@@ -230,40 +367,27 @@ void Reactor::serveOne() {
   epoll_event event{};
   const int count = waitForEvent(event);
   waiting_.fetch_sub(1);
-  std::vector<std::shared_ptr<SerialQueue>> queues;
+  std::shared_ptr<SerialQueue> queue;
   if (count > 0) {
-    queuesToDrain = &queues;
+    queueToDrain = &queue;
+    const LogDeferral deferral;
     try {
       dispatch(event);
     } catch (const std::exception& exception) {
       // Only memory can fail here. What it was needed for is lost, and the process is not.
       VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "An event could not be dealt with: %s", exception.what());
     }
-    queuesToDrain = nullptr;
+    queueToDrain = nullptr;
   }
-  // One queue this thread drains itself; any others must not wait for it.
-  while (queues.size() > 1) {
-    schedule(std::move(queues.back()));
-    queues.pop_back();
-  }
-  if (!queues.empty()) drain(std::move(queues.front()));
+  if (queue) drainOrLeave(std::move(queue));
   runScheduled();
-}
-
-void Reactor::runScheduled() {
-  while (auto queue = takeScheduled()) {
-    if (!drain(std::move(queue))) return;
-  }
 }
 
 void Reactor::dispatch(const epoll_event& event) {
   // A copy: the kernel's structure is packed, and nothing may refer to what lies askew in it.
   const Identifier identifier = event.data.u64;
   if (identifier == kWakeUp) return;
-  if (identifier == kTimer) {
-    for (const auto& action : timers_.takeDue()) action();
-    return;
-  }
+  if (identifier == kTimer) return runTimers();
   std::shared_ptr<EventSource> source;
   {
     MutexLock lock(mutex_);
@@ -273,36 +397,106 @@ void Reactor::dispatch(const epoll_event& event) {
   if (source) source->eventsArrived(event.events);
 }
 
-std::shared_ptr<SerialQueue> Reactor::takeScheduled() {
-  std::shared_ptr<SerialQueue> queue;
-  bool leavesMore = false;
-  {
-    MutexLock lock(mutex_);
-    if (scheduled_.empty()) return nullptr;
-    queue = std::move(scheduled_.front());
-    scheduled_.pop_front();
-    leavesMore = !scheduled_.empty();
+void Reactor::runTimers() {
+  for (const auto& action : timers_.takeDue()) {
+    try {
+      action();
+    } catch (const std::exception& exception) {
+      VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "What was due could not be done: %s", exception.what());
+    }
   }
-  // Several wake-ups may have reached this thread as one event, and what it has taken may keep it busy for long.
-  if (leavesMore) wakeOne();
-  return queue;
 }
 
-bool Reactor::hasScheduled() {
-  MutexLock lock(mutex_);
-  return !scheduled_.empty();
+// Whether as many callbacks are awake as get on at once.
+bool Reactor::isCrowded() const {
+  return inOrdinary_ - asleep_ >= processors_ && passes_ == 0;
 }
 
-bool Reactor::drain(std::shared_ptr<SerialQueue> queue) {
-  // Without a spare nobody would read while the callback runs. Then it waits until a thread that runs one is done; only
-  // when there is no such thread, there is no choice.
-  if (!ensureSpare() && workers_.load() > 1) {
-    MutexLock lock(mutex_);
-    scheduled_.push_back(std::move(queue));
-    return false;
+// An ordinary queue takes a thread only if enough are left, or no further one can be had and nobody else is in a
+// callback: then there is no choice.
+Reactor::Seat Reactor::takeSeat(bool urgent, bool canGrow) {
+  const std::size_t others = threads_ - inOrdinary_ - inUrgent_ - 1;
+  if (!urgent && inOrdinary_ >= limits::kMaximumWorkers) return Seat::none;
+  // For a single one the thread that reads can do what is urgent, too.
+  if (others < (urgent || inOrdinary_ == 0 ? 1 : kStandBy)) {
+    if (canGrow && threads_ < kMaximumThreads) return Seat::needsThread;
+    if (inUrgent_ > 0 || (!urgent && (inOrdinary_ > 0 || threads_ > kStandBy))) return Seat::none;
   }
+  if (!urgent && inOrdinary_ - asleep_ >= processors_ && passes_ > 0) --passes_;
+  ++(urgent ? inUrgent_ : inOrdinary_);
+  return Seat::taken;
+}
+
+// What has ended can do with an urgent seat when threads are short, but has no other privilege.
+Reactor::Seat Reactor::takeSeatFor(bool overtakes, bool hasEnded, bool canGrow, bool& urgent) {
+  urgent = overtakes;
+  if (overtakes) return takeSeat(true, canGrow);
+  if (isCrowded()) return Seat::later;
+  const Seat seat = takeSeat(false, canGrow);
+  if (seat != Seat::none || !hasEnded) return seat;
+  urgent = true;
+  return takeSeat(true, canGrow);
+}
+
+void Reactor::drainOrLeave(std::shared_ptr<SerialQueue> queue) {
+  bool urgent = false;
+  for (bool canGrow = true;; canGrow = startWorker()) {
+    {
+      MutexLock lock(mutex_);
+      const Seat seat = takeSeatFor(queue->overtakes(), queue->isUrgent(), canGrow, urgent);
+      if (seat == Seat::needsThread) continue;
+      if (seat != Seat::taken) enlist(std::move(queue));
+      if (seat == Seat::none) return;
+    }
+    return queue ? drain(queue, urgent) : lookWhoWaits();
+  }
+}
+
+QueueList& Reactor::nextList() {
+  if (!overtaking_.isEmpty()) return overtaking_;
+  if (ended_.isEmpty() || ordinary_.isEmpty()) return ended_.isEmpty() ? ordinary_ : ended_;
+  return std::exchange(endedIsNext_, !endedIsNext_) ? ended_ : ordinary_;
+}
+
+std::shared_ptr<SerialQueue> Reactor::takeScheduled(bool& urgent) {
+  for (bool canGrow = true;; canGrow = startWorker()) {
+    std::shared_ptr<SerialQueue> queue;
+    bool leavesMore = false;
+    {
+      MutexLock lock(mutex_);
+      QueueList* list = &nextList();
+      if (list->isEmpty()) return nullptr;
+      Seat seat = takeSeatFor(list == &overtaking_, list == &ended_, canGrow, urgent);
+      if (seat == Seat::none && list == &ordinary_ && !ended_.isEmpty()) {
+        list = &ended_;
+        seat = takeSeatFor(false, true, canGrow, urgent);
+      }
+      if (seat == Seat::needsThread) continue;
+      if (seat == Seat::none) return nullptr;
+      if (seat == Seat::taken) queue = list->pop();
+      leavesMore = queue && scheduled_.fetch_sub(1, std::memory_order_relaxed) > 1;
+    }
+    if (!queue) lookWhoWaits();
+    // Several wake-ups may have reached this thread as one event, and what it has taken may keep it busy for long.
+    if (leavesMore) wakeOne();
+    return queue;
+  }
+}
+
+void Reactor::runScheduled() {
+  if (!hasScheduled()) return;
+  bool urgent = false;
+  while (const auto queue = takeScheduled(urgent)) drain(queue, urgent);
+  if (hasScheduled()) tryAgainLater();
+}
+
+void Reactor::drain(const std::shared_ptr<SerialQueue>& queue, bool urgent) {
+  seatIsUrgent = &urgent;
   queue->drain();
-  return true;
+  seatIsUrgent = nullptr;
+  MutexLock lock(mutex_);
+  --(urgent ? inUrgent_ : inOrdinary_);
+  getsOn_ = true;
 }
 
 }  // namespace velto::transport

@@ -1,16 +1,15 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <unordered_map>
-#include <vector>
 
 #include <sys/epoll.h>
 
 #include "platform/foundation/ThreadAnnotations.h"
-#include "platform/xpc/system/Descriptor.h"
+#include "platform/xpc/system/PerProcess.h"
 #include "platform/xpc/transport/SerialQueue.h"
 #include "platform/xpc/transport/TimerQueue.h"
 
@@ -30,9 +29,15 @@ class EventSource {
 // the callbacks that the reading brought on itself, having made sure that another thread stands ready to read. So there
 // are as many threads as are busy, plus a spare or two, and a message whose receiver is idle never changes threads.
 //
+// Threads are scarce: a limit, or the kernel, says how many there may be, and callbacks may sleep for ever. So a
+// callback never takes one of the last threads: there is always one that reads and one that runs what is urgent, which
+// is what ends connections, and so frees those who sleep. And more callbacks than there are processors are awake at
+// once only for a queue that has waited too long: threads without end would not make a flood of calls any shorter, but
+// everybody else's turn later.
+//
 // Made at first use and never destroyed: threads may still run when static objects are torn down at exit. The child of
 // a fork gets a new one.
-class Reactor {
+class Reactor final : public QueueRunner {
  public:
   using Identifier = std::uint64_t;
 
@@ -44,32 +49,66 @@ class Reactor {
   bool changeEvents(Identifier identifier, int descriptor, std::uint32_t events);
   void remove(Identifier identifier, int descriptor);
 
+  // For a thread of the reactor that reads and has found long work: makes sure that another stands ready to read, if
+  // that can be.
+  void standIn() noexcept;
+
+  // For a task that may block and can be left undone: whether it should run. False when its queue is urgent, and the
+  // threads that are left are needed for the ends of others.
+  bool mayLinger() noexcept;
+
   // A queue whose tasks run on these threads.
   std::shared_ptr<SerialQueue> makeQueue();
   TimerQueue& timers() noexcept { return timers_; }
 
+  void schedule(std::shared_ptr<SerialQueue> queue) noexcept override;
+  void promote(SerialQueue& queue) noexcept override;
+  bool othersWait() const noexcept override { return scheduled_.load(std::memory_order_relaxed) > 0; }
+  void taskSleeps() noexcept override;
+  void taskWakes() noexcept override;
+
  private:
+  friend Reactor& system::perProcess<Reactor>();
+  using Clock = std::chrono::steady_clock;
+  // A thread's right to drain a queue; it may come later, when those that run get on, or do not.
+  enum class Seat { taken, needsThread, none, later };
+
   Reactor();
 
   // Makes what is missing of the kernel's objects. False, and errno, while it cannot be had: then callbacks still run,
   // nothing can be watched, and the threads try again until it can.
   bool setUp();
-  void schedule(std::shared_ptr<SerialQueue> queue);
-  void wakeOne();
+  void wakeOne() noexcept;
   void work();
+  bool mayWait() noexcept;
   // Waits for one event and deals with it.
   void serveOne();
   int waitForEvent(epoll_event& event);
   void pauseAfterFailure();
-  void runScheduled();
   void dispatch(const epoll_event& event);
-  // False when no thread may run callbacks now; the queue is then scheduled again.
-  bool drain(std::shared_ptr<SerialQueue> queue);
-  std::shared_ptr<SerialQueue> takeScheduled();
-  bool hasScheduled();
-  // Makes sure that a thread waits for events, or is about to, besides this one.
-  bool ensureSpare();
-  bool startWorker();
+  void runTimers();
+
+  void drainOrLeave(std::shared_ptr<SerialQueue> queue);
+  void runScheduled();
+  // The next queue that may be drained, with a seat for it; nothing when there is none.
+  std::shared_ptr<SerialQueue> takeScheduled(bool& urgent);
+  void drain(const std::shared_ptr<SerialQueue>& queue, bool urgent);
+  void enlist(std::shared_ptr<SerialQueue> queue) VELTO_REQUIRES(mutex_);
+  bool isCrowded() const VELTO_REQUIRES(mutex_);
+  Seat takeSeat(bool urgent, bool canGrow) VELTO_REQUIRES(mutex_);
+  // For a queue of this kind; tells which kind of seat it is.
+  Seat takeSeatFor(bool overtakes, bool hasEnded, bool canGrow, bool& urgent) VELTO_REQUIRES(mutex_);
+  QueueList& nextList() VELTO_REQUIRES(mutex_);
+  bool hasScheduled() const noexcept { return othersWait(); }
+
+  // Makes sure that there is a thread that has no seat, or is about to be.
+  void ensureThread() noexcept;
+  bool startWorker() noexcept;
+  void threadWasRefused(int error) noexcept;
+  void tryAgainLater() noexcept;
+  void lookWhoWaits() noexcept;
+  void letPass() noexcept;
+  void drainLogSoon() noexcept;
 
   Mutex setUpMutex_;
   std::atomic<bool> isSetUp_{false};
@@ -79,15 +118,38 @@ class Reactor {
   bool watchesWakeUp_ VELTO_GUARDED_BY(setUpMutex_) = false;
   bool watchesTimers_ VELTO_GUARDED_BY(setUpMutex_) = false;
   TimerQueue timers_;
+  const std::shared_ptr<SerialQueue> logQueue_;
   // The failure that lasts has been logged.
   std::atomic<bool> complained_{false};
   std::atomic<std::size_t> waiting_{0};
-  std::atomic<std::size_t> workers_{0};
+  // Queues in the two lists.
+  std::atomic<std::size_t> scheduled_{0};
 
   Mutex mutex_;
   std::unordered_map<Identifier, std::shared_ptr<EventSource>> sources_ VELTO_GUARDED_BY(mutex_);
   Identifier lastIdentifier_ VELTO_GUARDED_BY(mutex_) = 0;
-  std::deque<std::shared_ptr<SerialQueue>> scheduled_ VELTO_GUARDED_BY(mutex_);
+  // Those that overtake a sleeper, those of connections that have ended, and all others. The first go before; the other
+  // two take turns, so that ends without end keep nobody waiting.
+  QueueList overtaking_ VELTO_GUARDED_BY(mutex_);
+  QueueList ended_ VELTO_GUARDED_BY(mutex_);
+  QueueList ordinary_ VELTO_GUARDED_BY(mutex_);
+  bool endedIsNext_ VELTO_GUARDED_BY(mutex_) = false;
+  // All threads, and those that have a seat, ordinary or urgent.
+  std::size_t threads_ VELTO_GUARDED_BY(mutex_) = 0;
+  std::size_t inOrdinary_ VELTO_GUARDED_BY(mutex_) = 0;
+  std::size_t inUrgent_ VELTO_GUARDED_BY(mutex_) = 0;
+  // Of those in an ordinary queue, how many sleep; and how many queues may take a thread although as many are awake as
+  // there are processors.
+  std::size_t asleep_ VELTO_GUARDED_BY(mutex_) = 0;
+  std::size_t passes_ VELTO_GUARDED_BY(mutex_) = 0;
+  // A queue has had its turn since that was looked at.
+  bool getsOn_ VELTO_GUARDED_BY(mutex_) = false;
+  bool looks_ VELTO_GUARDED_BY(mutex_) = false;
+  const std::size_t processors_;
+  // The kernel has refused a thread: until then it is not asked again, and somebody will be reminded to.
+  Clock::time_point refusedUntil_ VELTO_GUARDED_BY(mutex_);
+  bool saidRefused_ VELTO_GUARDED_BY(mutex_) = false;
+  bool willTryAgain_ VELTO_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace velto::transport

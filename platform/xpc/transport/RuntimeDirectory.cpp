@@ -45,7 +45,12 @@ system::Descriptor openOwn(const std::string& path, std::string& reason, bool& p
 
 }  // namespace
 
-RuntimeDirectory RuntimeDirectory::open() {
+std::string RuntimeDirectory::named() {
+  const char* fromEnvironment = ::getenv("XDG_RUNTIME_DIR");
+  return fromEnvironment != nullptr ? fromEnvironment : "";
+}
+
+RuntimeDirectory RuntimeDirectory::open(const std::string& fromEnvironment) {
   RuntimeDirectory result;
   const std::string user = std::to_string(::geteuid());
   // True when the search is over: it is this one, or it may be and cannot be opened just now. In the latter case
@@ -56,8 +61,7 @@ RuntimeDirectory RuntimeDirectory::open() {
     if (result.directory) result.path = candidate;
     return result.directory || passing;
   };
-  const char* fromEnvironment = ::getenv("XDG_RUNTIME_DIR");
-  if (fromEnvironment != nullptr && fromEnvironment[0] == '/' && take(fromEnvironment)) return result;
+  if (fromEnvironment.starts_with('/') && take(fromEnvironment)) return result;
   if (take("/run/user/" + user)) return result;
   const std::string last = "/tmp/velto-" + user;
   system::systemCalls().makeDirectory(last.c_str(), S_IRWXU);  // it may be there already

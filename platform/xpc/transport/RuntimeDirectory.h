@@ -14,7 +14,11 @@ struct RuntimeDirectory {
   std::string path;
   std::string reason;  // why none will do
 
-  static RuntimeDirectory open();
+  static RuntimeDirectory open() { return open(named()); }
+  // The same with what $XDG_RUNTIME_DIR was when named() was called: the environment is to be read only on threads of
+  // the program's own, which may change it.
+  static RuntimeDirectory open(const std::string& fromEnvironment);
+  static std::string named();
   // How the kernel is told of a name in the directory whatever the length of its path: "/proc/self/fd/N/name".
   std::string pathOf(std::string_view name) const;
 };

@@ -1,45 +1,22 @@
-// A queue that a thread holds while it runs tasks. The hold is a number, not a lock: a thread that goes to sleep inside
-// a task can lose it, and finds out when its task returns.
+// A queue is drained by one thread at a time, as long as that is awake. Who goes to sleep inside a task lets go of the
+// queue, and somebody else may drain it if tasks may overtake; who wakes has the next turn. So of all tasks that have
+// begun one is awake, but for the moment in which a sleeper has lost its patience.
 
 #include "platform/xpc/transport/SerialQueue.h"
 
+#include <chrono>
 #include <exception>
 #include <utility>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/logging/VeltoLogging.h"
 
 namespace velto::transport {
 
-class SerialQueue::Drainer final : public WaitObserver {
- public:
-  Drainer(SerialQueue& queue, std::uint64_t number)
-      : queue_(queue), number_(number), before_(WaitObserver::install(this)) {}
-  ~Drainer() { WaitObserver::install(before_); }
-  Drainer(const Drainer&) = delete;
-  Drainer& operator=(const Drainer&) = delete;
-
-  void threadWillWait() noexcept override {
-    bool overtaken = false;
-    {
-      MutexLock lock(queue_.mutex_);
-      if (queue_.drainer_ != number_) return;
-      queue_.asleep_ = true;
-      overtaken = queue_.overtakes();
-    }
-    if (overtaken) queue_.scheduler_(queue_.shared_from_this());
-  }
-  void threadDidWait() noexcept override {
-    MutexLock lock(queue_.mutex_);
-    if (queue_.drainer_ == number_) queue_.asleep_ = false;
-  }
-
- private:
-  SerialQueue& queue_;
-  const std::uint64_t number_;
-  WaitObserver* const before_;
-};
-
 namespace {
+
+// Tasks that run before others that wait have a turn.
+constexpr unsigned kTurn = 4;
 
 // A callback of the user's that raises must not end the process that a peer can make call it.
 void run(const SerialQueue::Task& task) {
@@ -55,56 +32,140 @@ void run(const SerialQueue::Task& task) {
 
 }  // namespace
 
-bool SerialQueue::overtakes() {
-  if (!draining_ || !asleep_ || !mayOvertake_ || tasks_.empty()) return false;
-  ++drainer_;
-  asleep_ = false;
+class SerialQueue::Drainer final : public WaitObserver {
+ public:
+  explicit Drainer(SerialQueue& queue) : queue_(queue), before_(WaitObserver::install(this)) {}
+  ~Drainer() { WaitObserver::install(before_); }
+  Drainer(const Drainer&) = delete;
+  Drainer& operator=(const Drainer&) = delete;
+
+  void threadWillWait() noexcept override {
+    bool schedules = false;
+    {
+      MutexLock lock(queue_.mutex_);
+      queue_.taskEnds();
+      ++queue_.sleeping_;
+      schedules = queue_.mustSchedule();
+    }
+    queue_.runner_.taskSleeps();
+    if (schedules) queue_.runner_.schedule(queue_.shared_from_this());
+  }
+  void threadDidWait() noexcept override {
+    queue_.runner_.taskWakes();
+    const auto patience = std::chrono::steady_clock::now() + limits::kWakingPatience;
+    MutexLock lock(queue_.mutex_);
+    --queue_.sleeping_;
+    ++queue_.waking_;
+    while (queue_.running_ > 0) {
+      if (lock.waitUntil(queue_.atRest_, patience) == std::cv_status::timeout) break;
+    }
+    --queue_.waking_;
+    ++queue_.running_;
+  }
+
+ private:
+  SerialQueue& queue_;
+  WaitObserver* const before_;
+};
+
+bool SerialQueue::mayTake() const {
+  return running_ == 0 && waking_ == 0 && !tasks_.empty() && (sleeping_ == 0 || isUrgent());
+}
+
+bool SerialQueue::mustSchedule() {
+  if (scheduled_ || !mayTake()) return false;
+  scheduled_ = true;
+  overtakes_.store(sleeping_ > 0, std::memory_order_release);
   return true;
+}
+
+void SerialQueue::taskEnds() {
+  --running_;
+  if (waking_ > 0) atRest_.notify_all();
 }
 
 void SerialQueue::add(Task task) {
   {
     MutexLock lock(mutex_);
     tasks_.push_back(std::move(task));
-    if (draining_ && !overtakes()) return;
-    draining_ = true;
+    if (!mustSchedule()) return;
   }
-  scheduler_(shared_from_this());
+  runner_.schedule(shared_from_this());
 }
 
-void SerialQueue::letOvertake() {
+void SerialQueue::letOvertake() noexcept {
+  bool schedules = false;
   {
     MutexLock lock(mutex_);
-    mayOvertake_ = true;
-    if (!overtakes()) return;
+    urgent_.store(true, std::memory_order_release);
+    schedules = mustSchedule();
   }
-  scheduler_(shared_from_this());
+  schedules ? runner_.schedule(shared_from_this()) : runner_.promote(*this);
 }
 
-bool SerialQueue::takeTask(std::uint64_t drainer, Task& task) {
+bool SerialQueue::hasSleeper() {
   MutexLock lock(mutex_);
-  if (drainer_ != drainer) return false;
-  if (tasks_.empty()) {
-    draining_ = false;
-    return false;
+  return sleeping_ > 0;
+}
+
+bool SerialQueue::takeNext(bool afterTask, Task& task) {
+  MutexLock lock(mutex_);
+  if (afterTask) {
+    taskEnds();
+  } else {
+    scheduled_ = false;
   }
+  if (!mayTake()) return false;
+  ++running_;
   task = std::move(tasks_.front());
   tasks_.pop_front();
   return true;
 }
 
-void SerialQueue::drain() {
-  std::uint64_t number = 0;
+// After a task: lets others have the thread if they wait for one.
+bool SerialQueue::giveWay() {
+  if (!runner_.othersWait()) return false;
+  bool schedules = false;
   {
     MutexLock lock(mutex_);
-    number = drainer_;
+    taskEnds();
+    schedules = mustSchedule();
   }
-  Drainer drainer(*this, number);
+  if (schedules) runner_.schedule(shared_from_this());
+  return true;
+}
+
+void SerialQueue::drain() {
+  Drainer drainer(*this);
   Task task;
-  while (takeTask(number, task)) {
+  unsigned count = 0;
+  while (takeNext(count > 0, task)) {
     run(task);
     task = nullptr;
+    if (++count % kTurn == 0 && giveWay()) return;
   }
+}
+
+void QueueList::push(std::shared_ptr<SerialQueue> queue) noexcept {
+  SerialQueue& added = *queue;
+  added.before_ = std::exchange(last_, &added);
+  (added.before_ != nullptr ? added.before_->after_ : first_) = &added;
+  added.listedAt_ = std::chrono::steady_clock::now();
+  added.list_ = this;
+  added.listed_ = std::move(queue);
+}
+
+std::shared_ptr<SerialQueue> QueueList::pop() noexcept {
+  return first_ != nullptr ? remove(*first_) : nullptr;
+}
+
+std::shared_ptr<SerialQueue> QueueList::remove(SerialQueue& queue) noexcept {
+  (queue.before_ != nullptr ? queue.before_->after_ : first_) = queue.after_;
+  (queue.after_ != nullptr ? queue.after_->before_ : last_) = queue.before_;
+  queue.list_ = nullptr;
+  queue.before_ = nullptr;
+  queue.after_ = nullptr;
+  return std::move(queue.listed_);
 }
 
 }  // namespace velto::transport

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -10,41 +13,103 @@
 
 namespace velto::transport {
 
+class QueueList;
+class SerialQueue;
+
+// Brings queues to threads that drain them. Nothing of it needs memory, since a thread that goes to sleep must be able
+// to give its queue away whatever the state of the process is.
+class QueueRunner {
+ public:
+  virtual void schedule(std::shared_ptr<SerialQueue> queue) noexcept = 0;
+  // A queue that has been scheduled has become urgent.
+  virtual void promote(SerialQueue& queue) noexcept = 0;
+  // Whether other queues wait for a thread.
+  virtual bool othersWait() const noexcept = 0;
+  // The task that the current thread runs sleeps, and is awake again.
+  virtual void taskSleeps() noexcept = 0;
+  virtual void taskWakes() noexcept = 0;
+
+ protected:
+  ~QueueRunner() = default;
+};
+
 // Runs tasks one at a time, in the order in which they were added, on whichever thread drains it.
 //
 // One exception keeps a dead connection from stranding a thread: after letOvertake(), tasks no longer wait behind one
 // that sleeps in an NSCondition. (The sleeper may be waiting for exactly what those tasks would tell it.) They then run
-// on another thread, still one at a time among themselves.
+// on another thread, still one at a time among themselves; and the sleeper, once it wakes, goes on only when the task
+// that runs then has ended or sleeps itself, and before any other begins. It does not wait for that for ever: it may
+// hold a lock of its own that the other wants.
 class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
  public:
   using Task = std::function<void()>;
-  // Brings a queue to a thread that drains it.
-  using Scheduler = std::function<void(std::shared_ptr<SerialQueue>)>;
 
-  explicit SerialQueue(Scheduler scheduler) : scheduler_(std::move(scheduler)) {}
+  explicit SerialQueue(QueueRunner& runner) : runner_(runner) {}
+  SerialQueue(const SerialQueue&) = delete;
+  SerialQueue& operator=(const SerialQueue&) = delete;
 
-  // Adds a task. Nothing runs on the calling thread: the scheduler is called when nobody drains the queue already.
+  // Adds a task. Nothing runs on the calling thread: the queue is scheduled when nobody drains it already.
   void add(Task task);
-  // Runs tasks until none is left. Called only by whom the scheduler brought it to.
+  // Runs tasks until none is left, or, after a turn, until it is scheduled again behind others that wait. Called only
+  // by whom the runner brought it to.
   void drain();
-  void letOvertake();
+  void letOvertake() noexcept;
+  // Whether tasks that wait should find a thread even when few are left: after letOvertake().
+  bool isUrgent() const noexcept { return urgent_.load(std::memory_order_acquire); }
+  // Whether it was scheduled last because a task sleeps that others may overtake.
+  bool overtakes() const noexcept { return overtakes_.load(std::memory_order_acquire); }
+  // For a task: whether it has overtaken one that sleeps.
+  bool hasSleeper();
 
  private:
+  friend class QueueList;
   // Follows one thread through one drain.
   class Drainer;
 
-  // Gives the queue to another thread when the one that drains it sleeps and tasks may pass.
-  bool overtakes() VELTO_REQUIRES(mutex_);
-  bool takeTask(std::uint64_t drainer, Task& task);
+  bool mayTake() const VELTO_REQUIRES(mutex_);
+  // Whether the caller is to schedule the queue: it counts as scheduled from then on.
+  bool mustSchedule() VELTO_REQUIRES(mutex_);
+  void taskEnds() VELTO_REQUIRES(mutex_);
+  bool takeNext(bool afterTask, Task& task);
+  bool giveWay();
 
-  const Scheduler scheduler_;
+  QueueRunner& runner_;
+  std::atomic<bool> urgent_{false};
+  std::atomic<bool> overtakes_{false};
+
   Mutex mutex_;
+  std::condition_variable atRest_;
   std::deque<Task> tasks_ VELTO_GUARDED_BY(mutex_);
-  bool draining_ VELTO_GUARDED_BY(mutex_) = false;
-  bool asleep_ VELTO_GUARDED_BY(mutex_) = false;
-  bool mayOvertake_ VELTO_GUARDED_BY(mutex_) = false;
-  // Counts up each time the queue changes hands: a drainer with an older number has lost it.
-  std::uint64_t drainer_ VELTO_GUARDED_BY(mutex_) = 0;
+  // Brought, or about to be, to a thread that has not begun to drain.
+  bool scheduled_ VELTO_GUARDED_BY(mutex_) = false;
+  // Tasks that have begun: awake, asleep, and awake again but not going on yet.
+  unsigned running_ VELTO_GUARDED_BY(mutex_) = 0;
+  unsigned sleeping_ VELTO_GUARDED_BY(mutex_) = 0;
+  unsigned waking_ VELTO_GUARDED_BY(mutex_) = 0;
+
+  // Of the list that the queue is in; guarded by whoever owns that.
+  std::chrono::steady_clock::time_point listedAt_;
+  QueueList* list_ = nullptr;
+  std::shared_ptr<SerialQueue> listed_;
+  SerialQueue* before_ = nullptr;
+  SerialQueue* after_ = nullptr;
+};
+
+// Queues in order. Needs no memory of its own: a queue is in one list at most. Not synchronised.
+class QueueList {
+ public:
+  bool isEmpty() const noexcept { return first_ == nullptr; }
+  bool holds(const SerialQueue& queue) const noexcept { return queue.list_ == this; }
+  void push(std::shared_ptr<SerialQueue> queue) noexcept;
+  // When the first of it was put there; it is not empty.
+  std::chrono::steady_clock::time_point waitsSince() const noexcept { return first_->listedAt_; }
+  // Nothing when it is empty.
+  std::shared_ptr<SerialQueue> pop() noexcept;
+  std::shared_ptr<SerialQueue> remove(SerialQueue& queue) noexcept;
+
+ private:
+  SerialQueue* first_ = nullptr;
+  SerialQueue* last_ = nullptr;
 };
 
 }  // namespace velto::transport

@@ -132,5 +132,73 @@ TEST(SerialQueue, TasksOvertakeATaskThatGoesToSleepLater) {
   EXPECT_EQ(events[2], "woke");
 }
 
+TEST(SerialQueue, ASleeperThatWakesGoesOnOnlyWhenTheTaskThatOvertookItHasEndedAndBeforeTheNext) {
+  Sleeper sleeper;
+  sleeper.addSleep();
+  sleeper.events.waitFor(1);
+  sleeper.queue->add([&] {
+    {
+      const ConditionLock lock(sleeper.condition);
+      sleeper.signalled = true;
+      sleeper.condition.signal();
+    }
+    // Long enough for the sleeper to go on beside this, if it would.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    sleeper.events.put("overtaker ends");
+  });
+  sleeper.queue->add([&] { sleeper.events.put("next"); });
+  sleeper.queue->letOvertake();
+  EXPECT_EQ(sleeper.events.waitFor(4), (std::vector<std::string>{"sleeps", "overtaker ends", "woke", "next"}));
+}
+
+TEST(SerialQueue, ASleeperThatWakesGoesOnWhileTheTaskThatOvertookItSleepsItself) {
+  Sleeper first;
+  first.addSleep();
+  first.events.waitFor(1);
+  const NSCondition other = NSCondition::condition();
+  bool freed = false;
+  first.queue->add([&] {
+    const ConditionLock lock(other);
+    first.events.put("overtaker sleeps");
+    while (!freed) other.wait();
+    first.events.put("overtaker woke");
+  });
+  first.queue->letOvertake();
+  first.events.waitFor(2);
+  {
+    const ConditionLock lock(first.condition);
+    first.signalled = true;
+    first.condition.signal();
+  }
+  first.events.waitFor(3);
+  {
+    const ConditionLock lock(other);
+    freed = true;
+    other.signal();
+  }
+  EXPECT_EQ(first.events.waitFor(4),
+            (std::vector<std::string>{"sleeps", "overtaker sleeps", "woke", "overtaker woke"}));
+}
+
+// Takes as long as the patience is: the time is the kernel's.
+TEST(SerialQueue, ASleeperThatWakesDoesNotWaitForEverForOneThatNeedsALockOfIts) {
+  Sleeper sleeper;
+  std::mutex ofTheUser;
+  sleeper.queue->add([&] {
+    const std::lock_guard held(ofTheUser);
+    const ConditionLock lock(sleeper.condition);
+    sleeper.events.put("sleeps");
+    sleeper.condition.waitUntilDate(NSDate::dateWithTimeIntervalSinceNow(0.05));
+    sleeper.events.put("woke");
+  });
+  sleeper.events.waitFor(1);
+  sleeper.queue->add([&] {
+    const std::lock_guard held(ofTheUser);
+    sleeper.events.put("overtaker has the lock");
+  });
+  sleeper.queue->letOvertake();
+  EXPECT_EQ(sleeper.events.waitFor(3), (std::vector<std::string>{"sleeps", "woke", "overtaker has the lock"}));
+}
+
 }  // namespace
 }  // namespace velto::transport

@@ -112,8 +112,8 @@ ConnectAttempt connectToEndpoint(int borrowedDescriptor) {
   return {std::move(socket), false, false, {}};
 }
 
-ConnectAttempt connectToService(std::string_view name) {
-  const auto runtime = RuntimeDirectory::open();
+ConnectAttempt connectToService(std::string_view name, const std::string& fromEnvironment) {
+  const auto runtime = RuntimeDirectory::open(fromEnvironment);
   if (!runtime.directory) return failed(runtime.reason);
   std::string reason;
   const auto handle = openSocketHandle(runtime, std::string(name), reason);
@@ -125,8 +125,9 @@ NamedSocket serveName(std::string_view name) {
   auto& calls = system::systemCalls();
   NamedSocket result;
   result.name = name;
+  result.fromEnvironment = RuntimeDirectory::named();
   if (!isFileName(name, result.reason)) return result;
-  const auto runtime = RuntimeDirectory::open();
+  const auto runtime = RuntimeDirectory::open(result.fromEnvironment);
   if (!runtime.directory) {
     result.reason = runtime.reason;
     return result;
@@ -157,7 +158,7 @@ NamedSocket serveName(std::string_view name) {
 
 void stopServingName(const NamedSocket& served) {
   auto& calls = system::systemCalls();
-  const auto runtime = RuntimeDirectory::open();
+  const auto runtime = RuntimeDirectory::open(served.fromEnvironment);
   std::string reason;
   if (!runtime.directory || calls.lockDirectory(runtime.directory.get()) != 0) return;
   const auto handle = openSocketHandle(runtime, served.name, reason);

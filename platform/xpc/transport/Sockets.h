@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include "platform/xpc/system/Descriptor.h"
+#include "platform/xpc/transport/RuntimeDirectory.h"
 
 namespace velto::transport {
 
@@ -17,8 +18,9 @@ struct ConnectAttempt {
   std::string reason;         // why it failed
 };
 
-// To the socket of a service name. The other end is proven to be a process of this user.
-ConnectAttempt connectToService(std::string_view name);
+// To the socket of a service name, in the directory that RuntimeDirectory::open() finds from this. The other end is
+// proven to be a process of this user.
+ConnectAttempt connectToService(std::string_view name, const std::string& fromEnvironment = RuntimeDirectory::named());
 // To the socket behind an O_PATH descriptor. The same proof.
 ConnectAttempt connectToEndpoint(int borrowedDescriptor);
 // Whether the process at the other end of an accepted connection runs as this user; otherwise the reason is set.
@@ -29,6 +31,7 @@ struct NamedSocket {
   system::Descriptor socket;  // listening; none when it failed
   std::string name;
   std::string path;
+  std::string fromEnvironment;  // where it was served, see RuntimeDirectory::open()
   dev_t device = 0;
   ino_t inode = 0;
   std::string reason;

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/logging/DeferredLog.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/system/SystemCalls.h"
 
@@ -17,6 +18,7 @@ TimerQueue::TimerQueue() {
 }
 
 bool TimerQueue::makeTimer() {
+  const LogDeferral deferral;
   MutexLock lock(mutex_);
   if (timer_) return true;
   timer_ = system::Descriptor(system::systemCalls().timer());
@@ -45,6 +47,7 @@ void TimerQueue::arm() {
 }
 
 TimerQueue::Identifier TimerQueue::add(Clock::duration delay, Action action) {
+  const LogDeferral deferral;
   MutexLock lock(mutex_);
   const Identifier identifier = ++last_;
   const auto due = Clock::now() + delay;
@@ -56,6 +59,7 @@ TimerQueue::Identifier TimerQueue::add(Clock::duration delay, Action action) {
 
 void TimerQueue::cancel(Identifier identifier) {
   Action forgotten;  // destroyed after the lock is released
+  const LogDeferral deferral;
   MutexLock lock(mutex_);
   const auto due = dueTimes_.find(identifier);
   if (due == dueTimes_.end()) return;
@@ -69,6 +73,7 @@ void TimerQueue::cancel(Identifier identifier) {
 
 std::vector<TimerQueue::Action> TimerQueue::takeDue() {
   std::vector<Action> due;
+  const LogDeferral deferral;
   MutexLock lock(mutex_);
   while (!actions_.empty() && actions_.begin()->first.first <= Clock::now()) {
     dueTimes_.erase(actions_.begin()->first.second);

@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/wire/WireTesting.h"
 
 namespace velto::wire {
 namespace {
-
-using testing::newClass;
 
 TEST(ClassSet, AnEmptySetAdmitsNothing) {
   for (const ClassSet& none : {ClassSet(), ClassSet(nil), ClassSet(NSSet::set())}) {
@@ -29,7 +28,7 @@ TEST(ClassSet, AdmitsItsClassesAndNoOthers) {
 }
 
 TEST(ClassSet, AdmitsSubclassesOfItsClasses) {
-  const Class derived = newClass("DerivedFromDate", NSDate::classObject());
+  const Class derived = defineBuiltIn("DerivedFromDate", NSDate::classObject());
   const ClassSet dates(NSSet{NSDate::classObject()});
   EXPECT_TRUE(dates.admits(derived));
   EXPECT_FALSE(ClassSet(NSSet{derived}).admits(NSDate::classObject()));

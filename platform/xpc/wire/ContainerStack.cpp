@@ -30,7 +30,7 @@ void ContainerStack::open(Kind kind, std::uint64_t items, std::uint64_t work) {
   level.kind = kind;
   level.base = objects_.size();
   level.items = items;
-  level.work = work;
+  level.cost = ContainerCost(work, items);
 }
 
 void ContainerStack::openError(NSObject domain, NSObject code, std::uint64_t items, std::uint64_t work) {
@@ -49,22 +49,16 @@ void ContainerStack::push(NSObject object, const ComparisonCost& cost) {
   const bool isPair = top.kind == Kind::dictionary || top.kind == Kind::error;
   const bool isKey = top.kind == Kind::set || (isPair && (objects_.size() - top.base) % 2 == 0);
   objects_.push_back(std::move(object));
-  top.work += cost.work;
-  if (!isKey || !cost.hasPoorHash) return;
-  top.poorKeyWork += cost.work;
-  ++top.poorKeys;
-}
-
-std::uint64_t ContainerStack::comparisonsToClose() const noexcept {
-  const Level& top = levels_.back();
-  // No product of these wraps: both are bounded by the bytes and by what was allowed at the levels within.
-  return top.poorKeys < 2 ? 0 : (top.poorKeys - 1) * top.poorKeyWork;
+  if (isKey) {
+    top.cost.addKey(cost);
+  } else {
+    top.cost.addValue(cost);
+  }
 }
 
 ContainerStack::Level ContainerStack::popLevel(ComparisonCost& cost) noexcept {
-  // Two such containers are compared by looking up each key of one in the other.
   const Level level = levels_.back();
-  cost = {level.work + level.poorKeys * level.poorKeyWork, true};
+  cost = level.cost.toCompare();
   levels_.pop_back();
   return level;
 }

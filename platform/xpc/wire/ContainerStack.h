@@ -6,6 +6,7 @@
 
 #include "platform/foundation/NSCoding.h"
 #include "platform/foundation/NSObject.h"
+#include "platform/xpc/wire/ComparisonCost.h"
 
 namespace velto::wire {
 
@@ -13,17 +14,10 @@ namespace velto::wire {
 // Takes the place of recursion. It holds what has arrived, never what was only declared.
 class ContainerStack {
  public:
-  // What it may cost to compare an object with another: objects visited, and bytes in units of as much work.
-  struct ComparisonCost {
-    std::uint64_t work = 1;
-    // Found by comparing alone: its hash may be any other's too.
-    bool hasPoorHash = false;
-  };
-
   enum class Kind : std::uint8_t { array, dictionary, set, error, coded };
 
-  // Opens a container of `items` objects: twice the pairs for a dictionary. `work` is what comparing it costs without
-  // them.
+  // Opens a container of `items` objects: twice the pairs for a dictionary. `work` is what comparing it costs beside
+  // them and beside what it costs for every container.
   void open(Kind kind, std::uint64_t items, std::uint64_t work);
   // Opens an error, whose items are those of its user info.
   void openError(NSObject domain, NSObject code, std::uint64_t items, std::uint64_t work);
@@ -38,7 +32,7 @@ class ContainerStack {
   Kind kind() const noexcept { return levels_.back().kind; }
 
   // The most comparisons that making the innermost container can take.
-  std::uint64_t comparisonsToClose() const noexcept;
+  std::uint64_t comparisonsToClose() const noexcept { return levels_.back().cost.toMake(); }
   // Closes the innermost container, which is full: the object that it makes, or nil for a key or an element that comes
   // twice. (For a coded object see closeCoded().)
   NSObject close(ComparisonCost& cost);
@@ -51,10 +45,7 @@ class ContainerStack {
     Kind kind = Kind::array;
     std::size_t base = 0;
     std::uint64_t items = 0;
-    // Of the container and everything within; of the keys with poor hashes alone; and their number.
-    std::uint64_t work = 0;
-    std::uint64_t poorKeyWork = 0;
-    std::uint64_t poorKeys = 0;
+    ContainerCost cost;
   };
 
   Level popLevel(ComparisonCost& cost) noexcept;

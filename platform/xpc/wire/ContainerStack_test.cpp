@@ -9,7 +9,7 @@ namespace {
 
 using testing::Point;
 using Kind = ContainerStack::Kind;
-using Cost = ContainerStack::ComparisonCost;
+using Cost = ComparisonCost;
 
 NSObject close(ContainerStack& stack) {
   EXPECT_TRUE(stack.isFull());
@@ -83,25 +83,25 @@ TEST(ContainerStack, CodedObjectsNest) {
   EXPECT_TRUE(found.classObject.isIdenticalTo(Point::classObject()));
 }
 
-TEST(ContainerStack, KeysWithGoodHashesCostNoComparisons) {
-  ContainerStack stack;
-  stack.open(Kind::set, 3, 1);
-  for (int count = 0; count < 3; ++count) stack.push(count, {});
-  EXPECT_EQ(stack.comparisonsToClose(), 0u);
-  Cost cost;
-  stack.close(cost);
-  EXPECT_EQ(cost.work, 4u);
-  EXPECT_TRUE(cost.hasPoorHash);
-}
-
-TEST(ContainerStack, KeysWithPoorHashesAreComparedWithEachOther) {
+TEST(ContainerStack, ElementsOfASetAreKeys) {
   ContainerStack stack;
   stack.open(Kind::set, 3, 1);
   for (int count = 0; count < 3; ++count) stack.push(NSArray{count}, Cost{2, true});
   EXPECT_EQ(stack.comparisonsToClose(), 2u * 6u);
   Cost cost;
   stack.close(cost);
-  EXPECT_EQ(cost.work, 1u + 6u + 3u * 6u);
+  EXPECT_TRUE(cost.hasPoorHash);
+}
+
+TEST(ContainerStack, TheUserInfoOfAnErrorHasKeys) {
+  ContainerStack stack;
+  stack.openError("domain", 7, 4, 1);
+  for (int count = 0; count < 2; ++count) {
+    stack.push(NSArray{count}, Cost{2, true});
+    stack.push(count, Cost{1000, true});
+  }
+  EXPECT_EQ(stack.comparisonsToClose(), 4u);
+  EXPECT_FALSE(close(stack).isNil());
 }
 
 TEST(ContainerStack, ValuesOfADictionaryAreNoKeys) {

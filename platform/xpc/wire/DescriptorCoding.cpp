@@ -2,6 +2,7 @@
 
 #include "platform/xpc/wire/DescriptorCoding.h"
 
+#include <algorithm>
 #include <map>
 #include <utility>
 
@@ -20,6 +21,14 @@ class Registry {
     MutexLock lock(mutex_);
     const auto found = classes_.find(name);
     return found != classes_.end() ? found->second : DescriptorClass{};
+  }
+  std::size_t descriptorsOfOneObject(const ClassSet& admitted) VELTO_EXCLUDES(mutex_) {
+    std::size_t most = 0;
+    MutexLock lock(mutex_);
+    for (const auto& [name, each] : classes_) {
+      if (admitted.admits(each.classObject)) most = std::max(most, each.coding.most);
+    }
+    return most;
   }
 
  private:
@@ -41,6 +50,10 @@ void registerDescriptorCoding(const Class& aClass, DescriptorCoding coding) {
 
 DescriptorClass descriptorClassNamed(std::string_view name) {
   return registry().find(name);
+}
+
+std::size_t descriptorsOfOneObject(const ClassSet& admitted) {
+  return registry().descriptorsOfOneObject(admitted);
 }
 
 }  // namespace velto::wire

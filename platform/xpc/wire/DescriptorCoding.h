@@ -5,8 +5,10 @@
 #include <string_view>
 #include <vector>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/foundation/Class.h"
 #include "platform/xpc/system/Descriptor.h"
+#include "platform/xpc/wire/ClassSet.h"
 
 namespace velto::wire {
 
@@ -15,6 +17,8 @@ namespace velto::wire {
 struct DescriptorCoding {
   std::function<std::vector<system::SharedDescriptor>(const NSObject& object)> descriptors;
   std::function<NSObject(const std::vector<system::SharedDescriptor>& descriptors, std::string& reason)> make;
+  // How many one object takes at most.
+  std::size_t most = limits::kMaximumDescriptors;
 };
 
 // Registers a class under its name. Thread-safe.
@@ -26,5 +30,8 @@ struct DescriptorClass {
 };
 // classObject is nil when nothing is registered under the name. Thread-safe.
 DescriptorClass descriptorClassNamed(std::string_view name);
+// How many descriptors one object of the classes that are admitted can claim at most: 0 when none of them travels so.
+// Thread-safe.
+std::size_t descriptorsOfOneObject(const ClassSet& admitted);
 
 }  // namespace velto::wire

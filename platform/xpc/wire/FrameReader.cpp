@@ -41,8 +41,10 @@ std::span<std::uint8_t> FrameReader::prepare(std::size_t wanted) {
 void FrameReader::received(std::size_t count, std::vector<system::SharedDescriptor> descriptors) {
   if (failed()) return;
   end_ += count;
-  descriptors_.insert(descriptors_.end(), std::make_move_iterator(descriptors.begin()),
-                      std::make_move_iterator(descriptors.end()));
+  for (system::SharedDescriptor& descriptor : descriptors) {
+    const bool kept = descriptors_.size() < keptDescriptors_;
+    descriptors_.push_back(kept ? std::move(descriptor) : nullptr);
+  }
 }
 
 std::optional<Frame> FrameReader::next() {
@@ -81,6 +83,7 @@ Frame FrameReader::takeFrame(const FrameHeader& header) {
   frame.descriptors.assign(std::make_move_iterator(descriptors_.begin()), std::make_move_iterator(last));
   descriptors_.erase(descriptors_.begin(), last);
   consume(FrameHeader::kBytes + header.bodyLength);
+  ++framesTaken_;
   return frame;
 }
 

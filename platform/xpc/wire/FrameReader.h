@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/xpc/wire/Frame.h"
 
 namespace velto::wire {
@@ -32,6 +34,9 @@ class FrameReader {
   // `count` bytes were written into the room, and these descriptors came along.
   void received(std::size_t count, std::vector<system::SharedDescriptor> descriptors);
 
+  // How many descriptors an unfinished frame may make this hold; what comes beyond them is closed at once and only
+  // counted, so that its frame holds an empty place for it. At first as many as a frame may carry.
+  void keepDescriptors(std::size_t most) noexcept { keptDescriptors_ = most; }
   // The next complete frame, or nothing: then failed() tells whether the stream is broken or just not there yet. To be
   // called until it gives nothing, after each received().
   std::optional<Frame> next();
@@ -40,8 +45,14 @@ class FrameReader {
   const std::string& reason() const noexcept { return reason_; }
   // Whether bytes or descriptors of an unfinished frame are held.
   bool hasPartialFrame() const noexcept { return held() > 0 || !descriptors_.empty(); }
+  // Bytes that the unfinished frame still lacks, as far as is known.
+  std::size_t missing() const noexcept { return missing_; }
   // Bytes of memory held for the stream.
   std::size_t capacity() const noexcept { return capacity_; }
+  // Descriptors held for the unfinished frame.
+  std::size_t heldDescriptors() const noexcept { return std::min(descriptors_.size(), keptDescriptors_); }
+  // Frames that were complete so far.
+  std::uint64_t framesTaken() const noexcept { return framesTaken_; }
 
  private:
   struct Free {
@@ -65,6 +76,8 @@ class FrameReader {
   // What the unfinished frame at the end still lacks, as far as its header says.
   std::size_t missing_ = 0;
   std::deque<system::SharedDescriptor> descriptors_;
+  std::size_t keptDescriptors_ = limits::kMaximumDescriptors;
+  std::uint64_t framesTaken_ = 0;
   std::string reason_;
 };
 

@@ -190,6 +190,25 @@ TEST(FrameReader, DescriptorsOfHalfAFrameAreKeptUpToItsNumber) {
   EXPECT_EQ(reader.reason(), "descriptors that came for the next frame: 2, maximum 1");
 }
 
+TEST(FrameReader, DescriptorsThatNobodyCanClaimAreClosedAtOnceAndLeaveAnEmptyPlace) {
+  FrameReader reader;
+  reader.keepDescriptors(1);
+  const auto one = newPipe();
+  const auto other = newPipe();
+  feed(reader, headerOf(1, FrameType::call, 2), {one, other});
+  EXPECT_FALSE(reader.next());
+  EXPECT_EQ(one.use_count(), 2);
+  EXPECT_EQ(other.use_count(), 1);
+  EXPECT_EQ(reader.heldDescriptors(), 1U);
+  feed(reader, hex("f7"));
+  const auto frame = reader.next();
+  ASSERT_TRUE(frame);
+  ASSERT_EQ(frame->descriptors.size(), 2U);
+  EXPECT_EQ(frame->descriptors[0], one);
+  EXPECT_FALSE(frame->descriptors[1]);
+  EXPECT_EQ(reader.framesTaken(), 1U);
+}
+
 TEST(FrameReader, DescriptorsOfHalfAHeaderAreKeptUpToTheLimit) {
   const std::vector<SharedDescriptor> most(limits::kMaximumDescriptors, newPipe());
   FrameReader reader;

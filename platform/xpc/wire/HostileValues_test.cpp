@@ -11,6 +11,8 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include "VeltoIPC/Limits.h"
+#include "platform/foundation/NSCoding.h"
 #include "platform/xpc/wire/Tags.h"
 #include "platform/xpc/wire/WireTesting.h"
 
@@ -234,7 +236,7 @@ TEST(HostileValues, AValueThatNeedsMoreMemoryThanThereIsIsRefusedAndTheNextOnePa
 }
 
 // This thread's own time.
-double millisecondsToDecode(const Bytes& bytes, Outcome expected) {
+double millisecondsToDecode(const Bytes& bytes, Outcome expected, std::string* reason = nullptr) {
   const auto now = [] {
     timespec time{};
     ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
@@ -242,8 +244,11 @@ double millisecondsToDecode(const Bytes& bytes, Outcome expected) {
   };
   const Frame frame = frameOfBytes(bytes);
   const double start = now();
-  EXPECT_EQ(decode(frame).outcome, expected);
-  return now() - start;
+  const Decoded decoded = decode(frame);
+  const double milliseconds = now() - start;
+  EXPECT_EQ(decoded.outcome, expected);
+  if (reason != nullptr) *reason = decoded.reason;
+  return milliseconds;
 }
 
 TEST(HostileValues, TheWorkOfAMegabyteIsBoundedWhateverItHolds) {
@@ -282,6 +287,108 @@ TEST(HostileValues, SetsOfSetsOfSetsAreBoundedTogether) {
   const Decoded deeper = decodeBytes(sets(4, next));
   EXPECT_EQ(deeper.outcome, Outcome::refused);
   EXPECT_TRUE(contains(deeper.reason, "comparisons of keys")) << deeper.reason;
+}
+
+// A container around one object: what stands before it, and behind.
+struct Floor {
+  Bytes before;
+  Bytes behind;
+};
+
+// So many arrays in a set, each of a tower of containers around a zero, and of a number that no other has.
+Bytes towers(unsigned count, std::size_t height, const Floor& floor) {
+  const Bytes tower = repeated(floor.before, height) + hex("00") + repeated(floor.behind, height);
+  Bytes bytes = hex("d9 0102 99") + Bytes{static_cast<std::uint8_t>(count >> 8), static_cast<std::uint8_t>(count)};
+  for (unsigned number = 0; number < count; ++number) {
+    bytes = std::move(bytes) + hex("82") + tower + hex("19") +
+            Bytes{static_cast<std::uint8_t>(number >> 8), static_cast<std::uint8_t>(number)};
+  }
+  return bytes;
+}
+
+TEST(HostileValues, TowersOfContainersInKeysAreRefusedHoweverHigh) {
+  constexpr double kBoundMilliseconds = 10'000;
+  for (const Floor& floor : {Floor{hex("d9 0102 81"), {}}, Floor{hex("a1"), hex("00")},
+                             Floor{hex("d8 1b 84 67 4e534572726f72 60 00 a1"), hex("00")}}) {
+    for (const std::size_t height : {62u, 64u, 65u, 125u}) {
+      std::string reason;
+      EXPECT_LT(millisecondsToDecode(towers(1000, height, floor), Outcome::refused, &reason), kBoundMilliseconds);
+      EXPECT_TRUE(contains(reason, "comparisons of keys")) << height << " " << reason;
+    }
+    EXPECT_LT(millisecondsToDecode(towers(3000, 64, floor), Outcome::refused), kBoundMilliseconds);
+  }
+}
+
+// An object of a user's class, which counts how often one is compared.
+class CountedBody final : public ObjectBody {
+ public:
+  explicit CountedBody(std::int64_t number) : number_(number) {}
+  const ClassBody& classBody() const override;
+  bool isEqual(const ObjectBody& other, WalkBound&) const override {
+    ++comparisons;
+    const auto* counted = dynamic_cast<const CountedBody*>(&other);
+    return counted != nullptr && counted->number_ == number_;
+  }
+  std::size_t hash() const override { return 1; }
+
+  static std::uint64_t comparisons;
+
+ private:
+  const std::int64_t number_;
+};
+std::uint64_t CountedBody::comparisons = 0;
+
+struct Counted : NSObject {
+  explicit Counted(std::int64_t number) : NSObject(new CountedBody(number)) {}
+  static Class classObject() {
+    static const Class& made = *new Class([] {
+      const Class aClass = newClass("WireCounted", NSObject::classObject());
+      registerClassCoding(aClass, {{}, [](const NSObject& value) { return Counted(value.integerValue()); }});
+      return aClass;
+    }());
+    return made;
+  }
+};
+const ClassBody& CountedBody::classBody() const {
+  return *Counted::classObject().classBody();
+}
+
+// Sets of sets of counted objects, so many at each of the levels. Each object is written with a number of its own.
+Bytes setsOfCounted(std::size_t levels, unsigned width, unsigned& next) {
+  if (levels == 0) {
+    ++next;
+    return hex("d8 1b 82 6b 57697265436f756e746564 19") +
+           Bytes{static_cast<std::uint8_t>(next >> 8), static_cast<std::uint8_t>(next)};
+  }
+  Bytes bytes = hex("d9 0102 98") + Bytes{static_cast<std::uint8_t>(width)};
+  for (unsigned element = 0; element < width; ++element) {
+    bytes = std::move(bytes) + setsOfCounted(levels - 1, width, next);
+  }
+  return bytes;
+}
+
+TEST(HostileValues, WhatIsComparedNeverExceedsWhatMayBe) {
+  NSMutableSet classes = NSMutableSet::initWithSet(valueClasses());
+  classes.addObject(Counted::classObject());
+  const ClassSet admitted(classes);
+  std::size_t refused = 0;
+  for (const auto& [levels, width] : {std::pair<std::size_t, unsigned>{1, 255},
+                                      {2, 40},
+                                      {2, 120},
+                                      {3, 8},
+                                      {3, 24},
+                                      {4, 7},
+                                      {5, 4},
+                                      {8, 2},
+                                      {12, 2}}) {
+    CountedBody::comparisons = 0;
+    unsigned next = 0;
+    const Outcome outcome = decodeBytes(setsOfCounted(levels, width, next), admitted).outcome;
+    EXPECT_NE(outcome, Outcome::broken) << levels << " " << width;
+    EXPECT_LE(CountedBody::comparisons, limits::kMaximumKeyComparisons) << levels << " " << width;
+    refused += outcome == Outcome::refused;
+  }
+  EXPECT_EQ(refused, 3u);
 }
 
 }  // namespace

@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/wire/WireTesting.h"
 
 namespace velto::wire {
 namespace {
-
-using testing::newClass;
 
 template <class T>
 void expectPlain(PlainClass expected) {
@@ -48,7 +47,7 @@ TEST(PlainClass, MutableClassesCountAsTheirImmutableOnes) {
 TEST(PlainClass, NothingElseIsOne) {
   PlainClass found{};
   EXPECT_FALSE(findPlainClass(*NSObject::classObject().classBody(), found));
-  const Class derived = newClass("DerivedFromString", NSString::classObject());
+  const Class derived = defineBuiltIn("DerivedFromString", NSString::classObject());
   EXPECT_FALSE(findPlainClass(*derived.classBody(), found));
 }
 

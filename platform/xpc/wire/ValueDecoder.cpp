@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/foundation/Foundation.h"
+#include "platform/foundation/SaturatingArithmetic.h"
 #include "platform/foundation/UTF8.h"
 #include "platform/xpc/wire/Text.h"
 
@@ -150,7 +151,7 @@ bool ValueDecoder::isTooDeep() {
 }
 
 bool ValueDecoder::mayCompareKeys() {
-  comparisons_ += stack_.comparisonsToClose();
+  comparisons_ = saturatingSum(comparisons_, stack_.comparisonsToClose());
   if (comparisons_ <= limits::kMaximumKeyComparisons) return true;
   refuseOverLimit("comparisons of keys", comparisons_, limits::kMaximumKeyComparisons);
   return false;
@@ -185,7 +186,9 @@ bool ValueDecoder::read(Item& item) {
     breakOff(reader_.reason());
     return false;
   }
-  if (item.type == Type::text || item.type == Type::bytes) cost_.work += item.number / kBytesPerObject;
+  if (item.type == Type::text || item.type == Type::bytes) {
+    cost_.work = saturatingSum(cost_.work, item.number / kBytesPerObject);
+  }
   return true;
 }
 

@@ -86,7 +86,7 @@ class ValueDecoder {
   std::size_t objects_ = 0;
   std::uint64_t comparisons_ = 0;
   // Of the object that was read last.
-  ContainerStack::ComparisonCost cost_;
+  ComparisonCost cost_;
   std::bitset<limits::kMaximumDescriptors> taken_;
   bool broken_ = false;
   std::string reason_;

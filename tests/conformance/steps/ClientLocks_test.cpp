@@ -257,5 +257,30 @@ TEST_F(ClientLocks, ASendThatIsWokenForNoReasonGoesOnWaiting) {
   EXPECT_EQ(finish(unbounded), message);
 }
 
+TEST_F(ClientLocks, WhatAnErrorReplacesIsLetGoOfWithNoLockHeld) {
+  PROVES(
+      "client.order.3",
+      "what an error replaces, the one recorded before or the one in the out-pointer, is let go of with no lock held");
+  becomeReady("id");
+  int ended = 0;
+  const auto passes = [&ended](const NSCondition& condition) {
+    auto passing = passThrough(condition);
+    finish(passing);
+    ++ended;
+  };
+  const auto passesReadiness = [&] { passes(readinessOf(*client)); };
+  client->setDelegate(nullptr);  // it would keep the error
+  client->connectionError(errorWhoseEnd(passesReadiness));
+  client->connectionError(platformError());
+  EXPECT_EQ(ended, 1);
+  NSError error = errorWhoseEnd(passesReadiness);
+  EXPECT_TRUE(client->waitUntilReady(0.0, &error));
+  EXPECT_EQ(ended, 2);
+  error = errorWhoseEnd([&] { passes(registryOf(*client).allValues()[0].as<NSCondition>()); });
+  EXPECT_TRUE(client->sendMessageSync(message, 0.0, &error).isNil());
+  expectError(error, 6, "Timed out waiting");
+  EXPECT_EQ(ended, 3);
+}
+
 }  // namespace
 }  // namespace velto::testing

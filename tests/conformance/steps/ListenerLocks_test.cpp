@@ -1,6 +1,7 @@
 // The listener's locks, and what others may see of its tables between two steps.
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "platform/foundation/NSSynchronized.h"
@@ -70,6 +71,41 @@ TEST_F(ListenerLocks, AfterAReplyActivityIsAskedForFirst) {
   EXPECT_EQ(finish(send), kHello);
 }
 
+TEST_F(ListenerLocks, WhatAnErrorReplacesIsLetGoOfWithNoLockHeld) {
+  PROVES("listener.order.3", "what an error replaces in the out-pointer is let go of with no lock held");
+  start();
+  const auto client = accept();
+  bool ended = false;
+  NSError error = errorWhoseEnd([&] {
+    auto passing = passThrough(conditionOf(client.id));
+    finish(passing);
+    ended = true;
+  });
+  EXPECT_TRUE(listener->sendMessageSync(kHello, client.id, 0.0, &error).isNil());
+  expectError(error, 6, "Timed out waiting");
+  EXPECT_TRUE(ended);
+}
+
+TEST_F(ListenerLocks, WhatCloseTakesOutIsLetGoOfWithoutTheMonitor) {
+  PROVES("listener.drop.18", "what close takes out of the tables is let go of after the monitor");
+  start();
+  const auto client = accept();
+  int ended = 0;
+  const auto whoseEndPasses = [&] {
+    return NSData::dataWithBytesNoCopy("", 0, [&] {
+      auto passing = inBackground([&] { const NSSynchronized monitor(listener->connectionConditions()); });
+      finish(passing);
+      ++ended;
+    });
+  };
+  listener->receivedConnections().setObject(whoseEndPasses(), client.id);
+  listener->receivedProxyObjects().setObject(whoseEndPasses(), client.id);
+  listener->connectionConditions()[client.id].as<NSMutableArray>().addObject(whoseEndPasses());
+  listener->close(client.id);
+  EXPECT_EQ(ended, 3);
+  EXPECT_EQ(tables(client.id), "");
+}
+
 using ClientLockOrder = ClientSteps;
 
 TEST_F(ClientLockOrder, AfterAReplyNothingMoreIsAskedFor) {
@@ -99,10 +135,10 @@ TEST_F(ClientLockOrder, AfterAReplyNothingMoreIsAskedFor) {
   EXPECT_EQ(finish(send), kHello);
 }
 
-TEST_F(ListenerLocks, NobodySeesAConnectionOrAProxyWithoutConditions) {
+TEST_F(ListenerLocks, NobodySeesAConnectionThatIsHalfInTheTables) {
   PROVES("listener.accept.29",
-         "the conditions are entered first and removed last: under the monitor nobody sees a connection or a proxy "
-         "without them");
+         "conditions and connection are entered together, and removed together with the proxy: under the monitor "
+         "nobody sees one without the other, nor a proxy without both");
   start();
   std::atomic<bool> isOver{false};
   auto watching = inBackground([&] {
@@ -111,19 +147,56 @@ TEST_F(ListenerLocks, NobodySeesAConnectionOrAProxyWithoutConditions) {
       {
         const NSSynchronized monitor(listener->connectionConditions());
         const std::size_t conditions = listener->connectionConditions().count();
-        isWhole = isWhole && listener->receivedConnections().count() <= conditions &&
+        isWhole = isWhole && listener->receivedConnections().count() == conditions &&
                   listener->receivedProxyObjects().count() <= conditions;
       }
       std::this_thread::yield();
     }
     return isWhole;
   });
-  for (int round = 0; round < 100; ++round) {
+  for (int round = 0; round < 1000; ++round) {
     const auto client = accept();
     listener->close(client.id);
   }
   isOver = true;
   EXPECT_TRUE(finish(watching));
+}
+
+TEST_F(ListenerLocks, ACloseInTheMiddleOfAnAcceptanceLeavesNothing) {
+  PROVES("listener.accept.30",
+         "a connection that another thread closes while it is accepted leaves nothing in the tables");
+  constexpr int kRounds = 20'000;
+  start();
+  NSString accepted;
+  std::atomic<int> readied{0}, closing{0}, closed{0};
+  const auto waitFor = [](const std::atomic<int>& reached, int round) {
+    while (reached < round) std::this_thread::yield();
+  };
+  delegate->recorded.onReady([&](const NSString& id) {
+    accepted = id;
+    const int round = ++readied;
+    waitFor(closing, round);
+    // What follows falls everywhere into the close.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::nanoseconds(round * 37 % 20'000);
+    while (std::chrono::steady_clock::now() < end) continue;
+  });
+  auto closer = inBackground([&] {
+    for (int round = 1; round <= kRounds; ++round) {
+      waitFor(readied, round);
+      closing = round;
+      listener->close(accepted);
+      closed = round;
+    }
+  });
+  int left = 0;
+  for (int round = 1; round <= kRounds; ++round) {
+    platform.listener(1).offerConnection();
+    waitFor(closed, round);
+    left += tables(accepted).empty() ? 0 : 1;
+    journal().take();
+  }
+  closer.wait();
+  EXPECT_EQ(left, 0);
 }
 
 TEST_F(ListenerLocks, ThePlatformListenerIsLetGoOfLast) {

@@ -1,0 +1,142 @@
+// What the threads do when there are few of them. Each test is a process of its own, whose reactor is made with the
+// kernel that the test plays.
+
+#include "platform/xpc/transport/Reactor.h"
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/foundation/NSCondition.h"
+#include "platform/xpc/system/SystemCalls.h"
+#include "platform/xpc/testing/Support.h"
+
+namespace velto::transport {
+namespace {
+
+using velto::testing::Inbox;
+
+// A kernel that has only so many threads to give, and counts how often it is asked for one and waited for.
+class FewThreads final : public system::SystemCalls {
+ public:
+  explicit FewThreads(int threads) : left(threads) { system::replaceSystemCalls(this); }
+
+  int startThread(void* (*run)(void*), void* argument) override {
+    if (left.fetch_sub(1) > 0) return system::SystemCalls::startThread(run, argument);
+    left.fetch_add(1);
+    ++refusals;
+    return EAGAIN;
+  }
+  int epollWait(int epoll, epoll_event* events, int capacity) override {
+    ++waits;
+    return system::SystemCalls::epollWait(epoll, events, capacity);
+  }
+
+  std::atomic<int> left;
+  std::atomic<int> refusals{0};
+  std::atomic<int> waits{0};
+};
+
+// A queue whose first task sleeps until the end of the queue is told, which a later task does.
+struct Sleeper {
+  const std::shared_ptr<SerialQueue> queue = Reactor::shared().makeQueue();
+  const NSCondition condition = NSCondition::condition();
+  bool ended = false;
+
+  void sleep(Inbox<std::string>& events) {
+    queue->add([this, &events] {
+      events.put("begins");
+      if (!Reactor::shared().mayLinger()) return events.put("left undone");
+      const ConditionLock lock(condition);
+      while (!ended) condition.wait();
+      events.put("woke");
+    });
+  }
+  void end() {
+    queue->add([this] {
+      const ConditionLock lock(condition);
+      ended = true;
+      condition.signal();
+    });
+    queue->letOvertake();
+  }
+};
+
+TEST(Reactor, WhatIsUrgentRunsThoughEveryThreadThatMaySleepDoesAndTheKernelRefusesMore) {
+  // Never destroyed: threads of the reactor go on using it.
+  auto& kernel = *new FewThreads(6);
+  Inbox<std::string> events;
+  std::vector<Sleeper> sleepers(20);
+  for (Sleeper& sleeper : sleepers) sleeper.sleep(events);
+  // All but those that read and end.
+  events.waitFor(4);
+  for (Sleeper& sleeper : sleepers) sleeper.end();
+  events.waitFor(2 * sleepers.size());
+  EXPECT_GT(kernel.refusals, 0);
+}
+
+TEST(Reactor, ShortOfThreadsDoesNotSpin) {
+  auto& kernel = *new FewThreads(6);
+  Inbox<std::string> events;
+  std::vector<Sleeper> sleepers(20);
+  for (Sleeper& sleeper : sleepers) sleeper.sleep(events);
+  events.waitFor(4);
+  const int waits = kernel.waits;
+  const int refusals = kernel.refusals;
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  // It looks again ten times a second, and each look is two or three waits.
+  EXPECT_LE(kernel.waits - waits, 60);
+  EXPECT_LE(kernel.refusals - refusals, 20);
+  EXPECT_EQ(events.soFar().size(), 4U);
+  for (Sleeper& sleeper : sleepers) sleeper.end();
+  events.waitFor(2 * sleepers.size());
+}
+
+TEST(Reactor, TakesUpWhatWaitsOnceTheKernelHasThreadsAgain) {
+  auto& kernel = *new FewThreads(4);
+  Inbox<std::string> events;
+  std::vector<Sleeper> sleepers(10);
+  for (Sleeper& sleeper : sleepers) sleeper.sleep(events);
+  events.waitFor(2);
+  kernel.left = 100;
+  events.waitFor(sleepers.size());
+  for (Sleeper& sleeper : sleepers) sleeper.end();
+  events.waitFor(2 * sleepers.size());
+}
+
+TEST(Reactor, WithASingleThreadEverythingStillRuns) {
+  auto& kernel = *new FewThreads(1);
+  Inbox<int> ran;
+  const auto one = Reactor::shared().makeQueue();
+  const auto other = Reactor::shared().makeQueue();
+  for (int number = 0; number < 100; ++number) {
+    one->add([&ran] { ran.put(1); });
+    other->add([&ran] { ran.put(2); });
+  }
+  ran.waitFor(200);
+  EXPECT_EQ(kernel.left, 0);
+}
+
+TEST(Reactor, AQueueThatNeverEmptiesLetsOthersHaveTheThread) {
+  auto& kernel = *new FewThreads(3);
+  const auto endless = Reactor::shared().makeQueue();
+  std::atomic<bool> stop{false};
+  std::function<void()> again = [&] {
+    if (!stop) endless->add(again);
+  };
+  endless->add(again);
+  Inbox<int> ran;
+  const auto other = Reactor::shared().makeQueue();
+  other->add([&ran] { ran.put(1); });
+  ran.waitFor(1);
+  stop = true;
+  const auto last = Reactor::shared().makeQueue();
+  endless->add([&ran] { ran.put(2); });
+  ran.waitFor(2);
+  EXPECT_LE(kernel.left, 1);
+}
+
+}  // namespace
+}  // namespace velto::transport

@@ -1,0 +1,49 @@
+// The weights are measured on the values that take longest for what they cost: a unit stands for ten nanoseconds at the
+// most, whatever is compared, and so the limit for well below a second.
+
+#include "platform/xpc/wire/ComparisonCost.h"
+
+#include "platform/foundation/SaturatingArithmetic.h"
+
+namespace velto::wire {
+namespace {
+
+// A container is a step down and back, mostly into memory that lies elsewhere.
+constexpr std::uint64_t kContainerWork = 1;
+
+// A key is looked up in the other container: hashed, or held against each of a few, and then compared. The larger the
+// containers, the fewer of these steps find in a cache what they need.
+constexpr std::uint64_t lookupFactor(std::uint64_t items) noexcept {
+  if (items <= 16) return 5;
+  return items <= 1024 ? 10 : 40;
+}
+
+}  // namespace
+
+ContainerCost::ContainerCost(std::uint64_t work, std::uint64_t items) noexcept
+    : lookupFactor_(lookupFactor(items)), work_(saturatingSum(work, kContainerWork)) {}
+
+void ContainerCost::addValue(const ComparisonCost& cost) noexcept {
+  work_ = saturatingSum(work_, cost.work);
+}
+
+void ContainerCost::addKey(const ComparisonCost& cost) noexcept {
+  if (!cost.hasPoorHash) {
+    work_ = saturatingSum(work_, saturatingProduct(cost.work, lookupFactor_));
+    return;
+  }
+  work_ = saturatingSum(work_, lookupFactor_);
+  poorKeyWork_ = saturatingSum(poorKeyWork_, cost.work);
+  ++poorKeys_;
+}
+
+std::uint64_t ContainerCost::toMake() const noexcept {
+  return poorKeys_ < 2 ? 0 : saturatingProduct(poorKeys_ - 1, poorKeyWork_);
+}
+
+ComparisonCost ContainerCost::toCompare() const noexcept {
+  // Each key with a poor hash is held against all of the other's.
+  return {saturatingSum(work_, saturatingProduct(poorKeys_, poorKeyWork_)), true};
+}
+
+}  // namespace velto::wire
