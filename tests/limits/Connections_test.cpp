@@ -90,7 +90,7 @@ TEST_F(Connections, WhatOneHasLeftBehindABlockedCallbackIsDroppedUnlessItIsLittl
     const auto service = Service::start();
     Gate gate;
     std::atomic<std::size_t> calls{0};
-    service->exported->onMessage([&](const NSDictionary&, const VeltoReplyHandler&) {
+    service->exported->onMessage([gate, &calls](const NSDictionary&, const VeltoReplyHandler&) {
       if (++calls == 1) gate.wait();
     });
     const bool isMuch = bytes == limits::kLeftoverBytes;

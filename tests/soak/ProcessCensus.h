@@ -23,8 +23,8 @@ struct ProcessCensus {
 // largest messages, in as many pieces as there were threads at one time.
 inline constexpr std::size_t kAllowedGrowthBytes = std::size_t{12} << 20;
 
-// Waits until the process is down to the descriptors and threads it had. What it had more at the end, and memory over
-// the bound, as text; empty when all is well.
+// Waits until the process is down to the descriptors that it had, and to no more threads than there are at rest. What
+// it had more at the end, and memory over the bound, as text; empty when all is well.
 std::string growthSince(const ProcessCensus& start, const ProcessCensus& end, std::size_t allowedGrowthBytes);
 ProcessCensus censusComparedWith(const ProcessCensus& start, pid_t process);
 
