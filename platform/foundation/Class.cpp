@@ -1,6 +1,7 @@
 // Class objects. Each lives for ever, so that a class can be asked for at any time, by threads that outlast main too.
 #include "platform/foundation/Class.h"
 
+#include <atomic>
 #include <utility>
 
 #include "platform/foundation/BuiltInClass.h"
@@ -35,6 +36,16 @@ void ClassBody::describe(std::string& out, WalkBound&) const {
   out += name_;
 }
 
+Class ClassBody::immortal(ClassBody& body) noexcept {
+  // In a list of all, so that whoever looks for lost memory finds none here.
+  static std::atomic<ClassBody*> all{nullptr};
+  body.retain();
+  body.next_ = all.load(std::memory_order_relaxed);
+  while (!all.compare_exchange_weak(body.next_, &body, std::memory_order_release, std::memory_order_relaxed)) {
+  }
+  return Class(body);
+}
+
 }  // namespace velto
 
 using velto::ClassBody;
@@ -48,15 +59,12 @@ Class Class::classObject() {
 }
 
 Class Class::define(std::string name, const Class& superclass) {
-  auto* body = new ClassBody(std::move(name), superclass.classBody());
-  body->retain();
-  return Class(*body);
+  return ClassBody::immortal(*new ClassBody(std::move(name), superclass.classBody()));
 }
 
 Class velto::defineBuiltIn(std::string name, const Class& superclass) {
-  auto* body = new ClassBody(std::move(name), superclass.classBody(), ClassBody::Subclasses::builtInOnly);
-  body->retain();
-  return Class(*body);
+  return ClassBody::immortal(
+      *new ClassBody(std::move(name), superclass.classBody(), ClassBody::Subclasses::builtInOnly));
 }
 
 NSString Class::name() const {

@@ -21,14 +21,17 @@ class VELTO_EXPORT ClassBody final : public ObjectBody {
   void describe(std::string& out, WalkBound& bound) const override;
 
  private:
-  friend Class defineBuiltIn(std::string name, const Class& superclass);
+  friend class ::Class;
+  friend ::Class defineBuiltIn(std::string name, const ::Class& superclass);
   enum class Subclasses { anybodys, builtInOnly };
 
   ClassBody(std::string name, const ClassBody* superclass, Subclasses subclasses) noexcept;
+  static ::Class immortal(ClassBody& body) noexcept;
 
   const std::string name_;
   const ClassBody* const superclass_;
   const Subclasses subclasses_;
+  ClassBody* next_ = nullptr;
 };
 
 }  // namespace velto

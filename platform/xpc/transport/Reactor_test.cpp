@@ -119,21 +119,28 @@ TEST(Reactor, WithASingleThreadEverythingStillRuns) {
   EXPECT_EQ(kernel.left, 0);
 }
 
+// Outlives its test, as its last callback does.
+struct Endless : std::enable_shared_from_this<Endless> {
+  void addAgain() {
+    queue->add([self = shared_from_this()] {
+      if (!self->stop) self->addAgain();
+    });
+  }
+
+  const std::shared_ptr<SerialQueue> queue = Reactor::shared().makeQueue();
+  std::atomic<bool> stop{false};
+};
+
 TEST(Reactor, AQueueThatNeverEmptiesLetsOthersHaveTheThread) {
   auto& kernel = *new FewThreads(3);
-  const auto endless = Reactor::shared().makeQueue();
-  std::atomic<bool> stop{false};
-  std::function<void()> again = [&] {
-    if (!stop) endless->add(again);
-  };
-  endless->add(again);
+  const auto endless = std::make_shared<Endless>();
+  endless->addAgain();
   Inbox<int> ran;
   const auto other = Reactor::shared().makeQueue();
   other->add([&ran] { ran.put(1); });
   ran.waitFor(1);
-  stop = true;
-  const auto last = Reactor::shared().makeQueue();
-  endless->add([&ran] { ran.put(2); });
+  endless->stop = true;
+  endless->queue->add([&ran] { ran.put(2); });
   ran.waitFor(2);
   EXPECT_LE(kernel.left, 1);
 }
