@@ -219,7 +219,8 @@ void ConnectionCore::replyArrived(wire::Frame frame) {
   wire::ValueDecoder decoder(frame);
   const auto identifier = decoder.nextUnsigned();
   if (!identifier) return breakProtocol("a reply without the number of its call");
-  std::optional<OutgoingCall> call;
+  // A reply for a block that never blocks: dealt with here and now.
+  std::optional<ArrivedReply> here;
   std::size_t undelivered = 0;
   bool isClaimable = true;
   bool isKnown = false;
@@ -228,22 +229,24 @@ void ConnectionCore::replyArrived(wire::Frame frame) {
     // What was asked before invalidate() may be answered after it.
     if (phase_ == Phase::closing) return;
     isClaimable = keepClaimable(frame, claimable_.byReplies);
-    call = outgoing_.takeAwaitingReply(*identifier);
+    std::optional<OutgoingCall> call = outgoing_.takeAwaitingReply(*identifier);
     isKnown = call.has_value();
-    if (call && !call->reply.neverBlocks) {
+    if (call && call->reply.neverBlocks) {
+      here = ArrivedReply{std::move(*call), std::move(frame)};
+    } else if (call) {
       undeliveredReplyBytes_ += frame.body.size();
       arrivedDescriptors_ += frame.descriptors.size();
       arrivedReplies_.push_back({std::move(*call), std::move(frame)});
-      call.reset();
       stateArrived();
     }
     undelivered = undeliveredReplyBytes_;
   }
   if (!isKnown) return breakProtocol("a reply to no call: " + std::to_string(*identifier));
-  if (call) {
-    if (isClaimable) return finishOnReader(*call, frame);
-    postFailure(call->errorHandler, makeError(NSXPCReplyRefused, "the reply to " + call->method->selector +
-                                                                     " was refused: more descriptors than any takes"));
+  if (here) {
+    if (isClaimable) return finishOnReader(here->call, *here->frame);
+    postFailure(here->call.errorHandler,
+                makeError(NSXPCReplyRefused, "the reply to " + here->call.method->selector +
+                                                 " was refused: more descriptors than any takes"));
   } else {
     post([self = shared_from_this()] { self->deliverReply(); });
   }

@@ -90,7 +90,10 @@ TEST_F(Races, AConnectionMayBeClosedAtAnyMomentOfItsMaking) {
     ASSERT_TRUE(eventually([&] { return !client.connection->listenerConnection(); }));
   }
   // The listener has let go of those that it had heard of.
-  EXPECT_TRUE(eventually([&] { return server.listener->receivedConnections().count() == 0; }));
+  EXPECT_TRUE(eventually([&] {
+    const NSSynchronized monitor(server.listener->connectionConditions());
+    return server.listener->receivedConnections().count() == 0;
+  }));
   ClientEnd late("sudden");
   late.ready();
   EXPECT_EQ(late.connection->sendMessageSync(messageOf("echo:1"), 20.0), messageOf("echo:1"));
