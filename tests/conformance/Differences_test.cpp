@@ -132,8 +132,10 @@ TEST_P(Differences, ASynchronousSendIsRegisteredBeforeOrAfterItIsSent) {
   EXPECT_EQ(ends.server.listener->sendMessageSync(plainMessage(), ends.id, kLong), plainMessage());
   EXPECT_EQ(waiting, 1u);
   // The client's send is ended by a close that comes as early as the listener has the message.
-  ends.server.delegate->onMessage([client = ends.client.connection](const NSDictionary&, const NSString&,
-                                                                    const VeltoReplyHandler&) { client->close(); });
+  ends.server.delegate->onMessage([watched = std::weak_ptr(ends.client.connection)](
+                                      const NSDictionary&, const NSString&, const VeltoReplyHandler&) {
+    if (const auto client = watched.lock()) client->close();
+  });
   NSError error;
   EXPECT_TRUE(ends.client.connection->sendMessageSync(plainMessage(), VKT_IPC_TIME_FOREVER, &error).isNil());
   expectError(error, 6, "Timed out waiting");
