@@ -211,9 +211,9 @@ void Reactor::letPass() noexcept {
     const std::size_t passes = std::exchange(getsOn_, false) ? 1 : kPasses;
     passes_ = isLate(ordinary_) || isLate(ended_) ? passes : 0;
   }
+  // Whoever looks and leaves them waiting for a turn, and not for a thread, has this done again.
   ensureThread();
   wakeOne();
-  lookWhoWaits();
 }
 
 std::shared_ptr<SerialQueue> Reactor::makeQueue() {
