@@ -76,7 +76,7 @@ void VeltoConnection::setMessageCondition(const NSCondition& condition, const NS
 
 bool VeltoConnection::messageValid(const NSUUID& key) const {
   const NSSynchronized monitor(_messageConditions.get());
-  return static_cast<bool>(_messageConditions.get().objectForKeyedSubscript(key));
+  return !_messageConditions.get().objectForKeyedSubscript(key).isNil();
 }
 
 void VeltoConnection::connectionID(NSString connectionID, NSDictionary withMessage, VeltoReplyHandler handler) {

@@ -17,6 +17,7 @@
 #include "fuzz/support/Values.h"
 #include "message/TypeChecking.h"
 #include "platform/foundation/UTF8.h"
+#include "platform/xpc/testing/CBORJudge.h"
 #include "platform/xpc/wire/Messages.h"
 
 namespace velto::fuzzing {
@@ -81,7 +82,18 @@ void travel(const NSObject& value) {
   require(second.descriptors == first.descriptors, "descriptors keep their order");
 }
 
+// Head by head, as far as they are sound, the reader finds what libcbor does.
+void judgeHeads(const Frame& frame) {
+  wire::ItemReader reader(frame.body);
+  for (std::size_t before = 0;; before = reader.position()) {
+    const std::string difference = wire::testing::whyNotAsJudged(reader, frame.body);
+    if (!difference.empty()) reportFinding("at byte " + std::to_string(before) + " the reader " + difference);
+    if (reader.position() == before) return;
+  }
+}
+
 void decodeValues(const Frame& frame) {
+  judgeHeads(frame);
   ValueDecoder decoder(frame);
   Outcome outcome = Outcome::value;
   while (!decoder.atEnd() && outcome != Outcome::broken) {

@@ -55,7 +55,7 @@ std::shared_ptr<velto::PeerProxy> VeltoListener::proxyOf(const NSString& connect
 
 bool VeltoListener::isConnectionActive_internal(const NSString& connectionID) const {
   const NSSynchronized monitor(connectionConditions());
-  return static_cast<bool>(connectionConditions().objectForKeyedSubscript(connectionID));
+  return !connectionConditions().objectForKeyedSubscript(connectionID).isNil();
 }
 
 NSDictionary VeltoListener::sendMessageSync(const NSDictionary& message, const NSString& toConnection, double timeout,

@@ -9,7 +9,7 @@ namespace {
 
 template <class T>
 bool isKindOf(const NSObject& value) {
-  return value && value.body()->classBody().isSubclassOf(velto::classBodyOf<T>());
+  return value.is<T>() || value.isKindOfClass(T::classObject());
 }
 
 // One check of one message.

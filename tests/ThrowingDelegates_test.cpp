@@ -26,9 +26,7 @@ struct Thrown {
 const Thrown kThrown[]{
     {"ARuntimeError", "no room", [] { throw std::runtime_error("no room"); }},
     {"AnExceptionOfThePlatform", "a dictionary cannot hold nil",
-     [] {
-       NSDictionary({{"id", NSString()}});
-     }},
+     [] { NSMutableDictionary::dictionary().setObject(NSString(), "id"); }},
     {"ARefusal", "not today", [] { throw NSXPCRefusal("not today"); }},
     {"ANumber", "it is of an unknown kind", [] { throw 7; }},
 };

@@ -9,7 +9,7 @@ namespace {
 void askFor(VeltoConnection& connection, Transcript& transcript, const char* question, const char* expectedKey) {
   NSError error;
   const NSDictionary reply = connection.sendMessageSync({{"question", question}}, kAnswerSeconds, &error);
-  transcript.check(static_cast<bool>(reply[expectedKey]),
+  transcript.check(!reply[expectedKey].isNil(),
                    NSString::stringWithFormat("asked for the %s; synchronous reply: %@", question, reply), error);
 }
 

@@ -19,8 +19,8 @@ inline constexpr std::size_t kMaximumDepth = 128;
 // many doubles in an array take a little more than the greatest frame, so only swarms of tiny objects meet it.
 inline constexpr std::size_t kMaximumObjects = std::size_t{1} << 21;
 // Comparisons that the keys of dictionaries and the elements of sets in one call or reply may cost. Strings and numbers
-// have hashes that no peer can foresee and cost none; containers, errors and objects of users' classes may all have the
-// same hash, so that each is compared with every other. Some thousand pairs can be keys of one dictionary.
+// have hashes that no peer can foresee and cost none, and so have small containers of them. Large or deep containers,
+// errors and objects of users' classes may all have the same hash, so that each is compared with every other.
 inline constexpr std::size_t kMaximumKeyComparisons = std::size_t{1} << 26;
 // Descriptors that travel with one call or reply. An endpoint takes two; the kernel's own maximum is 253.
 inline constexpr std::size_t kMaximumDescriptors = 64;

@@ -1,44 +1,75 @@
 #pragma once
 
-#include <string>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/Class.h"
-#include "platform/foundation/ContainerBody.h"
-#include "platform/foundation/NSArray.h"
-#include "platform/foundation/Walk.h"
+#include "platform/foundation/NSObject.h"
+#include "platform/foundation/Region.h"
 
 namespace velto {
 
-// The elements of an NSArray or NSMutableArray.
-class ArrayBody final : public ContainerBody {
+// The elements of an NSArray that never changes: they follow.
+class ArrayBody final : public Body {
  public:
-  ArrayBody(std::vector<NSObject> elements, Mutability mutability)
-      : ContainerBody(mutability), elements_(std::move(elements)) {}
+  // Empty, with room for so many elements.
+  static ArrayBody& make(std::size_t capacity, Region* region = nullptr) {
+    if (capacity >= UINT32_MAX) throw std::length_error("an array of four billion elements");
+    return *new (allocateBody(sizeof(ArrayBody) + capacity * sizeof(NSObject), region)) ArrayBody(region);
+  }
 
-  const std::vector<NSObject>& elements() const noexcept { return elements_; }
-  NSObject elementAt(std::size_t index) const { return index < elements_.size() ? elements_[index] : NSObject(); }
+  // Takes the reference over. There is room for it.
+  void add(const Value& value) noexcept { new (first() + count_++) NSObject(NSObject::adopt(value)); }
 
-  void add(const NSObject& object);
+  std::span<const NSObject> elements() const noexcept { return {const_cast<ArrayBody*>(this)->first(), count_}; }
+  void dismantle(class Demolition& demolition) const noexcept;
+
+ private:
+  explicit ArrayBody(Region* region) noexcept : Body(Tag::array, region) {}
+  NSObject* first() noexcept { return reinterpret_cast<NSObject*>(this + 1); }
+
+  std::uint32_t count_ = 0;
+};
+
+// The elements of an NSMutableArray. A change is complete before anything that it removed is let go of, since the
+// destructor of a removed object may use the array again.
+class MutableArrayBody final : public Body {
+ public:
+  explicit MutableArrayBody(std::vector<NSObject> elements) noexcept
+      : Body(Tag::mutableArray, nullptr), elements_(std::move(elements)) {}
+
+  void add(NSObject object) {
+    elements_.push_back(std::move(object));
+    ++changes_;
+  }
   // Returns the former elements, so that they are let go of once the array is whole again.
-  std::vector<NSObject> replaceElements(std::vector<NSObject> elements) noexcept;
+  std::vector<NSObject> replaceElements(std::vector<NSObject> elements) noexcept {
+    ++changes_;
+    return std::exchange(elements_, std::move(elements));
+  }
   // Past the end, does nothing.
   void removeAt(std::size_t index);
 
-  std::size_t count() const noexcept override { return elements_.size(); }
-  std::size_t slotCount() const noexcept override { return elements_.size(); }
-  const NSObject& objectInSlot(std::size_t slot) const noexcept override { return elements_[slot]; }
-
-  const ClassBody& classBody() const override {
-    return isMutable() ? classBodyOf<NSMutableArray>() : classBodyOf<NSArray>();
-  }
-  bool isEqual(const ObjectBody& other, WalkBound& bound) const override;
-  std::size_t hash() const override { return elements_.size(); }
-  void describe(std::string& out, WalkBound& bound) const override;
+  const std::vector<NSObject>& elements() const noexcept { return elements_; }
+  const std::size_t& changes() const noexcept { return changes_; }
+  void dismantle(class Demolition& demolition) const noexcept;
 
  private:
+  std::size_t changes_ = 0;
   std::vector<NSObject> elements_;
 };
+
+inline bool isArray(Tag tag) noexcept {
+  return tag == Tag::array || tag == Tag::mutableArray;
+}
+// The elements of an array of either kind; none for anything else.
+inline std::span<const NSObject> elementsOf(const Value& value) noexcept {
+  if (value.tag() == Tag::array) return static_cast<const ArrayBody&>(value.body()).elements();
+  if (value.tag() == Tag::mutableArray) return static_cast<const MutableArrayBody&>(value.body()).elements();
+  return {};
+}
 
 }  // namespace velto

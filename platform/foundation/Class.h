@@ -4,6 +4,7 @@
 
 #include "platform/foundation/NSObject.h"
 #include "platform/foundation/NSString.h"
+#include "platform/foundation/ObjectBody.h"
 
 namespace velto {
 
@@ -42,6 +43,7 @@ class VELTO_EXPORT Class : public NSObject {
  public:
   Class() noexcept = default;
   Class(std::nullptr_t) noexcept {}
+  explicit operator bool() const noexcept { return !isNil(); }
   explicit Class(const velto::ClassBody& body) noexcept;
 
   // The class of class objects themselves.

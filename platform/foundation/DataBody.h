@@ -2,39 +2,78 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
-#include <string>
+#include <span>
+#include <utility>
 #include <vector>
 
-#include "platform/foundation/ObjectBody.h"
+#include "platform/foundation/NSObject.h"
+#include "platform/foundation/Region.h"
 
 namespace velto {
 
-// The bytes of an NSData or NSMutableData: in a vector of its own, or somebody else's, who is told at the end.
-class DataBody final : public ObjectBody {
+// Bytes that never change: a copy that follows, or somebody else's, who is told at the end.
+class DataBody final : public Body {
  public:
-  enum class Mutability { immutable, growing };
+  // The words of a handle that owns it.
+  static Value copy(std::span<const std::uint8_t> bytes, Region* region = nullptr) {
+    return Value(*new (allocateBody(sizeof(DataBody) + bytes.size(), region)) DataBody(bytes, region));
+  }
+  static Value borrow(const void* bytes, std::size_t length, std::function<void()> deleter) {
+    constexpr std::size_t kSize = sizeof(DataBody) + sizeof(std::function<void()>);
+    return Value(*new (allocateBody(kSize, nullptr)) DataBody(bytes, length, std::move(deleter)));
+  }
 
-  DataBody(std::vector<std::uint8_t> owned, Mutability mutability);
-  DataBody(const void* borrowed, std::size_t length, std::function<void()> deleter);
-  ~DataBody() override;
-
-  const std::uint8_t* bytes() const noexcept { return deleter_ ? borrowed_ : owned_.data(); }
-  std::size_t length() const noexcept { return deleter_ ? length_ : owned_.size(); }
-  // For growing ones, which always own their bytes.
-  std::vector<std::uint8_t>& owned() noexcept { return owned_; }
-
-  const ClassBody& classBody() const override;
-  bool isEqual(const ObjectBody& other, WalkBound& bound) const override;
-  std::size_t hash() const override;
-  void describe(std::string& out, WalkBound& bound) const override;
+  std::span<const std::uint8_t> bytes() const noexcept { return {bytes_, length_}; }
+  bool isBorrowed() const noexcept { return bytes_ != reinterpret_cast<const std::uint8_t*>(this + 1); }
+  void dismantle() const noexcept;
 
  private:
-  const Mutability mutability_;
-  std::vector<std::uint8_t> owned_;
-  const std::uint8_t* const borrowed_ = nullptr;
-  const std::size_t length_ = 0;
-  const std::function<void()> deleter_;  // never empty for borrowed bytes
+  DataBody(std::span<const std::uint8_t> bytes, Region* region) noexcept
+      : Body(Tag::data, region), bytes_(reinterpret_cast<const std::uint8_t*>(this + 1)), length_(bytes.size()) {
+    if (length_ > 0) std::memcpy(static_cast<void*>(this + 1), bytes.data(), length_);
+  }
+  DataBody(const void* bytes, std::size_t length, std::function<void()> deleter) noexcept
+      : Body(Tag::data, nullptr), bytes_(static_cast<const std::uint8_t*>(bytes)), length_(length) {
+    new (this + 1) std::function<void()>(std::move(deleter));
+  }
+
+  const std::uint8_t* const bytes_;
+  const std::size_t length_;
 };
+
+// Bytes that can grow.
+class MutableDataBody final : public Body {
+ public:
+  explicit MutableDataBody(std::vector<std::uint8_t> bytes) noexcept
+      : Body(Tag::mutableData, nullptr), bytes_(std::move(bytes)) {}
+
+  const std::vector<std::uint8_t>& bytes() const noexcept { return bytes_; }
+  std::vector<std::uint8_t>& bytes() noexcept { return bytes_; }
+  void dismantle() const noexcept { delete this; }
+
+ private:
+  std::vector<std::uint8_t> bytes_;
+};
+
+inline bool isData(Tag tag) noexcept {
+  return tag == Tag::data || tag == Tag::mutableData;
+}
+// The bytes of data of either kind; none for anything else.
+inline std::span<const std::uint8_t> bytesOf(const Value& value) noexcept {
+  if (value.tag() == Tag::data) return static_cast<const DataBody&>(value.body()).bytes();
+  if (value.tag() == Tag::mutableData) return static_cast<const MutableDataBody&>(value.body()).bytes();
+  return {};
+}
+
+inline void DataBody::dismantle() const noexcept {
+  if (isBorrowed()) {
+    auto* const deleter = reinterpret_cast<std::function<void()>*>(const_cast<DataBody*>(this) + 1);
+    if (*deleter) (*deleter)();
+    deleter->~function();
+  }
+  ::operator delete(const_cast<DataBody*>(this));
+}
 
 }  // namespace velto

@@ -10,8 +10,8 @@
 
 #include "platform/foundation/Class.h"
 #include "platform/foundation/NSString.h"
-#include "platform/foundation/NumberBody.h"
 #include "platform/foundation/UTF8.h"
+#include "platform/foundation/ValueText.h"
 
 namespace velto {
 namespace {

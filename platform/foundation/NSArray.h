@@ -20,20 +20,32 @@ class VELTO_EXPORT ObjectIterator {
   using pointer = const NSObject*;
   using reference = const NSObject&;
 
+  enum class Place { begin, end };
+
   ObjectIterator() = default;
-  ObjectIterator(const ObjectBody* container, std::size_t position);
+  // Of a dictionary, array or set; nil has nothing to walk.
+  ObjectIterator(const NSObject& container, Place place) noexcept;
 
   const NSObject& operator*() const;
   const NSObject* operator->() const { return &**this; }
   ObjectIterator& operator++();
-  friend bool operator==(const ObjectIterator& left, const ObjectIterator& right) { return left.equals(right); }
+  ObjectIterator operator++(int) {
+    ObjectIterator before = *this;
+    ++*this;
+    return before;
+  }
+  friend bool operator==(const ObjectIterator& left, const ObjectIterator& right) { return left.at_ == right.at_; }
 
  private:
-  bool equals(const ObjectIterator& other) const;
+  void skipEmpty() noexcept;
+  void requireUnchanged() const;
 
-  const ObjectBody* container_ = nullptr;
-  std::size_t position_ = 0;
-  std::size_t changes_ = 0;
+  const NSObject* at_ = nullptr;
+  const NSObject* end_ = nullptr;
+  std::size_t stride_ = 1;
+  // Of a container that can change: how often it has been changed, and had been when the walk began.
+  const std::size_t* changes_ = nullptr;
+  std::size_t changesAtStart_ = 0;
 };
 
 }  // namespace velto
@@ -50,7 +62,8 @@ class VELTO_EXPORT NSArray : public NSObject {
  public:
   NSArray() noexcept = default;
   NSArray(std::nullptr_t) noexcept {}
-  // Raises an NSException when an element is nil.
+  explicit operator bool() const noexcept { return !isNil(); }
+  // Elements that are nil are left out.
   NSArray(std::initializer_list<NSObject> elements);
   template <std::derived_from<NSArray> Array>
   NSArray(std::initializer_list<Array> arrays)
@@ -60,8 +73,12 @@ class VELTO_EXPORT NSArray : public NSObject {
   NSArray(const std::vector<T>& elements) : NSArray(make(std::vector<NSObject>(elements.begin(), elements.end()))) {}
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept {
+    return tag == velto::Tag::array || tag == velto::Tag::mutableArray;
+  }
   // An empty array.
   static NSArray array();
+  // Raises an NSException when an element is nil.
   static NSArray arrayWithObjects(std::vector<NSObject> elements);
 
   // nil past the end.
@@ -73,7 +90,7 @@ class VELTO_EXPORT NSArray : public NSObject {
   NSArray copy() const;
 
  protected:
-  explicit NSArray(velto::ObjectBody* body) noexcept : NSObject(body) {}
+  explicit NSArray(const velto::Value& adopted) noexcept : NSObject(adopted) {}
   static NSArray make(std::vector<NSObject> elements);
 };
 
@@ -84,10 +101,11 @@ class VELTO_EXPORT NSMutableArray : public NSArray {
   NSMutableArray(std::nullptr_t) noexcept {}
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableArray; }
   static NSMutableArray array();
   static NSMutableArray arrayWithArray(const NSArray& elements);
 
-  // Adding nil raises an NSException. Changing nil does nothing.
+  // Adding nil raises an NSException. Adding to nil makes it an array of its own first.
   void addObject(const NSObject& object);
   // Removes every element equal to `object`.
   void removeObject(const NSObject& object);
@@ -95,5 +113,5 @@ class VELTO_EXPORT NSMutableArray : public NSArray {
   void removeAllObjects();
 
  private:
-  explicit NSMutableArray(velto::ObjectBody* body) noexcept : NSArray(body) {}
+  explicit NSMutableArray(const velto::Value& adopted) noexcept : NSArray(adopted) {}
 };

@@ -51,9 +51,13 @@ TEST(NSArray, TakesVectorsOfPlainValues) {
 }
 
 TEST(NSArray, CannotHoldNil) {
-  EXPECT_THROW((NSArray{1, nil}), NSException);
   EXPECT_THROW(NSArray::arrayWithObjects({NSObject()}), NSException);
   EXPECT_THROW(NSArray(std::vector<const char*>{nullptr}), NSException);
+}
+
+TEST(NSArray, ABracedListLeavesNilOut) {
+  EXPECT_EQ((NSArray{1, nil, 2}), (NSArray{1, 2}));
+  EXPECT_EQ((NSArray{nil, nil}).count(), 0u);
 }
 
 TEST(NSArray, AnswersNilPastTheEnd) {
@@ -135,14 +139,16 @@ TEST(NSMutableArray, CopyIsASnapshotOfOneLevel) {
   EXPECT_TRUE(copy.copy().isIdenticalTo(copy));
 }
 
-TEST(NSMutableArray, ChangingNilDoesNothing) {
+TEST(NSMutableArray, AddingToNilFillsItAndRemovingFromNilDoesNothing) {
   NSMutableArray none;
-  none.addObject(1);
-  none.addObject(nil);
   none.removeObject(1);
   none.removeObjectAtIndex(0);
   none.removeAllObjects();
   EXPECT_TRUE(none.isNil());
+  EXPECT_THROW(none.addObject(nil), NSException);
+  none.addObject(1);
+  none.addObject(2);
+  EXPECT_EQ(none, (NSArray{1, 2}));
   EXPECT_EQ(NSMutableArray::arrayWithArray(nil), NSArray::array());
 }
 

@@ -32,6 +32,7 @@ class VELTO_CAPABILITY("condition") VELTO_EXPORT NSCondition : public NSObject {
  public:
   NSCondition() noexcept = default;
   NSCondition(std::nullptr_t) noexcept {}
+  explicit operator bool() const noexcept { return !isNil(); }
 
   static Class classObject();
   // A new condition.

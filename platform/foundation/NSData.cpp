@@ -1,32 +1,50 @@
 // Data: the handles. (Mapping a descriptor is in NSDataMapping.cpp.)
 #include "platform/foundation/NSData.h"
 
+#include <algorithm>
+#include <memory>
+
 #include "platform/foundation/BuiltInClass.h"
-#include "platform/foundation/Class.h"
 #include "platform/foundation/DataBody.h"
+#include "platform/foundation/ValueText.h"
 #include "platform/foundation/Walk.h"
 
 using velto::DataBody;
-using Mutability = DataBody::Mutability;
+using velto::MutableDataBody;
+using velto::Value;
 
 namespace {
 
-const DataBody* bodyOf(const NSData& data) {
-  return static_cast<const DataBody*>(data.body());
-}
-DataBody* changing(const NSMutableData& data) {
-  return static_cast<DataBody*>(data.body());
+// Enough to recognise data by; the length tells the rest.
+constexpr std::size_t kBytesDescribed = 16;
+
+std::vector<std::uint8_t>& changing(const NSMutableData& data) {
+  return const_cast<MutableDataBody&>(static_cast<const MutableDataBody&>(data.value().body())).bytes();
 }
 
-std::vector<std::uint8_t> vectorOf(const void* bytes, std::size_t length) {
+std::span<const std::uint8_t> spanOf(const void* bytes, std::size_t length) {
   if (bytes == nullptr && length > 0) velto::raiseInvalidArgument("bytes at a null pointer");
-  const auto* first = static_cast<const std::uint8_t*>(bytes);
-  return {first, first + length};
+  return {static_cast<const std::uint8_t*>(bytes), length};
+}
+
+std::vector<std::uint8_t> vectorOf(std::span<const std::uint8_t> bytes) {
+  return {bytes.begin(), bytes.end()};
 }
 
 }  // namespace
 
-NSData::NSData(const std::vector<std::uint8_t>& bytes) : NSObject(new DataBody(bytes, Mutability::immutable)) {}
+std::string velto::textOfData(std::span<const std::uint8_t> bytes) {
+  static constexpr char digits[] = "0123456789abcdef";
+  std::string text = "{length = " + std::to_string(bytes.size());
+  if (!bytes.empty()) text += ", bytes = 0x";
+  for (const std::uint8_t each : bytes.first(std::min(bytes.size(), kBytesDescribed))) {
+    text += digits[each >> 4];
+    text += digits[each & 0xf];
+  }
+  return text + (bytes.size() > kBytesDescribed ? "…}" : "}");
+}
+
+NSData::NSData(const std::vector<std::uint8_t>& bytes) : NSObject(DataBody::copy(bytes)) {}
 
 Class NSData::classObject() {
   static const Class& made = *new Class(velto::defineBuiltIn("NSData", NSObject::classObject()));
@@ -34,28 +52,28 @@ Class NSData::classObject() {
 }
 
 NSData NSData::dataWithBytes(const void* bytes, std::size_t length) {
-  return dataWithVector(vectorOf(bytes, length));
+  return NSData(DataBody::copy(spanOf(bytes, length)));
 }
 
 NSData NSData::dataWithVector(std::vector<std::uint8_t> bytes) {
-  return NSData(new DataBody(std::move(bytes), Mutability::immutable));
+  const std::span<const std::uint8_t> place = bytes;
+  return NSData(DataBody::borrow(place.data(), place.size(), [kept = std::move(bytes)] {}));
 }
 
 NSData NSData::dataWithBytesNoCopy(const void* bytes, std::size_t length, std::function<void()> deleter) {
-  if (bytes == nullptr && length > 0) velto::raiseInvalidArgument("bytes at a null pointer");
-  return NSData(new DataBody(bytes, length, std::move(deleter)));
+  return NSData(DataBody::borrow(spanOf(bytes, length).data(), length, std::move(deleter)));
 }
 
 const std::uint8_t* NSData::bytes() const noexcept {
-  return isNil() ? nullptr : bodyOf(*this)->bytes();
+  return velto::bytesOf(value()).data();
 }
 
 std::size_t NSData::length() const noexcept {
-  return isNil() ? 0 : bodyOf(*this)->length();
+  return velto::bytesOf(value()).size();
 }
 
 std::string_view NSData::view() const noexcept {
-  return {reinterpret_cast<const char*>(bytes()), length()};
+  return velto::viewOf(velto::bytesOf(value()));
 }
 
 Class NSMutableData::classObject() {
@@ -68,21 +86,21 @@ NSMutableData NSMutableData::data() {
 }
 
 NSMutableData NSMutableData::dataWithData(const NSData& bytes) {
-  return NSMutableData(new DataBody(vectorOf(bytes.bytes(), bytes.length()), Mutability::growing));
+  return NSMutableData(Value(*new MutableDataBody(vectorOf(bytes.span()))));
 }
 
 void NSMutableData::appendBytes(const void* bytes, std::size_t length) {
   if (isNil()) return;
   // A copy first: the bytes may be this very data's, and growing moves those.
-  const std::vector<std::uint8_t> added = vectorOf(bytes, length);
-  std::vector<std::uint8_t>& owned = changing(*this)->owned();
+  const std::vector<std::uint8_t> added = vectorOf(spanOf(bytes, length));
+  std::vector<std::uint8_t>& owned = changing(*this);
   owned.insert(owned.end(), added.begin(), added.end());
 }
 
 void NSMutableData::setLength(std::size_t length) {
-  if (!isNil()) changing(*this)->owned().resize(length);
+  if (!isNil()) changing(*this).resize(length);
 }
 
 std::uint8_t* NSMutableData::mutableBytes() noexcept {
-  return isNil() ? nullptr : changing(*this)->owned().data();
+  return isNil() ? nullptr : changing(*this).data();
 }

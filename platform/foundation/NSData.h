@@ -17,9 +17,13 @@ class VELTO_EXPORT NSData : public NSObject {
  public:
   NSData() noexcept = default;
   NSData(std::nullptr_t) noexcept {}
+  explicit operator bool() const noexcept { return !isNil(); }
   NSData(const std::vector<std::uint8_t>& bytes);
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept {
+    return tag == velto::Tag::data || tag == velto::Tag::mutableData;
+  }
   // Copies `length` bytes.
   static NSData dataWithBytes(const void* bytes, std::size_t length);
   // Takes the vector over; nothing is copied.
@@ -39,7 +43,7 @@ class VELTO_EXPORT NSData : public NSObject {
   std::string_view view() const noexcept;
 
  protected:
-  explicit NSData(velto::ObjectBody* body) noexcept : NSObject(body) {}
+  explicit NSData(const velto::Value& adopted) noexcept : NSObject(adopted) {}
 };
 
 // Bytes that can grow. A handle of type NSData on the same body sees every change.
@@ -49,6 +53,7 @@ class VELTO_EXPORT NSMutableData : public NSData {
   NSMutableData(std::nullptr_t) noexcept {}
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableData; }
   static NSMutableData data();
   static NSMutableData dataWithData(const NSData& bytes);
 
@@ -58,5 +63,5 @@ class VELTO_EXPORT NSMutableData : public NSData {
   std::uint8_t* mutableBytes() noexcept;
 
  private:
-  explicit NSMutableData(velto::ObjectBody* body) noexcept : NSData(body) {}
+  explicit NSMutableData(const velto::Value& adopted) noexcept : NSData(adopted) {}
 };

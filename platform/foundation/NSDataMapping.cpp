@@ -58,5 +58,5 @@ NSData NSData::dataMappingDescriptor(int borrowedDescriptor, std::size_t length,
   if (refusal.code != 0) return refuse(borrowedDescriptor, length, refusal, error);
   void* address = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, borrowedDescriptor, 0);
   if (address == MAP_FAILED) return refuse(borrowedDescriptor, length, {errno, "the kernel refused"}, error);
-  return NSData(new velto::DataBody(address, length, [address, length] { munmap(address, length); }));
+  return NSData(velto::DataBody::borrow(address, length, [address, length] { munmap(address, length); }));
 }

@@ -11,9 +11,8 @@
 
 #include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
-#include "platform/foundation/NumberBody.h"
-#include "platform/foundation/SipHash.h"
-#include "platform/foundation/Walk.h"
+#include "platform/foundation/PlainBodies.h"
+#include "platform/foundation/ValueText.h"
 
 namespace velto {
 namespace {
@@ -39,37 +38,19 @@ SteadyTime steadyAfter(double seconds) {
   return std::chrono::steady_clock::now() + std::chrono::duration_cast<SteadyTime::duration>(wait);
 }
 
-class DateBody final : public ObjectBody {
- public:
-  DateBody(double seconds, std::optional<SteadyTime> steady) : seconds_(seconds), steady_(steady) {}
+const DateBody& bodyOf(const NSDate& date) {
+  return static_cast<const DateBody&>(date.value().body());
+}
 
-  double seconds() const noexcept { return seconds_; }
-  const std::optional<SteadyTime>& steady() const noexcept { return steady_; }
+}  // namespace
 
-  const ClassBody& classBody() const override { return classBodyOf<NSDate>(); }
-  bool isEqual(const ObjectBody& other, WalkBound&) const override {
-    const auto* date = bodyAs<DateBody>(&other);
-    return date != nullptr && date->seconds_ == seconds_;
-  }
-  std::size_t hash() const override {
-    const double seconds = seconds_ == 0 ? 0 : seconds_;  // one zero, whatever its sign
-    return hashOfBytes(&seconds, sizeof seconds);
-  }
-  void describe(std::string& out, WalkBound&) const override;
-
- private:
-  const double seconds_;
-  const std::optional<SteadyTime> steady_;
-};
-
-void DateBody::describe(std::string& out, WalkBound&) const {
-  const double rounded = std::round(seconds_ * 1000) / 1000;
+std::string textOfDate(double seconds) {
+  const double rounded = std::round(seconds * 1000) / 1000;
   if (rounded < kFirstFourDigitYear || rounded >= kAfterFourDigitYears) {
-    out += shortestText(seconds_) + " seconds since 1970";
-    return;
+    return shortestText(seconds) + " seconds since 1970";
   }
   using namespace std::chrono;
-  const sys_time<milliseconds> time{milliseconds(std::llround(seconds_ * 1000))};
+  const sys_time<milliseconds> time{milliseconds(std::llround(seconds * 1000))};
   const sys_days midnight = floor<days>(time);
   const year_month_day date(midnight);
   const hh_mm_ss<milliseconds> hour(time - midnight);
@@ -78,14 +59,9 @@ void DateBody::describe(std::string& out, WalkBound&) const {
                 static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
                 static_cast<int>(hour.hours().count()), static_cast<int>(hour.minutes().count()),
                 static_cast<int>(hour.seconds().count()), static_cast<int>(hour.subseconds().count()));
-  out += text.data();
+  return text.data();
 }
 
-const DateBody& bodyOf(const NSDate& date) {
-  return static_cast<const DateBody&>(*date.body());
-}
-
-}  // namespace
 }  // namespace velto
 
 using velto::DateBody;
@@ -101,11 +77,11 @@ NSDate NSDate::date() {
 
 NSDate NSDate::dateWithTimeIntervalSinceNow(double seconds) {
   const double interval = velto::clamped(seconds, velto::kLongestWaitSeconds);
-  return NSDate(new DateBody(velto::secondsSince1970() + interval, velto::steadyAfter(interval)));
+  return NSDate(DateBody::make(velto::secondsSince1970() + interval, velto::steadyAfter(interval)));
 }
 
 NSDate NSDate::dateWithTimeIntervalSince1970(double seconds) {
-  return NSDate(new DateBody(velto::clamped(seconds, std::numeric_limits<double>::max()), std::nullopt));
+  return NSDate(DateBody::make(velto::clamped(seconds, std::numeric_limits<double>::max()), std::nullopt));
 }
 
 double NSDate::timeIntervalSinceNow() const {

@@ -11,8 +11,10 @@ class VELTO_EXPORT NSDate : public NSObject {
  public:
   NSDate() noexcept = default;
   NSDate(std::nullptr_t) noexcept {}
+  explicit operator bool() const noexcept { return !isNil(); }
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::date; }
   static NSDate date();
   static NSDate dateWithTimeIntervalSinceNow(double seconds);
   static NSDate dateWithTimeIntervalSince1970(double seconds);
@@ -24,5 +26,5 @@ class VELTO_EXPORT NSDate : public NSObject {
   std::chrono::steady_clock::time_point steadyTime() const;
 
  private:
-  explicit NSDate(velto::ObjectBody* body) noexcept : NSObject(body) {}
+  explicit NSDate(const velto::Value& adopted) noexcept : NSObject(adopted) {}
 };

@@ -2,42 +2,38 @@
 #include "platform/foundation/NSDictionary.h"
 
 #include "platform/foundation/BuiltInClass.h"
-#include "platform/foundation/Class.h"
-#include "platform/foundation/DictionaryBody.h"
+#include "platform/foundation/KeyedBody.h"
+#include "platform/foundation/Ownership.h"
 #include "platform/foundation/Walk.h"
 
-using velto::DictionaryBody;
+using velto::KeyedBody;
+using velto::KeyTable;
+using velto::MutableKeyedBody;
 using velto::ObjectIterator;
-using velto::OrderedEntries;
-using Mutability = velto::ContainerBody::Mutability;
+using velto::Tag;
+using velto::Value;
 
 namespace {
 
-const DictionaryBody* bodyOf(const NSDictionary& dictionary) {
-  return static_cast<const DictionaryBody*>(dictionary.body());
-}
-DictionaryBody* changing(const NSMutableDictionary& dictionary) {
-  return static_cast<DictionaryBody*>(dictionary.body());
+MutableKeyedBody& changing(NSMutableDictionary& dictionary) {
+  if (dictionary.isNil()) dictionary = NSMutableDictionary::dictionary();
+  return const_cast<MutableKeyedBody&>(static_cast<const MutableKeyedBody&>(dictionary.value().body()));
 }
 
 void requireEntry(const NSObject& key, const NSObject& value) {
   if (key.isNil() || value.isNil()) velto::raiseNilIn("a dictionary");
 }
 
-template <class Entries>
-velto::ObjectBody* bodyFor(const Entries& entries) {
-  OrderedEntries store;
-  store.reserve(entries.size());
-  for (const NSDictionary::Entry& entry : entries) {
-    requireEntry(entry.key, entry.value);
-    store.put(entry.key, entry.value);
-  }
-  return new DictionaryBody(std::move(store), Mutability::immutable);
-}
-
 }  // namespace
 
-NSDictionary::NSDictionary(std::initializer_list<Entry> entries) : NSObject(bodyFor(entries)) {}
+NSDictionary NSDictionary::takeEntries(const Entry* first, std::size_t count) {
+  KeyedBody& body = KeyedBody::make(Tag::dictionary, count);
+  NSDictionary made((Value(body)));
+  for (const Entry* each = first; each != first + count; ++each) {
+    if (!each->key.isNil() && !each->value.isNil()) body.put(std::move(each->key), std::move(each->value));
+  }
+  return made;
+}
 
 Class NSDictionary::classObject() {
   static const Class& made = *new Class(velto::defineBuiltIn("NSDictionary", NSObject::classObject()));
@@ -51,11 +47,12 @@ NSDictionary NSDictionary::dictionaryWithEntries(std::vector<Entry> entries) {
   return make(std::move(entries));
 }
 NSDictionary NSDictionary::make(std::vector<Entry> entries) {
-  return NSDictionary(bodyFor(entries));
+  for (const Entry& each : entries) requireEntry(each.key, each.value);
+  return takeEntries(entries.data(), entries.size());
 }
 
 NSObject NSDictionary::objectForKey(const NSObject& key) const {
-  return isNil() ? NSObject() : bodyOf(*this)->entries().valueOf(key);
+  return (*this)[key];
 }
 
 NSArray NSDictionary::allKeys() const {
@@ -67,22 +64,29 @@ NSArray NSDictionary::allValues() const {
   if (isNil()) return nil;
   std::vector<NSObject> values;
   values.reserve(count());
-  for (const OrderedEntries::Slot& slot : bodyOf(*this)->entries().slots()) {
-    if (!slot.key.isNil()) values.push_back(slot.value);
+  const KeyTable entries = velto::tableOf(value());
+  for (std::size_t slot = 0; slot < entries.slots(); ++slot) {
+    if (!entries.key(slot).isNil()) values.push_back(entries.value(slot));
   }
   return NSArray::arrayWithObjects(std::move(values));
 }
 
 ObjectIterator NSDictionary::begin() const {
-  return {body(), 0};
+  return ObjectIterator(*this, ObjectIterator::Place::begin);
 }
 ObjectIterator NSDictionary::end() const {
-  return {body(), isNil() ? 0 : bodyOf(*this)->slotCount()};
+  return ObjectIterator(*this, ObjectIterator::Place::end);
 }
 
 NSDictionary NSDictionary::copy() const {
-  if (isNil() || !bodyOf(*this)->isMutable()) return *this;
-  return NSDictionary(new DictionaryBody(bodyOf(*this)->entries(), Mutability::immutable));
+  if (value().tag() != Tag::mutableDictionary) return velto::owned(*this).as<NSDictionary>();
+  KeyedBody& body = KeyedBody::make(Tag::dictionary, count());
+  NSDictionary made((Value(body)));
+  const KeyTable entries = velto::tableOf(value());
+  for (std::size_t slot = 0; slot < entries.slots(); ++slot) {
+    if (!entries.key(slot).isNil()) body.put(entries.key(slot), entries.value(slot));
+  }
+  return made;
 }
 
 Class NSMutableDictionary::classObject() {
@@ -95,15 +99,15 @@ NSMutableDictionary NSMutableDictionary::dictionary() {
 }
 
 NSMutableDictionary NSMutableDictionary::dictionaryWithDictionary(const NSDictionary& entries) {
-  const OrderedEntries& store = entries.isNil() ? OrderedEntries() : bodyOf(entries)->entries();
-  return NSMutableDictionary(new DictionaryBody(store, Mutability::changing));
+  auto* const body = new MutableKeyedBody(Tag::mutableDictionary);
+  NSMutableDictionary made((Value(*body)));
+  body->copy(velto::tableOf(entries.value()));
+  return made;
 }
 
 void NSMutableDictionary::setObject(const NSObject& object, const NSObject& forKey) {
-  if (isNil()) return;
   requireEntry(forKey, object);
-  changing(*this)->noteChange();
-  changing(*this)->entries().put(forKey, object);
+  changing(*this).put(velto::owned(forKey), velto::owned(object));
 }
 
 void NSMutableDictionary::setObjectForKeyedSubscript(const NSObject& object, const NSObject& key) {
@@ -115,11 +119,9 @@ void NSMutableDictionary::setObjectForKeyedSubscript(const NSObject& object, con
 }
 
 void NSMutableDictionary::removeObjectForKey(const NSObject& key) {
-  if (!isNil() && changing(*this)->entries().remove(key)) changing(*this)->noteChange();
+  if (!isNil()) changing(*this).remove(key);
 }
 
 void NSMutableDictionary::removeAllObjects() {
-  if (isNil()) return;
-  changing(*this)->noteChange();
-  changing(*this)->entries().clear();
+  if (!isNil()) changing(*this).clear();
 }

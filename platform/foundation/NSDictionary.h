@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <initializer_list>
 #include <map>
@@ -17,21 +18,28 @@
 //   double first = message["terms"][0].doubleValue();
 class VELTO_EXPORT NSDictionary : public NSObject {
  public:
+  // Mutable, so that the entries of a braced list can be moved from.
   struct Entry {
-    NSObject key;
-    NSObject value;
+    mutable NSObject key;
+    mutable NSObject value;
   };
 
   NSDictionary() noexcept = default;
   NSDictionary(std::nullptr_t) noexcept {}
-  // The last entry of a key wins. Raises an NSException when a key or a value is nil.
-  NSDictionary(std::initializer_list<Entry> entries);
+  explicit operator bool() const noexcept { return !isNil(); }
+  // The last entry of a key wins. An entry whose key or value is nil is left out.
+  NSDictionary(std::initializer_list<Entry>&& entries) : NSDictionary(takeEntries(entries.begin(), entries.size())) {}
+  NSDictionary(const std::initializer_list<Entry>& entries) : NSDictionary(copyEntries(entries)) {}
   template <class Key, class Value>
   NSDictionary(const std::map<Key, Value>& entries) : NSDictionary(make(listOf(entries))) {}
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept {
+    return tag == velto::Tag::dictionary || tag == velto::Tag::mutableDictionary;
+  }
   // An empty dictionary.
   static NSDictionary dictionary();
+  // Raises an NSException when a key or a value is nil.
   static NSDictionary dictionaryWithEntries(std::vector<Entry> entries);
 
   // nil when there is none, and for a nil key.
@@ -46,10 +54,15 @@ class VELTO_EXPORT NSDictionary : public NSObject {
   NSDictionary copy() const;
 
  protected:
-  explicit NSDictionary(velto::ObjectBody* body) noexcept : NSObject(body) {}
+  explicit NSDictionary(const velto::Value& adopted) noexcept : NSObject(adopted) {}
   static NSDictionary make(std::vector<Entry> entries);
 
  private:
+  static NSDictionary takeEntries(const Entry* first, std::size_t count);
+  static NSDictionary copyEntries(const std::initializer_list<Entry>& entries) {
+    const std::vector<Entry> copies(entries);
+    return takeEntries(copies.data(), copies.size());
+  }
   template <class Entries>
   static std::vector<Entry> listOf(const Entries& entries) {
     std::vector<Entry> list;
@@ -66,10 +79,36 @@ class VELTO_EXPORT NSMutableDictionary : public NSDictionary {
   NSMutableDictionary(std::nullptr_t) noexcept {}
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableDictionary; }
   static NSMutableDictionary dictionary();
   static NSMutableDictionary dictionaryWithDictionary(const NSDictionary& entries);
 
-  // Raises an NSException when the object or the key is nil. Changing nil does nothing.
+  // The value under a key, which can be assigned to: message["key"] = 2. Assigning nil removes the key.
+  class Place : public NSObject {
+   public:
+    Place(NSMutableDictionary& dictionary, const NSObject& key)
+        : NSObject(static_cast<const NSDictionary&>(dictionary)[key]), dictionary_(dictionary), key_(key) {}
+    Place(const Place&) = default;
+    const Place& operator=(const NSObject& object) const {
+      dictionary_.setObjectForKeyedSubscript(object, key_);
+      return *this;
+    }
+    const Place& operator=(const Place& other) const { return *this = static_cast<const NSObject&>(other); }
+
+   private:
+    NSMutableDictionary& dictionary_;
+    const NSObject key_;
+  };
+  using NSObject::operator[];
+  Place operator[](const NSObject& key) { return Place(*this, key); }
+  Place operator[](const char* key) { return Place(*this, key); }
+  template <std::integral T>
+  Place operator[](T key) {
+    return Place(*this, key);
+  }
+
+  // Raises an NSException when the object or the key is nil. Setting something in nil makes it a dictionary of its own
+  // first.
   void setObject(const NSObject& object, const NSObject& forKey);
   // The same, but a nil object removes the key.
   void setObjectForKeyedSubscript(const NSObject& object, const NSObject& key);
@@ -77,5 +116,5 @@ class VELTO_EXPORT NSMutableDictionary : public NSDictionary {
   void removeAllObjects();
 
  private:
-  explicit NSMutableDictionary(velto::ObjectBody* body) noexcept : NSDictionary(body) {}
+  explicit NSMutableDictionary(const velto::Value& adopted) noexcept : NSDictionary(adopted) {}
 };

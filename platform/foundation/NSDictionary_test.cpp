@@ -55,9 +55,43 @@ TEST(NSDictionary, TheLastEntryOfAKeyWinsInTheFirstsPlace) {
 }
 
 TEST(NSDictionary, CannotHoldNil) {
-  EXPECT_THROW((NSDictionary{{"key", nil}}), NSException);
-  EXPECT_THROW((NSDictionary{{nil, "value"}}), NSException);
   EXPECT_THROW(NSDictionary::dictionaryWithEntries({{nil, nil}}), NSException);
+}
+
+TEST(NSDictionary, ABracedListLeavesEntriesWithNilOut) {
+  const NSDictionary message{{"there", 1}};
+  EXPECT_EQ((NSDictionary{{"key", message["missing"]}, {nil, "value"}, {"other", message["there"]}}),
+            (NSDictionary{{"other", 1}}));
+  EXPECT_EQ((NSDictionary{{"key", nil}}).count(), 0u);
+}
+
+template <class T>
+concept CanBeAssignedTo = requires(T dictionary) {
+  dictionary["key"] = 2;
+};
+template <class T>
+concept CanBeAsked = requires(T value) {
+  value ? 1 : 2;
+};
+
+TEST(NSDictionary, WhatWouldBeLostOrMisunderstoodDoesNotCompile) {
+  EXPECT_FALSE(CanBeAssignedTo<NSDictionary>);
+  EXPECT_FALSE(CanBeAssignedTo<NSObject>);
+  EXPECT_FALSE(CanBeAssignedTo<const NSMutableDictionary>);
+  EXPECT_TRUE(CanBeAssignedTo<NSMutableDictionary>);
+  EXPECT_FALSE(CanBeAsked<NSObject>);
+  EXPECT_TRUE(CanBeAsked<NSDictionary>);
+  EXPECT_TRUE(CanBeAsked<NSString>);
+  EXPECT_TRUE(CanBeAsked<NSError>);
+}
+
+TEST(NSDictionary, ANamedListIsNotEmptied) {
+  const std::string text = "a text that is too long for a handle";
+  std::initializer_list<NSDictionary::Entry> entries = {{"key", text}, {"other", NSArray{1}}};
+  const NSDictionary first(entries);
+  const NSDictionary second = entries;
+  EXPECT_EQ(first, (NSDictionary{{"key", text}, {"other", NSArray{1}}}));
+  EXPECT_EQ(first, second);
 }
 
 TEST(NSDictionary, AnyObjectMayBeAKey) {
@@ -149,13 +183,29 @@ TEST(NSMutableDictionary, CopyIsASnapshot) {
   EXPECT_EQ(copy.count(), 1u);
 }
 
-TEST(NSMutableDictionary, ChangingNilDoesNothing) {
+TEST(NSMutableDictionary, IsAssignedToByKey) {
+  NSMutableDictionary message;
+  message["number"] = 2;
+  message["copy"] = message["number"];
+  message[3] = "three";
+  message["gone"] = true;
+  message["gone"] = nil;
+  EXPECT_EQ(message, (NSDictionary{{"number", 2}, {"copy", 2}, {3, "three"}}));
+  EXPECT_EQ(message["number"].integerValue(), 2);
+  EXPECT_TRUE(message["missing"].isNil());
+  EXPECT_EQ(message.count(), 3u);
+}
+
+TEST(NSMutableDictionary, SettingInNilFillsItAndRemovingFromNilDoesNothing) {
   NSMutableDictionary none;
-  none.setObject(1, "a");
-  none.setObjectForKeyedSubscript(1, "a");
   none.removeObjectForKey("a");
+  none.setObjectForKeyedSubscript(nil, "a");
   none.removeAllObjects();
   EXPECT_TRUE(none.isNil());
+  EXPECT_THROW(none.setObject(nil, "a"), NSException);
+  none.setObject(1, "a");
+  none.setObjectForKeyedSubscript(2, "b");
+  EXPECT_EQ(none, (NSDictionary{{"a", 1}, {"b", 2}}));
   EXPECT_EQ(NSMutableDictionary::dictionaryWithDictionary(nil), NSDictionary::dictionary());
 }
 

@@ -3,50 +3,13 @@
 
 #include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
-#include "platform/foundation/SipHash.h"
-#include "platform/foundation/Walk.h"
+#include "platform/foundation/PlainBodies.h"
 
 namespace velto {
 namespace {
 
-class ErrorBody final : public ObjectBody {
- public:
-  ErrorBody(const NSString& domain, std::int64_t code, const NSDictionary& userInfo)
-      : domain_(domain.isNil() ? NSString("") : domain.copy()),
-        code_(code),
-        userInfo_(userInfo.isNil() ? NSDictionary::dictionary() : userInfo.copy()) {}
-
-  const NSString& domain() const noexcept { return domain_; }
-  std::int64_t code() const noexcept { return code_; }
-  const NSDictionary& userInfo() const noexcept { return userInfo_; }
-
-  const ClassBody& classBody() const override { return classBodyOf<NSError>(); }
-  bool isEqual(const ObjectBody& other, WalkBound& bound) const override {
-    const auto* error = bodyAs<ErrorBody>(&other);
-    return error != nullptr && error->code_ == code_ && error->domain_.isEqualToString(domain_) &&
-           isEqualWithin(bound, error->userInfo_, userInfo_);
-  }
-  std::size_t hash() const override { return hashOfText(domain_.view()) ^ static_cast<std::size_t>(code_); }
-  void describe(std::string& out, WalkBound& bound) const override;
-
- private:
-  const NSString domain_;
-  const std::int64_t code_;
-  const NSDictionary userInfo_;
-};
-
-NSString textOf(const ErrorBody& error) {
-  return error.userInfo()[NSLocalizedDescriptionKey].as<NSString>();
-}
-
-void ErrorBody::describe(std::string& out, WalkBound&) const {
-  out += domain_.view();
-  out += " code " + std::to_string(code_);
-  if (const NSString text = textOf(*this)) out += ": " + text.string();
-}
-
 const ErrorBody& bodyOf(const NSError& error) {
-  return static_cast<const ErrorBody&>(*error.body());
+  return static_cast<const ErrorBody&>(error.value().body());
 }
 
 }  // namespace
@@ -57,7 +20,7 @@ namespace {
 // The body outlives every handle, so that threads which still run at exit can go on using the key after its own
 // handle has been destroyed.
 NSString outlivingAll(const NSString& text) {
-  text.body()->retain();
+  text.value().retain();
   return text;
 }
 
@@ -72,18 +35,23 @@ Class NSError::classObject() {
 }
 
 NSError NSError::errorWithDomain(const NSString& domain, std::int64_t code, const NSDictionary& userInfo) {
-  return NSError(new velto::ErrorBody(domain, code, userInfo));
+  NSString ownDomain = domain.isNil() ? NSString("") : domain.copy();
+  NSDictionary ownInfo = userInfo.isNil() ? NSDictionary::dictionary() : userInfo.copy();
+  const velto::Value made = velto::ErrorBody::make(ownDomain.value(), code, ownInfo.value());
+  ownDomain.giveUp();
+  ownInfo.giveUp();
+  return NSError(made);
 }
 
 NSString NSError::domain() const {
-  return isNil() ? NSString() : velto::bodyOf(*this).domain();
+  return isNil() ? NSString() : velto::bodyOf(*this).domain().as<NSString>();
 }
 std::int64_t NSError::code() const noexcept {
   return isNil() ? 0 : velto::bodyOf(*this).code();
 }
 NSDictionary NSError::userInfo() const {
-  return isNil() ? NSDictionary() : velto::bodyOf(*this).userInfo();
+  return isNil() ? NSDictionary() : velto::bodyOf(*this).userInfo().as<NSDictionary>();
 }
 NSString NSError::localizedDescription() const {
-  return isNil() ? NSString() : velto::textOf(velto::bodyOf(*this));
+  return userInfo()[NSLocalizedDescriptionKey].as<NSString>();
 }

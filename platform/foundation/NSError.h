@@ -15,8 +15,10 @@ class VELTO_EXPORT NSError : public NSObject {
  public:
   NSError() noexcept = default;
   NSError(std::nullptr_t) noexcept {}
+  explicit operator bool() const noexcept { return !isNil(); }
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::error; }
   static NSError errorWithDomain(const NSString& domain, std::int64_t code, const NSDictionary& userInfo);
 
   NSString domain() const;
@@ -26,5 +28,5 @@ class VELTO_EXPORT NSError : public NSObject {
   NSString localizedDescription() const;
 
  private:
-  explicit NSError(velto::ObjectBody* body) noexcept : NSObject(body) {}
+  explicit NSError(const velto::Value& adopted) noexcept : NSObject(adopted) {}
 };

@@ -8,10 +8,12 @@ class VELTO_EXPORT NSNull : public NSObject {
  public:
   NSNull() noexcept = default;
   NSNull(std::nullptr_t) noexcept {}
+  explicit operator bool() const noexcept { return !isNil(); }
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::null; }
   static NSNull null();
 
  private:
-  explicit NSNull(velto::ObjectBody* body) noexcept : NSObject(body) {}
+  explicit NSNull(const velto::Value& adopted) noexcept : NSObject(adopted) {}
 };

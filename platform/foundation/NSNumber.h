@@ -15,10 +15,15 @@ class VELTO_EXPORT NSNumber : public NSObject {
 
   NSNumber() noexcept = default;
   NSNumber(std::nullptr_t) noexcept {}
+  explicit operator bool() const noexcept { return !isNil(); }
   template <class T>
-  requires std::is_arithmetic_v<T> NSNumber(T value) : NSNumber(NSObject(value).as<NSNumber>()) {}
+  requires std::is_arithmetic_v<T> NSNumber(T value)
+  noexcept : NSObject(value) {}
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept {
+    return tag >= velto::Tag::boolean && tag <= velto::Tag::floatingPoint;
+  }
   static NSNumber numberWithBool(bool value);
   static NSNumber numberWithSigned(std::int64_t value);
   static NSNumber numberWithUnsigned(std::uint64_t value);
@@ -26,7 +31,4 @@ class VELTO_EXPORT NSNumber : public NSObject {
 
   // signedInteger for nil.
   Kind kind() const noexcept;
-
- private:
-  explicit NSNumber(velto::ObjectBody* body) noexcept : NSObject(body) {}
 };

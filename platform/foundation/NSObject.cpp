@@ -1,35 +1,36 @@
-// The root of the values: what any object answers, whatever its kind. The questions of one kind only (a count, a
-// number, an element) ask the body what it is, so that bodies of a user's own need not know of them.
+// The root of the values: what any object answers, whatever its kind.
 #include "platform/foundation/NSObject.h"
 
 #include "platform/foundation/ArrayBody.h"
 #include "platform/foundation/Class.h"
-#include "platform/foundation/ContainerBody.h"
-#include "platform/foundation/DictionaryBody.h"
-#include "platform/foundation/NSData.h"
+#include "platform/foundation/DataBody.h"
+#include "platform/foundation/KeyedBody.h"
 #include "platform/foundation/NSNumber.h"
-#include "platform/foundation/NumberBody.h"
+#include "platform/foundation/NumberValue.h"
+#include "platform/foundation/ObjectBody.h"
 #include "platform/foundation/StringBody.h"
 #include "platform/foundation/UTF8.h"
 #include "platform/foundation/Walk.h"
 
-using velto::bodyAs;
+velto::Value velto::textValue(std::string_view text) {
+  if (text.size() <= Value::kMaximumText) {
+    const Value value = Value::ofShortText(text);
+    if (value.isASCII()) return value;
+  }
+  return isValidUTF8(text) ? validTextValue(text) : validTextValue(repairedUTF8(text));
+}
 
-NSObject::NSObject(const char* text) : body_(NSString(text).body()) {}
-NSObject::NSObject(const std::string& text) : body_(NSString(text).body()) {}
-NSObject::NSObject(std::string_view text) : body_(NSString(text).body()) {}
+static_assert(sizeof(NSObject) == 16);
 
-NSObject NSObject::fromBool(bool value) {
-  return NSNumber::numberWithBool(value);
+NSObject::NSObject(velto::ObjectBody* body) noexcept {
+  if (body == nullptr) return;
+  body->retain();
+  value_ = velto::Value(*body);
 }
-NSObject NSObject::fromSigned(std::int64_t value) {
-  return NSNumber::numberWithSigned(value);
-}
-NSObject NSObject::fromUnsigned(std::uint64_t value) {
-  return NSNumber::numberWithUnsigned(value);
-}
-NSObject NSObject::fromDouble(double value) {
-  return NSNumber::numberWithDouble(value);
+
+velto::ObjectBody* NSObject::body() const noexcept {
+  if (value_.tag() != velto::Tag::object) return nullptr;
+  return const_cast<velto::ObjectBody*>(static_cast<const velto::ObjectBody*>(&value_.body()));
 }
 
 Class NSObject::classObject() {
@@ -38,7 +39,7 @@ Class NSObject::classObject() {
 }
 
 Class NSObject::getClass() const {
-  return isNil() ? Class() : Class(body_->classBody());
+  return isNil() ? Class() : Class(velto::classBodyOf(value_));
 }
 
 bool NSObject::isKindOfClass(const Class& kind) const {
@@ -46,7 +47,7 @@ bool NSObject::isKindOfClass(const Class& kind) const {
 }
 
 bool NSObject::isKindOf(const velto::ClassBody& kind) const {
-  return !isNil() && body_->classBody().isSubclassOf(kind);
+  return !isNil() && velto::classBodyOf(value_).isSubclassOf(kind);
 }
 
 bool NSObject::isEqual(const NSObject& other) const {
@@ -55,16 +56,16 @@ bool NSObject::isEqual(const NSObject& other) const {
 }
 
 std::size_t NSObject::hash() const {
-  return isNil() ? 0 : body_->hash();
+  return velto::hashOf(*this);
 }
 
 NSString NSObject::description() const {
   if (isNil()) return "(null)";
-  if (bodyAs<velto::StringBody>(body()) != nullptr) return as<NSString>().copy();
+  if (velto::isString(value_.tag())) return as<NSString>().copy();
   std::string text;
   try {
     velto::WalkBound bound;
-    body_->describe(text, bound);
+    velto::describeWithin(bound, *this, text);
   } catch (const std::exception&) {
     text += "…";
   }
@@ -76,50 +77,48 @@ NSString NSObject::description() const {
 }
 
 bool NSObject::boolValue() const {
-  const auto* number = bodyAs<velto::NumberBody>(body());
-  return number != nullptr && number->boolValue();
+  return velto::isNumber(value_.tag()) && velto::boolOf(value_);
 }
 
 std::int64_t NSObject::integerValue() const {
-  const auto* number = bodyAs<velto::NumberBody>(body());
-  return number != nullptr ? number->convertedTo<std::int64_t>() : 0;
+  return velto::isNumber(value_.tag()) ? velto::signedOf(value_) : 0;
 }
 
 std::uint64_t NSObject::unsignedIntegerValue() const {
-  const auto* number = bodyAs<velto::NumberBody>(body());
-  return number != nullptr ? number->convertedTo<std::uint64_t>() : 0;
+  return velto::isNumber(value_.tag()) ? velto::unsignedOf(value_) : 0;
 }
 
 double NSObject::doubleValue() const {
-  const auto* number = bodyAs<velto::NumberBody>(body());
-  return number != nullptr ? number->doubleValue() : 0;
+  return velto::isNumber(value_.tag()) ? velto::doubleOf(value_) : 0;
 }
 
 std::string NSObject::stringValue() const {
-  return as<NSString>().string();
+  return std::string(velto::textOf(value_));
 }
 
 std::size_t NSObject::count() const {
-  if (const auto* container = dynamic_cast<const velto::ContainerBody*>(body())) return container->count();
-  if (const NSData data = as<NSData>()) return data.length();
-  return as<NSString>().length();
+  const velto::Tag tag = value_.tag();
+  if (velto::isArray(tag)) return velto::elementsOf(value_).size();
+  if (velto::isContainer(tag)) return velto::entryCountOf(value_);
+  return velto::isData(tag) ? velto::bytesOf(value_).size() : velto::textOf(value_).size();
 }
 
 NSObject NSObject::operator[](const NSObject& key) const {
-  const auto* dictionary = bodyAs<velto::DictionaryBody>(body());
-  return dictionary != nullptr ? dictionary->entries().valueOf(key) : NSObject();
+  if (!velto::isDictionary(value_.tag())) return nil;
+  const NSObject* found = velto::tableOf(value_).find(key);
+  return found != nullptr ? found[1] : NSObject();
 }
 
-NSObject NSObject::operator[](const char* key) const {
-  const auto* dictionary = bodyAs<velto::DictionaryBody>(body());
-  if (dictionary == nullptr || key == nullptr) return nil;
-  const std::string_view text(key);
-  return velto::isValidUTF8(text) ? dictionary->entries().valueOfText(text)
-                                  : dictionary->entries().valueOf(NSString(text));
+NSObject NSObject::valueForText(std::string_view text) const {
+  if (!velto::isDictionary(value_.tag())) return nil;
+  if (!velto::isValidUTF8(text)) return (*this)[NSObject(text)];
+  const NSObject* found = velto::tableOf(value_).findText(text);
+  return found != nullptr ? found[1] : NSObject();
 }
 
 NSObject NSObject::elementAt(std::int64_t index) const {
-  if (bodyAs<velto::DictionaryBody>(body()) != nullptr) return (*this)[NSObject(index)];
-  const auto* array = bodyAs<velto::ArrayBody>(body());
-  return array != nullptr && index >= 0 ? array->elementAt(static_cast<std::size_t>(index)) : NSObject();
+  if (velto::isDictionary(value_.tag())) return (*this)[NSObject(index)];
+  const std::span<const NSObject> elements = velto::elementsOf(value_);
+  return index >= 0 && static_cast<std::uint64_t>(index) < elements.size() ? elements[static_cast<std::size_t>(index)]
+                                                                           : NSObject();
 }

@@ -1,26 +1,35 @@
 #pragma once
 
+#include <bit>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "platform/foundation/Export.h"
-#include "platform/foundation/ObjectBody.h"
+#include "platform/foundation/Value.h"
 
 class Class;
 class NSString;
 
 namespace velto {
+class ClassBody;
+class ObjectBody;
 template <class T>
 const ClassBody& classBodyOf();
+
+// A text as the words of a handle: itself, if it is short, else a body with one reference that the caller takes over.
+// Broken UTF-8 is replaced.
+VELTO_EXPORT Value textValue(std::string_view text);
 }  // namespace velto
 
-// The root of the value classes: a handle on a reference-counted body. Copying a handle costs a count; `nil` (nullptr,
-// or a default-constructed handle) is the empty state, and asking anything of nil is harmless and answers nil, zero,
-// false or empty. Handles are compared by value (==).
+// The root of the value classes: a handle of two words. Numbers, bools and short texts lie in the handle itself;
+// everything else in a reference-counted body, so that copying a handle costs a count at most. `nil` (nullptr, or a
+// default-constructed handle) is the empty state, and asking anything of nil is harmless and answers nil, zero, false
+// or empty. Handles are compared by value (==).
 //
 // Threads: different handles on one body may be used from different threads; one handle, like any C++ variable, by one
 // thread at a time. Immutable bodies never change. Mutable ones are not synchronised (see NSSynchronized).
@@ -32,36 +41,63 @@ class VELTO_EXPORT NSObject {
  public:
   constexpr NSObject() noexcept = default;
   constexpr NSObject(std::nullptr_t) noexcept {}
-  NSObject(const char* text);
-  NSObject(const std::string& text);
-  NSObject(std::string_view text);
+  NSObject(const NSObject& other) noexcept : value_(other.value_) { value_.retain(); }
+  NSObject(NSObject&& other) noexcept : value_(std::exchange(other.value_, velto::Value())) {}
+  // Not to what a lookup has answered: that would be lost.
+  NSObject& operator=(const NSObject& other) & noexcept {
+    other.value_.retain();
+    std::exchange(value_, other.value_).release();
+    return *this;
+  }
+  NSObject& operator=(NSObject&& other) & noexcept {
+    if (this != &other) std::exchange(value_, std::exchange(other.value_, velto::Value())).release();
+    return *this;
+  }
+  NSObject& operator=(const NSObject& other) && = delete;
+  NSObject& operator=(NSObject&& other) && = delete;
+  ~NSObject() { value_.release(); }
+
+  [[gnu::always_inline]] NSObject(const char* text) : value_(fromText(text)) {}
+  NSObject(const std::string& text) : value_(velto::textValue(text)) {}
+  NSObject(std::string_view text) : value_(velto::textValue(text)) {}
   template <std::same_as<bool> T>
-  NSObject(T value) : NSObject(fromBool(value)) {}
+  NSObject(T value) noexcept : value_(velto::Tag::boolean, value ? 1 : 0) {}
   template <std::integral T>
-  requires(!std::same_as<T, bool>) NSObject(T value) : NSObject(fromInteger(value)) {}
+  requires(!std::same_as<T, bool>) NSObject(T value)
+  noexcept
+      : value_(std::is_signed_v<T> ? velto::Tag::signedInteger : velto::Tag::unsignedInteger,
+               static_cast<std::uint64_t>(value)) {}
   template <std::floating_point T>
-  NSObject(T value) : NSObject(fromDouble(static_cast<double>(value))) {}
+  NSObject(T value) noexcept
+      : value_(velto::Tag::floatingPoint, std::bit_cast<std::uint64_t>(static_cast<double>(value))) {}
 
   static Class classObject();
 
-  bool isNil() const noexcept { return !body_; }
-  explicit operator bool() const noexcept { return static_cast<bool>(body_); }
+  // A value of an unknown kind does not convert to bool: isNil() asks whether there is one, boolValue() what it says.
+  // (Handles of a known class convert, and are true when they are not nil.)
+  bool isNil() const noexcept { return value_.isNil(); }
 
   // The class object of the value; nil for nil.
   Class getClass() const;
   // Whether the value is an instance of `kind` or of a subclass of it. False for nil.
   bool isKindOfClass(const Class& kind) const;
+  // Whether it is a T.
+  template <class T>
+  bool is() const;
   // This handle as a T if the value is of that kind, else nil.
   template <class T>
-  T as() const;
+  T as() const&;
+  template <class T>
+  T as() &&;
 
   // Equality by value; nil equals nil only. Containers that nest deeper, or are larger, than a walk may go raise an
   // NSException that says so.
   bool isEqual(const NSObject& other) const;
   friend bool operator==(const NSObject& left, const NSObject& right) { return left.isEqual(right); }
   std::size_t hash() const;
-  // Whether both handles hold the same body.
-  bool isIdenticalTo(const NSObject& other) const noexcept { return body_.get() == other.body_.get(); }
+  // Whether both handles hold the same body. What lies in handles themselves is identical when it is equal and of the
+  // same kind.
+  bool isIdenticalTo(const NSObject& other) const noexcept { return value_ == other.value_; }
 
   // Short, stable and readable; what "%@" prints. "(null)" for nil. Never raises: too deep or too long is cut with "…".
   NSString description() const;
@@ -78,7 +114,12 @@ class VELTO_EXPORT NSObject {
   std::size_t count() const;
   // The value under a key of a dictionary; nil for every other kind and for a missing key.
   NSObject operator[](const NSObject& key) const;
-  NSObject operator[](const char* key) const;
+  [[gnu::always_inline]] NSObject operator[](const char* key) const {
+    if (__builtin_constant_p(key != nullptr && __builtin_strlen(key) <= velto::Value::kMaximumText)) {
+      return (*this)[NSObject(key)];
+    }
+    return key != nullptr ? valueForText(key) : NSObject();
+  }
   // The element of an array; nil for every other kind and past the end. A dictionary is asked for the number as a key.
   template <std::integral T>
   NSObject operator[](T index) const {
@@ -88,29 +129,41 @@ class VELTO_EXPORT NSObject {
     return elementAt(static_cast<std::int64_t>(index));
   }
 
-  // The body itself: for classes of your own, and for the platform.
-  velto::ObjectBody* body() const noexcept { return body_.get(); }
+  // The body of an object of a class of your own; null for the platform's values.
+  velto::ObjectBody* body() const noexcept;
+
+  // The words of the handle, for the platform.
+  const velto::Value& value() const noexcept { return value_; }
+  // Takes over the reference that the words stand for, or gives it away and becomes nil.
+  static NSObject adopt(const velto::Value& value) noexcept {
+    NSObject object;
+    object.value_ = value;
+    return object;
+  }
+  velto::Value giveUp() noexcept { return std::exchange(value_, velto::Value()); }
 
  protected:
-  explicit NSObject(velto::ObjectBody* body) noexcept : body_(body) {}
+  // Takes a reference to the body, as the first handle of a new one does; null makes nil.
+  explicit NSObject(velto::ObjectBody* body) noexcept;
+  explicit NSObject(const velto::Value& adopted) noexcept : value_(adopted) {}
 
  private:
   bool isKindOf(const velto::ClassBody& kind) const;
+  NSObject valueForText(std::string_view text) const;
   NSObject elementAt(std::int64_t index) const;
-  static NSObject fromBool(bool value);
-  template <std::integral T>
-  static NSObject fromInteger(T value) {
-    if constexpr (std::is_signed_v<T>) {
-      return fromSigned(value);
-    } else {
-      return fromUnsigned(value);
+  // Folds into two constants where the text is a literal.
+  [[gnu::always_inline]] static velto::Value fromText(const char* text) {
+    if (__builtin_constant_p(text != nullptr && __builtin_strlen(text) <= velto::Value::kMaximumText)) {
+      const std::size_t length = text != nullptr ? __builtin_strlen(text) : SIZE_MAX;
+      if (length <= velto::Value::kMaximumText) {
+        const velto::Value value = velto::Value::ofText(text, length);
+        if (value.isASCII()) return value;
+      }
     }
+    return text != nullptr ? velto::textValue(text) : velto::Value();
   }
-  static NSObject fromSigned(std::int64_t value);
-  static NSObject fromUnsigned(std::uint64_t value);
-  static NSObject fromDouble(double value);
 
-  velto::Reference<velto::ObjectBody> body_;
+  velto::Value value_;
 };
 
 inline constexpr std::nullptr_t nil = nullptr;
@@ -119,8 +172,26 @@ inline constexpr std::nullptr_t nil = nullptr;
 #include "platform/foundation/Class.h"
 
 template <class T>
-T NSObject::as() const {
+bool NSObject::is() const {
+  if constexpr (std::same_as<T, NSObject>) {
+    return !isNil();
+  } else if constexpr (requires(velto::Tag tag) { T::isKind(tag); }) {
+    return T::isKind(value_.tag());
+  } else {
+    return isKindOf(velto::classBodyOf<T>());
+  }
+}
+
+template <class T>
+T NSObject::as() const& {
   T result;
-  if (isKindOf(velto::classBodyOf<T>())) static_cast<NSObject&>(result).body_ = body_;
+  if (is<T>()) static_cast<NSObject&>(result) = *this;
+  return result;
+}
+
+template <class T>
+T NSObject::as() && {
+  T result;
+  if (is<T>()) static_cast<NSObject&>(result) = std::move(*this);
   return result;
 }

@@ -12,7 +12,6 @@ namespace {
 TEST(NSObject, NilAnswersNothingHarmlessly) {
   const NSObject object;
   EXPECT_TRUE(object.isNil());
-  EXPECT_FALSE(object);
   EXPECT_TRUE(object.getClass().isNil());
   EXPECT_FALSE(object.isKindOfClass(NSObject::classObject()));
   EXPECT_TRUE(object.as<NSString>().isNil());

@@ -4,73 +4,37 @@
 #include <utility>
 
 #include "platform/foundation/BuiltInClass.h"
-#include "platform/foundation/Class.h"
-#include "platform/foundation/SetBody.h"
+#include "platform/foundation/KeyedBody.h"
+#include "platform/foundation/Ownership.h"
 #include "platform/foundation/Walk.h"
 
-namespace velto {
-
-const ClassBody& SetBody::classBody() const {
-  return isMutable() ? classBodyOf<NSMutableSet>() : classBodyOf<NSSet>();
-}
-
-bool SetBody::isEqual(const ObjectBody& other, WalkBound& bound) const {
-  const auto* set = bodyAs<SetBody>(&other);
-  if (set == nullptr || set->count() != count()) return false;
-  const ComparedLevel level(bound);
-  for (const OrderedEntries::Slot& slot : entries_.slots()) {
-    if (!slot.key.isNil() && set->entries_.find(slot.key, bound) == nullptr) return false;
-  }
-  return true;
-}
-
-void SetBody::describe(std::string& out, WalkBound& bound) const {
-  const WalkBound::Level level(bound);
-  if (!level) {
-    out += "…";
-    return;
-  }
-  out += "{(";
-  const char* separator = "";
-  for (const OrderedEntries::Slot& slot : entries_.slots()) {
-    if (slot.key.isNil()) continue;
-    if (isDescribedEnough(out)) return;
-    out += std::exchange(separator, ", ");
-    describeWithin(bound, slot.key, out);
-  }
-  out += ")}";
-}
-
-}  // namespace velto
-
+using velto::KeyedBody;
+using velto::KeyTable;
+using velto::MutableKeyedBody;
 using velto::ObjectIterator;
-using velto::OrderedEntries;
-using velto::SetBody;
-using Mutability = velto::ContainerBody::Mutability;
+using velto::Tag;
+using velto::Value;
 
 namespace {
 
-const SetBody* bodyOf(const NSSet& set) {
-  return static_cast<const SetBody*>(set.body());
-}
-SetBody* changing(const NSMutableSet& set) {
-  return static_cast<SetBody*>(set.body());
+MutableKeyedBody& changing(NSMutableSet& set) {
+  if (set.isNil()) set = NSMutableSet::set();
+  return const_cast<MutableKeyedBody&>(static_cast<const MutableKeyedBody&>(set.value().body()));
 }
 
 template <class Elements>
-velto::ObjectBody* bodyFor(const Elements& elements) {
-  OrderedEntries entries;
-  entries.reserve(elements.size());
-  for (const NSObject& element : elements) {
-    if (element.isNil()) velto::raiseNilIn("a set");
-    entries.put(element, nil);
+NSObject setOf(const Elements& elements) {
+  KeyedBody& body = KeyedBody::make(Tag::set, elements.size());
+  NSObject made = NSObject::adopt(Value(body));
+  for (const NSObject& each : elements) {
+    if (!each.isNil()) body.put(each, nil);
   }
-  return new SetBody(std::move(entries), Mutability::immutable);
+  return made;
 }
 
 }  // namespace
 
-NSSet::NSSet(std::initializer_list<NSObject> elements) : NSObject(bodyFor(elements)) {}
+NSSet::NSSet(std::initializer_list<NSObject> elements) : NSObject(setOf(elements)) {}
 
 Class NSSet::classObject() {
   static const Class& made = *new Class(velto::defineBuiltIn("NSSet", NSObject::classObject()));
@@ -81,11 +45,14 @@ NSSet NSSet::set() {
   return setWithObjects({});
 }
 NSSet NSSet::setWithObjects(std::vector<NSObject> elements) {
-  return NSSet(bodyFor(elements));
+  for (const NSObject& each : elements) {
+    if (each.isNil()) velto::raiseNilIn("a set");
+  }
+  return NSSet(setOf(elements).giveUp());
 }
 
 bool NSSet::containsObject(const NSObject& object) const {
-  return !isNil() && bodyOf(*this)->entries().find(object) != nullptr;
+  return velto::tableOf(value()).find(object) != nullptr;
 }
 
 NSArray NSSet::allObjects() const {
@@ -94,15 +61,15 @@ NSArray NSSet::allObjects() const {
 }
 
 ObjectIterator NSSet::begin() const {
-  return {body(), 0};
+  return ObjectIterator(*this, ObjectIterator::Place::begin);
 }
 ObjectIterator NSSet::end() const {
-  return {body(), isNil() ? 0 : bodyOf(*this)->slotCount()};
+  return ObjectIterator(*this, ObjectIterator::Place::end);
 }
 
 NSSet NSSet::copy() const {
-  if (isNil() || !bodyOf(*this)->isMutable()) return *this;
-  return NSSet(new SetBody(bodyOf(*this)->entries(), Mutability::immutable));
+  if (value().tag() != Tag::mutableSet) return velto::owned(*this).as<NSSet>();
+  return setWithObjects(std::vector<NSObject>(begin(), end()));
 }
 
 Class NSMutableSet::classObject() {
@@ -115,24 +82,21 @@ NSMutableSet NSMutableSet::set() {
 }
 
 NSMutableSet NSMutableSet::initWithSet(const NSSet& elements) {
-  OrderedEntries entries = elements.isNil() ? OrderedEntries() : bodyOf(elements)->entries();
-  return NSMutableSet(new SetBody(std::move(entries), Mutability::changing));
+  auto* const body = new MutableKeyedBody(Tag::mutableSet);
+  NSMutableSet made((Value(*body)));
+  body->copy(velto::tableOf(elements.value()));
+  return made;
 }
 
 void NSMutableSet::addObject(const NSObject& object) {
-  if (isNil()) return;
   if (object.isNil()) velto::raiseNilIn("a set");
-  if (containsObject(object)) return;
-  changing(*this)->noteChange();
-  changing(*this)->entries().put(object, nil);
+  changing(*this).put(velto::owned(object), nil);
 }
 
 void NSMutableSet::removeObject(const NSObject& object) {
-  if (!isNil() && changing(*this)->entries().remove(object)) changing(*this)->noteChange();
+  if (!isNil()) changing(*this).remove(object);
 }
 
 void NSMutableSet::removeAllObjects() {
-  if (isNil()) return;
-  changing(*this)->noteChange();
-  changing(*this)->entries().clear();
+  if (!isNil()) changing(*this).clear();
 }

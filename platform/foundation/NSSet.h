@@ -13,7 +13,8 @@ class VELTO_EXPORT NSSet : public NSObject {
  public:
   NSSet() noexcept = default;
   NSSet(std::nullptr_t) noexcept {}
-  // Raises an NSException when an element is nil.
+  explicit operator bool() const noexcept { return !isNil(); }
+  // Elements that are nil are left out.
   NSSet(std::initializer_list<NSObject> elements);
   // Braces around a single set are that set itself, as with NSArray.
   template <std::derived_from<NSSet> Set>
@@ -22,8 +23,12 @@ class VELTO_EXPORT NSSet : public NSObject {
                                : setWithObjects(std::vector<NSObject>(sets.begin(), sets.end()))) {}
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept {
+    return tag == velto::Tag::set || tag == velto::Tag::mutableSet;
+  }
   // An empty set.
   static NSSet set();
+  // Raises an NSException when an element is nil.
   static NSSet setWithObjects(std::vector<NSObject> elements);
 
   bool containsObject(const NSObject& object) const;
@@ -34,7 +39,7 @@ class VELTO_EXPORT NSSet : public NSObject {
   NSSet copy() const;
 
  protected:
-  explicit NSSet(velto::ObjectBody* body) noexcept : NSObject(body) {}
+  explicit NSSet(const velto::Value& adopted) noexcept : NSObject(adopted) {}
 };
 
 // A set that can change. A handle of type NSSet on the same body sees every change.
@@ -44,15 +49,16 @@ class VELTO_EXPORT NSMutableSet : public NSSet {
   NSMutableSet(std::nullptr_t) noexcept {}
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableSet; }
   static NSMutableSet set();
   // A new set with the elements of another.
   static NSMutableSet initWithSet(const NSSet& elements);
 
-  // Adding nil raises an NSException. Changing nil does nothing.
+  // Adding nil raises an NSException. Adding to nil makes it a set of its own first.
   void addObject(const NSObject& object);
   void removeObject(const NSObject& object);
   void removeAllObjects();
 
  private:
-  explicit NSMutableSet(velto::ObjectBody* body) noexcept : NSSet(body) {}
+  explicit NSMutableSet(const velto::Value& adopted) noexcept : NSSet(adopted) {}
 };

@@ -30,7 +30,7 @@ TEST(NSSet, FindsObjectsByValue) {
 }
 
 TEST(NSSet, CannotHoldNil) {
-  EXPECT_THROW((NSSet{1, nil}), NSException);
+  EXPECT_EQ((NSSet{1, nil}), NSSet{1});
   EXPECT_THROW(NSSet::setWithObjects({NSObject()}), NSException);
 }
 
@@ -87,13 +87,14 @@ TEST(NSMutableSet, IsMadeFromAnotherSetAndLeavesItAlone) {
   EXPECT_EQ(NSMutableSet::initWithSet(nil), NSSet::set());
 }
 
-TEST(NSMutableSet, ChangingNilDoesNothing) {
+TEST(NSMutableSet, AddingToNilFillsItAndRemovingFromNilDoesNothing) {
   NSMutableSet none;
-  none.addObject(1);
-  none.addObject(nil);
   none.removeObject(1);
   none.removeAllObjects();
   EXPECT_TRUE(none.isNil());
+  EXPECT_THROW(none.addObject(nil), NSException);
+  none.addObject(1);
+  EXPECT_EQ(none, NSSet{1});
 }
 
 }  // namespace

@@ -2,31 +2,21 @@
 #include "platform/foundation/NSString.h"
 
 #include "platform/foundation/BuiltInClass.h"
+#include "platform/foundation/Ownership.h"
 #include "platform/foundation/StringBody.h"
 #include "platform/foundation/UTF8.h"
 
-using velto::StringBody;
-using Mutability = StringBody::Mutability;
+using velto::MutableStringBody;
+using velto::Tag;
+using velto::Value;
 
 namespace {
 
-velto::ObjectBody* bodyFor(std::string_view text) {
-  return new StringBody(velto::isValidUTF8(text) ? std::string(text) : velto::repairedUTF8(text),
-                        Mutability::immutable);
-}
-
-const StringBody* bodyOf(const NSString& string) {
-  return static_cast<const StringBody*>(string.body());
-}
-StringBody* changing(const NSMutableString& string) {
-  return static_cast<StringBody*>(string.body());
+std::string& changing(const NSMutableString& string) {
+  return const_cast<MutableStringBody&>(static_cast<const MutableStringBody&>(string.value().body())).text();
 }
 
 }  // namespace
-
-NSString::NSString(const char* text) : NSObject(text != nullptr ? bodyFor(text) : nullptr) {}
-NSString::NSString(const std::string& text) : NSObject(bodyFor(text)) {}
-NSString::NSString(std::string_view text) : NSObject(bodyFor(text)) {}
 
 Class NSString::classObject() {
   static const Class& made = *new Class(velto::defineBuiltIn("NSString", NSObject::classObject()));
@@ -34,16 +24,11 @@ Class NSString::classObject() {
 }
 
 NSString NSString::stringWithUTF8(std::string_view bytes) {
-  if (!velto::isValidUTF8(bytes)) return nil;
-  return NSString(new StringBody(std::string(bytes), Mutability::immutable));
+  return velto::isValidUTF8(bytes) ? NSString(velto::validTextValue(bytes)) : NSString();
 }
 
-std::string_view NSString::view() const noexcept {
-  return isNil() ? std::string_view() : std::string_view(bodyOf(*this)->text());
-}
-
-const char* NSString::UTF8String() const noexcept {
-  return isNil() ? nullptr : bodyOf(*this)->text().c_str();
+std::string_view NSString::bodyText() const noexcept {
+  return velto::textOf(value());
 }
 
 bool NSString::isEqualToString(const NSString& other) const {
@@ -51,8 +36,8 @@ bool NSString::isEqualToString(const NSString& other) const {
 }
 
 NSString NSString::copy() const {
-  if (isNil() || !bodyOf(*this)->isMutable()) return *this;
-  return NSString(new StringBody(string(), Mutability::immutable));
+  if (value().tag() == Tag::mutableString) return NSString(velto::validTextValue(view()));
+  return velto::owned(*this).as<NSString>();
 }
 
 Class NSMutableString::classObject() {
@@ -65,13 +50,13 @@ NSMutableString NSMutableString::string() {
 }
 
 NSMutableString NSMutableString::stringWithString(const NSString& text) {
-  return NSMutableString(new StringBody(text.string(), Mutability::growing));
+  return NSMutableString(Value(*new MutableStringBody(text.string())));
 }
 
 void NSMutableString::appendString(const NSString& text) {
-  if (!isNil()) changing(*this)->text() += text.string();
+  if (!isNil()) changing(*this) += text.string();
 }
 
 void NSMutableString::setString(const NSString& text) {
-  if (!isNil()) changing(*this)->text() = text.string();
+  if (!isNil()) changing(*this) = text.string();
 }

@@ -13,12 +13,16 @@ class VELTO_EXPORT NSString : public NSObject {
  public:
   NSString() noexcept = default;
   NSString(std::nullptr_t) noexcept {}
+  explicit operator bool() const noexcept { return !isNil(); }
   // Broken UTF-8 is replaced by U+FFFD, sequence by sequence; a null pointer makes nil.
-  NSString(const char* text);
-  NSString(const std::string& text);
-  NSString(std::string_view text);
+  [[gnu::always_inline]] NSString(const char* text) : NSObject(text) {}
+  NSString(const std::string& text) : NSObject(text) {}
+  NSString(std::string_view text) : NSObject(text) {}
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept {
+    return tag == velto::Tag::text || tag == velto::Tag::string || tag == velto::Tag::mutableString;
+  }
   // The text if it is valid UTF-8, else nil.
   static NSString stringWithUTF8(std::string_view bytes);
   // printf's conversions for numbers and C strings, and "%@" for any object, which prints its description.
@@ -27,11 +31,13 @@ class VELTO_EXPORT NSString : public NSObject {
     return NSString(velto::formatText(format, {velto::FormatArgument(arguments)...}));
   }
 
-  // The text; valid while the string lives unchanged. nil answers "".
-  std::string_view view() const noexcept;
+  // The text; valid while this handle lives unchanged: a short text lies in the handle itself. nil answers "".
+  std::string_view view() const noexcept VELTO_LIFETIME_BOUND {
+    return value().isText() ? std::string_view(value().text(), value().textLength()) : bodyText();
+  }
   std::string string() const { return std::string(view()); }
-  // Null-terminated; nullptr for nil. (A text may hold NUL characters: view() shows them all.)
-  const char* UTF8String() const noexcept;
+  // The same, null-terminated. (A text may hold NUL characters: view() shows them all.)
+  const char* UTF8String() const noexcept VELTO_LIFETIME_BOUND { return isNil() ? "" : view().data(); }
   // Bytes of UTF-8.
   std::size_t length() const noexcept { return view().size(); }
   // False when either is nil.
@@ -40,7 +46,10 @@ class VELTO_EXPORT NSString : public NSObject {
   NSString copy() const;
 
  protected:
-  explicit NSString(velto::ObjectBody* body) noexcept : NSObject(body) {}
+  explicit NSString(const velto::Value& adopted) noexcept : NSObject(adopted) {}
+
+ private:
+  std::string_view bodyText() const noexcept;
 };
 
 // A string that can grow. A handle of type NSString on the same body sees every change.
@@ -50,6 +59,7 @@ class VELTO_EXPORT NSMutableString : public NSString {
   NSMutableString(std::nullptr_t) noexcept {}
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableString; }
   static NSMutableString string();
   static NSMutableString stringWithString(const NSString& text);
 
@@ -57,5 +67,5 @@ class VELTO_EXPORT NSMutableString : public NSString {
   void setString(const NSString& text);
 
  private:
-  explicit NSMutableString(velto::ObjectBody* body) noexcept : NSString(body) {}
+  explicit NSMutableString(const velto::Value& adopted) noexcept : NSString(adopted) {}
 };

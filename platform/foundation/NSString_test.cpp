@@ -23,7 +23,7 @@ TEST(NSString, NilAnswersEmptyText) {
   EXPECT_TRUE(none.isNil());
   EXPECT_EQ(none.view(), "");
   EXPECT_EQ(none.string(), "");
-  EXPECT_EQ(none.UTF8String(), nullptr);
+  EXPECT_STREQ(none.UTF8String(), "");
   EXPECT_EQ(none.length(), 0u);
   EXPECT_TRUE(none.copy().isNil());
 }

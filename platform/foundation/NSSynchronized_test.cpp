@@ -1,5 +1,6 @@
 #include "platform/foundation/NSSynchronized.h"
 
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -24,28 +25,55 @@ TEST(NSSynchronized, KeepsOtherThreadsOut) {
   EXPECT_EQ(shared.count(), 4000u);
 }
 
-TEST(NSSynchronized, IsRecursive) {
-  const NSObject object = "object";
-  const NSSynchronized outer(object);
-  const NSSynchronized inner(object);
-  EXPECT_TRUE(object.body()->monitor().try_lock());
-  object.body()->monitor().unlock();
+// Objects of every kind that has a monitor of its own: in a body of the platform's, in the handle, in an own class's.
+const std::vector<NSObject>& kinds() {
+  static const std::vector<NSObject> all{NSArray{1}, "object", 42, NSCondition::condition()};
+  return all;
+}
+
+TEST(NSSynchronized, IsRecursiveAndKeepsOthersOutUntilTheOuterEnds) {
+  for (const NSObject& object : kinds()) {
+    std::atomic<bool> begins{false};
+    std::atomic<bool> ended{false};
+    bool cameAfterTheEnd = false;
+    std::thread other;
+    {
+      const NSSynchronized outer(object);
+      { const NSSynchronized inner(object); }
+      other = std::thread([&] {
+        begins = true;
+        const NSSynchronized lock(object);
+        cameAfterTheEnd = ended;
+      });
+      while (!begins) std::this_thread::yield();
+      ended = true;
+    }
+    other.join();
+    EXPECT_TRUE(cameAfterTheEnd) << object.description().string();
+  }
+}
+
+TEST(NSSynchronized, CanBeTried) {
+  for (const NSObject& object : kinds()) {
+    const auto isFree = [&] {
+      bool free = false;
+      std::thread([&] { free = NSSynchronized(object, std::try_to_lock).holdsMonitor(); }).join();
+      return free;
+    };
+    EXPECT_TRUE(isFree());
+    const NSSynchronized lock(object);
+    EXPECT_TRUE(lock.holdsMonitor());
+    EXPECT_TRUE(NSSynchronized(object, std::try_to_lock).holdsMonitor());
+    EXPECT_FALSE(isFree());
+  }
+  EXPECT_FALSE(NSSynchronized(nil, std::try_to_lock).holdsMonitor());
 }
 
 TEST(NSSynchronized, LetsGoAtTheEnd) {
-  const NSObject object = NSArray{1};
-  bool held = true;
-  bool free = false;
-  {
-    const NSSynchronized lock(object);
-    std::thread([&] { held = !object.body()->monitor().try_lock(); }).join();
+  for (const NSObject& object : kinds()) {
+    { const NSSynchronized lock(object); }
+    std::thread([&] { const NSSynchronized lock(object); }).join();
   }
-  std::thread([&] {
-    free = object.body()->monitor().try_lock();
-    if (free) object.body()->monitor().unlock();
-  }).join();
-  EXPECT_TRUE(held);
-  EXPECT_TRUE(free);
 }
 
 TEST(NSSynchronized, KeepsTheObjectAlive) {
@@ -67,8 +95,8 @@ TEST(NSSynchronized, TheMonitorOfNilDoesNothing) {
 TEST(NSSynchronized, TheMonitorBelongsToTheObjectNotToItsValue) {
   const NSObject one = NSArray{1};
   const NSObject equal = NSArray{1};
-  EXPECT_NE(&one.body()->monitor(), &equal.body()->monitor());
-  EXPECT_EQ(&one.body()->monitor(), &NSObject(one).body()->monitor());
+  const NSSynchronized lock(one);
+  std::thread([&] { const NSSynchronized other(equal); }).join();
 }
 
 }  // namespace

@@ -5,29 +5,10 @@
 
 #include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
-#include "platform/foundation/SipHash.h"
-#include "platform/foundation/Walk.h"
+#include "platform/foundation/PlainBodies.h"
 
 namespace velto {
 namespace {
-
-class URLBody final : public ObjectBody {
- public:
-  explicit URLBody(const NSString& text) : text_(text) {}
-
-  const NSString& text() const noexcept { return text_; }
-
-  const ClassBody& classBody() const override { return classBodyOf<NSURL>(); }
-  bool isEqual(const ObjectBody& other, WalkBound&) const override {
-    const auto* url = bodyAs<URLBody>(&other);
-    return url != nullptr && url->text_.isEqualToString(text_);
-  }
-  std::size_t hash() const override { return hashOfText(text_.view()); }
-  void describe(std::string& out, WalkBound&) const override { out += text_.view(); }
-
- private:
-  const NSString text_;
-};
 
 bool isSpaceOrControl(char character) {
   const auto code = static_cast<unsigned char>(character);
@@ -35,6 +16,11 @@ bool isSpaceOrControl(char character) {
 }
 
 }  // namespace
+
+bool isURLText(std::string_view text) noexcept {
+  return !text.empty() && std::none_of(text.begin(), text.end(), isSpaceOrControl);
+}
+
 }  // namespace velto
 
 using velto::URLBody;
@@ -45,11 +31,10 @@ Class NSURL::classObject() {
 }
 
 NSURL NSURL::URLWithString(const NSString& text) {
-  const std::string_view view = text.view();
-  if (view.empty() || std::any_of(view.begin(), view.end(), velto::isSpaceOrControl)) return nil;
-  return NSURL(new URLBody(text.copy()));
+  if (!velto::isURLText(text.view())) return nil;
+  return NSURL(URLBody::make(text.copy().giveUp()));
 }
 
 NSString NSURL::absoluteString() const {
-  return isNil() ? NSString() : static_cast<const URLBody*>(body())->text();
+  return isNil() ? NSString() : static_cast<const URLBody&>(value().body()).text().as<NSString>();
 }

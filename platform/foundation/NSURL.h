@@ -8,13 +8,15 @@ class VELTO_EXPORT NSURL : public NSObject {
  public:
   NSURL() noexcept = default;
   NSURL(std::nullptr_t) noexcept {}
+  explicit operator bool() const noexcept { return !isNil(); }
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::url; }
   // nil for an empty text and for one with spaces or control characters.
   static NSURL URLWithString(const NSString& text);
 
   NSString absoluteString() const;
 
  private:
-  explicit NSURL(velto::ObjectBody* body) noexcept : NSObject(body) {}
+  explicit NSURL(const velto::Value& adopted) noexcept : NSObject(adopted) {}
 };

@@ -5,9 +5,9 @@
 
 #include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
+#include "platform/foundation/PlainBodies.h"
 #include "platform/foundation/RandomBytes.h"
-#include "platform/foundation/SipHash.h"
-#include "platform/foundation/Walk.h"
+#include "platform/foundation/ValueText.h"
 
 namespace velto {
 namespace {
@@ -19,17 +19,6 @@ constexpr std::size_t kTextLength = 36;
 // Whether a hyphen stands before the byte's two digits.
 constexpr bool hyphenBefore(std::size_t byte) {
   return byte == 4 || byte == 6 || byte == 8 || byte == 10;
-}
-
-std::string textOf(const Bytes& bytes) {
-  static constexpr char digits[] = "0123456789ABCDEF";
-  std::string text;
-  for (std::size_t index = 0; index < bytes.size(); ++index) {
-    if (hyphenBefore(index)) text += '-';
-    text += digits[bytes[index] >> 4];
-    text += digits[bytes[index] & 0xf];
-  }
-  return text;
 }
 
 int digitValue(char digit) {
@@ -53,25 +42,19 @@ std::optional<Bytes> parse(std::string_view text) {
   return bytes;
 }
 
-class UUIDBody final : public ObjectBody {
- public:
-  explicit UUIDBody(const Bytes& bytes) : bytes_(bytes) {}
-
-  const Bytes& bytes() const noexcept { return bytes_; }
-
-  const ClassBody& classBody() const override { return classBodyOf<NSUUID>(); }
-  bool isEqual(const ObjectBody& other, WalkBound&) const override {
-    const auto* uuid = bodyAs<UUIDBody>(&other);
-    return uuid != nullptr && uuid->bytes_ == bytes_;
-  }
-  std::size_t hash() const override { return hashOfBytes(bytes_.data(), bytes_.size()); }
-  void describe(std::string& out, WalkBound&) const override { out += textOf(bytes_); }
-
- private:
-  const Bytes bytes_;
-};
-
 }  // namespace
+
+std::string textOfUUID(const Bytes& bytes) {
+  static constexpr char digits[] = "0123456789ABCDEF";
+  std::string text;
+  for (std::size_t index = 0; index < bytes.size(); ++index) {
+    if (hyphenBefore(index)) text += '-';
+    text += digits[bytes[index] >> 4];
+    text += digits[bytes[index] & 0xf];
+  }
+  return text;
+}
+
 }  // namespace velto
 
 using velto::UUIDBody;
@@ -90,7 +73,7 @@ NSUUID NSUUID::UUID() {
 }
 
 NSUUID NSUUID::UUIDWithBytes(const Bytes& bytes) {
-  return NSUUID(new UUIDBody(bytes));
+  return NSUUID(UUIDBody::make(bytes));
 }
 
 NSUUID NSUUID::UUIDWithString(const NSString& text) {
@@ -99,9 +82,9 @@ NSUUID NSUUID::UUIDWithString(const NSString& text) {
 }
 
 NSString NSUUID::UUIDString() const {
-  return isNil() ? NSString() : NSString(velto::textOf(bytes()));
+  return isNil() ? NSString() : NSString(velto::textOfUUID(bytes()));
 }
 
 NSUUID::Bytes NSUUID::bytes() const noexcept {
-  return isNil() ? Bytes{} : static_cast<const UUIDBody*>(body())->bytes();
+  return isNil() ? Bytes{} : static_cast<const UUIDBody&>(value().body()).bytes();
 }

@@ -13,8 +13,10 @@ class VELTO_EXPORT NSUUID : public NSObject {
 
   NSUUID() noexcept = default;
   NSUUID(std::nullptr_t) noexcept {}
+  explicit operator bool() const noexcept { return !isNil(); }
 
   static Class classObject();
+  static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::uuid; }
   // A new one.
   static NSUUID UUID();
   static NSUUID UUIDWithBytes(const Bytes& bytes);
@@ -27,5 +29,5 @@ class VELTO_EXPORT NSUUID : public NSObject {
   Bytes bytes() const noexcept;
 
  private:
-  explicit NSUUID(velto::ObjectBody* body) noexcept : NSObject(body) {}
+  explicit NSUUID(const velto::Value& adopted) noexcept : NSObject(adopted) {}
 };

@@ -1,50 +1,69 @@
-// Walks any container, by slots. It holds no reference, like any iterator of C++, but notices every change.
-#include "platform/foundation/ContainerBody.h"
+// Walks any container. It holds no reference, like any iterator of C++, but notices every change.
+#include "platform/foundation/ArrayBody.h"
+#include "platform/foundation/KeyedBody.h"
 #include "platform/foundation/NSArray.h"
 #include "platform/foundation/Walk.h"
 
 namespace velto {
 namespace {
 
-const ContainerBody& asContainer(const ObjectBody* body) {
-  return static_cast<const ContainerBody&>(*body);
-}
-
-const ContainerBody& unchanged(const ObjectBody* body, std::size_t changes) {
-  if (body == nullptr) raiseInvalidArgument("an iterator that belongs to no container was used");
-  const ContainerBody& container = asContainer(body);
-  if (container.changes() == changes) return container;
-  throw NSException("ContainerChangedException", container.classBody().name() + " was changed while it was walked");
-}
-
-std::size_t firstFilledSlot(const ContainerBody& container, std::size_t slot) {
-  while (slot < container.slotCount() && container.objectInSlot(slot).isNil()) ++slot;
-  return slot;
+const std::size_t* changesOf(const Value& value) noexcept {
+  switch (value.tag()) {
+    case Tag::mutableArray:
+      return &static_cast<const MutableArrayBody&>(value.body()).changes();
+    case Tag::mutableDictionary:
+    case Tag::mutableSet:
+      return &static_cast<const MutableKeyedBody&>(value.body()).changes();
+    default:
+      return nullptr;
+  }
 }
 
 }  // namespace
 
-ObjectIterator::ObjectIterator(const ObjectBody* container, std::size_t position)
-    : container_(dynamic_cast<const ContainerBody*>(container)) {
-  if (container_ == nullptr) return;
-  position_ = firstFilledSlot(asContainer(container_), position);
-  changes_ = asContainer(container_).changes();
+ObjectIterator::ObjectIterator(const NSObject& container, Place place) noexcept
+    : changes_(changesOf(container.value())) {
+  if (isArray(container.value().tag())) {
+    const std::span<const NSObject> elements = elementsOf(container.value());
+    at_ = elements.data();
+    end_ = at_ + elements.size();
+  } else {
+    const KeyTable table = tableOf(container.value());
+    stride_ = table.stride();
+    at_ = table.keys();
+    end_ = at_ + table.slots() * stride_;
+  }
+  if (changes_ != nullptr) changesAtStart_ = *changes_;
+  if (place == Place::end) {
+    at_ = end_;
+  } else {
+    skipEmpty();
+  }
+}
+
+void ObjectIterator::skipEmpty() noexcept {
+  while (at_ != end_ && at_->isNil()) at_ += stride_;
+}
+
+void ObjectIterator::requireUnchanged() const {
+  if (changes_ == nullptr || *changes_ == changesAtStart_) return;
+  throw NSException("ContainerChangedException", "a container was changed while it was walked");
 }
 
 const NSObject& ObjectIterator::operator*() const {
-  const ContainerBody& container = unchanged(container_, changes_);
-  if (position_ >= container.slotCount()) raiseInvalidArgument("an iterator was used past the end");
-  return container.objectInSlot(position_);
+  requireUnchanged();
+  if (at_ == nullptr) raiseInvalidArgument("an iterator that belongs to no container was used");
+  if (at_ == end_) raiseInvalidArgument("an iterator was used past the end");
+  return *at_;
 }
 
 ObjectIterator& ObjectIterator::operator++() {
-  const ContainerBody& container = unchanged(container_, changes_);
-  if (position_ < container.slotCount()) position_ = firstFilledSlot(container, position_ + 1);
+  requireUnchanged();
+  if (at_ == nullptr) raiseInvalidArgument("an iterator that belongs to no container was used");
+  if (at_ == end_) return *this;
+  at_ += stride_;
+  skipEmpty();
   return *this;
-}
-
-bool ObjectIterator::equals(const ObjectIterator& other) const {
-  return container_ == other.container_ && position_ == other.position_;
 }
 
 }  // namespace velto

@@ -91,7 +91,7 @@ TEST(ObjectIterator, MisuseRaisesInsteadOfReadingWhatIsNotThere) {
   EXPECT_THROW(*array.end(), NSException);
   EXPECT_THROW(*velto::ObjectIterator(), NSException);
   EXPECT_THROW(++velto::ObjectIterator(), NSException);
-  EXPECT_THROW(*velto::ObjectIterator(NSString("text").body(), 0), NSException);
+  EXPECT_THROW(*velto::ObjectIterator(NSString("text"), velto::ObjectIterator::Place::begin), NSException);
 }
 
 TEST(ObjectIterator, SnapshotsCanBeWalkedWhileTheOriginalChanges) {

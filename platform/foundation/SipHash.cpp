@@ -3,6 +3,7 @@
 #include "platform/foundation/SipHash.h"
 
 #include "platform/foundation/RandomBytes.h"
+#include "platform/foundation/Value.h"
 
 namespace velto {
 namespace {
@@ -13,11 +14,25 @@ SipHashKey drawKey() noexcept {
   return key;
 }
 
+const SipHashKey& processKey() noexcept {
+  static const SipHashKey key = drawKey();
+  return key;
+}
+
 }  // namespace
 
 std::size_t hashOfBytes(const void* bytes, std::size_t length) noexcept {
-  static const SipHashKey key = drawKey();
-  return sipHash13(key, bytes, length);
+  return sipHash13(processKey(), bytes, length);
+}
+
+std::size_t hashOfWords(std::uint64_t low, std::uint64_t high) noexcept {
+  return SipHash<1, 3>(processKey())(low, high);
+}
+
+std::size_t hashOfText(std::string_view text) noexcept {
+  if (text.size() > Value::kMaximumText) return hashOfBytes(text.data(), text.size());
+  const Value value = Value::ofShortText(text);
+  return hashOfWords(value.bits(), value.high());
 }
 
 }  // namespace velto

@@ -27,13 +27,23 @@ class SipHash {
   std::uint64_t operator()(const void* bytes, std::size_t length) noexcept {
     const auto* next = static_cast<const unsigned char*>(bytes);
     for (std::size_t left = length / 8; left > 0; --left, next += 8) mix(word(next, 8));
-    mix(word(next, length % 8) | (std::uint64_t{length} << 56));
+    return finish(word(next, length % 8) | (std::uint64_t{length} << 56));
+  }
+  // Of sixteen bytes, as two words.
+  std::uint64_t operator()(std::uint64_t low, std::uint64_t high) noexcept {
+    mix(low);
+    mix(high);
+    return finish(std::uint64_t{16} << 56);
+  }
+
+ private:
+  std::uint64_t finish(std::uint64_t last) noexcept {
+    mix(last);
     v2_ ^= 0xff;
     rounds<kFinalRounds>();
     return v0_ ^ v1_ ^ v2_ ^ v3_;
   }
 
- private:
   static std::uint64_t word(const unsigned char* bytes, std::size_t length) noexcept {
     static_assert(std::endian::native == std::endian::little, "words are read in the byte order of the machine");
     std::uint64_t result = 0;
@@ -72,8 +82,9 @@ inline std::uint64_t sipHash13(SipHashKey key, const void* bytes, std::size_t le
 
 // The hash of bytes that a peer may have chosen: SipHash-1-3 with a key that this process drew for itself.
 std::size_t hashOfBytes(const void* bytes, std::size_t length) noexcept;
-inline std::size_t hashOfText(std::string_view text) noexcept {
-  return hashOfBytes(text.data(), text.size());
-}
+// The same of two words.
+std::size_t hashOfWords(std::uint64_t low, std::uint64_t high) noexcept;
+// A short text has the hash of the handle that it would lie in, wherever it lies.
+std::size_t hashOfText(std::string_view text) noexcept;
 
 }  // namespace velto

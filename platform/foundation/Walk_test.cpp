@@ -71,6 +71,31 @@ TEST(Walk, AComparisonOfExponentiallyManyObjectsEnds) {
             "compared objects hold more than 67108864 objects, the most that one comparison visits");
 }
 
+TEST(Walk, TheHashOfContainersTellsThemApart) {
+  EXPECT_NE(NSArray({1, 2}).hash(), NSArray({2, 1}).hash());
+  EXPECT_NE(NSDictionary({{"a", 1}}).hash(), NSDictionary({{"a", 2}}).hash());
+  EXPECT_NE(NSSet({1, 2}).hash(), NSSet({1, 3}).hash());
+  EXPECT_EQ(NSDictionary({{"a", 1}, {"b", 2}}).hash(), NSDictionary({{"b", 2.0}, {"a", true}}).hash());
+  EXPECT_EQ(NSSet({1, 2}).hash(), NSSet({2, 1}).hash());
+  EXPECT_EQ(NSArray({"text"}).hash(),
+            NSMutableArray::arrayWithArray({NSMutableString::stringWithString("text")}).hash());
+}
+
+TEST(Walk, ASetOfAHundredThousandPairsIsComparedInLinearTime) {
+  constexpr std::size_t kPairs = 100'000;
+  const auto pairs = [](std::size_t first) {
+    std::vector<NSObject> list;
+    for (std::size_t each = 0; each < kPairs; ++each) {
+      const std::size_t pair = (first + each) % kPairs;
+      list.push_back(NSArray{pair % 1000, static_cast<double>(pair / 1000) / 2});
+    }
+    return NSSet::setWithObjects(std::move(list));
+  };
+  // The set, and for each pair itself and its two numbers; a few pairs share what the index knows of their hashes.
+  WalkBound bound(kMaximumNestingDepth, kPairs * 3 + 1000);
+  EXPECT_TRUE(isEqualWithin(bound, pairs(0), pairs(kPairs / 2)));
+}
+
 TEST(Walk, ContainersThatHoldThemselvesRaiseWhenCompared) {
   NSMutableArray left = NSMutableArray::array();
   NSMutableArray right = NSMutableArray::array();

@@ -30,6 +30,7 @@ class VELTO_EXPORT VKTLogAnchor : public NSObject {
  public:
   VKTLogAnchor() noexcept = default;
   VKTLogAnchor(std::nullptr_t) noexcept {}
+  explicit operator bool() const noexcept { return !isNil(); }
 
   static Class classObject();
   static VKTLogAnchor anchorWithLocation(const velto::SourceLocation& location);

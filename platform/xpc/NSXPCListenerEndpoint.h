@@ -15,6 +15,7 @@ class VELTO_EXPORT NSXPCListenerEndpoint : public NSObject {
  public:
   NSXPCListenerEndpoint() noexcept = default;
   NSXPCListenerEndpoint(std::nullptr_t) noexcept {}
+  explicit operator bool() const noexcept { return !isNil(); }
 
   static Class classObject();
 

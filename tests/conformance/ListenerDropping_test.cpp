@@ -114,12 +114,8 @@ TEST_P(ListenerDropping, GoesThroughTheConditionsInTheirOrderWithTheMonitorHeld)
     conditions.addObject(Visited([&, number] {
       if (!isArmed) return;
       visited.push_back(number);
-      std::recursive_mutex& monitor = server.listener->connectionConditions().body()->monitor();
-      auto other = inBackground([&] {
-        const bool free = monitor.try_lock();
-        if (free) monitor.unlock();
-        return free;
-      });
+      const NSObject table = server.listener->connectionConditions();
+      auto other = inBackground([&] { return NSSynchronized(table, std::try_to_lock).holdsMonitor(); });
       EXPECT_FALSE(finish(other)) << "at condition " << number;
     }));
   }

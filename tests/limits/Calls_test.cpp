@@ -94,10 +94,10 @@ TEST_F(Calls, WithTheMostObjectsArriveAndOneMoreIsRefused) {
   EXPECT_TRUE(client.works());
 }
 
-// A set of arrays of one long text: they cost the most to compare for their number, and differ in the first byte.
-constexpr std::size_t kTextBytes = std::size_t{48} << 10;
-constexpr std::size_t kCost = 2 + 1 + kTextBytes / 64;
-constexpr std::size_t kMostKeys = 295;
+// A set of arrays of a text and more than a hash regards, which differ in the first byte.
+constexpr std::size_t kTextBytes = std::size_t{1} << 10;
+constexpr std::size_t kCost = 2 + 1 + kTextBytes / 64 + 16;
+constexpr std::size_t kMostKeys = 1385;
 static_assert(kMostKeys * (kMostKeys - 1) * kCost <= limits::kMaximumKeyComparisons);
 static_assert((kMostKeys + 1) * kMostKeys * kCost > limits::kMaximumKeyComparisons);
 
@@ -107,7 +107,9 @@ NSDictionary costlyKeys(std::size_t count) {
     std::string text = std::to_string(number);
     std::reverse(text.begin(), text.end());
     text.resize(kTextBytes, '-');
-    arrays.addObject(NSArray{NSString(text)});
+    std::vector<NSObject> elements(17, NSObject(0));
+    elements.front() = text;
+    arrays.addObject(NSArray::arrayWithObjects(std::move(elements)));
   }
   return {{"set", arrays}};
 }

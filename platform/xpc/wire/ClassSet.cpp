@@ -9,7 +9,7 @@ namespace velto::wire {
 
 ClassSet::ClassSet(const NSSet& classes) {
   for (const NSObject& element : classes) {
-    const auto* body = dynamic_cast<const ClassBody*>(element.body());
+    const ClassBody* const body = element.as<Class>().classBody();
     if (body != nullptr) classes_.push_back(body);
   }
   for (unsigned index = 0; index < kPlainClasses; ++index) {

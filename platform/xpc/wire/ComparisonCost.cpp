@@ -3,7 +3,7 @@
 
 #include "platform/xpc/wire/ComparisonCost.h"
 
-#include "platform/foundation/SaturatingArithmetic.h"
+#include "platform/foundation/Walk.h"
 
 namespace velto::wire {
 namespace {
@@ -20,16 +20,17 @@ constexpr std::uint64_t lookupFactor(std::uint64_t items) noexcept {
 
 }  // namespace
 
-ContainerCost::ContainerCost(std::uint64_t work, std::uint64_t items) noexcept
-    : lookupFactor_(lookupFactor(items)), work_(saturatingSum(work, kContainerWork)) {}
-
-void ContainerCost::addValue(const ComparisonCost& cost) noexcept {
-  work_ = saturatingSum(work_, cost.work);
-}
+ContainerCost::ContainerCost(std::uint64_t work, std::uint64_t items, bool hasPoorHash) noexcept
+    : lookupFactor_(lookupFactor(items)),
+      containerLookupFactor_(lookupFactor_ + std::min<std::uint64_t>(items, kHashedElements)),
+      work_(saturatingSum(work, kContainerWork)),
+      hasPoorHash_(hasPoorHash) {}
 
 void ContainerCost::addKey(const ComparisonCost& cost) noexcept {
+  noteHash(cost);
   if (!cost.hasPoorHash) {
-    work_ = saturatingSum(work_, saturatingProduct(cost.work, lookupFactor_));
+    const std::uint64_t factor = cost.hashedLevels > 0 ? containerLookupFactor_ : lookupFactor_;
+    work_ = saturatingSum(work_, saturatingProduct(cost.work, factor));
     return;
   }
   work_ = saturatingSum(work_, lookupFactor_);
@@ -43,7 +44,8 @@ std::uint64_t ContainerCost::toMake() const noexcept {
 
 ComparisonCost ContainerCost::toCompare() const noexcept {
   // Each key with a poor hash is held against all of the other's.
-  return {saturatingSum(work_, saturatingProduct(poorKeys_, poorKeyWork_)), true};
+  const std::uint64_t work = saturatingSum(work_, saturatingProduct(poorKeys_, poorKeyWork_));
+  return {work, hasPoorHash_ || hashedLevels_ >= kHashedLevels, static_cast<std::uint8_t>(hashedLevels_ + 1)};
 }
 
 }  // namespace velto::wire

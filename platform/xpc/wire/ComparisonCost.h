@@ -1,6 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+
+#include "platform/foundation/SaturatingArithmetic.h"
 
 namespace velto::wire {
 
@@ -9,15 +12,21 @@ struct ComparisonCost {
   std::uint64_t work = 1;
   // Found by comparing alone: its hash may be any other's too.
   bool hasPoorHash = false;
+  // Containers within each other that its hash regards; 0 for a plain object.
+  std::uint8_t hashedLevels = 0;
 };
 
 // The same of a container, added up while its contents come. Whatever they are, nothing wraps.
 class ContainerCost {
  public:
-  // `work`: what the container's own part costs beside what every container does. `items`: how much it will hold.
-  explicit ContainerCost(std::uint64_t work = 0, std::uint64_t items = 0) noexcept;
+  // `work`: what the container's own part costs beside what every container does. `items`: how many objects it will
+  // hold. `hasPoorHash`: its hash does not regard all of them.
+  explicit ContainerCost(std::uint64_t work = 0, std::uint64_t items = 0, bool hasPoorHash = false) noexcept;
 
-  void addValue(const ComparisonCost& cost) noexcept;
+  void addValue(const ComparisonCost& cost) noexcept {
+    work_ = saturatingSum(work_, cost.work);
+    noteHash(cost);
+  }
   // A key of a dictionary, or an element of a set.
   void addKey(const ComparisonCost& cost) noexcept;
 
@@ -27,11 +36,21 @@ class ContainerCost {
   ComparisonCost toCompare() const noexcept;
 
  private:
+  void noteHash(const ComparisonCost& cost) noexcept {
+    hasPoorHash_ = hasPoorHash_ || cost.hasPoorHash;
+    hashedLevels_ = std::max(hashedLevels_, cost.hashedLevels);
+  }
+
   std::uint64_t lookupFactor_;
+  // A container as a key is hashed, and so is each of a few that it is held against.
+  std::uint64_t containerLookupFactor_;
   std::uint64_t work_;
   // The keys with poor hashes alone, and their number.
   std::uint64_t poorKeyWork_ = 0;
   std::uint64_t poorKeys_ = 0;
+  bool hasPoorHash_;
+  // Of what it holds.
+  std::uint8_t hashedLevels_ = 0;
 };
 
 }  // namespace velto::wire

@@ -2,14 +2,33 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/foundation/Walk.h"
+
 namespace velto::wire {
 namespace {
 
 constexpr std::uint64_t kEverything = UINT64_MAX;
 
 std::uint64_t costOf(const ContainerCost& container) {
-  EXPECT_TRUE(container.toCompare().hasPoorHash);
   return container.toCompare().work;
+}
+
+TEST(ComparisonCost, AContainersHashIsAsPoorAsWhatItDoesNotRegard) {
+  EXPECT_FALSE(ContainerCost().toCompare().hasPoorHash);
+  EXPECT_TRUE(ContainerCost(0, 100, true).toCompare().hasPoorHash);
+  ContainerCost ofPoor;
+  ofPoor.addValue({1, true});
+  EXPECT_TRUE(ofPoor.toCompare().hasPoorHash);
+  ComparisonCost tower;
+  for (std::size_t level = 0; level < kHashedLevels; ++level) {
+    ContainerCost container;
+    container.addValue(tower);
+    tower = container.toCompare();
+    EXPECT_FALSE(tower.hasPoorHash);
+  }
+  ContainerCost tooHigh;
+  tooHigh.addKey(tower);
+  EXPECT_TRUE(tooHigh.toCompare().hasPoorHash);
 }
 
 TEST(ComparisonCost, KeysWithGoodHashesCostNothingToMake) {

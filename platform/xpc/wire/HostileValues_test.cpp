@@ -222,7 +222,7 @@ TEST(HostileValues, FiveBytesThatAskForAGigabyteFailWithTheAddressSpaceCapped) {
 [[noreturn]] void decodeMoreThanMemoryHolds() {
   const Frame greedy = frameOfBytes(hex("9a 001ffff0") + Bytes(0x1ffff0, 0) + hex("07"));
   const ClassSet& admitted = everything();
-  capAddressSpace(std::size_t{48} << 20);
+  capAddressSpace(std::size_t{24} << 20);
   ValueDecoder decoder(greedy);
   NSObject value;
   if (decoder.next(admitted, value) != Outcome::refused) std::_Exit(3);
@@ -261,9 +261,9 @@ TEST(HostileValues, TheWorkOfAMegabyteIsBoundedWhateverItHolds) {
             kBoundMilliseconds);
   EXPECT_LT(millisecondsToDecode(hex("9a 00100000") + repeated(hex("a0"), size), Outcome::value), kBoundMilliseconds);
   // Keys that all have one hash.
-  Bytes keys = hex("d9 0102 9a 0002aaaa");
-  for (unsigned key = 0; key < 0x2AAAA; ++key) {
-    keys = std::move(keys) + hex("81 1a") +
+  Bytes keys = hex("d9 0102 9a 0000b000");
+  for (unsigned key = 0; key < 0xB000; ++key) {
+    keys = std::move(keys) + hex("91") + Bytes(16, 0) + hex("1a") +
            Bytes{0, static_cast<std::uint8_t>(key >> 16), static_cast<std::uint8_t>(key >> 8),
                  static_cast<std::uint8_t>(key)};
   }

@@ -1,11 +1,11 @@
-// The one place that knows libcbor's decoder. Its callbacks only note what they were given, so that no exception and no
-// logic ever runs inside the library, and the readers above can pull items one by one.
+// Heads of CBOR (RFC 8949), as far as this wire uses them.
 
 #include "platform/xpc/wire/ItemReader.h"
 
+#include <bit>
+#include <cmath>
+#include <limits>
 #include <utility>
-
-#include <cbor.h>
 
 #include "platform/foundation/UTF8.h"
 
@@ -13,64 +13,6 @@ namespace velto::wire {
 namespace {
 
 using Type = Item::Type;
-
-template <Type type, class Number>
-void noteNumber(void* context, Number number) {
-  auto* const item = static_cast<Item*>(context);
-  item->type = type;
-  item->number = number;
-}
-
-template <Type type>
-void noteString(void* context, cbor_data start, std::size_t length) {
-  auto* const item = static_cast<Item*>(context);
-  item->type = type;
-  item->number = length;
-  item->start = start;
-}
-
-template <class Number>
-void noteReal(void* context, Number number) {
-  auto* const item = static_cast<Item*>(context);
-  item->type = Type::floatingPoint;
-  item->real = static_cast<double>(number);
-}
-
-template <Type type>
-void noteSimple(void* context) {
-  static_cast<Item*>(context)->type = type;
-}
-
-void noteBool(void* context, bool value) {
-  noteNumber<Type::boolean, unsigned>(context, value ? 1 : 0);
-}
-
-constexpr cbor_callbacks kCallbacks{
-    .uint8 = noteNumber<Type::unsignedInteger, std::uint8_t>,
-    .uint16 = noteNumber<Type::unsignedInteger, std::uint16_t>,
-    .uint32 = noteNumber<Type::unsignedInteger, std::uint32_t>,
-    .uint64 = noteNumber<Type::unsignedInteger, std::uint64_t>,
-    .negint64 = noteNumber<Type::negativeInteger, std::uint64_t>,
-    .negint32 = noteNumber<Type::negativeInteger, std::uint32_t>,
-    .negint16 = noteNumber<Type::negativeInteger, std::uint16_t>,
-    .negint8 = noteNumber<Type::negativeInteger, std::uint8_t>,
-    .byte_string_start = noteSimple<Type::indefinite>,
-    .byte_string = noteString<Type::bytes>,
-    .string = noteString<Type::text>,
-    .string_start = noteSimple<Type::indefinite>,
-    .indef_array_start = noteSimple<Type::indefinite>,
-    .array_start = noteNumber<Type::array, std::size_t>,
-    .indef_map_start = noteSimple<Type::indefinite>,
-    .map_start = noteNumber<Type::map, std::size_t>,
-    .tag = noteNumber<Type::tag, std::uint64_t>,
-    .float2 = noteReal<float>,
-    .float4 = noteReal<float>,
-    .float8 = noteReal<double>,
-    .undefined = noteSimple<Type::undefined>,
-    .null = noteSimple<Type::null>,
-    .boolean = noteBool,
-    .indef_break = noteSimple<Type::indefinite>,
-};
 
 // Items that must follow for this head to be whole.
 std::uint64_t itemsWithin(const Item& item) noexcept {
@@ -86,44 +28,56 @@ std::uint64_t itemsWithin(const Item& item) noexcept {
   }
 }
 
+// IEEE 754 binary16: a sign, five bits of exponent, ten of mantissa.
+double fromHalf(std::uint64_t half) noexcept {
+  const auto exponent = static_cast<int>(half >> 10 & 0x1F);
+  const auto mantissa = static_cast<double>(half & 0x3FF);
+  double value = 0;
+  if (exponent == 0) {
+    value = std::ldexp(mantissa, -24);
+  } else if (exponent < 0x1F) {
+    value = std::ldexp(mantissa + 1024, exponent - 25);
+  } else {
+    value = mantissa == 0 ? std::numeric_limits<double>::infinity() : std::numeric_limits<double>::quiet_NaN();
+  }
+  return (half & 0x8000) != 0 ? -value : value;
+}
+
 }  // namespace
 
-bool ItemReader::read(Item& item) {
-  if (readShortTag(item)) return true;
-  const cbor_decoder_result result = cbor_stream_decode(bytes_.data() + position_, remaining(), &kCallbacks, &item);
-  if (result.status == CBOR_DECODER_NEDATA) {
-    return fail("truncated: the item at byte " + std::to_string(position_) + " of " + std::to_string(bytes_.size()) +
-                " is not all there");
+bool ItemReader::readSimple(Item& item, unsigned info) {
+  constexpr unsigned kFalse = 20, kTrue = 21, kNull = 22, kUndefined = 23, kHalf = 25, kDouble = 27, kBreak = 31;
+  switch (info) {
+    case kFalse:
+    case kTrue:
+      item.type = Type::boolean;
+      item.number = info - kFalse;
+      ++next_;
+      return true;
+    case kNull:
+    case kUndefined:
+      item.type = info == kNull ? Type::null : Type::undefined;
+      ++next_;
+      return true;
+    case kBreak:
+      return failHead(0xFF);
+    default:
+      break;
   }
-  if (result.status != CBOR_DECODER_FINISHED) {
-    return fail("byte " + std::to_string(bytes_[position_]) + " at " + std::to_string(position_) +
-                " starts no item of this protocol");
+  if (info < kHalf || info > kDouble) return failHead(0xE0 | info);
+  const std::size_t width = std::size_t{2} << (info - kHalf);
+  if (remaining() <= width) return failTruncated();
+  const std::uint64_t bits = bigEndian(next_ + 1, width);
+  item.type = Type::floatingPoint;
+  if (info == kHalf) {
+    item.real = fromHalf(bits);
+  } else if (info == kDouble) {
+    item.real = std::bit_cast<double>(bits);
+  } else {
+    item.real = static_cast<double>(std::bit_cast<float>(static_cast<std::uint32_t>(bits)));
   }
-  if (!check(item, result.read)) return false;
-  position_ += result.read;
+  next_ += 1 + width;
   return true;
-}
-
-bool ItemReader::readShortTag(Item& item) noexcept {
-  // Some versions of the library know only a few of the tags that fit into one byte and call the others malformed.
-  constexpr std::uint8_t kFirst = 0xC0, kLast = 0xD7;
-  if (remaining() == 0 || bytes_[position_] < kFirst || bytes_[position_] > kLast) return false;
-  item.type = Type::tag;
-  item.number = static_cast<std::uint64_t>(bytes_[position_] - kFirst);
-  ++position_;
-  return true;
-}
-
-bool ItemReader::check(const Item& item, std::size_t length) {
-  if (item.type == Type::indefinite) {
-    return fail("an item of indefinite length at byte " + std::to_string(position_));
-  }
-  if (item.type != Type::array && item.type != Type::map) return true;
-  // Each element takes a byte at least, each pair two: a count above that is a lie, whatever follows.
-  const std::size_t backed = (remaining() - length) / (item.type == Type::map ? 2 : 1);
-  if (item.number <= backed) return true;
-  return fail("truncated: " + std::to_string(item.number) + " elements are declared at byte " +
-              std::to_string(position_) + ", " + std::to_string(backed) + " at most can follow");
 }
 
 bool ItemReader::skip() {
@@ -136,6 +90,27 @@ bool ItemReader::skip() {
     due += itemsWithin(item);
   }
   return true;
+}
+
+bool ItemReader::failHead(unsigned first) {
+  constexpr unsigned kIndefinite = 31;
+  const unsigned major = first >> 5;
+  const bool mayBeIndefinite = (major >= 2 && major <= 5) || major == 7;
+  if ((first & 0x1F) == kIndefinite && mayBeIndefinite) {
+    return fail("an item of indefinite length at byte " + std::to_string(position()));
+  }
+  return fail("byte " + std::to_string(first) + " at " + std::to_string(position()) +
+              " starts no item of this protocol");
+}
+
+bool ItemReader::failTruncated() {
+  return fail("truncated: the item at byte " + std::to_string(position()) + " of " + std::to_string(end_ - start_) +
+              " is not all there");
+}
+
+bool ItemReader::failCount(const Item& item, std::size_t backed) {
+  return fail("truncated: " + std::to_string(item.number) + " elements are declared at byte " +
+              std::to_string(position()) + ", " + std::to_string(backed) + " at most can follow");
 }
 
 bool ItemReader::fail(std::string reason) {

@@ -1,29 +1,47 @@
-// Values out of CBOR: items are pulled one by one and put into an explicit stack of open containers. A value that turns
-// out to be unwanted is abandoned on the spot, and then stepped over from its start, by well-formedness alone: so
-// "refused" always means that the bytes were sound, and the items behind it can be read.
+// Values out of CBOR, in one pass and straight into their final bodies: items are read one by one and put into the
+// innermost of a stack of open containers. A value that turns out to be unwanted is abandoned on the spot, and then
+// stepped over from its start, by well-formedness alone: so "refused" always means that the bytes were sound, and the
+// items behind it can be read.
+//
+// The objects of a small frame lie in one region, and refer to each other without counting; what others made for it is
+// kept by the region.
 
 #include "platform/xpc/wire/ValueDecoder.h"
 
 #include <exception>
 #include <utility>
 
+#include "platform/foundation/ArrayBody.h"
+#include "platform/foundation/DataBody.h"
 #include "platform/foundation/Foundation.h"
+#include "platform/foundation/KeyedBody.h"
+#include "platform/foundation/Ownership.h"
+#include "platform/foundation/PlainBodies.h"
+#include "platform/foundation/Region.h"
 #include "platform/foundation/SaturatingArithmetic.h"
+#include "platform/foundation/StringBody.h"
 #include "platform/foundation/UTF8.h"
+#include "platform/foundation/Walk.h"
 #include "platform/xpc/wire/Text.h"
 
 namespace velto::wire {
 namespace {
 
-// Bytes that are compared in about the time that it takes to visit an object.
-constexpr std::uint64_t kBytesPerObject = 64;
+// Frames up to this size become one region, of so many times their bytes and a little more.
+constexpr std::size_t kRegionFrameBytes = 4096;
+constexpr std::size_t kRegionFactor = 3;
+constexpr std::size_t kRegionRoom = 256;
 
 }  // namespace
 
-using Kind = ContainerStack::Kind;
 using Type = Item::Type;
 
 ValueDecoder::ValueDecoder(const Frame& frame) : frame_(frame), reader_(frame.body) {}
+
+ValueDecoder::~ValueDecoder() {
+  clear();
+  if (region_ != nullptr) region_->release();
+}
 
 ValueDecoder::Outcome ValueDecoder::next(const ClassSet& admitted, NSObject& value) {
   value = nil;
@@ -36,23 +54,134 @@ ValueDecoder::Outcome ValueDecoder::next(const ClassSet& admitted, NSObject& val
     if (outcome != Outcome::refused) return outcome;
   } catch (const std::exception& exception) {
     // First what was built so far is let go of: the words below need memory too.
-    stack_.clear();
+    clear();
     refuse(std::string("could not be decoded: ") + exception.what());
   }
   return stepOver(start);
 }
 
+inline ValueDecoder::Step ValueDecoder::integer(const Item& item) {
+  const bool fits = item.number <= INT64_MAX;
+  if (item.type == Type::negativeInteger && !fits) return breakOff("an integer below the least of 64 bits");
+  if (!mayHold(PlainClass::number)) return Step::refused;
+  if (item.type == Type::unsignedInteger) {
+    made_ = Value(fits ? Tag::signedInteger : Tag::unsignedInteger, item.number);
+  } else {
+    made_ = Value(Tag::signedInteger, ~item.number);
+  }
+  return Step::complete;
+}
+
+inline ValueDecoder::Step ValueDecoder::text(const Item& item) {
+  const std::string_view view = item.view();
+  if (view.size() <= Value::kMaximumText) {
+    made_ = Value::ofShortText(view);
+    if (!made_.isASCII() && !isValidUTF8(view)) {
+      made_ = Value();
+      return breakOff("a text that is not UTF-8");
+    }
+    return mayHold(PlainClass::string) ? Step::complete : Step::refused;
+  }
+  if (!isValidUTF8(view)) return breakOff("a text that is not UTF-8");
+  if (!mayHold(PlainClass::string)) return Step::refused;
+  made_ = StringBody::make(view, region());
+  return Step::complete;
+}
+
+inline ValueDecoder::Step ValueDecoder::putKeyed(Level& level) {
+  const bool isSet = level.kind == Kind::set;
+  const bool isKey = isSet || level.itemsLeft % 2 != 0;
+  if (isKey) {
+    level.cost.addKey(cost_);
+    if (cost_.hasPoorHash && !mayCompareKeys(level)) return Step::refused;
+    if (!isSet) {
+      level.key = std::exchange(made_, Value());
+      return Step::opened;
+    }
+  } else {
+    level.cost.addValue(cost_);
+  }
+  const Value& key = isSet ? made_ : level.key;
+  if (!level.keyed->add(key, isSet ? Value() : made_)) {
+    level.hasTwice = true;
+    if (region_ == nullptr) {
+      made_.release();
+      level.key.release();
+    }
+  }
+  level.key = Value();
+  made_ = Value();
+  return Step::opened;
+}
+
+inline ValueDecoder::Step ValueDecoder::put() {
+  Level& level = top();
+  --level.itemsLeft;
+  if (level.kind == Kind::array) {
+    level.array->add(std::exchange(made_, Value()));
+    level.cost.addValue(cost_);
+  } else if (level.kind == Kind::coded) {
+    level.cost.addValue(cost_);
+  } else if (const Step step = putKeyed(level); step != Step::opened) {
+    return step;
+  }
+  return level.itemsLeft == 0 ? close() : Step::opened;
+}
+
+inline ValueDecoder::Step ValueDecoder::readObject() {
+  if (++objects_ > limits::kMaximumObjects) {
+    return refuseOverLimit("objects", objects_, limits::kMaximumObjects);
+  }
+  if (depth_ > 0) --due_;
+  cost_ = {};
+  Item item;
+  if (!read(item)) return Step::broken;
+  switch (item.type) {
+    case Type::unsignedInteger:
+    case Type::negativeInteger:
+      return integer(item);
+    case Type::boolean:
+      if (!mayHold(PlainClass::number)) return Step::refused;
+      made_ = Value(Tag::boolean, item.number);
+      return Step::complete;
+    case Type::floatingPoint:
+      if (!mayHold(PlainClass::number)) return Step::refused;
+      made_ = Value(Tag::floatingPoint, std::bit_cast<std::uint64_t>(item.real));
+      return Step::complete;
+    case Type::text:
+      return text(item);
+    case Type::bytes:
+      if (!mayHold(PlainClass::data)) return Step::refused;
+      made_ = DataBody::copy(item.span(), region());
+      return Step::complete;
+    case Type::null:
+      if (!mayHold(PlainClass::null)) return Step::refused;
+      made_ = Value(Tag::null, 0);
+      return Step::complete;
+    case Type::array:
+      return container(PlainClass::array, Kind::array, item.number);
+    case Type::map:
+      return container(PlainClass::dictionary, Kind::dictionary, 2 * item.number);
+    case Type::tag:
+      return tagged(item.number);
+    case Type::undefined:
+      if (depth_ > 0) return breakOff("nil inside a container");
+      made_ = Value();
+      return Step::complete;
+    default:
+      return breakOff("an item of indefinite length");
+  }
+}
+
 ValueDecoder::Outcome ValueDecoder::build(NSObject& value) {
-  NSObject made;
   for (;;) {
-    Step step = readObject(made);
+    Step step = readObject();
     while (step == Step::complete) {
-      if (stack_.depth() == 0) {
-        value = std::move(made);
+      if (depth_ == 0) {
+        value = giveMade();
         return Outcome::value;
       }
-      stack_.push(std::exchange(made, nil), cost_);
-      step = stack_.isFull() ? close(made) : Step::opened;
+      step = put();
     }
     if (step == Step::refused) return Outcome::refused;
     if (step == Step::broken) return Outcome::broken;
@@ -60,100 +189,118 @@ ValueDecoder::Outcome ValueDecoder::build(NSObject& value) {
 }
 
 ValueDecoder::Outcome ValueDecoder::stepOver(std::size_t start) {
-  stack_.clear();
+  clear();
   reader_.rewind(start);
   if (reader_.skip()) return Outcome::refused;
   breakOff(reader_.reason());
   return Outcome::broken;
 }
 
-ValueDecoder::Step ValueDecoder::readObject(NSObject& made) {
-  if (++objects_ > limits::kMaximumObjects) {
-    return refuseOverLimit("objects", objects_, limits::kMaximumObjects);
+Region* ValueDecoder::region() {
+  if (region_ == nullptr && frame_.body.size() <= kRegionFrameBytes) {
+    region_ = Region::make(kRegionFactor * frame_.body.size() + kRegionRoom);
   }
-  cost_ = {};
-  Item item;
-  if (!read(item)) return Step::broken;
-  switch (item.type) {
-    case Type::unsignedInteger:
-    case Type::negativeInteger:
-      return integer(item, made);
-    case Type::boolean:
-      return plain(PlainClass::number, NSNumber::numberWithBool(item.number != 0), made);
-    case Type::floatingPoint:
-      return plain(PlainClass::number, NSNumber::numberWithDouble(item.real), made);
-    case Type::text:
-      return text(item, made);
-    case Type::bytes:
-      return plain(PlainClass::data, NSData::dataWithBytes(item.start, static_cast<std::size_t>(item.number)), made);
-    case Type::null:
-      return plain(PlainClass::null, NSNull::null(), made);
-    case Type::array:
-      return container(PlainClass::array, Kind::array, item.number, made);
-    case Type::map:
-      return container(PlainClass::dictionary, Kind::dictionary, 2 * item.number, made);
-    case Type::tag:
-      return tagged(item.number, made);
-    case Type::undefined:
-      if (stack_.depth() > 0) return breakOff("nil inside a container");
-      made = nil;
-      return Step::complete;
-    default:
-      return breakOff("an item of indefinite length");
-  }
+  return region_;
 }
 
-ValueDecoder::Step ValueDecoder::integer(const Item& item, NSObject& made) {
-  const bool fits = item.number <= INT64_MAX;
-  if (item.type == Type::unsignedInteger) {
-    NSNumber number = fits ? NSNumber::numberWithSigned(static_cast<std::int64_t>(item.number))
-                           : NSNumber::numberWithUnsigned(item.number);
-    return plain(PlainClass::number, std::move(number), made);
+void ValueDecoder::take(NSObject object) {
+  made_ = object.value();
+  // Not counted by what holds it in the region, but for all of it.
+  if (Region* const region = this->region()) region->keep(made_);
+  object.giveUp();
+}
+
+NSObject ValueDecoder::giveMade() {
+  if (region_ != nullptr) made_.retain();
+  return NSObject::adopt(std::exchange(made_, Value()));
+}
+
+void ValueDecoder::clear() noexcept {
+  if (region_ == nullptr) {
+    made_.release();
+    for (; depth_ > 0; --depth_) {
+      const Level& each = top();
+      each.key.release();
+      each.domain.release();
+      if (each.kind == Kind::array) each.array->release();
+      if (each.kind != Kind::array && each.kind != Kind::coded) each.keyed->release();
+    }
   }
-  if (!fits) return breakOff("an integer below the least of 64 bits");
-  return plain(PlainClass::number, NSNumber::numberWithSigned(-1 - static_cast<std::int64_t>(item.number)), made);
+  made_ = Value();
+  depth_ = 0;
+  due_ = 0;
+  coded_.clear();
 }
 
-ValueDecoder::Step ValueDecoder::text(const Item& item, NSObject& made) {
-  NSString string = NSString::stringWithUTF8(item.view());
-  if (string.isNil()) return breakOff("a text that is not UTF-8");
-  return plain(PlainClass::string, std::move(string), made);
+bool ValueDecoder::refusePlain(PlainClass plain) {
+  refuseClass(classBodyOf(plain).name());
+  return false;
 }
 
-ValueDecoder::Step ValueDecoder::plain(PlainClass plain, NSObject object, NSObject& made) {
-  if (!admitted_->admits(plain)) return refuseClass(classBodyOf(plain).name());
-  made = std::move(object);
+ValueDecoder::Step ValueDecoder::container(PlainClass plain, Kind kind, std::uint64_t items) {
+  if (!mayHold(plain) || isTooDeep()) return Step::refused;
+  const Step step = open(kind, items);
+  return step == Step::opened && items == 0 ? close() : step;
+}
+
+ValueDecoder::Step ValueDecoder::open(Kind kind, std::uint64_t items) {
+  // Memory is reserved for what can still come: each item that is due takes a byte at least, and is an object.
+  due_ += items;
+  if (due_ > reader_.remaining()) {
+    return breakOff("truncated: " + std::to_string(due_) + " items are due at byte " +
+                    std::to_string(reader_.position()) + ", " + std::to_string(reader_.remaining()) +
+                    " at most can follow");
+  }
+  if (objects_ + due_ > limits::kMaximumObjects) {
+    return refuseOverLimit("objects", limits::kMaximumObjects + 1, limits::kMaximumObjects);
+  }
+  const std::uint64_t elements = kind == Kind::array || kind == Kind::set ? items : items / 2;
+  Level& made = *new (&level(depth_)) Level;
+  made.kind = kind;
+  made.hasTwice = false;
+  made.itemsLeft = items;
+  made.key = Value();
+  made.domain = Value();
+  // The hash of an error does not regard its user info, and that of a coded object is its class's affair.
+  const bool hashesLess = kind == Kind::error || kind == Kind::coded;
+  made.cost = ContainerCost(kind == Kind::coded ? 1 : cost_.work, items, hashesLess || elements > kHashedElements);
+  if (kind == Kind::array) {
+    made.array = &ArrayBody::make(elements, region());
+  } else if (kind != Kind::coded) {
+    made.keyed = &KeyedBody::make(kind == Kind::set ? Tag::set : Tag::dictionary, elements, region());
+  }
+  ++depth_;
+  return Step::opened;
+}
+
+ValueDecoder::Step ValueDecoder::close() {
+  const Level& level = top();
+  if (level.kind == Kind::coded) return closeCoded();
+  comparisons_ = saturatingSum(comparisons_, level.cost.toMake());
+  if (level.hasTwice) return breakOff("a key of a dictionary, or an element of a set, that comes twice");
+  cost_ = level.cost.toCompare();
+  if (level.kind == Kind::array) {
+    made_ = Value(*level.array);
+  } else if (level.kind == Kind::error) {
+    made_ = ErrorBody::make(level.domain, level.code, Value(*level.keyed), region());
+  } else {
+    made_ = Value(*level.keyed);
+  }
+  --depth_;
   return Step::complete;
 }
 
-ValueDecoder::Step ValueDecoder::container(PlainClass plain, Kind kind, std::uint64_t items, NSObject& made) {
-  if (!admitted_->admits(plain)) return refuseClass(classBodyOf(plain).name());
-  return open(kind, items, made);
-}
-
-ValueDecoder::Step ValueDecoder::open(Kind kind, std::uint64_t items, NSObject& made) {
-  if (isTooDeep()) return Step::refused;
-  stack_.open(kind, items, cost_.work);
-  return items == 0 ? close(made) : Step::opened;
-}
-
-ValueDecoder::Step ValueDecoder::close(NSObject& made) {
-  if (stack_.kind() == Kind::coded) return closeCoded(made);
-  if (!mayCompareKeys()) return Step::refused;
-  made = stack_.close(cost_);
-  return made ? Step::complete : breakOff("a key of a dictionary, or an element of a set, that comes twice");
-}
-
 bool ValueDecoder::isTooDeep() {
-  if (stack_.depth() < limits::kMaximumDepth) return false;
-  refuseOverLimit("levels of nesting", stack_.depth() + 1, limits::kMaximumDepth);
+  if (depth_ < limits::kMaximumDepth) return false;
+  refuseOverLimit("levels of nesting", depth_ + 1, limits::kMaximumDepth);
   return true;
 }
 
-bool ValueDecoder::mayCompareKeys() {
-  comparisons_ = saturatingSum(comparisons_, stack_.comparisonsToClose());
-  if (comparisons_ <= limits::kMaximumKeyComparisons) return true;
-  refuseOverLimit("comparisons of keys", comparisons_, limits::kMaximumKeyComparisons);
+// Asked before a key with a poor hash is held against those that are there.
+bool ValueDecoder::mayCompareKeys(const Level& level) {
+  const std::uint64_t comparisons = saturatingSum(comparisons_, level.cost.toMake());
+  if (comparisons <= limits::kMaximumKeyComparisons) return true;
+  refuseOverLimit("comparisons of keys", comparisons, limits::kMaximumKeyComparisons);
   return false;
 }
 
@@ -181,15 +328,9 @@ std::optional<std::string> ValueDecoder::nextText(std::size_t maximumBytes) {
   return std::string(item.view());
 }
 
-bool ValueDecoder::read(Item& item) {
-  if (!reader_.read(item)) {
-    breakOff(reader_.reason());
-    return false;
-  }
-  if (item.type == Type::text || item.type == Type::bytes) {
-    cost_.work = saturatingSum(cost_.work, item.number / kBytesPerObject);
-  }
-  return true;
+bool ValueDecoder::failRead() {
+  breakOff(reader_.reason());
+  return false;
 }
 
 bool ValueDecoder::expect(Type type, Item& item, const char* what) {
@@ -217,7 +358,7 @@ ValueDecoder::Step ValueDecoder::refuseClass(std::string_view name) {
 ValueDecoder::Step ValueDecoder::breakOff(std::string reason) {
   broken_ = true;
   reason_ = std::move(reason);
-  stack_.clear();
+  clear();
   return Step::broken;
 }
 

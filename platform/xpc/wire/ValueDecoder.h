@@ -1,6 +1,7 @@
 #pragma once
 
 #include <bitset>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -9,12 +10,19 @@
 #include <vector>
 
 #include "VeltoIPC/Limits.h"
+#include "platform/foundation/NSCoding.h"
 #include "platform/foundation/NSObject.h"
 #include "platform/xpc/wire/ClassSet.h"
-#include "platform/xpc/wire/ContainerStack.h"
+#include "platform/xpc/wire/ComparisonCost.h"
 #include "platform/xpc/wire/DescriptorCoding.h"
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/ItemReader.h"
+
+namespace velto {
+class ArrayBody;
+class KeyedBody;
+class Region;
+}  // namespace velto
 
 namespace velto::wire {
 
@@ -31,6 +39,7 @@ class ValueDecoder {
 
   // The frame must outlive the decoder. Descriptors that no value takes stay with the frame.
   explicit ValueDecoder(const Frame& frame);
+  ~ValueDecoder();
   ValueDecoder(const ValueDecoder&) = delete;
   ValueDecoder& operator=(const ValueDecoder&) = delete;
 
@@ -48,32 +57,76 @@ class ValueDecoder {
  private:
   // What one item did to the value that is being read.
   enum class Step { complete, opened, refused, broken };
+  enum class Kind : std::uint8_t { array, dictionary, set, error, coded };
+
+  // A container that is not full yet. What it holds is in its body already; what it has no reference to counted is the
+  // level's own.
+  struct Level {
+    Kind kind;
+    // A key or an element came twice: breaks the protocol, once all of the container has been read.
+    bool hasTwice;
+    std::uint64_t itemsLeft;
+    union {
+      ArrayBody* array;
+      KeyedBody* keyed;
+    };
+    // The key whose value is due; the domain of an error is below it.
+    Value key;
+    Value domain;
+    std::int64_t code;
+    ContainerCost cost;
+  };
 
   Outcome build(NSObject& value);
   Outcome stepOver(std::size_t start);
-  Step readObject(NSObject& made);
-  Step integer(const Item& item, NSObject& made);
-  Step text(const Item& item, NSObject& made);
-  Step plain(PlainClass plain, NSObject object, NSObject& made);
-  Step container(PlainClass plain, ContainerStack::Kind kind, std::uint64_t items, NSObject& made);
-  Step open(ContainerStack::Kind kind, std::uint64_t items, NSObject& made);
-  Step close(NSObject& made);
-  Step closeCoded(NSObject& made);
-  Step tagged(std::uint64_t tag, NSObject& made);
-  Step date(NSObject& made);
-  Step url(NSObject& made);
-  Step uuid(NSObject& made);
-  Step object(NSObject& made);
-  Step error(std::uint64_t items, NSObject& made);
-  Step coded(CodedClass aClass, std::uint64_t items, NSObject& made);
-  Step withDescriptors(const DescriptorClass& aClass, std::uint64_t items, NSObject& made);
+  Step readObject();
+  Step integer(const Item& item);
+  Step text(const Item& item);
+  bool mayHold(PlainClass plain) { return admitted_->admits(plain) || refusePlain(plain); }
+  // False.
+  bool refusePlain(PlainClass plain);
+  Step container(PlainClass plain, Kind kind, std::uint64_t items);
+  Step open(Kind kind, std::uint64_t items);
+  Step put();
+  Step putKeyed(Level& level);
+  Step close();
+  Step closeCoded();
+  Step tagged(std::uint64_t tag);
+  Step date();
+  Step url();
+  Step uuid();
+  Step object();
+  Step error(std::uint64_t items);
+  Step coded(CodedClass aClass, std::uint64_t items);
+  Step withDescriptors(const DescriptorClass& aClass, std::uint64_t items);
   // Descriptors that the next item, a list of their indices, names.
   bool takeDescriptors(std::vector<system::SharedDescriptor>& taken);
 
-  bool read(Item& item);
+  // The memory of small messages; null for large ones, whose bodies are on the heap.
+  Region* region();
+  // An object that others have made becomes the one that was read last.
+  void take(NSObject object);
+  // A handle of its own on the object that was read last.
+  NSObject giveMade();
+  // Lets go of everything that has been read of the value.
+  void clear() noexcept;
+
+  Level& level(std::size_t index) noexcept { return reinterpret_cast<Level*>(levels_)[index]; }
+  Level& top() noexcept { return level(depth_ - 1); }
+  bool read(Item& item) {
+    // Bytes that are compared in about the time that it takes to visit an object.
+    constexpr std::uint64_t kBytesPerObject = 64;
+    if (!reader_.read(item)) return failRead();
+    if (item.type == Item::Type::text || item.type == Item::Type::bytes) {
+      cost_.work = saturatingSum(cost_.work, item.number / kBytesPerObject);
+    }
+    return true;
+  }
+  // False.
+  bool failRead();
   bool expect(Item::Type type, Item& item, const char* what);
   bool isTooDeep();
-  bool mayCompareKeys();
+  bool mayCompareKeys(const Level& level);
   Step refuse(std::string reason);
   Step refuseOverLimit(std::string_view limit, std::uint64_t value, std::uint64_t maximum);
   Step refuseClass(std::string_view name);
@@ -81,15 +134,22 @@ class ValueDecoder {
 
   const Frame& frame_;
   ItemReader reader_;
-  ContainerStack stack_;
   const ClassSet* admitted_ = nullptr;
   std::size_t objects_ = 0;
   std::uint64_t comparisons_ = 0;
-  // Of the object that was read last.
+  // The object that was read last, which no container holds yet, and what it costs to compare.
+  Value made_;
   ComparisonCost cost_;
+  std::size_t depth_ = 0;
+  // Items of the open containers that have not begun.
+  std::uint64_t due_ = 0;
+  Region* region_ = nullptr;
+  std::vector<CodedClass> coded_;
   std::bitset<limits::kMaximumDescriptors> taken_;
   bool broken_ = false;
   std::string reason_;
+  // Levels, as far as they are open: not initialised.
+  alignas(Level) std::byte levels_[limits::kMaximumDepth * sizeof(Level)];
 };
 
 }  // namespace velto::wire

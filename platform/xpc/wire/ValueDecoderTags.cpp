@@ -7,6 +7,9 @@
 
 #include "platform/foundation/Foundation.h"
 #include "platform/foundation/NSCoding.h"
+#include "platform/foundation/Ownership.h"
+#include "platform/foundation/PlainBodies.h"
+#include "platform/foundation/StringBody.h"
 #include "platform/foundation/UTF8.h"
 #include "platform/xpc/wire/Tags.h"
 #include "platform/xpc/wire/Text.h"
@@ -14,119 +17,134 @@
 
 namespace velto::wire {
 
-using Kind = ContainerStack::Kind;
 using Type = Item::Type;
 
-ValueDecoder::Step ValueDecoder::tagged(std::uint64_t tag, NSObject& made) {
+ValueDecoder::Step ValueDecoder::tagged(std::uint64_t tag) {
   Item item;
   switch (tag) {
     case kDateTag:
-      return date(made);
+      return date();
     case kURLTag:
-      return url(made);
+      return url();
     case kUUIDTag:
-      return uuid(made);
+      return uuid();
     case kObjectTag:
-      return object(made);
+      return object();
     case kSetTag:
       if (!expect(Type::array, item, "the list of a set")) return Step::broken;
-      return container(PlainClass::set, Kind::set, item.number, made);
+      return container(PlainClass::set, Kind::set, item.number);
     case kUnsignedTag:
       if (!expect(Type::unsignedInteger, item, "an unsigned number")) return Step::broken;
-      return plain(PlainClass::number, NSNumber::numberWithUnsigned(item.number), made);
+      if (!mayHold(PlainClass::number)) return Step::refused;
+      made_ = Value(Tag::unsignedInteger, item.number);
+      return Step::complete;
     default:
       return refuse("holds a value with tag " + std::to_string(tag) + ", which is not known here");
   }
 }
 
-ValueDecoder::Step ValueDecoder::date(NSObject& made) {
+ValueDecoder::Step ValueDecoder::date() {
   Item item;
   if (!expect(Type::floatingPoint, item, "the seconds of a date")) return Step::broken;
   if (!std::isfinite(item.real)) return breakOff("a date that is not finite");
-  return plain(PlainClass::date, NSDate::dateWithTimeIntervalSince1970(item.real), made);
+  if (!mayHold(PlainClass::date)) return Step::refused;
+  made_ = DateBody::make(item.real, std::nullopt, region());
+  return Step::complete;
 }
 
-ValueDecoder::Step ValueDecoder::url(NSObject& made) {
+ValueDecoder::Step ValueDecoder::url() {
   Item item;
   if (!expect(Type::text, item, "the text of a URL")) return Step::broken;
-  const NSString text = NSString::stringWithUTF8(item.view());
-  if (text.isNil()) return breakOff("a text that is not UTF-8");
-  NSURL url = NSURL::URLWithString(text);
-  if (url.isNil()) return refuse("holds a URL that is none: " + peerName(text.view()));
-  return plain(PlainClass::url, std::move(url), made);
+  if (!isValidUTF8(item.view())) return breakOff("a text that is not UTF-8");
+  if (!isURLText(item.view())) return refuse("holds a URL that is none: " + peerName(item.view()));
+  if (!mayHold(PlainClass::url)) return Step::refused;
+  made_ = validTextValue(item.view(), region());
+  made_ = URLBody::make(made_, region());
+  return Step::complete;
 }
 
-ValueDecoder::Step ValueDecoder::uuid(NSObject& made) {
+ValueDecoder::Step ValueDecoder::uuid() {
   Item item;
   NSUUID::Bytes bytes{};
   if (!expect(Type::bytes, item, "the bytes of a UUID")) return Step::broken;
   if (item.number != bytes.size()) return breakOff("a UUID of " + std::to_string(item.number) + " bytes, not 16");
   std::memcpy(bytes.data(), item.start, bytes.size());
-  return plain(PlainClass::uuid, NSUUID::UUIDWithBytes(bytes), made);
+  if (!mayHold(PlainClass::uuid)) return Step::refused;
+  made_ = UUIDBody::make(bytes, region());
+  return Step::complete;
 }
 
-ValueDecoder::Step ValueDecoder::object(NSObject& made) {
+ValueDecoder::Step ValueDecoder::object() {
   Item list, name;
   if (!expect(Type::array, list, "the list of an object")) return Step::broken;
   if (list.number < 2) return breakOff("an object without its class or its contents");
   if (!expect(Type::text, name, "the name of a class")) return Step::broken;
   const std::string_view className = name.view();
   if (!isValidUTF8(className)) return breakOff("a text that is not UTF-8");
-  if (className == kErrorName) return error(list.number, made);
-  if (CodedClass found = codedClassNamed(className); found.classObject) {
-    return coded(std::move(found), list.number, made);
+  if (className == kErrorName) return error(list.number);
+  if (CodedClass found = codedClassNamed(className); !found.classObject.isNil()) {
+    return coded(std::move(found), list.number);
   }
-  if (const DescriptorClass found = descriptorClassNamed(className); found.classObject) {
-    return withDescriptors(found, list.number, made);
+  if (const DescriptorClass found = descriptorClassNamed(className); !found.classObject.isNil()) {
+    return withDescriptors(found, list.number);
   }
   return refuse("holds an object of class " + peerName(className) + ", which is not known here");
 }
 
-ValueDecoder::Step ValueDecoder::error(std::uint64_t items, NSObject& made) {
+ValueDecoder::Step ValueDecoder::error(std::uint64_t items) {
   if (items != 4) return breakOff("an error of " + std::to_string(items) + " items, not 4");
   Item domain, code, userInfo;
   if (!expect(Type::text, domain, "the domain of an error") || !read(code)) return Step::broken;
   const bool isInteger = code.type == Type::unsignedInteger || code.type == Type::negativeInteger;
   if (!isInteger || code.number > INT64_MAX) return breakOff("an error whose code is no signed number");
   if (!expect(Type::map, userInfo, "the user info of an error")) return Step::broken;
-  NSString text = NSString::stringWithUTF8(domain.view());
-  if (text.isNil()) return breakOff("a text that is not UTF-8");
-  if (!admitted_->admits(PlainClass::error)) return refuseClass(kErrorName);
-  if (isTooDeep()) return Step::refused;
+  if (!isValidUTF8(domain.view())) return breakOff("a text that is not UTF-8");
+  if (!mayHold(PlainClass::error) || isTooDeep()) return Step::refused;
   const auto number = static_cast<std::int64_t>(code.number);
-  NSNumber codeObject = NSNumber::numberWithSigned(code.type == Type::negativeInteger ? -1 - number : number);
-  stack_.openError(std::move(text), std::move(codeObject), 2 * userInfo.number, cost_.work);
-  return userInfo.number == 0 ? close(made) : Step::opened;
+  if (const Step step = open(Kind::error, 2 * userInfo.number); step != Step::opened) return step;
+  top().domain = validTextValue(domain.view(), region());
+  top().code = code.type == Type::negativeInteger ? -1 - number : number;
+  return userInfo.number == 0 ? close() : Step::opened;
 }
 
-ValueDecoder::Step ValueDecoder::coded(CodedClass aClass, std::uint64_t items, NSObject& made) {
+ValueDecoder::Step ValueDecoder::coded(CodedClass aClass, std::uint64_t items) {
   const std::string name = aClass.classObject.name().string();
   if (items != 2) return breakOff("an object of class " + name + " in " + std::to_string(items) + " items, not 2");
   if (!admitted_->admits(aClass.classObject)) return refuseClass(name);
   if (isTooDeep()) return Step::refused;
-  made = nil;
-  stack_.openCoded(std::move(aClass));
-  return Step::opened;
+  const Step step = open(Kind::coded, 1);
+  if (step == Step::opened) coded_.push_back(std::move(aClass));
+  return step;
 }
 
-ValueDecoder::Step ValueDecoder::closeCoded(NSObject& made) {
-  CodedClass aClass;
-  const NSObject contents = stack_.closeCoded(aClass, cost_);
-  made = aClass.coding.decode ? aClass.coding.decode(contents) : nil;
-  if (made.isKindOfClass(aClass.classObject)) return Step::complete;
+ValueDecoder::Step ValueDecoder::closeCoded() {
+  cost_ = top().cost.toCompare();
+  --depth_;
+  const CodedClass aClass = std::move(coded_.back());
+  coded_.pop_back();
+  // Not in the region: the region keeps what is made of it, which may keep this.
+  const NSObject contents = owned(giveMade());
+  const NSObject made = aClass.coding.decode ? aClass.coding.decode(contents) : nil;
+  if (made.isKindOfClass(aClass.classObject)) {
+    take(made);
+    return Step::complete;
+  }
   return refuse("holds an object of class " + aClass.classObject.name().string() +
                 " that cannot be made from what it contains");
 }
 
-ValueDecoder::Step ValueDecoder::withDescriptors(const DescriptorClass& aClass, std::uint64_t items, NSObject& made) {
+ValueDecoder::Step ValueDecoder::withDescriptors(const DescriptorClass& aClass, std::uint64_t items) {
   const std::string name = aClass.classObject.name().string();
   if (items != 2) return breakOff("an object of class " + name + " in " + std::to_string(items) + " items, not 2");
   if (!admitted_->admits(aClass.classObject)) return refuseClass(name);
   std::vector<system::SharedDescriptor> taken;
   if (!takeDescriptors(taken)) return Step::broken;
   std::string reason;
-  made = aClass.coding.make(taken, reason);
-  if (made.isKindOfClass(aClass.classObject)) return Step::complete;
+  const NSObject made = aClass.coding.make(taken, reason);
+  if (made.isKindOfClass(aClass.classObject)) {
+    take(made);
+    return Step::complete;
+  }
   if (!reason.empty()) return refuse(std::move(reason));
   return refuse("holds an object of class " + name + " whose descriptors are not what they should be");
 }

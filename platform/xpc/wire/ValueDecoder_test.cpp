@@ -155,21 +155,24 @@ TEST(ValueDecoder, TheMostObjectsPassAndOneMoreIsRefused) {
 }
 
 TEST(ValueDecoder, KeysThatMustAllBeComparedAreBounded) {
-  // Arrays of one element all have the same hash. Each key costs three, against each of the others.
+  // What an array holds beyond its first sixteen elements does not show in its hash. Each key costs nineteen, against
+  // each of the others.
   const auto setOf = [](unsigned count) {
     Bytes bytes = hex("d9 0102 99") + twoBytes(count);
-    for (unsigned key = 0; key < count; ++key) bytes = std::move(bytes) + hex("81 19") + twoBytes(key);
+    for (unsigned key = 0; key < count; ++key) {
+      bytes = std::move(bytes) + hex("91") + Bytes(16, 0) + hex("19") + twoBytes(key);
+    }
     return bytes;
   };
-  const unsigned most = 4730;
-  static_assert(3ULL * most * (most - 1) <= limits::kMaximumKeyComparisons);
-  static_assert(3ULL * (most + 1) * most > limits::kMaximumKeyComparisons);
+  const unsigned most = 1879;
+  static_assert(19ULL * most * (most - 1) <= limits::kMaximumKeyComparisons);
+  static_assert(19ULL * (most + 1) * most > limits::kMaximumKeyComparisons);
   const Decoded atLimit = decodeBytes(setOf(most));
   EXPECT_EQ(atLimit.outcome, Outcome::value) << atLimit.reason;
   EXPECT_EQ(atLimit.value.count(), most);
   const Decoded over = decodeBytes(setOf(most + 1));
   EXPECT_EQ(over.outcome, Outcome::refused);
-  EXPECT_EQ(over.reason, "exceeds a limit: comparisons of keys: 67132890 or more, maximum 67108864");
+  EXPECT_EQ(over.reason, "exceeds a limit: comparisons of keys: 67117880 or more, maximum 67108864");
   EXPECT_EQ(decodeBytes(setOf(10)).outcome, Outcome::value);
 }
 

@@ -9,9 +9,15 @@
 #include <utility>
 
 #include "VeltoIPC/Limits.h"
+#include "platform/foundation/ArrayBody.h"
+#include "platform/foundation/DataBody.h"
 #include "platform/foundation/Foundation.h"
+#include "platform/foundation/KeyedBody.h"
 #include "platform/foundation/NSCoding.h"
+#include "platform/foundation/PlainBodies.h"
+#include "platform/foundation/StringBody.h"
 #include "platform/foundation/UTF8.h"
+#include "platform/foundation/Walk.h"
 #include "platform/xpc/wire/DescriptorCoding.h"
 #include "platform/xpc/wire/Tags.h"
 #include "platform/xpc/wire/Text.h"
@@ -32,11 +38,6 @@ class Level {
  private:
   std::size_t& depth_;
 };
-
-bool isContainer(PlainClass plain) {
-  return plain == PlainClass::array || plain == PlainClass::dictionary || plain == PlainClass::set ||
-         plain == PlainClass::error;
-}
 
 }  // namespace
 
@@ -118,139 +119,150 @@ bool ValueEncoder::encode(const NSObject& object) {
     failOverLimit("objects", objects_, limits::kMaximumObjects, true);
     return false;
   }
-  const ClassBody& own = object.body()->classBody();
+  return encodeAny(object) && hasRoomFor(0);
+}
+
+bool ValueEncoder::encodeAny(const NSObject& object) {
+  const Value& value = object.value();
+  switch (value.tag()) {
+    case Tag::boolean:
+      writer_.addBool(value.bits() != 0);
+      return true;
+    case Tag::signedInteger:
+      writer_.addSigned(static_cast<std::int64_t>(value.bits()));
+      return true;
+    case Tag::unsignedInteger:
+      if (value.bits() <= INT64_MAX) writer_.addTag(kUnsignedTag);
+      writer_.addUnsigned(value.bits());
+      return true;
+    case Tag::floatingPoint:
+      writer_.addDouble(std::bit_cast<double>(value.bits()));
+      return true;
+    case Tag::null:
+      writer_.addNull();
+      return true;
+    case Tag::text:
+    case Tag::string:
+    case Tag::mutableString: {
+      const std::string_view text = textOf(value);
+      if (!hasRoomFor(text.size())) return false;
+      writer_.addText(text);
+      return true;
+    }
+    case Tag::array:
+    case Tag::mutableArray:
+    case Tag::dictionary:
+    case Tag::mutableDictionary:
+    case Tag::set:
+    case Tag::mutableSet:
+    case Tag::error: {
+      const Level level(depth_);
+      return !isTooDeep() && encodeContainer(object);
+    }
+    case Tag::data:
+    case Tag::mutableData: {
+      const std::span<const std::uint8_t> bytes = bytesOf(value);
+      if (!hasRoomFor(bytes.size())) return false;
+      writer_.addBytes(bytes);
+      return true;
+    }
+    case Tag::date:
+      return encodeDate(object);
+    case Tag::uuid:
+      writer_.addTag(kUUIDTag);
+      writer_.addBytes(static_cast<const UUIDBody&>(value.body()).bytes());
+      return true;
+    case Tag::url: {
+      const std::string_view text = textOf(static_cast<const URLBody&>(value.body()).text().value());
+      if (!hasRoomFor(text.size())) return false;
+      writer_.addTag(kURLTag);
+      writer_.addText(text);
+      return true;
+    }
+    case Tag::object:
+    case Tag::nil:
+      break;
+  }
+  return encodeObject(object);
+}
+
+bool ValueEncoder::encodeObject(const NSObject& object) {
+  const ClassBody& own = velto::classBodyOf(object.value());
   for (const ClassBody* aClass = &own; aClass != nullptr; aClass = aClass->superclass()) {
-    PlainClass plain{};
-    if (findPlainClass(*aClass, plain)) return encodePlain(object, plain) && hasRoomFor(0);
     bool found = false;
     const bool encoded = encodeCoded(object, *aClass, found) || (!found && encodeDescriptors(object, *aClass, found));
-    if (found) return encoded && hasRoomFor(0);
+    if (found) return encoded;
   }
   return refuse("holds an object of class " + own.name() + ", which cannot travel");
 }
 
-bool ValueEncoder::encodePlain(const NSObject& object, PlainClass plain) {
-  const Level level(depth_);
-  if (isContainer(plain) && isTooDeep()) return false;
-  switch (plain) {
-    case PlainClass::string: {
-      const NSString text = object.as<NSString>();
-      if (!hasRoomFor(text.length())) return false;
-      writer_.addText(text.view());
-      return true;
-    }
-    case PlainClass::number:
-      return encodeNumber(object);
-    case PlainClass::dictionary:
-      return encodePairs(object);
-    case PlainClass::array:
-      return encodeElements(object.as<NSArray>());
-    case PlainClass::set:
-      writer_.addTag(kSetTag);
-      return encodeElements(object.as<NSSet>());
-    case PlainClass::data: {
-      const NSData data = object.as<NSData>();
-      if (!hasRoomFor(data.length())) return false;
-      writer_.addBytes(data.span());
-      return true;
-    }
-    case PlainClass::date:
-      return encodeDate(object);
-    case PlainClass::null:
-      writer_.addNull();
-      return true;
-    case PlainClass::uuid: {
-      const NSUUID::Bytes bytes = object.as<NSUUID>().bytes();
-      writer_.addTag(kUUIDTag);
-      writer_.addBytes(bytes);
-      return true;
-    }
-    case PlainClass::url: {
-      const NSString text = object.as<NSURL>().absoluteString();
-      if (!hasRoomFor(text.length())) return false;
-      writer_.addTag(kURLTag);
-      writer_.addText(text.view());
-      return true;
-    }
-    case PlainClass::error:
-      return encodeError(object);
-  }
-  return false;
-}
-
-bool ValueEncoder::encodeNumber(const NSObject& object) {
-  switch (object.as<NSNumber>().kind()) {
-    case NSNumber::Kind::boolean:
-      writer_.addBool(object.boolValue());
-      break;
-    case NSNumber::Kind::signedInteger:
-      writer_.addSigned(object.integerValue());
-      break;
-    case NSNumber::Kind::unsignedInteger: {
-      const std::uint64_t value = object.unsignedIntegerValue();
-      if (value <= INT64_MAX) writer_.addTag(kUnsignedTag);
-      writer_.addUnsigned(value);
-      break;
-    }
-    case NSNumber::Kind::floatingPoint:
-      writer_.addDouble(object.doubleValue());
-      break;
-  }
-  return true;
+bool ValueEncoder::encodeContainer(const NSObject& object) {
+  const Tag tag = object.value().tag();
+  if (tag == Tag::error) return encodeError(object);
+  if (isSet(tag)) writer_.addTag(kSetTag);
+  return isDictionary(tag) ? encodePairs(object) : encodeElements(object);
 }
 
 bool ValueEncoder::encodeDate(const NSObject& object) {
-  const double seconds = object.as<NSDate>().timeIntervalSince1970();
+  const double seconds = static_cast<const DateBody&>(object.value().body()).seconds();
   if (!std::isfinite(seconds)) return refuse("holds a date that is infinitely far away, which cannot travel");
   writer_.addTag(kDateTag);
   writer_.addDouble(seconds);
   return true;
 }
 
-template <class Container>
-bool ValueEncoder::encodeElements(const Container& container) {
+bool ValueEncoder::encodeElements(const NSObject& container) {
   const std::size_t count = container.count();
   if (!hasRoomFor(count)) return false;
   writer_.addArray(count);
+  if (container.value().tag() == Tag::array) {
+    for (const NSObject& each : elementsOf(container.value())) {
+      if (!encode(each)) return false;
+    }
+    return true;
+  }
   std::size_t written = 0;
-  for (const NSObject& element : container) {
-    if (!encode(element)) return false;
+  const ObjectIterator end(container, ObjectIterator::Place::end);
+  for (ObjectIterator each(container, ObjectIterator::Place::begin); each != end; ++each) {
+    // A handle of its own: what its coding does may change the container.
+    if (!encode(NSObject(*each))) return false;
     ++written;
   }
   return written == count || refuse(kChanged);
 }
 
-bool ValueEncoder::encodePairs(const NSObject& object) {
-  const NSDictionary dictionary = object.as<NSDictionary>();
+bool ValueEncoder::encodePairs(const NSObject& dictionary) {
   const std::size_t count = dictionary.count();
   if (!hasRoomFor(2 * count)) return false;
   writer_.addMap(count);
-  // Not looked up one by one: keys with poor hashes would make that quadratic.
-  const NSArray values = dictionary.allValues();
-  auto value = values.begin();
-  const auto end = values.end();
+  if (dictionary.value().tag() == Tag::dictionary) {
+    const KeyTable entries = tableOf(dictionary.value());
+    for (std::size_t slot = 0; slot < count; ++slot) {
+      if (!encode(entries.key(slot)) || !encode(entries.value(slot))) return false;
+    }
+    return true;
+  }
   std::size_t written = 0;
-  for (const NSObject& key : dictionary) {
-    if (value == end || !encode(key) || !encode(*value)) return refuse(kChanged);
-    ++value;
+  const ObjectIterator end(dictionary, ObjectIterator::Place::end);
+  for (ObjectIterator each(dictionary, ObjectIterator::Place::begin); each != end; ++each) {
+    const NSObject key = *each;
+    const NSObject value = (&*each)[1];
+    if (!encode(key) || !encode(value)) return false;
     ++written;
   }
   return written == count || refuse(kChanged);
 }
 
 bool ValueEncoder::encodeError(const NSObject& object) {
-  const NSError error = object.as<NSError>();
-  const NSString domain = error.domain();
-  if (!hasRoomFor(domain.length())) return false;
+  const auto& error = static_cast<const ErrorBody&>(object.value().body());
+  const std::string_view domain = textOf(error.domain().value());
+  if (!hasRoomFor(domain.size())) return false;
   writer_.addTag(kObjectTag);
   writer_.addArray(4);
   writer_.addText(kErrorName);
-  writer_.addText(domain.view());
+  writer_.addText(domain);
   writer_.addSigned(error.code());
-  const NSDictionary userInfo = error.userInfo();
-  if (userInfo) return encodePairs(userInfo);
-  writer_.addMap(0);
-  return true;
+  return encodePairs(error.userInfo());
 }
 
 bool ValueEncoder::startObject(const std::string& className) {

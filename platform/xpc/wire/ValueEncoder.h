@@ -9,7 +9,6 @@
 #include "platform/foundation/NSObject.h"
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/ItemWriter.h"
-#include "platform/xpc/wire/PlainClass.h"
 
 namespace velto {
 class ClassBody;
@@ -48,12 +47,12 @@ class ValueEncoder {
  private:
   // All of these answer whether to go on.
   bool encode(const NSObject& object);
-  bool encodePlain(const NSObject& object, PlainClass plain);
-  bool encodeNumber(const NSObject& object);
+  bool encodeAny(const NSObject& object);
+  bool encodeObject(const NSObject& object);
+  bool encodeContainer(const NSObject& object);
   bool encodeDate(const NSObject& object);
-  template <class Container>
-  bool encodeElements(const Container& container);
-  bool encodePairs(const NSObject& object);
+  bool encodeElements(const NSObject& container);
+  bool encodePairs(const NSObject& dictionary);
   bool encodeError(const NSObject& object);
   bool encodeCoded(const NSObject& object, const ClassBody& aClass, bool& found);
   bool encodeDescriptors(const NSObject& object, const ClassBody& aClass, bool& found);

@@ -134,12 +134,7 @@ TEST_F(ClientLocks, CloseGoesThroughTheRegistryWithItsMonitorHeld) {
   becomeReady("id");
   NSMutableDictionary registry = registryOf(*client);
   const auto isFree = [registry] {
-    auto other = inBackground([registry] {
-      std::recursive_mutex& monitor = registry.body()->monitor();
-      const bool free = monitor.try_lock();
-      if (free) monitor.unlock();
-      return free;
-    });
+    auto other = inBackground([registry] { return NSSynchronized(registry, std::try_to_lock).holdsMonitor(); });
     return finish(other);
   };
   bool isArmed = false;

@@ -19,24 +19,13 @@ class ReplyGap {
   // An error for the out-pointer of the send: when it is written over, `reply` is called in the gap, with the monitor
   // of `table` held elsewhere.
   NSError errorThatOpensIt(const NSObject& table, std::function<void()> reply) {
-    return Object(new Body([this, table, reply = std::move(reply)] { open(table, reply); })).as<NSError>();
+    const NSData opener =
+        NSData::dataWithBytesNoCopy("", 0, [this, table, reply = std::move(reply)] { open(table, reply); });
+    return NSError::errorWithDomain("gap", 0, {{"opener", opener}});
   }
   bool wasOpened() const { return wasOpened_; }
 
  private:
-  class Body final : public ObjectBody {
-   public:
-    explicit Body(std::function<void()> whenLetGo) : whenLetGo_(std::move(whenLetGo)) {}
-    ~Body() override { whenLetGo_(); }
-    const ClassBody& classBody() const override { return classBodyOf<NSError>(); }
-
-   private:
-    const std::function<void()> whenLetGo_;
-  };
-  struct Object : NSObject {
-    explicit Object(Body* body) : NSObject(body) {}
-  };
-
   void open(const NSObject& table, const std::function<void()>& reply) {
     wasOpened_ = true;
     auto held = held_.get_future();

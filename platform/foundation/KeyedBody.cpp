@@ -1,0 +1,153 @@
+// How dictionaries and sets keep their entries.
+#include "platform/foundation/KeyedBody.h"
+
+#include <cstring>
+#include <stdexcept>
+
+#include "platform/foundation/Demolition.h"
+#include "platform/foundation/Ownership.h"
+
+namespace velto {
+namespace {
+
+constexpr std::size_t kMaximumSlots = UINT32_MAX / 4;
+
+void requireFewerThan(std::size_t slots) {
+  if (slots >= kMaximumSlots) throw std::length_error("too many entries");
+}
+
+}  // namespace
+
+KeyedBody& KeyedBody::make(Tag tag, std::size_t capacity, Region* region) {
+  requireFewerThan(capacity);
+  const std::size_t objects = capacity * (tag == Tag::dictionary ? 2 : 1) * sizeof(NSObject);
+  const std::size_t index = KeyTable::cellsFor(capacity) * sizeof(KeyTable::Cell);
+  void* const memory = allocateBody(sizeof(KeyedBody) + objects + index, region);
+  auto* const made = new (memory) KeyedBody(tag, static_cast<std::uint32_t>(capacity), region);
+  if (index > 0) std::memset(static_cast<void*>(made->cells()), 0, index);
+  return *made;
+}
+
+void KeyedBody::append(std::size_t hash, const Value& key, const Value& value) noexcept {
+  NSObject* const place = first() + count_ * stride();
+  new (place) NSObject(NSObject::adopt(key));
+  if (stride() == 2) new (place + 1) NSObject(NSObject::adopt(value));
+  if (const std::size_t cellCount = this->cellCount()) KeyTable::enter(cells(), cellCount, hash, count_);
+  ++count_;
+}
+
+bool KeyedBody::add(const Value& key, const Value& value) {
+  if (key.isText() && cellCount() == 0) {
+    const std::size_t step = stride();
+    const NSObject* const end = first() + count_ * step;
+    for (const NSObject* each = first(); each != end; each += step) {
+      if (each->value() == key) return false;
+    }
+    append(0, key, value);
+    return true;
+  }
+  WalkBound bound;
+  // A second handle that counts nothing, and gives up before its end.
+  NSObject sought = NSObject::adopt(key);
+  try {
+    const std::size_t hash = cellCount() == 0 ? 0 : sought.hash();
+    const bool isNew = count_ == 0 || table().findHashed(sought, hash, bound) == nullptr;
+    sought.giveUp();
+    if (isNew) append(hash, key, value);
+    return isNew;
+  } catch (...) {
+    sought.giveUp();
+    throw;
+  }
+}
+
+void KeyedBody::put(NSObject key, NSObject value) {
+  WalkBound bound;
+  const std::size_t hash = cellCount() == 0 ? 0 : key.hash();
+  if (const NSObject* found = table().findHashed(key, hash, bound)) {
+    if (stride() == 2) const_cast<NSObject&>(found[1]) = std::move(value);
+    return;
+  }
+  append(hash, key.giveUp(), value.giveUp());
+}
+
+void MutableKeyedBody::put(NSObject key, NSObject value) {
+  WalkBound bound;
+  const bool isIndexed = !cells_.empty();
+  std::size_t hash = isIndexed ? key.hash() : 0;
+  const NSObject* const found = table().findHashed(key, hash, bound);
+  if (found != nullptr && stride() == 1) return;
+  ++changes_;
+  if (found != nullptr) {
+    const_cast<NSObject&>(found[1]) = std::move(value);
+    return;
+  }
+  makeRoom();
+  if (!isIndexed && !cells_.empty()) hash = key.hash();
+  // The value's place first: nothing may fail between the two.
+  objects_.resize(objects_.size() + stride());
+  NSObject* const place = &objects_[objects_.size() - stride()];
+  place[0] = std::move(key);
+  if (stride() == 2) place[1] = std::move(value);
+  ++count_;
+  if (!cells_.empty()) KeyTable::enter(cells_.data(), cells_.size(), hash, slots() - 1);
+}
+
+void MutableKeyedBody::remove(const NSObject& key) {
+  auto* const found = const_cast<NSObject*>(table().find(key));
+  if (found == nullptr) return;
+  ++changes_;
+  const NSObject removedKey = std::exchange(found[0], NSObject());
+  const NSObject removedValue = stride() == 2 ? std::exchange(found[1], NSObject()) : NSObject();
+  if (--count_ > 0) return;
+  objects_.clear();
+  cells_.clear();
+}
+
+void MutableKeyedBody::clear() noexcept {
+  ++changes_;
+  count_ = 0;
+  cells_.clear();
+  const std::vector<NSObject> removed = std::exchange(objects_, {});
+}
+
+void MutableKeyedBody::copy(const KeyTable& table) {
+  objects_.reserve(table.slots() * stride());
+  for (std::size_t slot = 0; slot < table.slots(); ++slot) {
+    if (table.key(slot).isNil()) continue;
+    objects_.push_back(owned(table.key(slot)));
+    if (stride() == 2) objects_.push_back(owned(table.value(slot)));
+  }
+  count_ = slots();
+  if (const std::size_t cellCount = KeyTable::cellsFor(count_)) rebuildIndex(cellCount);
+}
+
+void MutableKeyedBody::makeRoom() {
+  const bool isMostlyEmpty = slots() > KeyTable::kSlotsWithoutIndex && count_ < slots() / 2;
+  if (isMostlyEmpty) closeUp();
+  const std::size_t needed = slots() + 1;
+  requireFewerThan(needed);
+  if (needed <= KeyTable::kSlotsWithoutIndex) return;
+  if (cells_.size() < needed + needed / 2) rebuildIndex(KeyTable::cellsFor(2 * needed));
+}
+
+void MutableKeyedBody::closeUp() noexcept {
+  std::size_t kept = 0;
+  for (std::size_t index = 0; index < objects_.size(); index += stride()) {
+    if (objects_[index].isNil()) continue;
+    for (std::size_t part = 0; part < stride(); ++part) std::swap(objects_[kept++], objects_[index + part]);
+  }
+  objects_.resize(kept);
+  cells_.clear();
+}
+
+void MutableKeyedBody::rebuildIndex(std::size_t cellCount) {
+  std::vector<KeyTable::Cell> cells(cellCount);
+  const KeyTable keys = table();
+  for (std::size_t slot = 0; slot < keys.slots(); ++slot) {
+    if (!keys.key(slot).isNil()) KeyTable::enter(cells.data(), cells.size(), keys.key(slot).hash(), slot);
+  }
+  cells_ = std::move(cells);
+}
+
+}  // namespace velto
