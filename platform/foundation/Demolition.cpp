@@ -3,6 +3,8 @@
 // nothing else of that kind is destroyed at once, but once that code has returned.
 #include "platform/foundation/Demolition.h"
 
+#include <bit>
+
 #include "platform/foundation/ArrayBody.h"
 #include "platform/foundation/DataBody.h"
 #include "platform/foundation/KeyedBody.h"
@@ -26,7 +28,7 @@ bool isForeign(const Body& body) noexcept {
 
 void Body::destroy(const Body& body) noexcept {
   if (body.isInRegion()) {
-    reinterpret_cast<Region*>(body.references_.load(std::memory_order_relaxed))->drop();
+    std::bit_cast<Region*>(body.references_.load(std::memory_order_relaxed))->drop();
   } else {
     Demolition().run(body);
   }
@@ -45,7 +47,7 @@ void Demolition::run(const Body& body) noexcept {
   for (const Body* each = &body; each != nullptr;) {
     dismantle(*each);
     each = pending_;
-    if (each != nullptr) pending_ = reinterpret_cast<const Body*>(each->references_.load(std::memory_order_relaxed));
+    if (each != nullptr) pending_ = std::bit_cast<const Body*>(each->references_.load(std::memory_order_relaxed));
   }
 }
 
@@ -64,7 +66,7 @@ void Demolition::dismantle(const Body& body) noexcept {
         static_cast<const DataBody*>(each)->dismantle();
       }
       each = deferred;
-      if (each != nullptr) deferred = reinterpret_cast<const Body*>(each->references_.load(std::memory_order_relaxed));
+      if (each != nullptr) deferred = std::bit_cast<const Body*>(each->references_.load(std::memory_order_relaxed));
     }
     runsForeignCode = false;
     return;

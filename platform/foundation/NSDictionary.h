@@ -89,11 +89,11 @@ class VELTO_EXPORT NSMutableDictionary : public NSDictionary {
     Place(NSMutableDictionary& dictionary, const NSObject& key)
         : NSObject(static_cast<const NSDictionary&>(dictionary)[key]), dictionary_(dictionary), key_(key) {}
     Place(const Place&) = default;
-    const Place& operator=(const NSObject& object) const {
+    Place& operator=(const NSObject& object) {
       dictionary_.setObjectForKeyedSubscript(object, key_);
       return *this;
     }
-    const Place& operator=(const Place& other) const { return *this = static_cast<const NSObject&>(other); }
+    Place& operator=(const Place& other) { return *this = static_cast<const NSObject&>(other); }
 
    private:
     NSMutableDictionary& dictionary_;

@@ -9,7 +9,6 @@
 #include "platform/foundation/Walk.h"
 
 using velto::KeyedBody;
-using velto::KeyTable;
 using velto::MutableKeyedBody;
 using velto::ObjectIterator;
 using velto::Tag;

@@ -32,7 +32,10 @@ Class NSURL::classObject() {
 
 NSURL NSURL::URLWithString(const NSString& text) {
   if (!velto::isURLText(text.view())) return nil;
-  return NSURL(URLBody::make(text.copy().giveUp()));
+  NSString own = text.copy();
+  const velto::Value made = URLBody::make(own.value());
+  own.giveUp();
+  return NSURL(made);
 }
 
 NSString NSURL::absoluteString() const {

@@ -50,13 +50,20 @@ NSObject owned(const NSObject& value) {
     }
     case Tag::uuid:
       return NSObject::adopt(UUIDBody::make(static_cast<const UUIDBody&>(body).bytes()));
-    case Tag::url:
-      return NSObject::adopt(URLBody::make(owned(static_cast<const URLBody&>(body).text()).giveUp()));
+    case Tag::url: {
+      NSObject text = owned(static_cast<const URLBody&>(body).text());
+      NSObject made = NSObject::adopt(URLBody::make(text.value()));
+      text.giveUp();
+      return made;
+    }
     case Tag::error: {
       const auto& error = static_cast<const ErrorBody&>(body);
       NSObject domain = owned(error.domain());
       NSObject userInfo = owned(error.userInfo());
-      return NSObject::adopt(ErrorBody::make(domain.giveUp(), error.code(), userInfo.giveUp()));
+      NSObject made = NSObject::adopt(ErrorBody::make(domain.value(), error.code(), userInfo.value()));
+      domain.giveUp();
+      userInfo.giveUp();
+      return made;
     }
     default:
       return value;

@@ -68,7 +68,7 @@ class VELTO_EXPORT Body {
 
   std::atomic<std::uint64_t>& counter() const noexcept {
     if (!isInRegion_) return references_;
-    return *reinterpret_cast<std::atomic<std::uint64_t>*>(references_.load(std::memory_order_relaxed));
+    return *std::bit_cast<std::atomic<std::uint64_t>*>(references_.load(std::memory_order_relaxed));
   }
   static void destroy(const Body& body) noexcept;
 
@@ -103,8 +103,8 @@ class Value {
   constexpr bool isText() const noexcept { return (high_ >> (kTagShift + 4)) == to(Tag::text) >> 4; }
   constexpr std::uint64_t bits() const noexcept { return low_; }
   constexpr std::uint64_t high() const noexcept { return high_; }
-  const Body& body() const noexcept { return *reinterpret_cast<const Body*>(low_); }
-  Body& body() noexcept { return *reinterpret_cast<Body*>(low_); }
+  const Body& body() const noexcept { return *std::bit_cast<const Body*>(low_); }
+  Body& body() noexcept { return *std::bit_cast<Body*>(low_); }
 
   // Of a text in the handle: it lies in this very object, and ends with a NUL.
   const char* text() const noexcept { return reinterpret_cast<const char*>(this); }

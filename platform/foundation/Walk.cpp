@@ -99,7 +99,8 @@ std::size_t hashOfEntries(const NSObject& object, std::size_t levels) {
     const std::size_t key = hashWithin(entries.key(slot), levels - 1);
     hash += entries.stride() == 1 ? key : hashOfWords(key, hashWithin(entries.value(slot), levels - 1));
   }
-  return hash;
+  // Mixed at the end: a sum of sums would not tell which element lies in which of two sets.
+  return hashOfWords(hash, entries.stride());
 }
 
 std::size_t hashWithin(const NSObject& object, std::size_t levels) {

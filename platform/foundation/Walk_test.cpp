@@ -75,6 +75,8 @@ TEST(Walk, TheHashOfContainersTellsThemApart) {
   EXPECT_NE(NSArray({1, 2}).hash(), NSArray({2, 1}).hash());
   EXPECT_NE(NSDictionary({{"a", 1}}).hash(), NSDictionary({{"a", 2}}).hash());
   EXPECT_NE(NSSet({1, 2}).hash(), NSSet({1, 3}).hash());
+  EXPECT_NE((NSSet{NSSet{1, 2}, NSSet{3, 4}}.hash()), (NSSet{NSSet{1, 3}, NSSet{2, 4}}.hash()));
+  EXPECT_NE((NSSet{1, NSSet::setWithObjects({2})}.hash()), (NSSet{2, NSSet::setWithObjects({1})}.hash()));
   EXPECT_EQ(NSDictionary({{"a", 1}, {"b", 2}}).hash(), NSDictionary({{"b", 2.0}, {"a", true}}).hash());
   EXPECT_EQ(NSSet({1, 2}).hash(), NSSet({2, 1}).hash());
   EXPECT_EQ(NSArray({"text"}).hash(),

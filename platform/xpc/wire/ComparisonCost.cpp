@@ -22,7 +22,8 @@ constexpr std::uint64_t lookupFactor(std::uint64_t items) noexcept {
 
 ContainerCost::ContainerCost(std::uint64_t work, std::uint64_t items, bool hasPoorHash) noexcept
     : lookupFactor_(lookupFactor(items)),
-      containerLookupFactor_(lookupFactor_ + std::min<std::uint64_t>(items, kHashedElements)),
+      timesHashed_(std::clamp<std::uint64_t>(items, 1, kHashedElements)),
+      containerLookupFactor_(lookupFactor_ + timesHashed_),
       work_(saturatingSum(work, kContainerWork)),
       hasPoorHash_(hasPoorHash) {}
 
@@ -31,6 +32,7 @@ void ContainerCost::addKey(const ComparisonCost& cost) noexcept {
   if (!cost.hasPoorHash) {
     const std::uint64_t factor = cost.hashedLevels > 0 ? containerLookupFactor_ : lookupFactor_;
     work_ = saturatingSum(work_, saturatingProduct(cost.work, factor));
+    if (cost.hashedLevels > 0) hashing_ = saturatingSum(hashing_, saturatingProduct(cost.work, timesHashed_));
     return;
   }
   work_ = saturatingSum(work_, lookupFactor_);
@@ -39,7 +41,7 @@ void ContainerCost::addKey(const ComparisonCost& cost) noexcept {
 }
 
 std::uint64_t ContainerCost::toMake() const noexcept {
-  return poorKeys_ < 2 ? 0 : saturatingProduct(poorKeys_ - 1, poorKeyWork_);
+  return saturatingSum(hashing_, poorKeys_ < 2 ? 0 : saturatingProduct(poorKeys_ - 1, poorKeyWork_));
 }
 
 ComparisonCost ContainerCost::toCompare() const noexcept {

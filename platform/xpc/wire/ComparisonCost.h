@@ -30,7 +30,8 @@ class ContainerCost {
   // A key of a dictionary, or an element of a set.
   void addKey(const ComparisonCost& cost) noexcept;
 
-  // The comparisons that making the container can take: each key with a poor hash with every other.
+  // What making the container can take: each key with a poor hash is compared with every other, and each other key that
+  // is a container is hashed for every one of a few.
   std::uint64_t toMake() const noexcept;
   // What it costs to compare the container with another of its kind.
   ComparisonCost toCompare() const noexcept;
@@ -43,7 +44,9 @@ class ContainerCost {
 
   std::uint64_t lookupFactor_;
   // A container as a key is hashed, and so is each of a few that it is held against.
+  std::uint64_t timesHashed_;
   std::uint64_t containerLookupFactor_;
+  std::uint64_t hashing_ = 0;
   std::uint64_t work_;
   // The keys with poor hashes alone, and their number.
   std::uint64_t poorKeyWork_ = 0;

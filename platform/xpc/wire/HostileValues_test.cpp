@@ -289,6 +289,22 @@ TEST(HostileValues, SetsOfSetsOfSetsAreBoundedTogether) {
   EXPECT_TRUE(contains(deeper.reason, "comparisons of keys")) << deeper.reason;
 }
 
+TEST(HostileValues, SetsWithinEachOtherAreBoundedTogetherWhereverTheirElementsCome) {
+  // Errors, which all have one hash. One such set may pass, but not another inside of it, whose elements come later.
+  const auto set = [](const Bytes& last) {
+    Bytes bytes = hex("d9 0102 99 0af1");
+    for (unsigned number = 0; number < 0xAF0; ++number) {
+      bytes = std::move(bytes) + hex("d8 1b 84 67 4e534572726f72 60 00 a1 00 19") +
+              Bytes{static_cast<std::uint8_t>(number >> 8), static_cast<std::uint8_t>(number)};
+    }
+    return std::move(bytes) + last;
+  };
+  EXPECT_EQ(decodeBytes(set(hex("00"))).outcome, Outcome::value);
+  const Decoded both = decodeBytes(set(set(hex("00"))));
+  EXPECT_EQ(both.outcome, Outcome::refused);
+  EXPECT_TRUE(contains(both.reason, "comparisons of keys")) << both.reason;
+}
+
 // A container around one object: what stands before it, and behind.
 struct Floor {
   Bytes before;

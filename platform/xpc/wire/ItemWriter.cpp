@@ -8,12 +8,13 @@
 namespace velto::wire {
 namespace {
 
-constexpr std::size_t kFirstBytes = 512;
+constexpr std::size_t kFirstBytes = 256;
 
 }  // namespace
 
 void ItemWriter::grow(std::size_t bytes) {
-  bytes_.resize(std::max({kFirstBytes, 2 * bytes_.size(), written_ + bytes}));
+  // What is cleared is a little; the vector's memory doubles.
+  bytes_.resize(written_ + std::max(bytes, kFirstBytes));
 }
 
 void ItemWriter::addDouble(double value) {

@@ -93,7 +93,7 @@ inline ValueDecoder::Step ValueDecoder::putKeyed(Level& level) {
   const bool isKey = isSet || level.itemsLeft % 2 != 0;
   if (isKey) {
     level.cost.addKey(cost_);
-    if (cost_.hasPoorHash && !mayCompareKeys(level)) return Step::refused;
+    if ((cost_.hasPoorHash || cost_.hashedLevels > 0) && !mayCompareKeys(level)) return Step::refused;
     if (!isSet) {
       level.key = std::exchange(made_, Value());
       return Step::opened;
@@ -204,10 +204,9 @@ Region* ValueDecoder::region() {
 }
 
 void ValueDecoder::take(NSObject object) {
-  made_ = object.value();
   // Not counted by what holds it in the region, but for all of it.
-  if (Region* const region = this->region()) region->keep(made_);
-  object.giveUp();
+  if (Region* const region = this->region()) region->keep(object.value());
+  made_ = object.giveUp();
 }
 
 NSObject ValueDecoder::giveMade() {
@@ -259,6 +258,7 @@ ValueDecoder::Step ValueDecoder::open(Kind kind, std::uint64_t items) {
   made.kind = kind;
   made.hasTwice = false;
   made.itemsLeft = items;
+  made.counted = 0;
   made.key = Value();
   made.domain = Value();
   // The hash of an error does not regard its user info, and that of a coded object is its class's affair.
@@ -276,7 +276,6 @@ ValueDecoder::Step ValueDecoder::open(Kind kind, std::uint64_t items) {
 ValueDecoder::Step ValueDecoder::close() {
   const Level& level = top();
   if (level.kind == Kind::coded) return closeCoded();
-  comparisons_ = saturatingSum(comparisons_, level.cost.toMake());
   if (level.hasTwice) return breakOff("a key of a dictionary, or an element of a set, that comes twice");
   cost_ = level.cost.toCompare();
   if (level.kind == Kind::array) {
@@ -296,11 +295,13 @@ bool ValueDecoder::isTooDeep() {
   return true;
 }
 
-// Asked before a key with a poor hash is held against those that are there.
-bool ValueDecoder::mayCompareKeys(const Level& level) {
-  const std::uint64_t comparisons = saturatingSum(comparisons_, level.cost.toMake());
-  if (comparisons <= limits::kMaximumKeyComparisons) return true;
-  refuseOverLimit("comparisons of keys", comparisons, limits::kMaximumKeyComparisons);
+// Asked before a key that is dear to find is held against those that are there.
+bool ValueDecoder::mayCompareKeys(Level& level) {
+  const std::uint64_t cost = level.cost.toMake();
+  comparisons_ = saturatingSum(comparisons_, cost - level.counted);
+  level.counted = cost;
+  if (comparisons_ <= limits::kMaximumKeyComparisons) return true;
+  refuseOverLimit("comparisons of keys", comparisons_, limits::kMaximumKeyComparisons);
   return false;
 }
 

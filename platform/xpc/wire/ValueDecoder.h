@@ -66,6 +66,8 @@ class ValueDecoder {
     // A key or an element came twice: breaks the protocol, once all of the container has been read.
     bool hasTwice;
     std::uint64_t itemsLeft;
+    // What its keys have cost so far, which is in the comparisons of the frame.
+    std::uint64_t counted;
     union {
       ArrayBody* array;
       KeyedBody* keyed;
@@ -126,7 +128,7 @@ class ValueDecoder {
   bool failRead();
   bool expect(Item::Type type, Item& item, const char* what);
   bool isTooDeep();
-  bool mayCompareKeys(const Level& level);
+  bool mayCompareKeys(Level& level);
   Step refuse(std::string reason);
   Step refuseOverLimit(std::string_view limit, std::uint64_t value, std::uint64_t maximum);
   Step refuseClass(std::string_view name);

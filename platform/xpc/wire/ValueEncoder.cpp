@@ -245,9 +245,8 @@ bool ValueEncoder::encodePairs(const NSObject& dictionary) {
   std::size_t written = 0;
   const ObjectIterator end(dictionary, ObjectIterator::Place::end);
   for (ObjectIterator each(dictionary, ObjectIterator::Place::begin); each != end; ++each) {
-    const NSObject key = *each;
     const NSObject value = (&*each)[1];
-    if (!encode(key) || !encode(value)) return false;
+    if (!encode(NSObject(*each)) || !encode(value)) return false;
     ++written;
   }
   return written == count || refuse(kChanged);
