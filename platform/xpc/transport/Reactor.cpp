@@ -272,6 +272,7 @@ bool Reactor::startWorker() noexcept {
     MutexLock lock(mutex_);
     if (threads_ >= kMaximumThreads || Clock::now() < refusedUntil_) return false;
     ++threads_;
+    ++starting_;
   }
   // Counted as waiting from here on: whoever asks next need not start another.
   waiting_.fetch_add(1);
@@ -284,8 +285,15 @@ bool Reactor::startWorker() noexcept {
     threadWasRefused(error);
     return false;
   }
-  MutexLock lock(mutex_);
-  saidRefused_ = false;
+  bool leavesMore = false;
+  {
+    MutexLock lock(mutex_);
+    --starting_;
+    saidRefused_ = false;
+    leavesMore = hasScheduled();
+  }
+  // Until now the thread did not count as one that stands by: who has looked meanwhile may have left something.
+  if (leavesMore) wakeOne();
   return true;
 }
 
@@ -294,6 +302,7 @@ void Reactor::threadWasRefused(int error) noexcept {
   {
     MutexLock lock(mutex_);
     --threads_;
+    --starting_;
     refusedUntil_ = Clock::now() + kPauseAfterRefusal;
     says = !std::exchange(saidRefused_, true);
   }
@@ -415,7 +424,9 @@ bool Reactor::isCrowded() const {
 // An ordinary queue takes a thread only if enough are left, or no further one can be had and nobody else is in a
 // callback: then there is no choice.
 Reactor::Seat Reactor::takeSeat(bool urgent, bool canGrow) {
-  const std::size_t others = threads_ - inOrdinary_ - inUrgent_ - 1;
+  // A thread that the kernel may still refuse is none.
+  const std::size_t taken = inOrdinary_ + inUrgent_ + 1 + starting_;
+  const std::size_t others = threads_ > taken ? threads_ - taken : 0;
   if (!urgent && inOrdinary_ >= limits::kMaximumWorkers) return Seat::none;
   // For a single one the thread that reads can do what is urgent, too.
   if (others < (urgent || inOrdinary_ == 0 ? 1 : kStandBy)) {

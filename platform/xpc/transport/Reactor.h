@@ -136,6 +136,8 @@ class Reactor final : public QueueRunner {
   bool endedIsNext_ VELTO_GUARDED_BY(mutex_) = false;
   // All threads, and those that have a seat, ordinary or urgent.
   std::size_t threads_ VELTO_GUARDED_BY(mutex_) = 0;
+  // Of them, those that the kernel has not granted yet.
+  std::size_t starting_ VELTO_GUARDED_BY(mutex_) = 0;
   std::size_t inOrdinary_ VELTO_GUARDED_BY(mutex_) = 0;
   std::size_t inUrgent_ VELTO_GUARDED_BY(mutex_) = 0;
   // Of those in an ordinary queue, how many sleep; and how many queues may take a thread although as many are awake as
