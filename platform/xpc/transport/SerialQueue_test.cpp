@@ -198,6 +198,8 @@ TEST(SerialQueue, ASleeperThatWakesDoesNotWaitForEverForOneThatNeedsALockOfIts) 
   });
   sleeper.queue->letOvertake();
   EXPECT_EQ(sleeper.events.waitFor(3), (std::vector<std::string>{"sleeps", "woke", "overtaker has the lock"}));
+  // It has let go of it, too.
+  const std::lock_guard last(ofTheUser);
 }
 
 }  // namespace
