@@ -339,7 +339,7 @@ void Play::callWithAnything(Link& link, const char* selector, Bytes arguments) {
   frame.body.assign(arguments.begin(), arguments.end());
   wire::ValueDecoder decoder(frame);
   NSObject name;
-  if (decoder.next(strings, name) == wire::ValueDecoder::Outcome::value && decoder.atEnd() && name) {
+  if (decoder.next(strings, name) == wire::ValueDecoder::Outcome::value && decoder.atEnd() && !name.isNil()) {
     names_.erase(name.stringValue());
   }
 }

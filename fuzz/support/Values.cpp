@@ -101,7 +101,7 @@ void walk(const NSObject& value, const std::function<void(const NSObject&)>& vis
     for (const NSObject& key : error.userInfo()) walk(key, visit);
     for (const NSObject& each : values) walk(each, visit);
   }
-  if (const auto box = value.as<Box>()) walk(box.contents(), visit);
+  if (const auto box = value.as<Box>(); !box.isNil()) walk(box.contents(), visit);
   if (const auto anchor = value.as<VKTLogAnchor>()) {
     walk(NSDictionary{{"file", anchor.file()}, {"line", anchor.line()}, {"function", anchor.function()}}, visit);
   }
