@@ -1,5 +1,4 @@
-// The value classes as a small number each: encoder and decoder ask for the class of every object, so the question is a
-// walk over a short table of addresses, made once.
+// The value classes as a small number each: encoder and decoder ask for the class of every object.
 
 #include "platform/xpc/wire/PlainClass.h"
 
@@ -8,55 +7,15 @@
 #include "platform/foundation/Foundation.h"
 
 namespace velto::wire {
-namespace {
 
-constexpr std::size_t kMutableClasses = 5;
-
-struct Entry {
-  const ClassBody* body;
-  PlainClass plain;
-};
-using Table = std::array<Entry, kPlainClasses + kMutableClasses>;
-
-template <class T>
-Entry entry(PlainClass plain) {
-  return {T::classObject().classBody(), plain};
-}
-
-// In the order of the enumeration, then the mutable ones.
-const Table& table() noexcept {
-  static const Table made{entry<NSString>(PlainClass::string),
-                          entry<NSNumber>(PlainClass::number),
-                          entry<NSDictionary>(PlainClass::dictionary),
-                          entry<NSArray>(PlainClass::array),
-                          entry<NSData>(PlainClass::data),
-                          entry<NSDate>(PlainClass::date),
-                          entry<NSNull>(PlainClass::null),
-                          entry<NSSet>(PlainClass::set),
-                          entry<NSUUID>(PlainClass::uuid),
-                          entry<NSURL>(PlainClass::url),
-                          entry<NSError>(PlainClass::error),
-                          entry<NSMutableDictionary>(PlainClass::dictionary),
-                          entry<NSMutableArray>(PlainClass::array),
-                          entry<NSMutableString>(PlainClass::string),
-                          entry<NSMutableData>(PlainClass::data),
-                          entry<NSMutableSet>(PlainClass::set)};
-  return made;
-}
-
-}  // namespace
-
+// In the order of the enumeration.
 const ClassBody& classBodyOf(PlainClass plain) noexcept {
-  return *table()[static_cast<std::size_t>(plain)].body;
-}
-
-bool findPlainClass(const ClassBody& body, PlainClass& plain) noexcept {
-  for (const Entry& each : table()) {
-    if (each.body != &body) continue;
-    plain = each.plain;
-    return true;
-  }
-  return false;
+  static const std::array<const ClassBody*, kPlainClasses> made{
+      &velto::classBodyOf<NSString>(), &velto::classBodyOf<NSNumber>(), &velto::classBodyOf<NSDictionary>(),
+      &velto::classBodyOf<NSArray>(),  &velto::classBodyOf<NSData>(),   &velto::classBodyOf<NSDate>(),
+      &velto::classBodyOf<NSNull>(),   &velto::classBodyOf<NSSet>(),    &velto::classBodyOf<NSUUID>(),
+      &velto::classBodyOf<NSURL>(),    &velto::classBodyOf<NSError>()};
+  return *made[static_cast<std::size_t>(plain)];
 }
 
 }  // namespace velto::wire

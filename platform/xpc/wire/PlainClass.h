@@ -13,7 +13,5 @@ inline constexpr std::size_t kPlainClasses = 11;
 
 // The immutable class.
 const ClassBody& classBodyOf(PlainClass plain) noexcept;
-// Finds exactly this class, not one that it derives from: false when it is none of them.
-bool findPlainClass(const ClassBody& body, PlainClass& plain) noexcept;
 
 }  // namespace velto::wire
