@@ -39,26 +39,30 @@ class FewThreads final : public system::SystemCalls {
   std::atomic<int> waits{0};
 };
 
-// A queue whose first task sleeps until the end of the queue is told, which a later task does.
+// A queue whose first task sleeps until the end of the queue is told, which a later task does. What the tasks use lives
+// as long as they do: the one that ends it may still be leaving when everybody has woken.
 struct Sleeper {
+  struct State {
+    const NSCondition condition = NSCondition::condition();
+    bool ended = false;
+  };
   const std::shared_ptr<SerialQueue> queue = Reactor::shared().makeQueue();
-  const NSCondition condition = NSCondition::condition();
-  bool ended = false;
+  const std::shared_ptr<State> state = std::make_shared<State>();
 
   void sleep(Inbox<std::string>& events) {
-    queue->add([this, &events] {
+    queue->add([state = state, &events] {
       events.put("begins");
       if (!Reactor::shared().mayLinger()) return events.put("left undone");
-      const ConditionLock lock(condition);
-      while (!ended) condition.wait();
+      const ConditionLock lock(state->condition);
+      while (!state->ended) state->condition.wait();
       events.put("woke");
     });
   }
   void end() {
-    queue->add([this] {
-      const ConditionLock lock(condition);
-      ended = true;
-      condition.signal();
+    queue->add([state = state] {
+      const ConditionLock lock(state->condition);
+      state->ended = true;
+      state->condition.signal();
     });
     queue->letOvertake();
   }
