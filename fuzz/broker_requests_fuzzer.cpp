@@ -147,12 +147,10 @@ void addName(wire::ItemWriter& writer, const Name& name) {
   name.isNil ? writer.addUndefined() : writer.addText(name.text);
 }
 
-std::vector<std::uint8_t> written(const std::function<void(wire::ItemWriter&)>& write) {
-  std::vector<std::uint8_t> bytes;
-  wire::ItemWriter writer(bytes);
+wire::ByteBuffer written(const std::function<void(wire::ItemWriter&)>& write) {
+  wire::ItemWriter writer;
   write(writer);
-  writer.finish();
-  return bytes;
+  return writer.finish();
 }
 
 Link& Play::linkAt(unsigned slot) {

@@ -42,6 +42,20 @@ TEST_F(ClientMessaging, ASendWithoutHandlerSucceedsAndItsReplyIsIgnored) {
   EXPECT_TRUE(pair.client.delegate->errors().empty());
 }
 
+TEST_F(ClientMessaging, AMessageOfManyLargePiecesArrivesAsItWasSent) {
+  Pair pair;
+  pair.server.delegate->echo();
+  std::vector<NSObject> pieces;
+  for (std::size_t number = 0; number < 100; ++number) {
+    pieces.emplace_back(NSData(std::vector<std::uint8_t>(20'000 + number, static_cast<std::uint8_t>(number))));
+    pieces.emplace_back(number);
+  }
+  const NSDictionary message{{"pieces", NSArray::arrayWithObjects(std::move(pieces))},
+                             {"data", NSData(std::vector<std::uint8_t>(1 << 20, 9))},
+                             {"text", std::string(100'000, 't')}};
+  EXPECT_EQ(pair.client.connection->sendMessageSync(message, 20.0), message);
+}
+
 TEST_F(ClientMessaging, ADateFailsWhileTypesAreStrict) {
   Pair pair;
   pair.server.delegate->echo();

@@ -13,7 +13,8 @@
 
 namespace velto {
 
-// Bytes that never change: a copy that follows, or somebody else's, who is told at the end.
+// Bytes that never change: a copy that follows, or bytes elsewhere, with what is to be called at the end. Those are the
+// platform's own, or lent by a user, whose code is called then.
 class DataBody final : public Body {
  public:
   // The words of a handle that owns it.
@@ -21,24 +22,33 @@ class DataBody final : public Body {
     return Value(*new (allocateBody(sizeof(DataBody) + bytes.size(), region)) DataBody(bytes, region));
   }
   static Value borrow(const void* bytes, std::size_t length, std::function<void()> deleter) {
-    constexpr std::size_t kSize = sizeof(DataBody) + sizeof(std::function<void()>);
-    return Value(*new (allocateBody(kSize, nullptr)) DataBody(bytes, length, std::move(deleter)));
+    return make(bytes, length, std::move(deleter), false);
+  }
+  static Value lend(const void* bytes, std::size_t length, std::function<void()> deleter) {
+    return make(bytes, length, std::move(deleter), true);
   }
 
   std::span<const std::uint8_t> bytes() const noexcept { return {bytes_, length_}; }
   bool isBorrowed() const noexcept { return bytes_ != reinterpret_cast<const std::uint8_t*>(this + 1); }
+  bool isLent() const noexcept { return isLent_; }
   void dismantle() const noexcept;
 
  private:
+  static Value make(const void* bytes, std::size_t length, std::function<void()> deleter, bool isLent) {
+    constexpr std::size_t kSize = sizeof(DataBody) + sizeof(std::function<void()>);
+    return Value(*new (allocateBody(kSize, nullptr)) DataBody(bytes, length, std::move(deleter), isLent));
+  }
   DataBody(std::span<const std::uint8_t> bytes, Region* region) noexcept
       : Body(Tag::data, region), bytes_(reinterpret_cast<const std::uint8_t*>(this + 1)), length_(bytes.size()) {
     if (length_ > 0) std::memcpy(static_cast<void*>(this + 1), bytes.data(), length_);
   }
-  DataBody(const void* bytes, std::size_t length, std::function<void()> deleter) noexcept
-      : Body(Tag::data, nullptr), bytes_(static_cast<const std::uint8_t*>(bytes)), length_(length) {
+  DataBody(const void* bytes, std::size_t length, std::function<void()> deleter, bool isLent) noexcept
+      : Body(Tag::data, nullptr), isLent_(isLent), bytes_(static_cast<const std::uint8_t*>(bytes)), length_(length) {
     new (this + 1) std::function<void()>(std::move(deleter));
   }
 
+  // First: it finds room in the base.
+  const bool isLent_ = false;
   const std::uint8_t* const bytes_;
   const std::size_t length_;
 };

@@ -61,7 +61,7 @@ NSData NSData::dataWithVector(std::vector<std::uint8_t> bytes) {
 }
 
 NSData NSData::dataWithBytesNoCopy(const void* bytes, std::size_t length, std::function<void()> deleter) {
-  return NSData(DataBody::borrow(spanOf(bytes, length).data(), length, std::move(deleter)));
+  return NSData(DataBody::lend(spanOf(bytes, length).data(), length, std::move(deleter)));
 }
 
 const std::uint8_t* NSData::bytes() const noexcept {

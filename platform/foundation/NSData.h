@@ -29,7 +29,7 @@ class VELTO_EXPORT NSData : public NSObject {
   // Takes the vector over; nothing is copied.
   static NSData dataWithVector(std::vector<std::uint8_t> bytes);
   // Borrows: the bytes stay where they are and must not change until `deleter` is called, once, on whichever thread
-  // lets go of the data last. It raises nothing.
+  // lets go of the data last. It raises nothing. A message that holds the data takes a copy of it.
   static NSData dataWithBytesNoCopy(const void* bytes, std::size_t length, std::function<void()> deleter);
   // Maps `length` bytes of a sealed memfd for reading; a length of 0 maps nothing and makes empty data. The descriptor
   // is borrowed for the call only. nil and `*error` (domain "org.velto.platform", code = errno) when it cannot be

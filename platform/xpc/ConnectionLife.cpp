@@ -381,7 +381,7 @@ std::size_t ConnectionCore::dropLeftovers() {
 
 void ConnectionCore::dropCalls() {
   for (const wire::Frame& frame : arrivedCalls_) {
-    undelivered_.bytes -= frame.body.size();
+    undelivered_.bytes -= frame.size();
     arrivedDescriptors_ -= frame.descriptors.size();
   }
   undelivered_.calls -= arrivedCalls_.size();

@@ -34,7 +34,7 @@ void ConnectionCore::callArrived(wire::Frame frame) {
     MutexLock lock(mutex_);
     if (silenced_) return;
     isClaimable = keepClaimable(frame, claimable_.byCalls);
-    undelivered_.bytes += frame.body.size();
+    undelivered_.bytes += frame.size();
     undelivered_.calls += 1;
     account = undelivered_;
     arrivedDescriptors_ += frame.descriptors.size();
@@ -97,7 +97,7 @@ void ConnectionCore::deliver() {
         core.giveUp();
       }
     }
-  } giveBackAtEnd{*this, frame.body.size()};
+  } giveBackAtEnd{*this, frame.size()};
   bool hasEnded = false;
   {
     MutexLock lock(mutex_);
@@ -141,7 +141,7 @@ void ConnectionCore::dispatch(const wire::Frame& frame, bool& called) {
 bool ConnectionCore::decodeArguments(const wire::Frame& frame, const NSXPCInterface& interface, const Method& method,
                                      const wire::CallHeader& header, wire::ValueDecoder& decoder,
                                      std::vector<NSObject>& arguments) {
-  const transport::LongWork turn(frame.body.size());
+  const transport::LongWork turn(frame.size());
   for (std::size_t index = 0; index < arguments.size(); ++index) {
     auto outcome = decoder.next(interface.admitted(method, index, false), arguments[index]);
     std::string reason = decoder.reason();
@@ -230,6 +230,7 @@ void ConnectionCore::sendReply(std::uint64_t identifier, const Method& method, c
   wire::ValueEncoder encoder(wire::FrameType::reply);
   encoder.addUnsigned(identifier);
   encoder.add(value);
+  encoder.finish();
   std::string reason = encoder.reason();
   std::uint64_t code = encoder.exceededLimit() ? wire::kLimitExceeded : wire::kReplyRefused;
   if (!encoder.failed()) {

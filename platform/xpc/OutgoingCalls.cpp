@@ -11,7 +11,7 @@ namespace velto::xpc {
 void OutgoingCalls::add(OutgoingCall&& call, wire::Frame&& frame) {
   const std::uint64_t identifier = call.identifier;
   const bool wantsReply = static_cast<bool>(call.reply);
-  const std::size_t bytes = frame.body.size();
+  const std::size_t bytes = frame.size();
   waiting_.push_back({identifier, std::move(frame)});
   try {
     calls_.emplace(identifier, std::move(call));
@@ -25,7 +25,7 @@ void OutgoingCalls::add(OutgoingCall&& call, wire::Frame&& frame) {
 
 std::optional<OutgoingCalls::Sendable> OutgoingCalls::takeSendable() {
   if (waiting_.empty() || uncredited_.size() >= windowCalls_) return std::nullopt;
-  const std::size_t bytes = waiting_.front().frame.body.size();
+  const std::size_t bytes = waiting_.front().frame.size();
   if (usedBytes_ + bytes > windowBytes_) return std::nullopt;
   Sendable sendable{waiting_.front().identifier, std::move(waiting_.front().frame)};
   waiting_.pop_front();
@@ -76,7 +76,7 @@ std::vector<OutgoingCalls::Refused> OutgoingCalls::takeRefused(
   std::erase_if(waiting_, [&](const Waiting& waiting) {
     std::string objection = objectionTo(waiting.frame);
     if (objection.empty()) return false;
-    waitingBytes_ -= waiting.frame.body.size();
+    waitingBytes_ -= waiting.frame.size();
     if (auto call = take(waiting.identifier)) refused.push_back({std::move(*call), std::move(objection)});
     return true;
   });

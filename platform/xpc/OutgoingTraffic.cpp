@@ -31,7 +31,7 @@ struct DecodedReply {
 
 DecodedReply decodeReply(const NSXPCInterface& interface, const Method& method, const wire::Frame& frame) {
   DecodedReply reply;
-  const transport::LongWork turn(frame.body.size());
+  const transport::LongWork turn(frame.size());
   wire::ValueDecoder decoder(frame);
   decoder.nextUnsigned();
   reply.outcome = decoder.next(interface.admitted(method, 0, true), reply.value);
@@ -56,6 +56,7 @@ void ConnectionCore::call(const Method& method, std::vector<NSObject> arguments,
     encoder.add(arguments[index]);
     if (encoder.failed()) where = "argument " + std::to_string(index) + ": ";
   }
+  encoder.finish();
   if (encoder.failed()) {
     const auto code = encoder.exceededLimit() ? NSXPCLimitExceeded : NSXPCCallRefused;
     return postNotSent(errorHandler, method, makeError(code, where + encoder.reason()));
@@ -87,7 +88,7 @@ NSError ConnectionCore::refusalToKeep(const wire::Frame& frame, bool wantsReply)
     return makeError(NSXPCLimitExceeded, overLimit("calls that wait for their replies", outgoing_.pendingReplies() + 1,
                                                    limits::kPendingReplies));
   }
-  const std::size_t bytes = frame.body.size();
+  const std::size_t bytes = frame.size();
   const std::size_t waiting = outgoing_.waitingBytes() + (channel_ ? channel_->waitingBytes() : 0);
   if (waiting + bytes > limits::kWaitingBytes) {
     return makeError(NSXPCLimitExceeded,
@@ -97,15 +98,15 @@ NSError ConnectionCore::refusalToKeep(const wire::Frame& frame, bool wantsReply)
 }
 
 std::string ConnectionCore::overPeerLimits(const wire::Frame& frame) {
-  if (frame.body.size() > peerMaximumBytes_) {
-    return overLimit("bytes of a frame to this peer", frame.body.size(), peerMaximumBytes_);
+  if (frame.size() > peerMaximumBytes_) {
+    return overLimit("bytes of a frame to this peer", frame.size(), peerMaximumBytes_);
   }
   if (frame.descriptors.size() > peerMaximumDescriptors_) {
     return overLimit("descriptors of a frame to this peer", frame.descriptors.size(), peerMaximumDescriptors_);
   }
   if (frame.type != wire::FrameType::call) return {};
-  if (frame.body.size() > outgoing_.windowBytes()) {
-    return overLimit("bytes of a call that this peer keeps", frame.body.size(), outgoing_.windowBytes());
+  if (frame.size() > outgoing_.windowBytes()) {
+    return overLimit("bytes of a call that this peer keeps", frame.size(), outgoing_.windowBytes());
   }
   return outgoing_.windowCalls() == 0 ? overLimit("calls that this peer keeps", 1, 0) : std::string();
 }
@@ -125,7 +126,7 @@ void ConnectionCore::sendWaiting() {
 std::size_t ConnectionCore::sendControl(wire::Frame frame) {
   MutexLock lock(mutex_);
   if (!channel_ || phase_ != Phase::open) return 0;
-  const std::size_t waiting = channel_->waitingBytes() + frame.body.size();
+  const std::size_t waiting = channel_->waitingBytes() + frame.size();
   if (waiting > limits::kWaitingBytes) return waiting;
   channel_->send(std::move(frame));
   return 0;
@@ -234,7 +235,7 @@ void ConnectionCore::replyArrived(wire::Frame frame) {
     if (call && call->reply.neverBlocks) {
       here = ArrivedReply{std::move(*call), std::move(frame)};
     } else if (call) {
-      undeliveredReplyBytes_ += frame.body.size();
+      undeliveredReplyBytes_ += frame.size();
       arrivedDescriptors_ += frame.descriptors.size();
       arrivedReplies_.push_back({std::move(*call), std::move(frame)});
       stateArrived();
@@ -264,7 +265,7 @@ void ConnectionCore::deliverReply() {
     reply = std::move(arrivedReplies_.front());
     arrivedReplies_.pop_front();
     if (reply.frame) {
-      undeliveredReplyBytes_ -= reply.frame->body.size();
+      undeliveredReplyBytes_ -= reply.frame->size();
       arrivedDescriptors_ -= reply.frame->descriptors.size();
     }
     stateArrived();
@@ -278,7 +279,7 @@ void ConnectionCore::deliverReply() {
 
 // The reply block never blocks, but what a peer sends may take its time to be read.
 void ConnectionCore::finishOnReader(const OutgoingCall& call, const wire::Frame& frame) {
-  if (frame.body.size() >= kMayTakeLong) transport::Reactor::shared().standIn();
+  if (frame.size() >= kMayTakeLong) transport::Reactor::shared().standIn();
   try {
     finishCall(call, frame);
   } catch (const std::exception& exception) {

@@ -54,6 +54,7 @@ NSDictionary richValue(std::size_t textBytes = 100) {
 wire::Frame encoded(const NSObject& value) {
   wire::ValueEncoder encoder(wire::FrameType::call);
   encoder.add(value);
+  encoder.finish();
   return encoder.failed() ? wire::Frame{} : encoder.take();
 }
 
@@ -72,14 +73,16 @@ TEST(Allocation, OfDataAndTextThatFailsLeavesNothingBehind) {
 }
 
 TEST(Allocation, WhileEncodingThatFailsLeavesNothingBehind) {
-  const NSDictionary value = richValue();
-  const wire::Frame whole = encoded(value);
-  EXPECT_GT(failEachAllocationOf([&] {
-              const wire::Frame frame = encoded(value);
-              EXPECT_TRUE(frame.body.empty() || frame.body == whole.body);
-            }),
-            1u);
-  EXPECT_EQ(encoded(value).body, whole.body);
+  for (const std::size_t textBytes : {100u, 5000u, 50'000u}) {
+    const NSDictionary value = richValue(textBytes);
+    const wire::Frame whole = encoded(value);
+    EXPECT_GT(failEachAllocationOf([&] {
+                const wire::Frame frame = encoded(value);
+                EXPECT_TRUE(frame.body.empty() || frame.body == whole.body);
+              }),
+              0u);
+    EXPECT_EQ(encoded(value).body, whole.body);
+  }
 }
 
 TEST(Allocation, WhileDecodingThatFailsIsNeverABrokenStream) {

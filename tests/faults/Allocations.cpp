@@ -1,5 +1,5 @@
-// The operators new and delete of this program. They belong to the whole program, but only the thread that asks for it
-// is counted against.
+// The operators new and delete of this program, and the realloc() and free() that its objects call. They belong to the
+// whole program, but only the thread that asks for it is counted against.
 
 #include "tests/faults/Allocations.h"
 
@@ -27,8 +27,8 @@ void* allocate(std::size_t bytes) noexcept {
   return made;
 }
 
+// Counted below.
 void free(void* bytes) noexcept {
-  if (bytes != nullptr) --live;
   std::free(bytes);
 }
 
@@ -52,6 +52,26 @@ std::ptrdiff_t liveAllocations() noexcept {
 }
 
 }  // namespace velto::testing
+
+// The linker puts these between the program's objects and the C library.
+extern "C" {
+void* __real_realloc(void* bytes, std::size_t size);
+void __real_free(void* bytes);
+void* __wrap_realloc(void* bytes, std::size_t size);
+void __wrap_free(void* bytes);
+
+void* __wrap_realloc(void* bytes, std::size_t size) {
+  using namespace velto::testing;
+  if (fails()) return nullptr;
+  void* const made = __real_realloc(bytes, size);
+  if (made != nullptr && bytes == nullptr) ++live;
+  return made;
+}
+void __wrap_free(void* bytes) {
+  if (bytes != nullptr) --velto::testing::live;
+  __real_free(bytes);
+}
+}
 
 void* operator new(std::size_t bytes) {
   void* const made = velto::testing::allocate(bytes);

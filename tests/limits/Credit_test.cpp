@@ -137,7 +137,7 @@ TEST_F(Credit, AsManyBytesOfRepliesAsMayBeKeptAreKeptAndOneMoreCutsThePeerOff) {
     wire::Frame frame = encoder.take();
     // A dictionary of one string of as many bytes as are missing.
     const std::size_t text = bytes - frame.body.size() - 8;
-    frame.body.insert(frame.body.end(), {0xa1, 0x61, 'd', 0x5a});
+    frame.body.append(std::array<std::uint8_t, 4>{0xa1, 0x61, 'd', 0x5a});
     for (int shift = 24; shift >= 0; shift -= 8) frame.body.push_back(static_cast<std::uint8_t>(text >> shift));
     frame.body.resize(bytes);
     return frame;

@@ -150,7 +150,7 @@ std::size_t bodyBytes(std::uint64_t identifier, const NSDictionary& message, boo
   encoder.add(NSString(kIdentifier));
   encoder.add(message);
   EXPECT_FALSE(encoder.failed()) << encoder.reason();
-  return encoder.failed() ? 0 : encoder.take().body.size();
+  return encoder.failed() ? 0 : encoder.take().size();
 }
 
 NSDictionary dataOf(std::size_t bytes) {

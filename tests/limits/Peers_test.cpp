@@ -110,7 +110,7 @@ wire::Frame callOf(const std::string& selector) {
   frame.type = wire::FrameType::call;
   frame.body = {0x01, 0x79, static_cast<std::uint8_t>(selector.size() >> 8),
                 static_cast<std::uint8_t>(selector.size() & 0xff)};
-  frame.body.insert(frame.body.end(), selector.begin(), selector.end());
+  frame.body.append({reinterpret_cast<const std::uint8_t*>(selector.data()), selector.size()});
   frame.body.push_back(0xf4);
   return frame;
 }
@@ -128,7 +128,7 @@ wire::Frame refusalOf(std::size_t bytes) {
   wire::Frame frame;
   frame.type = wire::FrameType::refusal;
   frame.body = {0x01, 0x02, 0x79, static_cast<std::uint8_t>(bytes >> 8), static_cast<std::uint8_t>(bytes & 0xff)};
-  frame.body.insert(frame.body.end(), bytes, 'r');
+  frame.body.append(std::vector<std::uint8_t>(bytes, 'r'));
   return frame;
 }
 

@@ -9,6 +9,7 @@
 #include <poll.h>
 
 #include "platform/xpc/system/SystemCalls.h"
+#include "platform/xpc/testing/Frames.h"
 #include "platform/xpc/transport/DescriptorMessage.h"
 #include "tests/support/Waiting.h"
 
@@ -96,7 +97,7 @@ wire::Frame callFrame(std::uint64_t identifier, const NSObject& message, bool wa
   encoder.add(NSString("raw"));
   encoder.add(message);
   EXPECT_FALSE(encoder.failed()) << encoder.reason();
-  return encoder.take();
+  return inOnePiece(encoder.take());
 }
 
 wire::Frame callFrameAround(std::uint64_t identifier, const std::vector<std::uint8_t>& value, bool wantsReply) {
@@ -104,7 +105,7 @@ wire::Frame callFrameAround(std::uint64_t identifier, const std::vector<std::uin
   wire::encodeCallHeader(encoder, {identifier, kSelector, wantsReply});
   encoder.add(NSString("raw"));
   auto frame = encoder.take();
-  frame.body.insert(frame.body.end(), value.begin(), value.end());
+  frame.body.append(value);
   return frame;
 }
 

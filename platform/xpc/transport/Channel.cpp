@@ -37,16 +37,6 @@ bool isPassing(int error) {
   return error == ENOBUFS || error == ENOMEM || error == ETOOMANYREFS;
 }
 
-// What waits takes no more memory than it needs: encoding leaves as much again unused.
-void releaseUnused(std::vector<std::uint8_t>& body) {
-  if (body.capacity() - body.size() < body.size() / 4) return;
-  try {
-    body.shrink_to_fit();
-  } catch (const std::bad_alloc&) {
-    // It stays as it is.
-  }
-}
-
 bool meansGone(int error) {
   return error == EPIPE || error == ECONNRESET || error == ENOTCONN;
 }
@@ -65,6 +55,34 @@ Channel::~Channel() {
   holding_->setDescriptors(Holding::Place::input, 0);
 }
 
+Channel::Output::Output(wire::Frame sent) : frame(std::move(sent)) {
+  const std::size_t size = frame.size();
+  header = wire::FrameHeader{static_cast<std::uint32_t>(size), frame.type,
+                             static_cast<std::uint16_t>(frame.descriptors.size())}
+               .encode();
+  remaining = header.size() + size;
+}
+
+bool Channel::Output::gather(std::span<iovec> parts, std::size_t& count) const noexcept {
+  std::size_t written = header.size() + frame.size() - remaining;
+  const auto add = [&](std::span<const std::uint8_t> piece) {
+    const std::size_t skipped = std::min(written, piece.size());
+    written -= skipped;
+    if (skipped == piece.size()) return true;
+    if (count == parts.size()) return false;
+    parts[count++] = {const_cast<std::uint8_t*>(piece.data() + skipped), piece.size() - skipped};
+    return true;
+  };
+  const std::span<const std::uint8_t> body(frame.body);
+  std::size_t position = 0;
+  if (!add(header)) return false;
+  for (const wire::Enclosure& each : frame.enclosures) {
+    if (!add(body.subspan(position, each.position - position)) || !add(each.bytes)) return false;
+    position = each.position;
+  }
+  return add(body.subspan(position));
+}
+
 bool Channel::start() {
   MutexLock lock(mutex_);
   // Whoever sent before this may have closed it, or filled it.
@@ -77,17 +95,13 @@ std::uint64_t Channel::send(wire::Frame frame) {
   MutexLock lock(mutex_);
   const std::uint64_t number = ++sent_;
   if (!socket_ || outputBroken_ || finishing_) return number;
-  Output output;
-  output.header = wire::FrameHeader{static_cast<std::uint32_t>(frame.body.size()), frame.type,
-                                    static_cast<std::uint16_t>(frame.descriptors.size())}
-                      .encode();
-  output.body = std::move(frame.body);
-  output.descriptors = std::move(frame.descriptors);
-  waitingBytes_ += output.remaining();
+  Output output(std::move(frame));
+  waitingBytes_ += output.remaining;
   const bool mustWait = !output_.empty();
   output_.push_back(std::move(output));
   if (!mustWait) writeQueued();
-  if (!output_.empty()) releaseUnused(output_.back().body);
+  // What waits takes no more memory than it needs: encoding leaves as much again unused.
+  if (!output_.empty()) output_.back().frame.body.releaseUnused();
   stateOutput();
   return number;
 }
@@ -307,15 +321,13 @@ Channel::Attempt Channel::writeOnce() {
   std::array<iovec, 2 * kGatheredFrames> parts;
   std::size_t count = 0;
   const Output& first = output_.front();
-  for (Output& output : output_) {
+  for (const Output& output : output_) {
     // Descriptors go with the first byte of a write: a frame that carries some must begin one.
-    if (count == parts.size() || (&output != &first && !output.descriptors.empty())) break;
-    const std::size_t ofHeader = std::min(output.written, output.header.size());
-    const std::size_t ofBody = output.written - ofHeader;
-    parts[count++] = {output.header.data() + ofHeader, output.header.size() - ofHeader};
-    parts[count++] = {output.body.data() + ofBody, output.body.size() - ofBody};
+    if (&output != &first && !output.frame.descriptors.empty()) break;
+    if (!output.gather(parts, count)) break;
   }
-  const auto& descriptors = first.written == 0 ? first.descriptors : std::vector<system::SharedDescriptor>();
+  const bool isBegun = first.remaining < first.header.size() + first.frame.size();
+  const auto& descriptors = isBegun ? std::vector<system::SharedDescriptor>() : first.frame.descriptors;
   const ssize_t written = sendWithDescriptors(socket_->get(), {parts.data(), count}, descriptors);
   if (written >= 0) {
     consume(static_cast<std::size_t>(written));
@@ -331,10 +343,10 @@ void Channel::consume(std::size_t count) {
   waitingBytes_ -= count;
   while (!output_.empty()) {
     Output& first = output_.front();
-    const std::size_t part = std::min(count, first.remaining());
-    first.written += part;
+    const std::size_t part = std::min(count, first.remaining);
+    first.remaining -= part;
     count -= part;
-    if (first.remaining() > 0) return;
+    if (first.remaining > 0) return;
     output_.pop_front();
     written_.fetch_add(1, std::memory_order_release);
   }

@@ -5,8 +5,11 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
+
+#include <sys/uio.h>
 
 #include "platform/foundation/ThreadAnnotations.h"
 #include "platform/xpc/system/Descriptor.h"
@@ -81,12 +84,14 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
 
  private:
   struct Output {
-    std::array<std::uint8_t, wire::FrameHeader::kBytes> header;
-    std::vector<std::uint8_t> body;
-    std::vector<system::SharedDescriptor> descriptors;
-    std::size_t written = 0;  // of header and body together
+    explicit Output(wire::Frame frame);
 
-    std::size_t remaining() const noexcept { return header.size() + body.size() - written; }
+    wire::Frame frame;
+    std::array<std::uint8_t, wire::FrameHeader::kBytes> header;
+    std::size_t remaining;  // bytes of header and frame together that are not written
+
+    // Gathers what remains, piece by piece, as far as there are parts for it. False when there were too few.
+    bool gather(std::span<iovec> parts, std::size_t& count) const noexcept;
   };
   enum class Attempt { done, full, retry, broken };
   enum class Read { more, drained, turnIsOver, ended };

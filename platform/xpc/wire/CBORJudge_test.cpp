@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/xpc/testing/WireTesting.h"
 #include "platform/xpc/wire/ItemWriter.h"
-#include "platform/xpc/wire/WireTesting.h"
 
 namespace velto::wire::testing {
 namespace {
@@ -59,12 +59,10 @@ std::vector<std::uint8_t> judged(std::size_t (*encode)(Value, unsigned char*, st
 }
 
 template <class Add>
-std::vector<std::uint8_t> written(const Add& add) {
-  std::vector<std::uint8_t> bytes;
-  ItemWriter writer(bytes);
+ByteBuffer written(const Add& add) {
+  ItemWriter writer;
   add(writer);
-  writer.finish();
-  return bytes;
+  return writer.finish();
 }
 
 TEST(CBORJudge, WritesEveryHeadAsItDoes) {

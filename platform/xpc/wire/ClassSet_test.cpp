@@ -4,7 +4,7 @@
 
 #include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Foundation.h"
-#include "platform/xpc/wire/WireTesting.h"
+#include "platform/xpc/testing/WireTesting.h"
 
 namespace velto::wire {
 namespace {

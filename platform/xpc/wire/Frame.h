@@ -4,10 +4,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
+#include "platform/foundation/NSObject.h"
 #include "platform/xpc/system/Descriptor.h"
+#include "platform/xpc/wire/ByteBuffer.h"
 
 namespace velto::wire {
 
@@ -23,11 +26,28 @@ enum class FrameType : std::uint8_t {
   goodbye = 8,       // the last: the sender has invalidated the connection
 };
 
+// Bytes of a frame that are sent from where they are, in a value that does not change.
+struct Enclosure {
+  // How many bytes of the frame's buffer are ahead of it.
+  std::size_t position = 0;
+  std::span<const std::uint8_t> bytes;
+  NSObject owner;
+};
+
 // A unit of the stream: a CBOR sequence and the descriptors that it names. Owns the descriptors until they are sent.
+// One that has come has all its bytes in `body`; one that is to be sent may enclose some.
 struct Frame {
   FrameType type = FrameType::goodbye;
-  std::vector<std::uint8_t> body;
+  ByteBuffer body;
+  std::vector<Enclosure> enclosures;
   std::vector<system::SharedDescriptor> descriptors;
+
+  // Bytes of the CBOR sequence.
+  std::size_t size() const noexcept {
+    std::size_t size = body.size();
+    for (const Enclosure& each : enclosures) size += each.bytes.size();
+    return size;
+  }
 };
 
 // The fixed header: length of the body (32 bits), type (8), reserved (8, zero), descriptor count (16), little-endian.

@@ -1,13 +1,12 @@
 // One buffer for the stream. Small frames are read many at a time; for a large one the buffer doubles as its bytes
-// arrive, up to its end, and is given back afterwards. The memory is not initialised: a connection that gets small
-// frames touches one page of its room.
+// arrive, up to its end, and then becomes the frame's, which so stays where it was read to. The memory is not
+// initialised: a connection that gets small frames touches one page of its room.
 
 #include "platform/xpc/wire/FrameReader.h"
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <new>
 #include <utility>
 
 #include "VeltoIPC/Limits.h"
@@ -20,6 +19,9 @@ namespace {
 constexpr std::size_t kRoomBytes = std::size_t{64} << 10;
 // An empty buffer above this is given back.
 constexpr std::size_t kKeptBytes = 2 * kRoomBytes;
+// A frame from this size on stays where it was read to, if it fills most of that; a smaller one is copied in less time
+// than new room for the next takes to be had.
+constexpr std::size_t kStayingBytes = kRoomBytes;
 
 std::size_t roundUp(std::size_t bytes) {
   return (bytes + kRoomBytes - 1) / kRoomBytes * kRoomBytes;
@@ -29,13 +31,13 @@ std::size_t roundUp(std::size_t bytes) {
 
 std::span<std::uint8_t> FrameReader::prepare(std::size_t wanted) {
   wanted = std::max<std::size_t>(wanted, 1);
-  if (capacity_ - end_ < wanted) {
+  if (capacity() - end_ < wanted) {
     // As much again as has arrived, so that a large frame is moved a bounded number of times, but not past its end.
     const std::size_t target = held() + std::max(wanted, std::min(missing_, held()));
-    if (target > capacity_) grow(roundUp(target));
+    if (target > capacity()) buffer_.reserve(roundUp(target));
     compact();
   }
-  return {bytes_.get() + end_, capacity_ - end_};
+  return {buffer_.data() + end_, capacity() - end_};
 }
 
 void FrameReader::received(std::size_t count, std::vector<system::SharedDescriptor> descriptors) {
@@ -77,14 +79,37 @@ std::optional<Frame> FrameReader::next() {
 Frame FrameReader::takeFrame(const FrameHeader& header) {
   Frame frame;
   frame.type = header.type;
-  const std::uint8_t* const body = start() + FrameHeader::kBytes;
-  frame.body.assign(body, body + header.bodyLength);
+  // First all that needs memory: without it, nothing is taken.
+  frame.descriptors.reserve(header.descriptorCount);
+  frame.body = takeBody(header.bodyLength);
   const auto last = descriptors_.begin() + header.descriptorCount;
-  frame.descriptors.assign(std::make_move_iterator(descriptors_.begin()), std::make_move_iterator(last));
+  std::move(descriptors_.begin(), last, std::back_inserter(frame.descriptors));
   descriptors_.erase(descriptors_.begin(), last);
-  consume(FrameHeader::kBytes + header.bodyLength);
   ++framesTaken_;
   return frame;
+}
+
+ByteBuffer FrameReader::takeBody(std::size_t length) {
+  if (length >= kStayingBytes && length >= capacity() / 4 * 3) return giveAway(length);
+  ByteBuffer body(std::span(start() + FrameHeader::kBytes, length));
+  consume(FrameHeader::kBytes + length);
+  return body;
+}
+
+// The block with the frame in it; what has come behind the frame moves to a new one.
+ByteBuffer FrameReader::giveAway(std::size_t length) {
+  const std::size_t end = begin_ + FrameHeader::kBytes + length;
+  ByteBuffer next;
+  if (end < end_) {
+    next.reserve(roundUp(end_ - end));
+    next.append({buffer_.data() + end, end_ - end});
+  }
+  ByteBuffer body(buffer_.block(), buffer_.data() + begin_ + FrameHeader::kBytes, length);
+  body.block()->retain();
+  buffer_ = std::move(next);
+  begin_ = 0;
+  end_ = buffer_.size();
+  return body;
 }
 
 void FrameReader::checkDescriptors(std::size_t claimable) {
@@ -96,25 +121,14 @@ void FrameReader::consume(std::size_t count) noexcept {
   begin_ += count;
   if (begin_ != end_) return;
   begin_ = end_ = 0;
-  if (capacity_ <= kKeptBytes) return;
-  bytes_.reset();
-  capacity_ = 0;
+  if (capacity() > kKeptBytes) buffer_ = ByteBuffer();
 }
 
 void FrameReader::compact() noexcept {
   if (begin_ == 0) return;
-  std::memmove(bytes_.get(), start(), held());
+  std::memmove(buffer_.data(), start(), held());
   end_ = held();
   begin_ = 0;
-}
-
-void FrameReader::grow(std::size_t capacity) {
-  // realloc() moves large blocks by mapping them elsewhere, without copying.
-  auto* const grown = static_cast<std::uint8_t*>(std::realloc(bytes_.get(), capacity));
-  if (grown == nullptr) throw std::bad_alloc();
-  static_cast<void>(bytes_.release());
-  bytes_.reset(grown);
-  capacity_ = capacity;
 }
 
 void FrameReader::fail(std::string reason) {

@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <deque>
-#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -48,29 +46,26 @@ class FrameReader {
   // Bytes that the unfinished frame still lacks, as far as is known.
   std::size_t missing() const noexcept { return missing_; }
   // Bytes of memory held for the stream.
-  std::size_t capacity() const noexcept { return capacity_; }
+  std::size_t capacity() const noexcept { return buffer_.capacity(); }
   // Descriptors held for the unfinished frame.
   std::size_t heldDescriptors() const noexcept { return std::min(descriptors_.size(), keptDescriptors_); }
   // Frames that were complete so far.
   std::uint64_t framesTaken() const noexcept { return framesTaken_; }
 
  private:
-  struct Free {
-    void operator()(std::uint8_t* bytes) const noexcept { std::free(bytes); }
-  };
-
   std::size_t held() const noexcept { return end_ - begin_; }
-  const std::uint8_t* start() const noexcept { return bytes_.get() + begin_; }
+  const std::uint8_t* start() const noexcept { return buffer_.data() + begin_; }
   void compact() noexcept;
-  void grow(std::size_t capacity);
   void consume(std::size_t count) noexcept;
   Frame takeFrame(const FrameHeader& header);
+  ByteBuffer takeBody(std::size_t length);
+  ByteBuffer giveAway(std::size_t length);
   // No more descriptors than the frame at the end may still claim.
   void checkDescriptors(std::size_t claimable);
   void fail(std::string reason);
 
-  std::unique_ptr<std::uint8_t[], Free> bytes_;
-  std::size_t capacity_ = 0;
+  // Its memory; what it holds lies between the two.
+  ByteBuffer buffer_;
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
   // What the unfinished frame at the end still lacks, as far as its header says.

@@ -8,7 +8,7 @@
 
 #include "VeltoIPC/Limits.h"
 #include "platform/xpc/testing/Support.h"
-#include "platform/xpc/wire/WireTesting.h"
+#include "platform/xpc/testing/WireTesting.h"
 
 namespace velto::wire {
 namespace {
@@ -32,7 +32,7 @@ void feed(FrameReader& reader, const Bytes& bytes, std::vector<SharedDescriptor>
 // Frames as they lie in a stream, and where each begins.
 struct Stream {
   void add(FrameType type, Bytes body, std::size_t descriptorCount = 0) {
-    Frame frame{type, std::move(body), {}};
+    Frame frame{type, std::move(body), {}, {}};
     for (std::size_t count = 0; count < descriptorCount; ++count) frame.descriptors.push_back(newPipe());
     starts.push_back(bytes.size());
     bytes = std::move(bytes) + headerOf(frame.body.size(), type, descriptorCount) + frame.body;
@@ -298,6 +298,33 @@ TEST(FrameReader, TheGreatestFramePassesAndTheStreamGoesOn) {
   EXPECT_EQ(frame->body.size(), limits::kMaximumFrameBytes);
   feed(reader, headerOf(1, FrameType::reply, 0) + hex("f6"));
   EXPECT_TRUE(reader.next());
+}
+
+TEST(FrameReader, ALargeFrameStaysWhereItWasReadTo) {
+  Stream stream;
+  stream.add(FrameType::call, Bytes(1 << 20, 7));
+  stream.add(FrameType::reply, hex("010203"));
+  FrameReader reader;
+  const std::uint8_t* place = nullptr;
+  std::size_t fed = 0;
+  std::optional<Frame> large;
+  while (!large) {
+    const auto room = reader.prepare(1);
+    const std::size_t count = std::min(room.size(), stream.bytes.size() - fed);
+    std::memcpy(room.data(), stream.bytes.data() + fed, count);
+    fed += count;
+    place = room.data() + count;
+    reader.received(count, {});
+    large = reader.next();
+  }
+  const std::size_t behind = fed - FrameHeader::kBytes - stream.frames[0].body.size();
+  EXPECT_EQ(large->body, stream.frames[0].body);
+  EXPECT_EQ(large->body.end() + behind, place);
+  feed(reader, Bytes(stream.bytes.begin() + static_cast<std::ptrdiff_t>(fed), stream.bytes.end()));
+  const auto small = reader.next();
+  ASSERT_TRUE(small);
+  EXPECT_EQ(small->body, stream.frames[1].body);
+  EXPECT_FALSE(reader.hasPartialFrame());
 }
 
 }  // namespace

@@ -13,8 +13,8 @@
 
 #include "VeltoIPC/Limits.h"
 #include "platform/foundation/NSCoding.h"
+#include "platform/xpc/testing/WireTesting.h"
 #include "platform/xpc/wire/Tags.h"
-#include "platform/xpc/wire/WireTesting.h"
 
 namespace velto::wire {
 namespace {
@@ -149,7 +149,9 @@ TEST(HostileValues, RandomChangesOfARichValue) {
   std::array<std::size_t, 3> seen{};
   for (int round = 0; round < 20'000; ++round) {
     Frame changed = whole;
-    for (unsigned count = 1 + random() % 4; count > 0; --count) changeOneByte(changed.body, random);
+    Bytes bytes = changed.body;
+    for (unsigned count = 1 + random() % 4; count > 0; --count) changeOneByte(bytes, random);
+    changed.body = bytes;
     const Decoded decoded = decode(changed);
     ++seen[static_cast<std::size_t>(decoded.outcome)];
     if (decoded.outcome != Outcome::value) continue;

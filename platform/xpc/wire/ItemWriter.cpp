@@ -6,15 +6,20 @@
 #include <bit>
 
 namespace velto::wire {
-namespace {
-
-constexpr std::size_t kFirstBytes = 256;
-
-}  // namespace
-
 void ItemWriter::grow(std::size_t bytes) {
-  // What is cleared is a little; the vector's memory doubles.
-  bytes_.resize(written_ + std::max(bytes, kFirstBytes));
+  const std::size_t written = this->written();
+  const bool isFirst = bytes_.capacity() == 0;
+  bytes_.reserve(std::max(2 * written, written + bytes));
+  if (isFirst) std::memcpy(bytes_.data(), short_, written);
+  first_ = bytes_.data();
+  next_ = first_ + written;
+  end_ = first_ + bytes_.capacity();
+}
+
+ByteBuffer ItemWriter::finish() {
+  if (bytes_.capacity() == 0) return ByteBuffer(std::span(first_, written()));
+  bytes_.setSize(written());
+  return std::move(bytes_);
 }
 
 void ItemWriter::addDouble(double value) {
@@ -22,15 +27,7 @@ void ItemWriter::addDouble(double value) {
   out[0] = 0xFB;
   const std::uint64_t swapped = __builtin_bswap64(std::bit_cast<std::uint64_t>(value));
   std::memcpy(out + 1, &swapped, sizeof swapped);
-  written_ += kHeadBytes;
-}
-
-void ItemWriter::addLong(unsigned major, const void* bytes, std::size_t length) {
-  addHead(major, length);
-  const auto* const first = static_cast<const std::uint8_t*>(bytes);
-  bytes_.resize(written_);
-  bytes_.insert(bytes_.end(), first, first + length);
-  written_ += length;
+  next_ += kHeadBytes;
 }
 
 }  // namespace velto::wire

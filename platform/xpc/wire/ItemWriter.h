@@ -5,15 +5,18 @@
 #include <cstring>
 #include <span>
 #include <string_view>
-#include <vector>
+
+#include "platform/xpc/wire/ByteBuffer.h"
 
 namespace velto::wire {
 
-// Appends items of CBOR to a vector, each in its shortest form (a double always in eight bytes). The vector is kept
-// longer than what is written, so that a small item costs no growth; finish() cuts it.
+// Writes items of CBOR, each in its shortest form (a double always in eight bytes). What is short is written here, and
+// copied once its length is known, so that no memory is left unused behind it.
 class ItemWriter {
  public:
-  explicit ItemWriter(std::vector<std::uint8_t>& bytes) : bytes_(bytes) {}
+  ItemWriter() noexcept = default;
+  ItemWriter(const ItemWriter&) = delete;
+  ItemWriter& operator=(const ItemWriter&) = delete;
 
   void addUnsigned(std::uint64_t value) { addHead(0, value); }
   void addSigned(std::int64_t value) {
@@ -29,40 +32,46 @@ class ItemWriter {
   void addArray(std::size_t count) { addHead(4, count); }
   void addMap(std::size_t pairs) { addHead(5, pairs); }
   void addTag(std::uint64_t tag) { addHead(6, tag); }
+  // Only the heads of a text and of bytes: what follows comes from elsewhere.
+  void addTextHead(std::size_t length) { addHead(3, length); }
+  void addBytesHead(std::size_t length) { addHead(2, length); }
 
-  std::size_t written() const noexcept { return written_; }
-  void finish() { bytes_.resize(written_); }
+  std::size_t written() const noexcept { return static_cast<std::size_t>(next_ - first_); }
+  // What was written. Call once; raises std::bad_alloc.
+  ByteBuffer finish();
 
  private:
   // The longest head: one byte and eight of its argument.
   static constexpr std::size_t kHeadBytes = 9;
-  // Longer strings are appended as they are, without room behind them that would have to be cleared first.
   static constexpr std::size_t kShortBytes = 1024;
 
   // At least so many bytes.
   std::uint8_t* room(std::size_t bytes) {
-    if (bytes_.size() - written_ < bytes) grow(bytes);
-    return bytes_.data() + written_;
+    if (static_cast<std::size_t>(end_ - next_) < bytes) grow(bytes);
+    return next_;
   }
   void grow(std::size_t bytes);
   void addByte(std::uint8_t byte) {
     *room(1) = byte;
-    ++written_;
+    ++next_;
   }
   // The head's bytes, at `out`; returns their number.
   static std::size_t putHead(std::uint8_t* out, unsigned major, std::uint64_t argument) noexcept;
-  void addHead(unsigned major, std::uint64_t argument) { written_ += putHead(room(kHeadBytes), major, argument); }
+  void addHead(unsigned major, std::uint64_t argument) { next_ += putHead(room(kHeadBytes), major, argument); }
   void addString(unsigned major, const void* bytes, std::size_t length) {
-    if (length > kShortBytes) return addLong(major, bytes, length);
     std::uint8_t* const out = room(kHeadBytes + length);
     const std::size_t head = putHead(out, major, length);
     if (length > 0) std::memcpy(out + head, bytes, length);
-    written_ += head + length;
+    next_ += head + length;
   }
-  void addLong(unsigned major, const void* bytes, std::size_t length);
 
-  std::vector<std::uint8_t>& bytes_;
-  std::size_t written_ = 0;
+  // Where it begins, where the next byte goes, and where the memory ends: here, or in the buffer.
+  std::uint8_t* first_ = short_;
+  std::uint8_t* next_ = short_;
+  std::uint8_t* end_ = short_ + kShortBytes;
+  ByteBuffer bytes_;
+  // Not initialised.
+  std::uint8_t short_[kShortBytes];
 };
 
 inline std::size_t ItemWriter::putHead(std::uint8_t* out, unsigned major, std::uint64_t argument) noexcept {

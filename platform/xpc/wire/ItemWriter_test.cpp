@@ -4,22 +4,20 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/xpc/wire/WireTesting.h"
+#include "platform/xpc/testing/WireTesting.h"
 
 namespace velto::wire {
 namespace {
 
 using namespace testing;
 
-Bytes written(const std::function<void(ItemWriter&)>& write) {
-  Bytes bytes;
-  ItemWriter writer(bytes);
+ByteBuffer written(const std::function<void(ItemWriter&)>& write) {
+  ItemWriter writer;
   write(writer);
-  writer.finish();
-  return bytes;
+  return writer.finish();
 }
 
-Bytes writtenSigned(std::int64_t value) {
+ByteBuffer writtenSigned(std::int64_t value) {
   return written([value](ItemWriter& writer) { writer.addSigned(value); });
 }
 
@@ -47,7 +45,7 @@ TEST(ItemWriter, ADoubleAlwaysTakesEightBytes) {
 
 TEST(ItemWriter, WritesEveryOtherKindOfItem) {
   const Bytes data = hex("0102");
-  const Bytes bytes = written([&data](ItemWriter& writer) {
+  const ByteBuffer bytes = written([&data](ItemWriter& writer) {
     writer.addBool(false);
     writer.addBool(true);
     writer.addNull();
@@ -62,7 +60,7 @@ TEST(ItemWriter, WritesEveryOtherKindOfItem) {
 }
 
 TEST(ItemWriter, EmptyStringsAreHeadsAlone) {
-  const Bytes bytes = written([](ItemWriter& writer) {
+  const ByteBuffer bytes = written([](ItemWriter& writer) {
     writer.addText("");
     writer.addBytes({});
   });
@@ -90,7 +88,7 @@ TEST(ItemWriter, GrowsOverItemsOfEveryLength) {
 TEST(ItemWriter, ManySmallItemsStayInOrder) {
   Bytes expected;
   for (unsigned count = 0; count < 10'000; ++count) expected.push_back(static_cast<std::uint8_t>(count % 24));
-  const Bytes bytes = written([](ItemWriter& writer) {
+  const ByteBuffer bytes = written([](ItemWriter& writer) {
     for (unsigned count = 0; count < 10'000; ++count) writer.addUnsigned(count % 24);
   });
   EXPECT_EQ(bytes, expected);

@@ -31,6 +31,9 @@ namespace {
 constexpr std::size_t kRegionFrameBytes = 4096;
 constexpr std::size_t kRegionFactor = 3;
 constexpr std::size_t kRegionRoom = 256;
+// Data of this size stays where it has come, if it is so great a part of that: who keeps it keeps little else.
+constexpr std::size_t kStayingBytes = std::size_t{16} << 10;
+constexpr std::size_t kMostMemoryOfData = 4;
 
 }  // namespace
 
@@ -86,6 +89,16 @@ inline ValueDecoder::Step ValueDecoder::text(const Item& item) {
   if (!mayHold(PlainClass::string)) return Step::refused;
   made_ = StringBody::make(view, region());
   return Step::complete;
+}
+
+Value ValueDecoder::data(std::span<const std::uint8_t> bytes) {
+  ByteBlock* const block = frame_.body.block();
+  if (bytes.size() < kStayingBytes || bytes.size() < block->capacity() / kMostMemoryOfData) {
+    return DataBody::copy(bytes, region());
+  }
+  Value made = DataBody::borrow(bytes.data(), bytes.size(), [block] { block->release(); });
+  block->retain();
+  return made;
 }
 
 inline ValueDecoder::Step ValueDecoder::putKeyed(Level& level) {
@@ -152,7 +165,7 @@ inline ValueDecoder::Step ValueDecoder::readObject() {
       return text(item);
     case Type::bytes:
       if (!mayHold(PlainClass::data)) return Step::refused;
-      made_ = DataBody::copy(item.span(), region());
+      made_ = data(item.span());
       return Step::complete;
     case Type::null:
       if (!mayHold(PlainClass::null)) return Step::refused;

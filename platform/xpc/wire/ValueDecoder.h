@@ -37,7 +37,8 @@ class ValueDecoder {
  public:
   enum class Outcome { value, refused, broken };
 
-  // The frame must outlive the decoder. Descriptors that no value takes stay with the frame.
+  // The frame must outlive the decoder, and its bytes are not changed any more: large data stays in them. Descriptors
+  // that no value takes stay with the frame.
   explicit ValueDecoder(const Frame& frame);
   ~ValueDecoder();
   ValueDecoder(const ValueDecoder&) = delete;
@@ -84,6 +85,7 @@ class ValueDecoder {
   Step readObject();
   Step integer(const Item& item);
   Step text(const Item& item);
+  Value data(std::span<const std::uint8_t> bytes);
   bool mayHold(PlainClass plain) { return admitted_->admits(plain) || refusePlain(plain); }
   // False.
   bool refusePlain(PlainClass plain);

@@ -4,7 +4,7 @@
 
 #include "VeltoIPC/Limits.h"
 #include "platform/xpc/testing/Support.h"
-#include "platform/xpc/wire/WireTesting.h"
+#include "platform/xpc/testing/WireTesting.h"
 
 namespace velto::wire {
 namespace {

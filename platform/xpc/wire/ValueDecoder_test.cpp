@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "VeltoIPC/Limits.h"
-#include "platform/xpc/wire/WireTesting.h"
+#include "platform/xpc/testing/WireTesting.h"
 
 namespace velto::wire {
 namespace {
@@ -233,6 +233,32 @@ TEST(ValueDecoder, TrailingBytesAreSeen) {
   const Decoded decoded = decodeBytes(hex("01 02"));
   EXPECT_EQ(decoded.outcome, Outcome::value);
   EXPECT_FALSE(decoded.atEnd);
+}
+
+bool liesIn(const Frame& frame, const NSObject& data) {
+  const std::uint8_t* const bytes = data.as<NSData>().bytes();
+  return bytes >= frame.body.data() && bytes < frame.body.data() + frame.body.size();
+}
+
+TEST(ValueDecoder, DataThatIsMostOfItsFrameStaysInIt) {
+  const NSData sent(Bytes(1 << 20, 7));
+  NSObject received;
+  {
+    const Frame frame = frameOf(NSDictionary{{"data", sent}, {"more", 1}});
+    received = decode(frame).value["data"];
+    EXPECT_TRUE(liesIn(frame, received));
+  }
+  EXPECT_EQ(received, sent);
+}
+
+TEST(ValueDecoder, DataThatIsASmallPartOfItsFrameKeepsNothingElse) {
+  const NSData small(Bytes(20'000, 7));
+  const Frame frame = frameOf(NSArray{small, NSData(Bytes(100'000, 8)), NSData(Bytes(100, 9))});
+  const NSObject received = decode(frame).value;
+  EXPECT_FALSE(liesIn(frame, received[0]));
+  EXPECT_TRUE(liesIn(frame, received[1]));
+  EXPECT_FALSE(liesIn(frame, received[2]));
+  EXPECT_EQ(received[0], small);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "VeltoIPC/Limits.h"
@@ -25,6 +26,9 @@
 namespace velto::wire {
 namespace {
 
+// From this size on a copy costs more than what the kernel takes for one more piece to gather.
+constexpr std::size_t kEnclosedBytes = std::size_t{16} << 10;
+
 constexpr const char* kChanged = "holds a container that was changed while it was encoded";
 
 // Counts a level of nesting for as long as it lives.
@@ -41,7 +45,7 @@ class Level {
 
 }  // namespace
 
-ValueEncoder::ValueEncoder(FrameType type) : writer_(frame_.body) {
+ValueEncoder::ValueEncoder(FrameType type) {
   frame_.type = type;
 }
 
@@ -81,8 +85,17 @@ void ValueEncoder::addText(std::string_view text) {
   hasRoomFor(0);
 }
 
+void ValueEncoder::finish() {
+  if (failed()) return;
+  try {
+    frame_.body = writer_.finish();
+  } catch (const std::bad_alloc&) {
+    fail("could not be encoded: there is no memory for it");
+  }
+}
+
 Frame ValueEncoder::take() {
-  writer_.finish();
+  if (frame_.body.empty()) frame_.body = writer_.finish();
   return std::move(frame_);
 }
 
@@ -102,7 +115,7 @@ bool ValueEncoder::refuse(std::string reason) {
 }
 
 bool ValueEncoder::hasRoomFor(std::size_t bytes) {
-  const std::size_t length = writer_.written() + bytes;
+  const std::size_t length = writer_.written() + enclosedBytes_ + bytes;
   if (length <= limits::kMaximumFrameBytes) return true;
   failOverLimit("bytes of a frame", length, limits::kMaximumFrameBytes, true);
   return false;
@@ -146,7 +159,12 @@ bool ValueEncoder::encodeAny(const NSObject& object) {
     case Tag::mutableString: {
       const std::string_view text = textOf(value);
       if (!hasRoomFor(text.size())) return false;
-      writer_.addText(text);
+      if (text.size() < kEnclosedBytes || value.tag() == Tag::mutableString) {
+        writer_.addText(text);
+      } else {
+        writer_.addTextHead(text.size());
+        enclose(object, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+      }
       return true;
     }
     case Tag::array:
@@ -163,7 +181,14 @@ bool ValueEncoder::encodeAny(const NSObject& object) {
     case Tag::mutableData: {
       const std::span<const std::uint8_t> bytes = bytesOf(value);
       if (!hasRoomFor(bytes.size())) return false;
-      writer_.addBytes(bytes);
+      // What others lend is given back by whoever sends it, and not by a thread that writes in the background.
+      const bool stays = value.tag() == Tag::data && !static_cast<const DataBody&>(value.body()).isLent();
+      if (bytes.size() < kEnclosedBytes || !stays) {
+        writer_.addBytes(bytes);
+      } else {
+        writer_.addBytesHead(bytes.size());
+        enclose(object, bytes);
+      }
       return true;
     }
     case Tag::date:
@@ -184,6 +209,11 @@ bool ValueEncoder::encodeAny(const NSObject& object) {
       break;
   }
   return encodeObject(object);
+}
+
+void ValueEncoder::enclose(const NSObject& owner, std::span<const std::uint8_t> bytes) {
+  frame_.enclosures.push_back({writer_.written(), bytes, owner});
+  enclosedBytes_ += bytes.size();
 }
 
 bool ValueEncoder::encodeObject(const NSObject& object) {

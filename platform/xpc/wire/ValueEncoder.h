@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,9 +17,9 @@ class ClassBody;
 
 namespace velto::wire {
 
-// Writes values as the items of a frame's CBOR sequence. The frame grows as it goes; once anything has failed,
-// everything after it is skipped and reason() says what was wrong, naming the limit, the value and the maximum where it
-// was one.
+// Writes values as the items of a frame's CBOR sequence. The frame grows as it goes, but encloses what is long and
+// never changes; once anything has failed, everything after it is skipped and reason() says what was wrong, naming the
+// limit, the value and the maximum where it was one.
 //
 // A container that changes while it is written fails like everything else: nothing is raised.
 class ValueEncoder {
@@ -41,7 +42,9 @@ class ValueEncoder {
   const std::string& reason() const noexcept { return reason_; }
   // Whether the reason is a limit.
   bool exceededLimit() const noexcept { return exceededLimit_; }
-  // The frame; call once, and only if nothing failed.
+  // Nothing more is added. Fails if there is no memory for the frame.
+  void finish();
+  // The frame; call once, and only if nothing failed. Raises std::bad_alloc, but not after finish().
   Frame take();
 
  private:
@@ -58,11 +61,14 @@ class ValueEncoder {
   bool encodeDescriptors(const NSObject& object, const ClassBody& aClass, bool& found);
   bool startObject(const std::string& className);
   bool hasRoomFor(std::size_t bytes);
+  // Bytes that lie in `owner`: from where they are, if they are many and stay what they are.
+  void enclose(const NSObject& owner, std::span<const std::uint8_t> bytes);
   bool isTooDeep();
   bool refuse(std::string reason);
 
   Frame frame_;
   ItemWriter writer_;
+  std::size_t enclosedBytes_ = 0;
   std::size_t depth_ = 0;
   std::size_t objects_ = 0;
   std::string reason_;

@@ -6,7 +6,7 @@
 
 #include "VeltoIPC/Limits.h"
 #include "platform/xpc/testing/Support.h"
-#include "platform/xpc/wire/WireTesting.h"
+#include "platform/xpc/testing/WireTesting.h"
 
 namespace velto::wire {
 namespace {
@@ -278,6 +278,40 @@ TEST(ValueEncoder, TheMostDescriptorsPassAndOneMoreDoesNot) {
     EXPECT_EQ(frameOf(one).descriptors.size(), 1u);
   }
   EXPECT_EQ(velto::testing::openDescriptors(), before);
+}
+
+Frame encodedInPieces(const NSObject& value) {
+  ValueEncoder encoder(FrameType::call);
+  encoder.add(value);
+  EXPECT_FALSE(encoder.failed()) << encoder.reason();
+  return encoder.take();
+}
+
+TEST(ValueEncoder, LongDataAndTextAreSentFromWhereTheyAre) {
+  const NSData data(Bytes(1 << 20, 7));
+  const NSString text(std::string(1 << 20, 't'));
+  const Frame frame = encodedInPieces(NSArray{1, data, text, 2});
+  ASSERT_EQ(frame.enclosures.size(), 2U);
+  EXPECT_EQ(frame.enclosures[0].bytes.data(), data.bytes());
+  EXPECT_EQ(frame.enclosures[0].bytes.size(), data.length());
+  EXPECT_EQ(static_cast<const void*>(frame.enclosures[1].bytes.data()), text.view().data());
+  EXPECT_LT(frame.body.size(), 20U);
+  EXPECT_EQ(frame.size(), frame.body.size() + (2 << 20));
+  EXPECT_EQ(decode(velto::testing::inOnePiece(frame)).value, (NSArray{1, data, text, 2}));
+}
+
+TEST(ValueEncoder, WhatCanChangeAndWhatIsLentIsCopied) {
+  const Bytes bytes(1 << 20, 7);
+  auto changing = NSMutableData::dataWithData(NSData(bytes));
+  auto text = NSMutableString::stringWithString(NSString(std::string(1 << 20, 't')));
+  bool isGivenBack = false;
+  NSData lent = NSData::dataWithBytesNoCopy(bytes.data(), bytes.size(), [&isGivenBack] { isGivenBack = true; });
+  const Frame frame = encodedInPieces(NSArray{changing, text, lent});
+  EXPECT_TRUE(frame.enclosures.empty());
+  lent = nil;
+  EXPECT_TRUE(isGivenBack);
+  changing.mutableBytes()[0] = 8;
+  EXPECT_EQ(decode(frame).value[0], NSData(bytes));
 }
 
 }  // namespace

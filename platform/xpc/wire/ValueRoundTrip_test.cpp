@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "VeltoIPC/Limits.h"
-#include "platform/xpc/wire/WireTesting.h"
+#include "platform/xpc/testing/WireTesting.h"
 
 namespace velto::wire {
 namespace {

@@ -13,6 +13,7 @@
 
 #include "platform/foundation/Foundation.h"
 #include "platform/foundation/NSCoding.h"
+#include "platform/xpc/testing/Frames.h"
 #include "platform/xpc/wire/DescriptorCoding.h"
 #include "platform/xpc/wire/ValueDecoder.h"
 #include "platform/xpc/wire/ValueEncoder.h"
@@ -177,7 +178,7 @@ inline Frame frameOf(const NSObject& value) {
   ValueEncoder encoder(FrameType::call);
   encoder.add(value);
   EXPECT_FALSE(encoder.failed()) << encoder.reason();
-  return encoder.take();
+  return velto::testing::inOnePiece(encoder.take());
 }
 
 inline Frame frameOfBytes(Bytes body) {

@@ -1,0 +1,57 @@
+// Memory by malloc(), since realloc() moves large blocks by mapping them elsewhere, without copying.
+#include "platform/xpc/wire/ByteBuffer.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace velto::wire {
+
+ByteBlock* ByteBlock::make(std::size_t capacity) {
+  return resize(nullptr, capacity);
+}
+
+ByteBlock* ByteBlock::resize(ByteBlock* block, std::size_t capacity) {
+  void* const memory = std::realloc(static_cast<void*>(block), sizeof(ByteBlock) + capacity);
+  if (memory == nullptr) throw std::bad_alloc();
+  return new (memory) ByteBlock(capacity);
+}
+
+void ByteBlock::release() noexcept {
+  if (references_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  this->~ByteBlock();
+  std::free(this);
+}
+
+void ByteBuffer::reserve(std::size_t capacity) {
+  if (capacity <= this->capacity()) return;
+  const std::size_t before = block_ == nullptr ? 0 : static_cast<std::size_t>(first_ - block_->bytes());
+  block_ = ByteBlock::resize(block_, before + capacity);
+  first_ = block_->bytes() + before;
+}
+
+void ByteBuffer::resize(std::size_t size) {
+  reserve(size);
+  if (size > size_) std::memset(first_ + size_, 0, size - size_);
+  size_ = size;
+}
+
+void ByteBuffer::append(std::span<const std::uint8_t> bytes) {
+  if (bytes.empty()) return;
+  const std::size_t size = size_ + bytes.size();
+  if (size > capacity()) reserve(std::max(size, 2 * size_));
+  std::memcpy(first_ + size_, bytes.data(), bytes.size());
+  size_ = size;
+}
+
+void ByteBuffer::releaseUnused() noexcept {
+  if (block_ == nullptr || capacity() - size_ < size_ / 4) return;
+  try {
+    const auto before = static_cast<std::size_t>(first_ - block_->bytes());
+    block_ = ByteBlock::resize(block_, before + size_);
+    first_ = block_->bytes() + before;
+  } catch (const std::bad_alloc&) {
+    // It stays as it is.
+  }
+}
+
+}  // namespace velto::wire
