@@ -178,7 +178,7 @@ std::vector<wire::Frame> Play::answersOf(Link& link) {
     require(left.size() >= length, "what is sent is whole");
     wire::Frame frame;
     frame.type = static_cast<wire::FrameType>(left[4]);
-    frame.body.assign(left.begin() + 8, left.begin() + static_cast<std::ptrdiff_t>(length));
+    frame.body.append(std::span(left).subspan(8, length - 8));
     frames.push_back(std::move(frame));
     link.read += length;
   }
@@ -194,7 +194,7 @@ bool Play::call(Link& link, const char* selector, bool wantsReply, Bytes argumen
     writer.addText(selector);
     writer.addBool(wantsReply);
   });
-  body.insert(body.end(), arguments.begin(), arguments.end());
+  body.append(arguments);
   const std::size_t count = objects.size();
   kernel().arrives(link.stream, {frameBytes(2, body.size(), count, body), std::move(objects), false});
   ReactorDriver::runUntilIdle();
@@ -334,7 +334,7 @@ void Play::callWithAnything(Link& link, const char* selector, Bytes arguments) {
   // It may have been a name after all.
   static const wire::ClassSet& strings = *new wire::ClassSet(NSSet{NSString::classObject()});
   wire::Frame frame;
-  frame.body.assign(arguments.begin(), arguments.end());
+  frame.body.append(arguments);
   wire::ValueDecoder decoder(frame);
   NSObject name;
   if (decoder.next(strings, name) == wire::ValueDecoder::Outcome::value && decoder.atEnd() && !name.isNil()) {

@@ -68,7 +68,7 @@ class PlainReader {
     frame = {};
     frame.type = static_cast<wire::FrameType>(type);
     const auto body = bytes_.begin() + FrameHeader::kBytes;
-    frame.body.assign(body, body + static_cast<std::ptrdiff_t>(length));
+    frame.body = std::vector<std::uint8_t>(body, body + static_cast<std::ptrdiff_t>(length));
     bytes_.erase(bytes_.begin(), body + static_cast<std::ptrdiff_t>(length));
     for (std::size_t taken = 0; taken < count; ++taken) {
       frame.descriptors.push_back(descriptors_.front());
@@ -213,7 +213,7 @@ void readSound(Input& input, const std::vector<Cut>& cuts) {
     frame.type = static_cast<wire::FrameType>(1 + kind % 8);
     if (kind % 8 == 1 || kind % 8 == 2) frame.descriptors = newDescriptors(kind / 8 % 4);
     const Bytes body = input.take(input.twoBytes() % 2048);
-    frame.body.assign(body.begin(), body.end());
+    frame.body.append(body);
     const auto header = FrameHeader{static_cast<std::uint32_t>(body.size()), frame.type,
                                     static_cast<std::uint16_t>(frame.descriptors.size())}
                             .encode();

@@ -39,7 +39,7 @@ std::uint64_t sumOf(std::uint64_t left, std::uint64_t right) {
 Frame frameOf(Bytes bytes) {
   Frame frame;
   frame.type = static_cast<FrameType>(bytes[4]);
-  frame.body.assign(bytes.begin() + kHeaderBytes, bytes.end());
+  frame.body.append(std::span(bytes).subspan(kHeaderBytes));
   return frame;
 }
 

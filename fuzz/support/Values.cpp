@@ -110,7 +110,7 @@ void walk(const NSObject& value, const std::function<void(const NSObject&)>& vis
 wire::Frame frameWith(Bytes body, std::size_t descriptors, unsigned pattern) {
   wire::Frame frame;
   frame.type = wire::FrameType::call;
-  frame.body.assign(body.begin(), body.end());
+  frame.body.append(body);
   for (std::size_t index = 0; index < descriptors; ++index) {
     const ObjectKind ofEndpoint = index % 2 == 0 ? ObjectKind::handle : ObjectKind::readEnd;
     const bool isWrong = (pattern >> (index % 8) & 1u) != 0;

@@ -18,16 +18,22 @@ class ArrayBody final : public Body {
   // Empty, with room for so many elements.
   static ArrayBody& make(std::size_t capacity, Region* region = nullptr) {
     if (capacity >= UINT32_MAX) throw std::length_error("an array of four billion elements");
-    return *new (allocateBody(sizeof(ArrayBody) + capacity * sizeof(NSObject), region)) ArrayBody(region);
+    return *new (allocateBody(sizeFor(capacity), region)) ArrayBody(region);
   }
 
   // Takes the reference over. There is room for it.
   void add(const Value& value) noexcept { new (first() + count_++) NSObject(NSObject::adopt(value)); }
 
+  // Makes it full, with nil, since it is let go of before it was: it knows its size by its elements.
+  void fillUp(std::size_t capacity) noexcept {
+    while (count_ < capacity) add(Value());
+  }
+
   std::span<const NSObject> elements() const noexcept { return {const_cast<ArrayBody*>(this)->first(), count_}; }
   void dismantle(class Demolition& demolition) const noexcept;
 
  private:
+  static std::size_t sizeFor(std::size_t count) noexcept { return sizeof(ArrayBody) + count * sizeof(NSObject); }
   explicit ArrayBody(Region* region) noexcept : Body(Tag::array, region) {}
   NSObject* first() noexcept { return reinterpret_cast<NSObject*>(this + 1); }
 

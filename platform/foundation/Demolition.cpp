@@ -21,7 +21,7 @@ thread_local const Body* deferred = nullptr;
 
 bool isForeign(const Body& body) noexcept {
   if (body.tag() == Tag::object) return true;
-  return body.tag() == Tag::data && static_cast<const DataBody&>(body).isBorrowed();
+  return body.tag() == Tag::data && static_cast<const DataBody&>(body).isLent();
 }
 
 }  // namespace
@@ -37,7 +37,7 @@ void Body::destroy(const Body& body) noexcept {
 void Demolition::letGo(const Value& value) noexcept {
   if (!value.isCounted()) return;
   const Body& body = value.body();
-  if (body.counter().fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  if (!Body::isLastOf(body.counter())) return;
   if (body.isInRegion()) return Body::destroy(body);
   body.references_.store(reinterpret_cast<std::uintptr_t>(pending_), std::memory_order_relaxed);
   pending_ = &body;
@@ -104,8 +104,8 @@ void Demolition::dismantle(const Body& body) noexcept {
 }
 
 void ArrayBody::dismantle(Demolition& demolition) const noexcept {
-  demolition.letGo(elements());
-  ::operator delete(const_cast<ArrayBody*>(this));
+  demolition.letGoOfDying(elements());
+  releaseBody(*this, sizeFor(count_));
 }
 
 void MutableArrayBody::dismantle(Demolition& demolition) const noexcept {
@@ -114,8 +114,8 @@ void MutableArrayBody::dismantle(Demolition& demolition) const noexcept {
 }
 
 void KeyedBody::dismantle(Demolition& demolition) const noexcept {
-  demolition.letGo({table().keys(), count_ * stride()});
-  ::operator delete(const_cast<KeyedBody*>(this));
+  demolition.letGoOfDying({table().keys(), count_ * stride()});
+  releaseBody(*this, sizeFor(tag(), capacity_));
 }
 
 void MutableKeyedBody::dismantle(Demolition& demolition) const noexcept {
@@ -125,13 +125,13 @@ void MutableKeyedBody::dismantle(Demolition& demolition) const noexcept {
 
 void URLBody::dismantle(Demolition& demolition) const noexcept {
   demolition.letGo({&text_, 1});
-  ::operator delete(const_cast<URLBody*>(this));
+  releaseBody(*this, sizeof(URLBody));
 }
 
 void ErrorBody::dismantle(Demolition& demolition) const noexcept {
   demolition.letGo({&domain_, 1});
   demolition.letGo({&userInfo_, 1});
-  ::operator delete(const_cast<ErrorBody*>(this));
+  releaseBody(*this, sizeof(ErrorBody));
 }
 
 }  // namespace velto

@@ -18,6 +18,13 @@ class Demolition {
     for (const NSObject& each : objects) letGo(const_cast<NSObject&>(each).giveUp());
   }
 
+  // The same of handles that are not destroyed themselves.
+  void letGoOfDying(std::span<const NSObject> objects) noexcept {
+    for (const NSObject& each : objects) {
+      if (each.value().isCounted()) letGo(each.value());
+    }
+  }
+
  private:
   void dismantle(const Body& body) noexcept;
 

@@ -20,32 +20,19 @@ void requireFewerThan(std::size_t slots) {
 
 KeyedBody& KeyedBody::make(Tag tag, std::size_t capacity, Region* region) {
   requireFewerThan(capacity);
-  const std::size_t objects = capacity * (tag == Tag::dictionary ? 2 : 1) * sizeof(NSObject);
   const std::size_t index = KeyTable::cellsFor(capacity) * sizeof(KeyTable::Cell);
-  void* const memory = allocateBody(sizeof(KeyedBody) + objects + index, region);
+  void* const memory = allocateBody(sizeFor(tag, capacity), region);
   auto* const made = new (memory) KeyedBody(tag, static_cast<std::uint32_t>(capacity), region);
   if (index > 0) std::memset(static_cast<void*>(made->cells()), 0, index);
   return *made;
 }
 
-void KeyedBody::append(std::size_t hash, const Value& key, const Value& value) noexcept {
-  NSObject* const place = first() + count_ * stride();
-  new (place) NSObject(NSObject::adopt(key));
-  if (stride() == 2) new (place + 1) NSObject(NSObject::adopt(value));
+void KeyedBody::appendIndexed(std::size_t hash, const Value& key, const Value& value) noexcept {
   if (const std::size_t cellCount = this->cellCount()) KeyTable::enter(cells(), cellCount, hash, count_);
-  ++count_;
+  stride() == 2 ? append<2>(key, value) : append<1>(key, value);
 }
 
-bool KeyedBody::add(const Value& key, const Value& value) {
-  if (key.isText() && cellCount() == 0) {
-    const std::size_t step = stride();
-    const NSObject* const end = first() + count_ * step;
-    for (const NSObject* each = first(); each != end; each += step) {
-      if (each->value() == key) return false;
-    }
-    append(0, key, value);
-    return true;
-  }
+bool KeyedBody::addAny(const Value& key, const Value& value) {
   WalkBound bound;
   // A second handle that counts nothing, and gives up before its end.
   NSObject sought = NSObject::adopt(key);
@@ -53,7 +40,7 @@ bool KeyedBody::add(const Value& key, const Value& value) {
     const std::size_t hash = cellCount() == 0 ? 0 : sought.hash();
     const bool isNew = count_ == 0 || table().findHashed(sought, hash, bound) == nullptr;
     sought.giveUp();
-    if (isNew) append(hash, key, value);
+    if (isNew) appendIndexed(hash, key, value);
     return isNew;
   } catch (...) {
     sought.giveUp();
@@ -61,14 +48,33 @@ bool KeyedBody::add(const Value& key, const Value& value) {
   }
 }
 
-void KeyedBody::put(NSObject key, NSObject value) {
+void KeyedBody::putAny(NSObject key, NSObject value, TextFilter& filter) {
+  if (isAmongFew(key.value()) && putIntoFew(key.value(), value)) return;
+  if (key.value().tag() == Tag::mutableString) {
+    filter = TextFilter::ofAnything();
+    mayHaveChangingKey_ = true;
+  }
   WalkBound bound;
   const std::size_t hash = cellCount() == 0 ? 0 : key.hash();
   if (const NSObject* found = table().findHashed(key, hash, bound)) {
     if (stride() == 2) const_cast<NSObject&>(found[1]) = std::move(value);
     return;
   }
-  append(hash, key.giveUp(), value.giveUp());
+  appendIndexed(hash, key.giveUp(), value.giveUp());
+}
+
+// Most keys are short texts and few: they are compared by their words, unless one that can change is among them.
+bool KeyedBody::putIntoFew(const Value& text, NSObject& value) {
+  const std::size_t step = stride();
+  NSObject* const end = first() + count_ * step;
+  for (NSObject* each = first(); each != end; each += step) {
+    if (each->value().tag() == Tag::mutableString) return false;
+    if (each->value() != text) continue;
+    if (step == 2) each[1] = std::move(value);
+    return true;
+  }
+  step == 2 ? append<2>(text, value.giveUp()) : append<1>(text, Value());
+  return true;
 }
 
 void MutableKeyedBody::put(NSObject key, NSObject value) {

@@ -12,6 +12,29 @@ namespace velto {
 
 class Demolition;
 
+// Which texts in handles may be among some keys: one that is not need not be looked for.
+class TextFilter {
+ public:
+  // None yet.
+  TextFilter() noexcept = default;
+  static TextFilter ofAnything() noexcept {
+    TextFilter filter;
+    filter.bits_ = ~std::uint64_t{0};
+    return filter;
+  }
+
+  // Whether it may be among those that have been asked for before.
+  bool mayHave(Value text) noexcept {
+    const std::uint64_t bit = std::uint64_t{1} << ((text.bits() * kSpread ^ text.high()) * kSpread >> 58);
+    return std::exchange(bits_, bits_ | bit) & bit;
+  }
+
+ private:
+  static constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15;
+
+  std::uint64_t bits_ = 0;
+};
+
 // The entries of an NSDictionary or NSSet that never changes: they follow, and then their index.
 class KeyedBody final : public Body {
  public:
@@ -19,10 +42,32 @@ class KeyedBody final : public Body {
   static KeyedBody& make(Tag tag, std::size_t capacity, Region* region = nullptr);
 
   // An entry that is not there yet, whose references it takes over; false, and nothing is taken, if there is one with
-  // an equal key. There is room for it, and no key is a string that can change.
-  bool add(const Value& key, const Value& value);
-  // The same, but the last value of a key wins.
-  void put(NSObject key, NSObject value);
+  // an equal key. There is room for it, and no key is a string that can change. The filter knows all texts in handles
+  // that have been added before, or says that it may.
+  bool addPair(Value key, Value value, TextFilter& filter) { return add<2>(key, value, filter); }
+  bool addMember(Value member, TextFilter& filter) { return add<1>(member, Value(), filter); }
+  // The same of a dictionary, but the last value of a key wins, and keys may be strings that can change.
+  void put(NSObject& key, NSObject& value, TextFilter& filter) {
+    if (!isAmongFew(key.value()) || filter.mayHave(key.value()))
+      return putAny(std::move(key), std::move(value), filter);
+    append<2>(key.giveUp(), value.giveUp());
+  }
+  // The same of either, without a filter.
+  void put(NSObject key, NSObject value) {
+    TextFilter filter = TextFilter::ofAnything();
+    putAny(std::move(key), std::move(value), filter);
+  }
+
+  // The entry's key in its place, as a KeyTable has it; null when there is none.
+  const NSObject* find(const NSObject& key) const {
+    if (!isAmongFew(key.value()) || mayHaveChangingKey_) return table().find(key);
+    const std::size_t step = stride();
+    const NSObject* const end = const_cast<KeyedBody*>(this)->first() + count_ * step;
+    for (const NSObject* each = const_cast<KeyedBody*>(this)->first(); each != end; each += step) {
+      if (each->value() == key.value()) return each;
+    }
+    return nullptr;
+  }
 
   std::size_t count() const noexcept { return count_; }
   KeyTable table() const noexcept {
@@ -32,6 +77,10 @@ class KeyedBody final : public Body {
 
  private:
   KeyedBody(Tag tag, std::uint32_t capacity, Region* region) noexcept : Body(tag, region), capacity_(capacity) {}
+  static std::size_t sizeFor(Tag tag, std::size_t capacity) noexcept {
+    const std::size_t objects = capacity * (tag == Tag::dictionary ? 2 : 1) * sizeof(NSObject);
+    return sizeof(KeyedBody) + objects + KeyTable::cellsFor(capacity) * sizeof(KeyTable::Cell);
+  }
   std::size_t stride() const noexcept { return tag() == Tag::dictionary ? 2 : 1; }
   std::size_t cellCount() const noexcept { return KeyTable::cellsFor(capacity_); }
   NSObject* first() noexcept { return reinterpret_cast<NSObject*>(this + 1); }
@@ -39,8 +88,33 @@ class KeyedBody final : public Body {
     NSObject* const end = const_cast<KeyedBody*>(this)->first() + capacity_ * stride();
     return reinterpret_cast<KeyTable::Cell*>(end);
   }
-  void append(std::size_t hash, const Value& key, const Value& value) noexcept;
+  bool isAmongFew(Value key) const noexcept { return key.isText() && capacity_ <= KeyTable::kSlotsWithoutIndex; }
+  template <std::size_t kStride>
+  bool add(Value key, Value value, TextFilter& filter) {
+    if (!isAmongFew(key)) return addAny(key, value);
+    if (filter.mayHave(key)) {
+      const NSObject* const end = first() + count_ * kStride;
+      for (const NSObject* each = first(); each != end; each += kStride) {
+        if (each->value() == key) return false;
+      }
+    }
+    append<kStride>(key, value);
+    return true;
+  }
+  template <std::size_t kStride>
+  void append(Value key, Value value) noexcept {
+    NSObject* const place = first() + count_ * kStride;
+    new (place) NSObject(NSObject::adopt(key));
+    if constexpr (kStride == 2) new (place + 1) NSObject(NSObject::adopt(value));
+    ++count_;
+  }
+  bool addAny(const Value& key, const Value& value);
+  void putAny(NSObject key, NSObject value, TextFilter& filter);
+  bool putIntoFew(const Value& text, NSObject& value);
+  void appendIndexed(std::size_t hash, const Value& key, const Value& value) noexcept;
 
+  // First: it finds room in the base.
+  bool mayHaveChangingKey_ = false;
   const std::uint32_t capacity_;
   std::uint32_t count_ = 0;
 };

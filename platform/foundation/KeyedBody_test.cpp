@@ -113,9 +113,10 @@ TEST(KeyedBody, AnImmutableOneIsSearchedLikeAnyOther) {
   for (const std::size_t size : {1u, 16u, 17u, 1000u}) {
     KeyedBody& body = KeyedBody::make(Tag::dictionary, size + 1);
     const NSObject dictionary = NSObject::adopt(Value(body));
+    TextFilter filter;
     for (std::size_t each = 0; each < size; ++each) {
-      EXPECT_TRUE(body.add(NSObject(each).value(), NSObject(2 * each).value()));
-      EXPECT_FALSE(body.add(NSObject(static_cast<double>(each)).value(), NSObject(0).value()));
+      EXPECT_TRUE(body.addPair(NSObject(each).value(), NSObject(2 * each).value(), filter));
+      EXPECT_FALSE(body.addPair(NSObject(static_cast<double>(each)).value(), NSObject(0).value(), filter));
     }
     body.put(0, "first");
     body.put("last", 1);
@@ -125,6 +126,33 @@ TEST(KeyedBody, AnImmutableOneIsSearchedLikeAnyOther) {
     for (std::size_t each = 1; each < size; ++each) EXPECT_EQ(dictionary[NSObject(each)], 2 * each);
     EXPECT_TRUE(dictionary["none"].isNil());
   }
+}
+
+TEST(KeyedBody, AShortTextIsTakenOnceWhetherTheFilterKnowsItOrNot) {
+  for (const std::size_t size : {1u, 16u, 17u, 200u}) {
+    KeyedBody& body = KeyedBody::make(Tag::set, size);
+    const NSObject set = NSObject::adopt(Value(body));
+    TextFilter filter;
+    for (std::size_t each = 0; each < size; ++each) {
+      const NSObject text("text " + std::to_string(each));
+      EXPECT_TRUE(body.addMember(text.value(), filter));
+      EXPECT_FALSE(body.addMember(text.value(), filter));
+      TextFilter anything = TextFilter::ofAnything();
+      EXPECT_FALSE(body.addMember(text.value(), anything));
+    }
+    EXPECT_EQ(set.count(), size);
+  }
+}
+
+TEST(KeyedBody, AKeyThatCanChangeIsFoundInABracedList) {
+  const NSMutableString changing = NSMutableString::stringWithString("same");
+  const NSDictionary before{{"same", 1}, {changing, 2}, {"other", 3}};
+  EXPECT_EQ(before.count(), 2U);
+  EXPECT_EQ(before["same"], 2);
+  const NSDictionary after{{changing, 1}, {"same", 2}, {"other", 3}};
+  EXPECT_EQ(after.count(), 2U);
+  EXPECT_EQ(after["same"], 2);
+  EXPECT_EQ(after[changing], 2);
 }
 
 TEST(KeyedBody, ATextIsFoundInWhateverFormItLies) {

@@ -29,8 +29,9 @@ void requireEntry(const NSObject& key, const NSObject& value) {
 NSDictionary NSDictionary::takeEntries(const Entry* first, std::size_t count) {
   KeyedBody& body = KeyedBody::make(Tag::dictionary, count);
   NSDictionary made((Value(body)));
+  velto::TextFilter filter;
   for (const Entry* each = first; each != first + count; ++each) {
-    if (!each->key.isNil() && !each->value.isNil()) body.put(std::move(each->key), std::move(each->value));
+    if (!each->key.isNil() && !each->value.isNil()) body.put(each->key, each->value, filter);
   }
   return made;
 }

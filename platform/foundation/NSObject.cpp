@@ -105,7 +105,9 @@ std::size_t NSObject::count() const {
 
 NSObject NSObject::operator[](const NSObject& key) const {
   if (!velto::isDictionary(value_.tag())) return nil;
-  const NSObject* found = velto::tableOf(value_).find(key);
+  const NSObject* const found = value_.tag() == velto::Tag::dictionary
+                                    ? static_cast<const velto::KeyedBody&>(value_.body()).find(key)
+                                    : velto::tableOf(value_).find(key);
   return found != nullptr ? found[1] : NSObject();
 }
 

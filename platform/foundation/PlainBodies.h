@@ -26,7 +26,7 @@ class DateBody final : public Body {
   }
   double seconds() const noexcept { return seconds_; }
   const std::optional<SteadyTime>& steady() const noexcept { return steady_; }
-  void dismantle() const noexcept { ::operator delete(const_cast<DateBody*>(this)); }
+  void dismantle() const noexcept { releaseBody(*this, sizeof(DateBody)); }
 
  private:
   DateBody(double seconds, std::optional<SteadyTime> steady, Region* region) noexcept
@@ -42,7 +42,7 @@ class UUIDBody final : public Body {
     return Value(*new (allocateBody(sizeof(UUIDBody), region)) UUIDBody(bytes, region));
   }
   const NSUUID::Bytes& bytes() const noexcept { return bytes_; }
-  void dismantle() const noexcept { ::operator delete(const_cast<UUIDBody*>(this)); }
+  void dismantle() const noexcept { releaseBody(*this, sizeof(UUIDBody)); }
 
  private:
   UUIDBody(const NSUUID::Bytes& bytes, Region* region) noexcept : Body(Tag::uuid, region), bytes_(bytes) {}

@@ -11,8 +11,9 @@ constexpr std::size_t kFurtherBytes = 4096;
 }  // namespace
 
 Region* Region::make(std::size_t bytes) {
-  auto* const memory = static_cast<char*>(::operator new(sizeof(Region) + bytes));
-  return new (memory) Region(memory + sizeof(Region), memory + sizeof(Region) + bytes);
+  const std::size_t size = sizeof(Region) + bytes;
+  auto* const memory = static_cast<char*>(BodyMemory::allocate(size));
+  return new (memory) Region(memory + sizeof(Region), memory + size, size);
 }
 
 void* Region::allocateElsewhere(std::size_t bytes) {
@@ -34,8 +35,9 @@ void Region::keep(const Value& value) {
 void Region::drop() noexcept {
   for (const Kept* each = kept_; each != nullptr; each = each->next) each->value.release();
   while (more_ != nullptr) ::operator delete(std::exchange(more_, more_->next));
+  const std::size_t bytes = bytes_;
   this->~Region();
-  ::operator delete(this);
+  BodyMemory::release(this, bytes);
 }
 
 }  // namespace velto

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <new>
 
+#include "platform/foundation/BodyMemory.h"
 #include "platform/foundation/Value.h"
 
 namespace velto {
@@ -49,7 +50,7 @@ class Region {
     Value value;
   };
 
-  Region(char* next, char* end) noexcept : next_(next), end_(end) {}
+  Region(char* next, char* end, std::size_t bytes) noexcept : next_(next), end_(end), bytes_(bytes) {}
   ~Region() = default;
   void* allocateElsewhere(std::size_t bytes);
 
@@ -57,13 +58,20 @@ class Region {
   std::atomic<std::uint64_t> references_{1};
   char* next_;
   char* end_;
+  // Of the first piece of memory, with the region itself.
+  const std::size_t bytes_;
   Chunk* more_ = nullptr;
   Kept* kept_ = nullptr;
 };
 
 // Room for a body and what follows it: in the region, or on the heap if there is none.
 inline void* allocateBody(std::size_t bytes, Region* region) {
-  return region != nullptr ? region->allocate(bytes) : ::operator new(bytes);
+  return region != nullptr ? region->allocate(bytes) : BodyMemory::allocate(bytes);
+}
+// Of a body on the heap, with the size that it was asked for with.
+template <class Any>
+void releaseBody(const Any& body, std::size_t bytes) noexcept {
+  BodyMemory::release(const_cast<Any*>(&body), bytes);
 }
 
 }  // namespace velto

@@ -19,13 +19,14 @@ class StringBody final : public Body {
   // The words of a handle that owns it.
   static Value make(std::string_view text, Region* region = nullptr) {
     if (text.size() >= UINT32_MAX) throw std::length_error("a text of 4 GiB or more");
-    return Value(*new (allocateBody(sizeof(StringBody) + text.size() + 1, region)) StringBody(text, region));
+    return Value(*new (allocateBody(sizeFor(text.size()), region)) StringBody(text, region));
   }
 
   std::string_view text() const noexcept { return {reinterpret_cast<const char*>(this + 1), length_}; }
-  void dismantle() const noexcept { ::operator delete(const_cast<StringBody*>(this)); }
+  void dismantle() const noexcept { releaseBody(*this, sizeFor(length_)); }
 
  private:
+  static std::size_t sizeFor(std::size_t length) noexcept { return sizeof(StringBody) + length + 1; }
   StringBody(std::string_view text, Region* region) noexcept
       : Body(Tag::string, region), length_(static_cast<std::uint32_t>(text.size())) {
     auto* const bytes = reinterpret_cast<char*>(this + 1);

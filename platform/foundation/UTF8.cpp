@@ -46,8 +46,22 @@ Sequence sequenceAt(std::string_view text, std::size_t position) noexcept {
   return {lead.following + 1, true};
 }
 
+// Whether all bytes are ASCII: by words, of which the last may overlap the one before it.
+bool isASCII(std::string_view text) noexcept {
+  std::uint64_t word = 0, all = 0;
+  if (text.size() < sizeof word) return false;
+  for (std::size_t position = 0; position + sizeof word < text.size(); position += sizeof word) {
+    std::memcpy(&word, text.data() + position, sizeof word);
+    all |= word;
+  }
+  std::memcpy(&word, text.data() + text.size() - sizeof word, sizeof word);
+  return ((all | word) & 0x8080808080808080) == 0;
+}
+
 // The length of the valid text that the bytes begin with.
 std::size_t validLength(std::string_view text) noexcept {
+  constexpr std::size_t kShort = 64;
+  if (text.size() <= kShort && isASCII(text)) return text.size();
   std::size_t position = 0;
   while (position < text.size()) {
     std::uint64_t word = 0;

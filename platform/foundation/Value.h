@@ -51,7 +51,7 @@ class VELTO_EXPORT Body {
 
   void retain() const noexcept { counter().fetch_add(1, std::memory_order_relaxed); }
   void release() const noexcept {
-    if (counter().fetch_sub(1, std::memory_order_acq_rel) == 1) destroy(*this);
+    if (isLastOf(counter())) destroy(*this);
   }
 
  protected:
@@ -69,6 +69,11 @@ class VELTO_EXPORT Body {
   std::atomic<std::uint64_t>& counter() const noexcept {
     if (!isInRegion_) return references_;
     return *std::bit_cast<std::atomic<std::uint64_t>*>(references_.load(std::memory_order_relaxed));
+  }
+  // Takes one off the count; whether nobody else has a reference. The only one there is needs no common step: nobody
+  // can come by another.
+  static bool isLastOf(std::atomic<std::uint64_t>& counter) noexcept {
+    return counter.load(std::memory_order_acquire) == 1 || counter.fetch_sub(1, std::memory_order_acq_rel) == 1;
   }
   static void destroy(const Body& body) noexcept;
 
@@ -93,6 +98,9 @@ class Value {
                 (std::uint64_t{to(Tag::text)} + length) << kTagShift};
   }
   static Value ofShortText(std::string_view text) noexcept;
+
+  // The same of one whose two words can be read whole.
+  static Value ofTextInWords(const char* text, std::size_t length) noexcept;
 
   constexpr Tag tag() const noexcept {
     const auto tag = static_cast<std::uint8_t>(high_ >> kTagShift);
@@ -158,6 +166,15 @@ inline Value Value::ofShortText(std::string_view text) noexcept {
   const std::uint64_t middle = static_cast<unsigned char>(bytes[length / 2]);
   const std::uint64_t last = static_cast<unsigned char>(bytes[length - 1]);
   return {first | middle << (8 * (length / 2)) | last << (8 * (length - 1)), tag};
+}
+
+inline Value Value::ofTextInWords(const char* text, std::size_t length) noexcept {
+  std::uint64_t low = 0, high = 0;
+  __builtin_memcpy(&low, text, sizeof low);
+  __builtin_memcpy(&high, text + sizeof low, sizeof high);
+  const std::uint64_t tag = (std::uint64_t{to(Tag::text)} + length) << kTagShift;
+  if (length > 8) return {low, (high & (~std::uint64_t{0} >> (8 * (16 - length)))) | tag};
+  return {length == 0 ? 0 : low & (~std::uint64_t{0} >> (8 * (8 - length))), tag};
 }
 
 }  // namespace velto

@@ -23,6 +23,7 @@ template <class Function>
 std::size_t failEachAllocationOf(const Function& function) {
   function();  // what is made once for the whole process
   for (std::size_t number = 1;; ++number) {
+    BodyMemory::empty();
     const std::ptrdiff_t before = liveAllocations();
     bool hasStruck = false;
     {
@@ -34,6 +35,7 @@ std::size_t failEachAllocationOf(const Function& function) {
       }
       hasStruck = fault.hasStruck();
     }
+    BodyMemory::empty();
     EXPECT_EQ(liveAllocations(), before) << "allocation " << number;
     if (!hasStruck || ::testing::Test::HasFailure()) return number - 1;
   }

@@ -1,4 +1,5 @@
-// Memory by malloc(), since realloc() moves large blocks by mapping them elsewhere, without copying.
+// Small blocks are had as bodies are. Larger ones by malloc(), since realloc() moves large blocks by mapping them
+// elsewhere, without copying.
 #include "platform/xpc/wire/ByteBuffer.h"
 
 #include <cstdlib>
@@ -7,19 +8,42 @@
 namespace velto::wire {
 
 ByteBlock* ByteBlock::make(std::size_t capacity) {
-  return resize(nullptr, capacity);
+  if (!isSmall(capacity)) return resize(nullptr, capacity);
+  return new (BodyMemory::allocate(sizeof(ByteBlock) + capacity)) ByteBlock(capacity);
 }
 
 ByteBlock* ByteBlock::resize(ByteBlock* block, std::size_t capacity) {
+  if (isSmall(block == nullptr ? capacity : std::min(capacity, block->capacity()))) return move(block, capacity);
   void* const memory = std::realloc(static_cast<void*>(block), sizeof(ByteBlock) + capacity);
   if (memory == nullptr) throw std::bad_alloc();
   return new (memory) ByteBlock(capacity);
 }
 
+ByteBlock* ByteBlock::move(ByteBlock* block, std::size_t capacity) {
+  ByteBlock* const made = make(capacity);
+  if (block == nullptr) return made;
+  std::memcpy(made->bytes(), block->bytes(), std::min(capacity, block->capacity()));
+  block->free();
+  return made;
+}
+
 void ByteBlock::release() noexcept {
-  if (references_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) free();
+}
+
+void ByteBlock::free() noexcept {
+  const std::size_t capacity = capacity_;
   this->~ByteBlock();
+  if (isSmall(capacity)) return BodyMemory::release(this, sizeof(ByteBlock) + capacity);
   std::free(this);
+}
+
+ByteBuffer::ByteBuffer(std::span<const std::uint8_t> bytes) {
+  if (bytes.empty()) return;
+  block_ = ByteBlock::make(bytes.size());
+  first_ = block_->bytes();
+  size_ = bytes.size();
+  std::memcpy(first_, bytes.data(), size_);
 }
 
 void ByteBuffer::reserve(std::size_t capacity) {

@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/foundation/BodyMemory.h"
+
 namespace velto::wire {
 
 // A piece of memory with a reference count, not initialised.
@@ -32,6 +34,9 @@ class ByteBlock {
  private:
   explicit ByteBlock(std::size_t capacity) noexcept : capacity_(capacity) {}
   ~ByteBlock() = default;
+  static bool isSmall(std::size_t capacity) noexcept { return sizeof(ByteBlock) + capacity <= BodyMemory::kLargest; }
+  static ByteBlock* move(ByteBlock* block, std::size_t capacity);
+  void free() noexcept;
 
   std::atomic<std::size_t> references_{1};
   std::size_t capacity_;
@@ -50,7 +55,7 @@ class ByteBuffer {
   // Takes over a reference to the block that the bytes lie in.
   ByteBuffer(ByteBlock* block, std::uint8_t* first, std::size_t size) noexcept
       : block_(block), first_(first), size_(size) {}
-  explicit ByteBuffer(std::span<const std::uint8_t> bytes) { append(bytes); }
+  explicit ByteBuffer(std::span<const std::uint8_t> bytes);
   ByteBuffer(std::initializer_list<std::uint8_t> bytes) : ByteBuffer(std::span(bytes.begin(), bytes.size())) {}
   ByteBuffer(const std::vector<std::uint8_t>& bytes) : ByteBuffer(std::span(bytes)) {}
   ByteBuffer(const ByteBuffer& other) : ByteBuffer(std::span(other)) {}

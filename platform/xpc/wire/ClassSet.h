@@ -20,6 +20,8 @@ class ClassSet {
 
   bool admits(const Class& aClass) const;
   bool admits(PlainClass plain) const noexcept { return (plain_ >> static_cast<unsigned>(plain) & 1u) != 0; }
+  // The same of many plain classes: a bit for each.
+  std::uint32_t plainClasses() const noexcept { return plain_; }
   // The classes' names, sorted, separated by ", ".
   std::string names() const;
 

@@ -6,36 +6,20 @@
 #include "platform/foundation/Walk.h"
 
 namespace velto::wire {
-namespace {
 
-// A container is a step down and back, mostly into memory that lies elsewhere.
-constexpr std::uint64_t kContainerWork = 1;
-
-// A key is looked up in the other container: hashed, or held against each of a few, and then compared. The larger the
-// containers, the fewer of these steps find in a cache what they need.
-constexpr std::uint64_t lookupFactor(std::uint64_t items) noexcept {
-  if (items <= 16) return 5;
-  return items <= 1024 ? 10 : 40;
+std::uint64_t ContainerCost::timesHashed() const noexcept {
+  return std::clamp<std::uint64_t>(items_, 1, kHashedElements);
 }
-
-}  // namespace
-
-ContainerCost::ContainerCost(std::uint64_t work, std::uint64_t items, bool hasPoorHash) noexcept
-    : lookupFactor_(lookupFactor(items)),
-      timesHashed_(std::clamp<std::uint64_t>(items, 1, kHashedElements)),
-      containerLookupFactor_(lookupFactor_ + timesHashed_),
-      work_(saturatingSum(work, kContainerWork)),
-      hasPoorHash_(hasPoorHash) {}
 
 void ContainerCost::addKey(const ComparisonCost& cost) noexcept {
   noteHash(cost);
   if (!cost.hasPoorHash) {
-    const std::uint64_t factor = cost.hashedLevels > 0 ? containerLookupFactor_ : lookupFactor_;
+    const std::uint64_t factor = lookupFactor() + (cost.hashedLevels > 0 ? timesHashed() : 0);
     work_ = saturatingSum(work_, saturatingProduct(cost.work, factor));
-    if (cost.hashedLevels > 0) hashing_ = saturatingSum(hashing_, saturatingProduct(cost.work, timesHashed_));
+    if (cost.hashedLevels > 0) hashing_ = saturatingSum(hashing_, saturatingProduct(cost.work, timesHashed()));
     return;
   }
-  work_ = saturatingSum(work_, lookupFactor_);
+  work_ = saturatingSum(work_, lookupFactor());
   poorKeyWork_ = saturatingSum(poorKeyWork_, cost.work);
   ++poorKeys_;
 }

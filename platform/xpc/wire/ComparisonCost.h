@@ -21,11 +21,16 @@ class ContainerCost {
  public:
   // `work`: what the container's own part costs beside what every container does. `items`: how many objects it will
   // hold. `hasPoorHash`: its hash does not regard all of them.
-  explicit ContainerCost(std::uint64_t work = 0, std::uint64_t items = 0, bool hasPoorHash = false) noexcept;
+  explicit ContainerCost(std::uint64_t work = 0, std::uint64_t items = 0, bool hasPoorHash = false) noexcept
+      : items_(items), work_(saturatingSum(work, kContainerWork)), hasPoorHash_(hasPoorHash) {}
 
   void addValue(const ComparisonCost& cost) noexcept {
     work_ = saturatingSum(work_, cost.work);
     noteHash(cost);
+  }
+  // Plain objects, as keys or elements of a set, and as others.
+  void addPlain(std::uint64_t keyWork, std::uint64_t valueWork) noexcept {
+    work_ = saturatingSum(work_, saturatingSum(saturatingProduct(keyWork, lookupFactor()), valueWork));
   }
   // A key of a dictionary, or an element of a set.
   void addKey(const ComparisonCost& cost) noexcept;
@@ -37,15 +42,21 @@ class ContainerCost {
   ComparisonCost toCompare() const noexcept;
 
  private:
+  // A container is a step down and back, mostly into memory that lies elsewhere.
+  static constexpr std::uint64_t kContainerWork = 1;
+
   void noteHash(const ComparisonCost& cost) noexcept {
     hasPoorHash_ = hasPoorHash_ || cost.hasPoorHash;
     hashedLevels_ = std::max(hashedLevels_, cost.hashedLevels);
   }
 
-  std::uint64_t lookupFactor_;
+  // A key is looked up in the other container: hashed, or held against each of a few, and then compared. The larger the
+  // containers, the fewer of these steps find in a cache what they need.
+  std::uint64_t lookupFactor() const noexcept { return items_ <= 16 ? 5 : items_ <= 1024 ? 10 : 40; }
   // A container as a key is hashed, and so is each of a few that it is held against.
-  std::uint64_t timesHashed_;
-  std::uint64_t containerLookupFactor_;
+  std::uint64_t timesHashed() const noexcept;
+
+  std::uint64_t items_;
   std::uint64_t hashing_ = 0;
   std::uint64_t work_;
   // The keys with poor hashes alone, and their number.

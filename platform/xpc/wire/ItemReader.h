@@ -53,6 +53,9 @@ class ItemReader {
 
   std::size_t position() const noexcept { return static_cast<std::size_t>(next_ - start_); }
   void rewind(std::size_t position) noexcept { next_ = start_ + position; }
+  // The bytes to come, for one who reads some of them by itself, and then goes on from `position` here.
+  std::span<const std::uint8_t> rest() const noexcept { return {next_, end_}; }
+  void goOnFrom(const std::uint8_t* position) noexcept { next_ = position; }
   std::size_t remaining() const noexcept { return static_cast<std::size_t>(end_ - next_); }
   const std::string& reason() const noexcept { return reason_; }
 

@@ -3,7 +3,6 @@
 #include "platform/xpc/wire/ItemWriter.h"
 
 #include <algorithm>
-#include <bit>
 
 namespace velto::wire {
 void ItemWriter::grow(std::size_t bytes) {
@@ -20,14 +19,6 @@ ByteBuffer ItemWriter::finish() {
   if (bytes_.capacity() == 0) return ByteBuffer(std::span(first_, written()));
   bytes_.setSize(written());
   return std::move(bytes_);
-}
-
-void ItemWriter::addDouble(double value) {
-  std::uint8_t* const out = room(kHeadBytes);
-  out[0] = 0xFB;
-  const std::uint64_t swapped = __builtin_bswap64(std::bit_cast<std::uint64_t>(value));
-  std::memcpy(out + 1, &swapped, sizeof swapped);
-  next_ += kHeadBytes;
 }
 
 }  // namespace velto::wire

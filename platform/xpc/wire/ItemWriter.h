@@ -1,11 +1,13 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <span>
 #include <string_view>
 
+#include "platform/foundation/Value.h"
 #include "platform/xpc/wire/ByteBuffer.h"
 
 namespace velto::wire {
@@ -23,11 +25,21 @@ class ItemWriter {
     if (value >= 0) return addHead(0, static_cast<std::uint64_t>(value));
     addHead(1, ~static_cast<std::uint64_t>(value));
   }
-  void addDouble(double value);
+  void addDouble(double value) { addBigEndian(0xFB, std::bit_cast<std::uint64_t>(value)); }
   void addBool(bool value) { addByte(value ? 0xF5 : 0xF4); }
   void addNull() { addByte(0xF6); }
   void addUndefined() { addByte(0xF7); }
   void addText(std::string_view text) { addString(3, text.data(), text.size()); }
+  // A text that lies in a handle.
+  void addText(const Value& text) {
+    // Both words, whatever is in them behind the text: what comes next is written over it.
+    constexpr std::size_t kWords = 16;
+    std::uint8_t* const out = room(1 + kWords);
+    const std::uint64_t words[] = {text.bits(), text.high()};
+    *out = static_cast<std::uint8_t>(0x60 | text.textLength());
+    std::memcpy(out + 1, words, kWords);
+    next_ += 1 + text.textLength();
+  }
   void addBytes(std::span<const std::uint8_t> bytes) { addString(2, bytes.data(), bytes.size()); }
   void addArray(std::size_t count) { addHead(4, count); }
   void addMap(std::size_t pairs) { addHead(5, pairs); }
@@ -54,6 +66,13 @@ class ItemWriter {
   void addByte(std::uint8_t byte) {
     *room(1) = byte;
     ++next_;
+  }
+  void addBigEndian(std::uint8_t head, std::uint64_t number) {
+    std::uint8_t* const out = room(kHeadBytes);
+    *out = head;
+    const std::uint64_t swapped = __builtin_bswap64(number);
+    std::memcpy(out + 1, &swapped, sizeof swapped);
+    next_ += kHeadBytes;
   }
   // The head's bytes, at `out`; returns their number.
   static std::size_t putHead(std::uint8_t* out, unsigned major, std::uint64_t argument) noexcept;

@@ -29,7 +29,7 @@ namespace {
 
 // Frames up to this size become one region, of so many times their bytes and a little more.
 constexpr std::size_t kRegionFrameBytes = 4096;
-constexpr std::size_t kRegionFactor = 3;
+constexpr std::size_t kRegionFactor = 2;
 constexpr std::size_t kRegionRoom = 256;
 // Data of this size stays where it has come, if it is so great a part of that: who keeps it keeps little else.
 constexpr std::size_t kStayingBytes = std::size_t{16} << 10;
@@ -115,12 +115,8 @@ inline ValueDecoder::Step ValueDecoder::putKeyed(Level& level) {
     level.cost.addValue(cost_);
   }
   const Value& key = isSet ? made_ : level.key;
-  if (!level.keyed->add(key, isSet ? Value() : made_)) {
-    level.hasTwice = true;
-    if (region_ == nullptr) {
-      made_.release();
-      level.key.release();
-    }
+  if (!(isSet ? level.keyed->addMember(key, level.keys) : level.keyed->addPair(key, made_, level.keys))) {
+    dropTwice(level, made_);
   }
   level.key = Value();
   made_ = Value();
@@ -188,7 +184,7 @@ inline ValueDecoder::Step ValueDecoder::readObject() {
 
 ValueDecoder::Outcome ValueDecoder::build(NSObject& value) {
   for (;;) {
-    Step step = readObject();
+    Step step = depth_ > 0 && readPlainOnes() ? close() : readObject();
     while (step == Step::complete) {
       if (depth_ == 0) {
         value = giveMade();
@@ -209,8 +205,8 @@ ValueDecoder::Outcome ValueDecoder::stepOver(std::size_t start) {
   return Outcome::broken;
 }
 
-Region* ValueDecoder::region() {
-  if (region_ == nullptr && frame_.body.size() <= kRegionFrameBytes) {
+Region* ValueDecoder::makeRegion() {
+  if (frame_.body.size() <= kRegionFrameBytes) {
     region_ = Region::make(kRegionFactor * frame_.body.size() + kRegionRoom);
   }
   return region_;
@@ -234,7 +230,10 @@ void ValueDecoder::clear() noexcept {
       const Level& each = top();
       each.key.release();
       each.domain.release();
-      if (each.kind == Kind::array) each.array->release();
+      if (each.kind == Kind::array) {
+        each.array->fillUp(each.elements);
+        each.array->release();
+      }
       if (each.kind != Kind::array && each.kind != Kind::coded) each.keyed->release();
     }
   }
@@ -270,6 +269,7 @@ ValueDecoder::Step ValueDecoder::open(Kind kind, std::uint64_t items) {
   Level& made = *new (&level(depth_)) Level;
   made.kind = kind;
   made.hasTwice = false;
+  made.elements = elements;
   made.itemsLeft = items;
   made.counted = 0;
   made.key = Value();
@@ -290,7 +290,7 @@ ValueDecoder::Step ValueDecoder::close() {
   const Level& level = top();
   if (level.kind == Kind::coded) return closeCoded();
   if (level.hasTwice) return breakOff("a key of a dictionary, or an element of a set, that comes twice");
-  cost_ = level.cost.toCompare();
+  if (depth_ > 1) cost_ = level.cost.toCompare();
   if (level.kind == Kind::array) {
     made_ = Value(*level.array);
   } else if (level.kind == Kind::error) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "VeltoIPC/Limits.h"
+#include "platform/foundation/KeyedBody.h"
 #include "platform/foundation/NSCoding.h"
 #include "platform/foundation/NSObject.h"
 #include "platform/xpc/wire/ClassSet.h"
@@ -20,7 +21,6 @@
 
 namespace velto {
 class ArrayBody;
-class KeyedBody;
 class Region;
 }  // namespace velto
 
@@ -66,6 +66,7 @@ class ValueDecoder {
     Kind kind;
     // A key or an element came twice: breaks the protocol, once all of the container has been read.
     bool hasTwice;
+    std::uint64_t elements;
     std::uint64_t itemsLeft;
     // What its keys have cost so far, which is in the comparisons of the frame.
     std::uint64_t counted;
@@ -78,10 +79,19 @@ class ValueDecoder {
     Value domain;
     std::int64_t code;
     ContainerCost cost;
+    TextFilter keys;
   };
 
   Outcome build(NSObject& value);
   Outcome stepOver(std::size_t start);
+  // Puts plain objects into the innermost container, as many as follow each other. What is anything else, or not as it
+  // should be, is left to readObject(). Whether the container is full then.
+  bool readPlainOnes();
+  class PlainReader;
+  void readElements(Level& level);
+  void readMembers(Level& level);
+  void readPairs(Level& level);
+  void dropTwice(Level& level, const Value& made) noexcept;
   Step readObject();
   Step integer(const Item& item);
   Step text(const Item& item);
@@ -107,7 +117,8 @@ class ValueDecoder {
   bool takeDescriptors(std::vector<system::SharedDescriptor>& taken);
 
   // The memory of small messages; null for large ones, whose bodies are on the heap.
-  Region* region();
+  Region* region() { return region_ != nullptr ? region_ : makeRegion(); }
+  Region* makeRegion();
   // An object that others have made becomes the one that was read last.
   void take(NSObject object);
   // A handle of its own on the object that was read last.

@@ -56,7 +56,7 @@ void ValueEncoder::add(const NSObject& value) {
     if (value.isNil()) {
       if (hasRoomFor(1)) writer_.addUndefined();
     } else {
-      encode(value);
+      if (count(1) && encode(value)) hasRoomFor(0);
     }
   } catch (const std::exception& exception) {
     fail(std::string("could not be encoded: ") + exception.what());
@@ -114,9 +114,7 @@ bool ValueEncoder::refuse(std::string reason) {
   return false;
 }
 
-bool ValueEncoder::hasRoomFor(std::size_t bytes) {
-  const std::size_t length = writer_.written() + enclosedBytes_ + bytes;
-  if (length <= limits::kMaximumFrameBytes) return true;
+bool ValueEncoder::refuseLength(std::size_t length) {
   failOverLimit("bytes of a frame", length, limits::kMaximumFrameBytes, true);
   return false;
 }
@@ -127,46 +125,46 @@ bool ValueEncoder::isTooDeep() {
   return true;
 }
 
-bool ValueEncoder::encode(const NSObject& object) {
-  if (++objects_ > limits::kMaximumObjects) {
-    failOverLimit("objects", objects_, limits::kMaximumObjects, true);
-    return false;
-  }
-  return encodeAny(object) && hasRoomFor(0);
+// Ahead of the objects themselves.
+bool ValueEncoder::count(std::size_t objects) {
+  objects_ += objects;
+  if (objects_ <= limits::kMaximumObjects) return true;
+  failOverLimit("objects", limits::kMaximumObjects + 1, limits::kMaximumObjects, true);
+  return false;
 }
 
-bool ValueEncoder::encodeAny(const NSObject& object) {
+// What most objects are is inlined wherever objects are written. Whether there was room for it, the caller asks.
+[[gnu::always_inline]] inline bool ValueEncoder::encode(const NSObject& object) {
+  if (object.value().isText()) {
+    writer_.addText(object.value());
+    return true;
+  }
+  if (object.value().tag() == Tag::signedInteger) {
+    writer_.addSigned(static_cast<std::int64_t>(object.value().bits()));
+    return true;
+  }
+  return encodeOther(object);
+}
+
+bool ValueEncoder::encodeOther(const NSObject& object) {
   const Value& value = object.value();
   switch (value.tag()) {
     case Tag::boolean:
       writer_.addBool(value.bits() != 0);
       return true;
-    case Tag::signedInteger:
-      writer_.addSigned(static_cast<std::int64_t>(value.bits()));
+    case Tag::floatingPoint:
+      writer_.addDouble(std::bit_cast<double>(value.bits()));
       return true;
     case Tag::unsignedInteger:
       if (value.bits() <= INT64_MAX) writer_.addTag(kUnsignedTag);
       writer_.addUnsigned(value.bits());
       return true;
-    case Tag::floatingPoint:
-      writer_.addDouble(std::bit_cast<double>(value.bits()));
-      return true;
     case Tag::null:
       writer_.addNull();
       return true;
-    case Tag::text:
     case Tag::string:
-    case Tag::mutableString: {
-      const std::string_view text = textOf(value);
-      if (!hasRoomFor(text.size())) return false;
-      if (text.size() < kEnclosedBytes || value.tag() == Tag::mutableString) {
-        writer_.addText(text);
-      } else {
-        writer_.addTextHead(text.size());
-        enclose(object, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
-      }
-      return true;
-    }
+    case Tag::mutableString:
+      return encodeString(object);
     case Tag::array:
     case Tag::mutableArray:
     case Tag::dictionary:
@@ -178,19 +176,8 @@ bool ValueEncoder::encodeAny(const NSObject& object) {
       return !isTooDeep() && encodeContainer(object);
     }
     case Tag::data:
-    case Tag::mutableData: {
-      const std::span<const std::uint8_t> bytes = bytesOf(value);
-      if (!hasRoomFor(bytes.size())) return false;
-      // What others lend is given back by whoever sends it, and not by a thread that writes in the background.
-      const bool stays = value.tag() == Tag::data && !static_cast<const DataBody&>(value.body()).isLent();
-      if (bytes.size() < kEnclosedBytes || !stays) {
-        writer_.addBytes(bytes);
-      } else {
-        writer_.addBytesHead(bytes.size());
-        enclose(object, bytes);
-      }
-      return true;
-    }
+    case Tag::mutableData:
+      return encodeData(object);
     case Tag::date:
       return encodeDate(object);
     case Tag::uuid:
@@ -204,11 +191,36 @@ bool ValueEncoder::encodeAny(const NSObject& object) {
       writer_.addText(text);
       return true;
     }
-    case Tag::object:
-    case Tag::nil:
-      break;
+    default:
+      return encodeObject(object);
   }
-  return encodeObject(object);
+}
+
+bool ValueEncoder::encodeString(const NSObject& object) {
+  const std::string_view text = textOf(object.value());
+  if (!hasRoomFor(text.size())) return false;
+  if (text.size() < kEnclosedBytes || object.value().tag() == Tag::mutableString) {
+    writer_.addText(text);
+  } else {
+    writer_.addTextHead(text.size());
+    enclose(object, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+  }
+  return true;
+}
+
+bool ValueEncoder::encodeData(const NSObject& object) {
+  const Value& value = object.value();
+  const std::span<const std::uint8_t> bytes = bytesOf(value);
+  if (!hasRoomFor(bytes.size())) return false;
+  // What others lend is given back by whoever sends it, and not by a thread that writes in the background.
+  const bool stays = value.tag() == Tag::data && !static_cast<const DataBody&>(value.body()).isLent();
+  if (bytes.size() < kEnclosedBytes || !stays) {
+    writer_.addBytes(bytes);
+  } else {
+    writer_.addBytesHead(bytes.size());
+    enclose(object, bytes);
+  }
+  return true;
 }
 
 void ValueEncoder::enclose(const NSObject& owner, std::span<const std::uint8_t> bytes) {
@@ -243,11 +255,11 @@ bool ValueEncoder::encodeDate(const NSObject& object) {
 
 bool ValueEncoder::encodeElements(const NSObject& container) {
   const std::size_t count = container.count();
-  if (!hasRoomFor(count)) return false;
+  if (!hasRoomFor(count) || !this->count(count)) return false;
   writer_.addArray(count);
   if (container.value().tag() == Tag::array) {
     for (const NSObject& each : elementsOf(container.value())) {
-      if (!encode(each)) return false;
+      if (!encode(each) || !hasRoomFor(0)) return false;
     }
     return true;
   }
@@ -255,7 +267,7 @@ bool ValueEncoder::encodeElements(const NSObject& container) {
   const ObjectIterator end(container, ObjectIterator::Place::end);
   for (ObjectIterator each(container, ObjectIterator::Place::begin); each != end; ++each) {
     // A handle of its own: what its coding does may change the container.
-    if (!encode(NSObject(*each))) return false;
+    if (!encode(NSObject(*each)) || !hasRoomFor(0)) return false;
     ++written;
   }
   return written == count || refuse(kChanged);
@@ -263,12 +275,12 @@ bool ValueEncoder::encodeElements(const NSObject& container) {
 
 bool ValueEncoder::encodePairs(const NSObject& dictionary) {
   const std::size_t count = dictionary.count();
-  if (!hasRoomFor(2 * count)) return false;
+  if (!hasRoomFor(2 * count) || !this->count(2 * count)) return false;
   writer_.addMap(count);
   if (dictionary.value().tag() == Tag::dictionary) {
     const KeyTable entries = tableOf(dictionary.value());
     for (std::size_t slot = 0; slot < count; ++slot) {
-      if (!encode(entries.key(slot)) || !encode(entries.value(slot))) return false;
+      if (!encode(entries.key(slot)) || !encode(entries.value(slot)) || !hasRoomFor(0)) return false;
     }
     return true;
   }
@@ -276,7 +288,7 @@ bool ValueEncoder::encodePairs(const NSObject& dictionary) {
   const ObjectIterator end(dictionary, ObjectIterator::Place::end);
   for (ObjectIterator each(dictionary, ObjectIterator::Place::begin); each != end; ++each) {
     const NSObject value = (&*each)[1];
-    if (!encode(NSObject(*each)) || !encode(value)) return false;
+    if (!encode(NSObject(*each)) || !encode(value) || !hasRoomFor(0)) return false;
     ++written;
   }
   return written == count || refuse(kChanged);
@@ -311,7 +323,7 @@ bool ValueEncoder::encodeCoded(const NSObject& object, const ClassBody& aClass, 
   if (isTooDeep()) return false;
   const NSObject contents = coded.coding.encode ? coded.coding.encode(object) : nil;
   if (contents.isNil()) return refuse("holds an object of class " + aClass.name() + ", which its coding refused");
-  return startObject(aClass.name()) && encode(contents);
+  return startObject(aClass.name()) && count(1) && encode(contents);
 }
 
 bool ValueEncoder::encodeDescriptors(const NSObject& object, const ClassBody& aClass, bool& found) {

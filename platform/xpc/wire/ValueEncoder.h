@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "VeltoIPC/Limits.h"
 #include "platform/foundation/NSObject.h"
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/ItemWriter.h"
@@ -49,8 +50,11 @@ class ValueEncoder {
 
  private:
   // All of these answer whether to go on.
+  bool count(std::size_t objects);
   bool encode(const NSObject& object);
-  bool encodeAny(const NSObject& object);
+  bool encodeOther(const NSObject& object);
+  bool encodeString(const NSObject& object);
+  bool encodeData(const NSObject& object);
   bool encodeObject(const NSObject& object);
   bool encodeContainer(const NSObject& object);
   bool encodeDate(const NSObject& object);
@@ -60,7 +64,11 @@ class ValueEncoder {
   bool encodeCoded(const NSObject& object, const ClassBody& aClass, bool& found);
   bool encodeDescriptors(const NSObject& object, const ClassBody& aClass, bool& found);
   bool startObject(const std::string& className);
-  bool hasRoomFor(std::size_t bytes);
+  bool hasRoomFor(std::size_t bytes) {
+    const std::size_t length = writer_.written() + enclosedBytes_ + bytes;
+    return length <= limits::kMaximumFrameBytes || refuseLength(length);
+  }
+  bool refuseLength(std::size_t length);
   // Bytes that lie in `owner`: from where they are, if they are many and stay what they are.
   void enclose(const NSObject& owner, std::span<const std::uint8_t> bytes);
   bool isTooDeep();
