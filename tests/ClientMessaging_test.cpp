@@ -87,6 +87,41 @@ TEST_F(ClientMessaging, ANilMessagePassesTheCheckAndIsSent) {
   EXPECT_EQ(pair.client.connection->sendMessageSync(nil, 20.0), NSDictionary({{"nil", true}}));
 }
 
+TEST_F(ClientMessaging, EmptyBracesAreAnEmptyMessageAndAnEmptyReply) {
+  Pair pair;
+  pair.server.delegate->onMessage(
+      [](const NSDictionary&, const NSString&, const VeltoReplyHandler& reply) { reply({}); });
+  NSError error;
+  const NSDictionary reply = pair.client.connection->sendMessageSync({}, 20.0, &error);
+  EXPECT_FALSE(reply.isNil());
+  EXPECT_EQ(reply, NSDictionary::dictionary());
+  EXPECT_TRUE(error.isNil());
+  std::promise<NSDictionary> replied;
+  EXPECT_TRUE(pair.client.connection->sendMessage(
+      {}, &error, [&](const NSDictionary& asynchronous) { replied.set_value(asynchronous); }));
+  std::future<NSDictionary> later = replied.get_future();
+  EXPECT_EQ(finish(later), NSDictionary::dictionary());
+  ASSERT_TRUE(pair.client.connection->sendMessage({}));
+  ASSERT_TRUE(pair.server.delegate->waitForMessages(3));
+  for (const Event& event : pair.server.delegate->messages()) {
+    EXPECT_FALSE(event.message.isNil());
+    EXPECT_EQ(event.message, NSDictionary::dictionary());
+  }
+}
+
+TEST_F(ClientMessaging, ANilReplyStaysNilAndIsNoError) {
+  Pair pair;
+  pair.server.delegate->onMessage([](const NSDictionary& message, const NSString&, const VeltoReplyHandler& reply) {
+    const NSDictionary none;
+    message["variable"].boolValue() ? reply(none) : reply(nil);
+  });
+  for (const bool asVariable : {false, true}) {
+    NSError error;
+    EXPECT_TRUE(pair.client.connection->sendMessageSync({{"variable", asVariable}}, 20.0, &error).isNil());
+    EXPECT_TRUE(error.isNil());
+  }
+}
+
 TEST_F(ClientMessaging, AMessageForAnotherIdentifierIsReportedAtBothEndsAndDropped) {
   const auto listener = BareListener::start();
   TestLink().registerEndpoint(listener->endpoint(), "org.velto.test.foreign");

@@ -90,5 +90,34 @@ TEST_F(ListenerMessaging, MessagesOfManySendersKeepTheirOrderPerConnection) {
   }
 }
 
+TEST_F(ListenerMessaging, EmptyBracesAreAnEmptyMessageAndAnEmptyReply) {
+  Pair pair;
+  pair.client.delegate->onMessage(
+      [](const NSDictionary&, const NSString&, const VeltoReplyHandler& reply) { reply({}); });
+  NSError error;
+  const NSDictionary reply = pair.server.listener->sendMessageSync({}, pair.id, 20.0, &error);
+  EXPECT_FALSE(reply.isNil());
+  EXPECT_EQ(reply, NSDictionary::dictionary());
+  EXPECT_TRUE(error.isNil());
+  std::promise<NSDictionary> replied;
+  EXPECT_TRUE(pair.server.listener->sendMessage(
+      {}, pair.id, &error, [&](const NSDictionary& asynchronous) { replied.set_value(asynchronous); }));
+  std::future<NSDictionary> later = replied.get_future();
+  EXPECT_EQ(finish(later), NSDictionary::dictionary());
+  EXPECT_FALSE(pair.server.listener->sendMessage({}, "nobody"));
+  for (const Event& event : pair.client.delegate->messages()) EXPECT_FALSE(event.message.isNil());
+  EXPECT_EQ(pair.client.delegate->messages().size(), 2u);
+}
+
+TEST_F(ListenerMessaging, ANilMessageStaysNil) {
+  Pair pair;
+  pair.client.delegate->onMessage([](const NSDictionary& message, const NSString&, const VeltoReplyHandler& reply) {
+    reply({{"nil", message.isNil()}});
+  });
+  const NSDictionary none;
+  EXPECT_EQ(pair.server.listener->sendMessageSync(nil, pair.id, 20.0), NSDictionary({{"nil", true}}));
+  EXPECT_EQ(pair.server.listener->sendMessageSync(none, pair.id, 20.0), NSDictionary({{"nil", true}}));
+}
+
 }  // namespace
 }  // namespace velto::testing

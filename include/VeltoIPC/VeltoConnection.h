@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <utility>
 
 #include "VeltoIPC/VeltoCommunicationMessageProtocol.h"
 #include "VeltoIPC/VeltoIPCDelegate.h"
@@ -52,13 +53,20 @@ class VELTO_EXPORT VeltoConnection final : public NSObject,
   // Sends a message and returns; true when it was handed to the connection. The handler, if any, gets the reply, on a
   // thread of the platform. False: code 2 "Connection is not available" when not ready or closed; code 3 "SendMessage
   // failed message type check" when strict types are on and a value is not of a plain type. Then the handler is never
-  // called. A failure on the way comes to the delegate's connectionError().
+  // called. A failure on the way comes to the delegate's connectionError(). Empty braces are an empty message; a nil
+  // one is sent as nil.
   bool sendMessage(const NSDictionary& message, NSError* error = nullptr, VeltoReplyHandler handler = {});
+  bool sendMessage(velto::EmptyBraces, NSError* error = nullptr, VeltoReplyHandler handler = {}) {
+    return sendMessage(NSDictionary::dictionary(), error, std::move(handler));
+  }
   // Sends a message and waits for the reply up to `timeout` seconds, VKT_IPC_TIME_FOREVER for as long as it takes. nil
   // on failure: as sendMessage(); code 6 "Timed out value is not valid" for another negative time-out, and nothing is
   // sent; code 6 "Timed out waiting" when no reply came in time or the connection was closed. May be called inside a
   // callback.
   NSDictionary sendMessageSync(const NSDictionary& message, double timeout, NSError* error = nullptr);
+  NSDictionary sendMessageSync(velto::EmptyBraces, double timeout, NSError* error = nullptr) {
+    return sendMessageSync(NSDictionary::dictionary(), timeout, error);
+  }
 
   // The delegate as of now; null when there is none. Events of the broker link go to the first delegate for ever.
   std::shared_ptr<VeltoIPCDelegate> delegate() const;

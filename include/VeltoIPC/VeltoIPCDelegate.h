@@ -6,7 +6,9 @@
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSString.h"
 
-// Takes the reply to a message, or hands one over: a callable that takes one dictionary.
+// Takes the reply to a message, or hands one over: a callable that takes one dictionary. Called with a pair of empty
+// braces, reply({}), it takes or hands over an empty dictionary; only nil, and a dictionary that is nil, make a nil
+// reply, which a synchronous send returns like any other, without an error.
 using VeltoReplyHandler = std::function<void(NSDictionary reply)>;
 
 // Hears of everything that happens to a VeltoConnection or a VeltoListener. Derive from it; both hold it weakly, so

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <utility>
 
 #include "VeltoIPC/NSXPCListenerDelegate.h"
 #include "VeltoIPC/VeltoCommunicationMessageProtocol.h"
@@ -44,9 +45,17 @@ class VELTO_EXPORT VeltoListener final : public NSObject,
   // connectionReady()); code 3 "SendMessage failed message type check". Otherwise as VeltoConnection::sendMessage().
   bool sendMessage(const NSDictionary& message, const NSString& toConnection, NSError* error = nullptr,
                    VeltoReplyHandler handler = {});
+  bool sendMessage(velto::EmptyBraces, const NSString& toConnection, NSError* error = nullptr,
+                   VeltoReplyHandler handler = {}) {
+    return sendMessage(NSDictionary::dictionary(), toConnection, error, std::move(handler));
+  }
   // Sends and waits for the reply, as VeltoConnection::sendMessageSync().
   NSDictionary sendMessageSync(const NSDictionary& message, const NSString& toConnection, double timeout,
                                NSError* error = nullptr);
+  NSDictionary sendMessageSync(velto::EmptyBraces, const NSString& toConnection, double timeout,
+                               NSError* error = nullptr) {
+    return sendMessageSync(NSDictionary::dictionary(), toConnection, timeout, error);
+  }
   // Whether messages are held to the plain types: true at first. Counts at once for what this end sends, and for
   // clients that connect from now on; clients already connected keep what they were told.
   void setStrictMessageTypes(bool flag);

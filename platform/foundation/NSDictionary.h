@@ -14,6 +14,9 @@
 // Values under keys. A key may be any object; neither key nor value is nil. Keys keep the order in which they were
 // first put in; equality does not regard it. See NSObject for nil and threads.
 //
+// A pair of empty braces is a default-constructed dictionary, hence nil: NSDictionary::dictionary() makes an empty one.
+// Only where a message or a reply is handed over, sendMessage({}, …) and reply({}), do empty braces stand for that.
+//
 //   NSDictionary message{{"op", "sum"}, {"terms", NSArray{1, 2, 3.5}}};
 //   double first = message["terms"][0].doubleValue();
 class VELTO_EXPORT NSDictionary : public NSObject {
@@ -118,3 +121,6 @@ class VELTO_EXPORT NSMutableDictionary : public NSDictionary {
  private:
   explicit NSMutableDictionary(const velto::Value& adopted) noexcept : NSDictionary(adopted) {}
 };
+
+// It is declared in terms of NSDictionary: hence an include at the end.
+#include "platform/foundation/DictionaryHandler.h"
