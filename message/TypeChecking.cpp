@@ -1,7 +1,9 @@
 // The rules of strict types. A line of the log names the class of what failed and never prints the value: messages may
-// hold what has no place in a log. The walk is bounded, because a mutable container can hold itself.
+// hold what has no place in a log. Where it lies is told in a line of its own, for whoever asks for details. The walk
+// is bounded, because a mutable container can hold itself.
 #include "message/TypeChecking.h"
 
+#include "message/ValuePath.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/logging/VeltoLogging.h"
 
@@ -21,7 +23,9 @@ class TypeCheck {
     const velto::WalkBound::Level level(bound_);
     if (!level) return refuseDepth();
     for (const NSObject& key : dictionary.allKeys()) {
-      if (!accepts(dictionary.objectForKey(key))) return false;
+      if (accepts(dictionary.objectForKey(key))) continue;
+      path_.addKey(key);
+      return false;
     }
     return true;
   }
@@ -29,10 +33,21 @@ class TypeCheck {
   bool array(const NSArray& array) {
     const velto::WalkBound::Level level(bound_);
     if (!level) return refuseDepth();
+    std::size_t index = 0;
     for (const NSObject& element : array) {
-      if (!accepts(element)) return false;
+      if (!accepts(element)) {
+        path_.addIndex(index);
+        return false;
+      }
+      ++index;
     }
     return true;
+  }
+
+  // For the end of the check; `passes` is what came out of it.
+  bool told(bool passes) const {
+    if (!passes) VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelDetail, "Failed Type Checking at %@", path_.object());
+    return passes;
   }
 
  private:
@@ -69,6 +84,7 @@ class TypeCheck {
   }
 
   velto::WalkBound& bound_;
+  velto::ValuePath path_;
 };
 
 }  // namespace
@@ -86,11 +102,13 @@ bool checkArray(const NSArray& array) {
 namespace velto {
 
 bool checkDictionaryWithin(WalkBound& bound, const NSDictionary& dictionary) {
-  return TypeCheck(bound).dictionary(dictionary);
+  TypeCheck check(bound);
+  return check.told(check.dictionary(dictionary));
 }
 
 bool checkArrayWithin(WalkBound& bound, const NSArray& array) {
-  return TypeCheck(bound).array(array);
+  TypeCheck check(bound);
+  return check.told(check.array(array));
 }
 
 }  // namespace velto

@@ -170,3 +170,41 @@ TEST_F(TypeChecking, SharedContainersThatStandForTooManyValuesFail) {
   EXPECT_FALSE(velto::checkArrayWithin(bound, doubled));
   EXPECT_THAT(log.lines().front().text, HasSubstr("the message holds 10001 values, at most 10000"));
 }
+
+TEST_F(TypeChecking, WhereTheValueLiesIsADetailBehindTheOtherLines) {
+  VKTLogSetLevel(VKTLogLevelDetail);
+  const NSDictionary order{{"item", 1}, {"when", NSDate::date()}};
+  EXPECT_FALSE(checkDictionary({{"good", 1}, {"orders", NSArray{1, order}}}));
+  EXPECT_THAT(log.lines(), ElementsAre(failure("NSDate"), failure("NSDictionary"), failure("NSArray"),
+                                       Line{3, "Failed Type Checking at orders[1].when"}));
+}
+
+TEST_F(TypeChecking, WhereTheValueLiesIsToldOfArraysToo) {
+  VKTLogSetLevel(VKTLogLevelDetail);
+  EXPECT_FALSE(checkArray({1, NSDictionary{{7, NSNull::null()}}}));
+  EXPECT_THAT(log.lines(),
+              ElementsAre(failure("NSNull"), failure("NSDictionary"), Line{3, "Failed Type Checking at [1]{7}"}));
+}
+
+TEST_F(TypeChecking, AKeyCannotForgeALine) {
+  VKTLogSetLevel(VKTLogLevelDetail);
+  EXPECT_FALSE(checkDictionary({{"a\nFailed Type Checking at b", NSNull::null()}}));
+  ASSERT_EQ(log.lines().size(), 2u);
+  EXPECT_EQ(log.lines()[1].text, "Failed Type Checking at [\"a\\u{a}Failed Type Checking at b\"]");
+}
+
+TEST_F(TypeChecking, WhatPassesTellsNoPlace) {
+  VKTLogSetLevel(VKTLogLevelDetail);
+  EXPECT_TRUE(checkDictionary({{"list", NSArray{1, NSDictionary{{"a", 2}}}}}));
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(TypeChecking, TheEndlessIsToldShortened) {
+  VKTLogSetLevel(VKTLogLevelDetail);
+  auto array = NSMutableArray::array();
+  array.addObject(array);
+  EXPECT_FALSE(checkArray(array));
+  EXPECT_EQ(log.lines().back().level, 3);
+  EXPECT_LT(log.lines().back().text.size(), 200u);
+  array.removeAllObjects();
+}

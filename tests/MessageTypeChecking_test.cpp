@@ -94,6 +94,10 @@ TEST_F(MessageTypeChecking, AClassIsNoInstanceOfItself) {
 
 class MessageTypeCheckingOfEnds : public LibraryTest {
  protected:
+  static LogCapture::Line refusal(const std::string& name) {
+    return {0, "Failed Type Checking with the following object " + name + " with ClassName " + name};
+  }
+
   const NSDictionary anything{{"when", NSDate::dateWithTimeIntervalSince1970(1.5)},
                               {"which", NSArray{NSNull::null(), NSSet{1}}}};
 };
@@ -105,6 +109,24 @@ TEST_F(MessageTypeCheckingOfEnds, WithStrictTypesOffAnyPayloadIsHandedOnUnchecke
   EXPECT_EQ(pair.client.connection->sendMessageSync(anything, 20.0), anything);
   EXPECT_EQ(pair.server.listener->sendMessageSync(anything, pair.id, 20.0), anything);
   EXPECT_TRUE(log.containing(0, "Failed Type Checking").empty()) << log.text();
+}
+
+TEST_F(MessageTypeCheckingOfEnds, ARefusalTellsThePlaceBeforeTheEndsOwnLine) {
+  Pair pair;
+  clearLogOfHandshake();
+  VKTLogSetLevel(VKTLogLevelDetail);
+  NSError error;
+  EXPECT_FALSE(pair.client.connection->sendMessage(anything, &error));
+  EXPECT_EQ(error.userInfo().count(), 1u);
+  EXPECT_TRUE(pair.server.listener->sendMessageSync({{"list", NSArray{1, NSNull::null()}}}, pair.id, 20.0).isNil());
+  EXPECT_EQ(log.lines(),
+            (std::vector<LogCapture::Line>{refusal("NSDate"),
+                                           {3, "Failed Type Checking at when"},
+                                           {0, "VeltoConnection SendMessage failed message type check"},
+                                           refusal("NSNull"),
+                                           refusal("NSArray"),
+                                           {3, "Failed Type Checking at list[1]"},
+                                           {0, "VeltoIPCListener SendMessage failed message type check"}}));
 }
 
 TEST_F(MessageTypeCheckingOfEnds, IncomingMessagesAndRepliesAreNotChecked) {
