@@ -6,6 +6,7 @@
 
 #include "platform/foundation/Demolition.h"
 #include "platform/foundation/Ownership.h"
+#include "platform/foundation/SipHash.h"
 
 namespace velto {
 namespace {
@@ -32,7 +33,23 @@ void KeyedBody::appendIndexed(std::size_t hash, const Value& key, const Value& v
   stride() == 2 ? append<2>(key, value) : append<1>(key, value);
 }
 
+// Looks for it and enters it in one go.
+bool KeyedBody::addToMany(Value text, Value value) noexcept {
+  const std::size_t mask = cellCount() - 1;
+  const auto partOfHash = static_cast<std::uint32_t>(hashOfWords(text.bits(), text.high()));
+  for (std::size_t place = partOfHash & mask;; place = (place + 1) & mask) {
+    KeyTable::Cell& cell = cells()[place];
+    if (cell.position == 0) {
+      cell = {partOfHash, count_ + 1};
+      stride() == 2 ? append<2>(text, value) : append<1>(text, value);
+      return true;
+    }
+    if (cell.hash == partOfHash && first()[(cell.position - 1) * stride()].value() == text) return false;
+  }
+}
+
 bool KeyedBody::addAny(const Value& key, const Value& value) {
+  if (key.isText() && cellCount() > 0) return addToMany(key, value);
   WalkBound bound;
   // A second handle that counts nothing, and gives up before its end.
   NSObject sought = NSObject::adopt(key);

@@ -108,6 +108,7 @@ class KeyedBody final : public Body {
     if constexpr (kStride == 2) new (place + 1) NSObject(NSObject::adopt(value));
     ++count_;
   }
+  bool addToMany(Value text, Value value) noexcept;
   bool addAny(const Value& key, const Value& value);
   void putAny(NSObject key, NSObject value, TextFilter& filter);
   bool putIntoFew(const Value& text, NSObject& value);

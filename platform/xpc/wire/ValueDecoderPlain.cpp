@@ -56,6 +56,13 @@ class ValueDecoder::PlainReader {
     }
   }
 
+  // Whether the next object is a container, or anything else that has a tag.
+  static bool isNever(const ItemReader& reader) noexcept {
+    if (reader.remaining() == 0) return true;
+    const auto type = static_cast<Item::Type>(reader.rest().front() >> 5);
+    return type == Item::Type::array || type == Item::Type::map || type == Item::Type::tag;
+  }
+
   // What the objects read cost to compare beyond what each does.
   std::uint64_t takeWork() noexcept { return std::exchange(work_, 0); }
   const std::uint8_t* position() const noexcept { return next_; }
@@ -135,6 +142,7 @@ class ValueDecoder::PlainReader {
 };
 
 bool ValueDecoder::readPlainOnes() {
+  if (PlainReader::isNever(reader_)) return false;
   Level& level = top();
   const std::uint64_t before = level.itemsLeft;
   switch (level.kind) {
