@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <initializer_list>
 #include <iterator>
+#include <utility>
 #include <vector>
 
 #include "platform/foundation/NSObject.h"
@@ -57,7 +58,7 @@ class VELTO_EXPORT ObjectIterator {
 //
 // Braces list elements, with one exception: around a single array they are that array itself, NSArray{other} is another
 // handle on `other`. (Some compilers leave us no choice, so it is so with all.) An array of one array is made by
-// NSArray::arrayWithObjects({other}).
+// NSArray::arrayWithObjects({other}). So it is with a single vector, or whatever else becomes an array.
 class VELTO_EXPORT NSArray : public NSObject {
  public:
   NSArray() noexcept = default;
@@ -70,7 +71,16 @@ class VELTO_EXPORT NSArray : public NSObject {
       : NSArray(arrays.size() == 1 ? NSArray(*arrays.begin())
                                    : make(std::vector<NSObject>(arrays.begin(), arrays.end()))) {}
   template <class T>
-  NSArray(const std::vector<T>& elements) : NSArray(make(std::vector<NSObject>(elements.begin(), elements.end()))) {}
+  NSArray(std::initializer_list<std::vector<T>> lists) : NSArray(ofLists(lists)) {}
+  template <velto::BecomesArray T>
+  NSArray(std::initializer_list<T> lists) : NSArray(ofLists(lists)) {}
+  // Of numbers, also for bytes. (NSObject makes data of those.) Raises an NSException when an element is nil; an
+  // optional without a value is the null object here.
+  template <class T>
+  NSArray(const std::vector<T>& elements) : NSArray(ofVector(elements)) {}
+  // The elements of any other range that becomes an array, of a pair or of a tuple.
+  template <velto::BecomesArray T>
+  NSArray(T&& elements) : NSArray(velto::plainValue(elements)) {}
 
   static Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept {
@@ -92,6 +102,39 @@ class VELTO_EXPORT NSArray : public NSObject {
  protected:
   explicit NSArray(const velto::Value& adopted) noexcept : NSObject(adopted) {}
   static NSArray make(std::vector<NSObject> elements);
+
+ private:
+  template <class T>
+  static NSArray ofVector(const std::vector<T>& elements) {
+    if constexpr (velto::BecomesObject<T>) {
+      return NSArray(velto::arrayValue(elements));
+    } else {
+      return make(std::vector<NSObject>(elements.begin(), elements.end()));
+    }
+  }
+  // Some views are walked only if they are not const; they are cheap to copy.
+  template <class T>
+  static NSArray ofList(const T& list) {
+    if constexpr (std::constructible_from<NSArray, const T&>) {
+      return NSArray(list);
+    } else {
+      T copy(list);
+      return NSArray(copy);
+    }
+  }
+  template <class T>
+  static NSArray ofLists(std::initializer_list<T> lists) {
+    if (lists.size() == 1) return ofList(*lists.begin());
+    std::vector<NSObject> arrays;
+    for (const T& each : lists) {
+      if constexpr (velto::BecomesData<const T>) {
+        arrays.push_back(NSObject(each));
+      } else {
+        arrays.push_back(ofList(each));
+      }
+    }
+    return make(std::move(arrays));
+  }
 };
 
 // An array that can change. A handle of type NSArray on the same body sees every change.

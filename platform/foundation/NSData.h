@@ -19,6 +19,9 @@ class VELTO_EXPORT NSData : public NSObject {
   NSData(std::nullptr_t) noexcept {}
   explicit operator bool() const noexcept { return !isNil(); }
   NSData(const std::vector<std::uint8_t>& bytes);
+  // Copies any other range of std::uint8_t or std::byte.
+  template <velto::BecomesData T>
+  NSData(T&& bytes) : NSObject(velto::plainValue(bytes)) {}
 
   static Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept {

@@ -12,6 +12,9 @@ class VELTO_EXPORT NSDate : public NSObject {
   NSDate() noexcept = default;
   NSDate(std::nullptr_t) noexcept {}
   explicit operator bool() const noexcept { return !isNil(); }
+  // A std::chrono::time_point of the system's clock.
+  template <velto::BecomesDate T>
+  NSDate(const T& time) : NSObject(velto::plainValue(time)) {}
 
   static Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::date; }

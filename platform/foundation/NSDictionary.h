@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/foundation/BracedEntry.h"
 #include "platform/foundation/NSArray.h"
 #include "platform/foundation/NSObject.h"
 
@@ -33,8 +34,16 @@ class VELTO_EXPORT NSDictionary : public NSObject {
   // The last entry of a key wins. An entry whose key or value is nil is left out.
   NSDictionary(std::initializer_list<Entry>&& entries) : NSDictionary(takeEntries(entries.begin(), entries.size())) {}
   NSDictionary(const std::initializer_list<Entry>& entries) : NSDictionary(copyEntries(entries)) {}
+  // The same with values that are in braces themselves: NSDictionary{{"terms", {1, 2}}}. See velto::BracedEntry.
+  template <int = 0>
+  NSDictionary(std::initializer_list<velto::BracedEntry<NSObject>> entries)
+      : NSObject(velto::bracedDictionary(entries)) {}
+  // Raises an NSException when a key or a value is nil; an entry whose value is an optional without one is left out.
   template <class Key, class Value>
-  NSDictionary(const std::map<Key, Value>& entries) : NSDictionary(make(listOf(entries))) {}
+  NSDictionary(const std::map<Key, Value>& entries) : NSDictionary(ofMap(entries)) {}
+  // Any other map whose keys are distinct.
+  template <velto::BecomesDictionary T>
+  NSDictionary(T&& entries) : NSObject(velto::plainValue(entries)) {}
 
   static Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept {
@@ -67,11 +76,15 @@ class VELTO_EXPORT NSDictionary : public NSObject {
     return takeEntries(copies.data(), copies.size());
   }
   template <class Entries>
-  static std::vector<Entry> listOf(const Entries& entries) {
-    std::vector<Entry> list;
-    list.reserve(entries.size());
-    for (const auto& [key, value] : entries) list.push_back({key, value});
-    return list;
+  static NSDictionary ofMap(const Entries& entries) {
+    if constexpr (velto::BecomesDictionary<const Entries>) {
+      return NSDictionary(velto::dictionaryValue(entries));
+    } else {
+      std::vector<Entry> list;
+      list.reserve(entries.size());
+      for (const auto& [key, value] : entries) list.push_back({key, value});
+      return make(std::move(list));
+    }
   }
 };
 

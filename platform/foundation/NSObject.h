@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/foundation/Export.h"
+#include "platform/foundation/PlainTypes.h"
 #include "platform/foundation/Value.h"
 
 class Class;
@@ -36,7 +37,9 @@ VELTO_EXPORT Value textValue(std::string_view text);
 //
 // Plain C++ goes in without ceremony: a bool, a number, a string literal, std::string or std::string_view becomes the
 // NSNumber or NSString that it stands for. Text that is not valid UTF-8 becomes an NSString in which each broken
-// sequence is replaced by U+FFFD; a null `const char*` becomes nil.
+// sequence is replaced by U+FFFD; a null `const char*` becomes nil. So do the rest of the standard library's types, and
+// what has their shape: a vector, a map, an optional, a point in time (velto::BecomesObject; docs/values.md says what
+// becomes what).
 class VELTO_EXPORT NSObject {
  public:
   constexpr NSObject() noexcept = default;
@@ -70,6 +73,9 @@ class VELTO_EXPORT NSObject {
   template <std::floating_point T>
   NSObject(T value) noexcept
       : value_(velto::Tag::floatingPoint, std::bit_cast<std::uint64_t>(static_cast<double>(value))) {}
+
+  template <class T>
+  requires velto::PlainValue<T> NSObject(T&& value);
 
   static Class classObject();
 
@@ -168,8 +174,9 @@ class VELTO_EXPORT NSObject {
 
 inline constexpr std::nullptr_t nil = nullptr;
 
-// as() asks the class of its result, which is declared in terms of NSObject: hence an include at the end.
+// These are declared in terms of NSObject: hence includes at the end.
 #include "platform/foundation/Class.h"
+#include "platform/foundation/GoingIn.h"
 
 template <class T>
 bool NSObject::is() const {

@@ -21,6 +21,13 @@ class VELTO_EXPORT NSSet : public NSObject {
   NSSet(std::initializer_list<Set> sets)
       : NSSet(sets.size() == 1 ? NSSet(*sets.begin())
                                : setWithObjects(std::vector<NSObject>(sets.begin(), sets.end()))) {}
+  template <velto::BecomesSet T>
+  NSSet(std::initializer_list<T> sets)
+      : NSSet(sets.size() == 1 ? NSSet(*sets.begin())
+                               : setWithObjects(std::vector<NSObject>(sets.begin(), sets.end()))) {}
+  // The elements of a set of the standard library, or of what has its shape.
+  template <velto::BecomesSet T>
+  NSSet(T&& elements) : NSObject(velto::plainValue(elements)) {}
 
   static Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept {

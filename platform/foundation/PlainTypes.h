@@ -1,0 +1,264 @@
+#pragma once
+
+#include <compare>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+class NSObject;
+class NSString;
+class NSNumber;
+class NSArray;
+class NSDictionary;
+class NSSet;
+class NSData;
+class NSDate;
+
+// Which types of plain C++ stand for a value, told by their shape: no header of the standard library's containers is
+// needed for it, and containers of others are known as well.
+namespace velto {
+
+// The kind of value that a type stands for.
+enum class PlainForm {
+  none,
+  object,      // what NSObject has constructors of its own for, every handle, and what converts to one by itself
+  number,      // bool, integers, floating point
+  text,        // whatever converts to a string
+  enumerator,  // its underlying integer
+  interval,    // std::chrono::duration: seconds
+  date,        // std::chrono::time_point of the system's clock
+  optional,
+  bytes,  // a range of std::uint8_t or std::byte
+  dictionary,
+  set,
+  array,  // any other range
+  tuple,
+};
+
+namespace shape {
+
+using std::begin;
+using std::end;
+
+template <class T>
+auto beginOf(T& range) -> decltype(begin(range));
+template <class T>
+auto endOf(T& range) -> decltype(end(range));
+template <class T>
+using IteratorOf = decltype(shape::beginOf(std::declval<std::remove_reference_t<T>&>()));
+template <class T>
+using ElementOf = std::iter_value_t<IteratorOf<T>>;
+
+template <class T>
+concept Complete = requires {
+  sizeof(T);
+};
+template <class T>
+concept Range = requires(T& range) {
+  requires std::input_iterator<decltype(shape::beginOf(range))>;
+  requires std::sentinel_for<decltype(shape::endOf(range)), decltype(shape::beginOf(range))>;
+};
+template <class T>
+concept ByteRange = Range<T> &&(std::same_as<ElementOf<T>, std::uint8_t> || std::same_as<ElementOf<T>, std::byte>);
+// Of text in an encoding that is not known here, or of itself, as a path is.
+template <class T>
+concept StrangeRange = std::same_as<ElementOf<T>, wchar_t> || std::same_as < ElementOf<T>,
+char8_t > || std::same_as<ElementOf<T>, char16_t> || std::same_as<ElementOf<T>, char32_t> ||
+    std::same_as<ElementOf<T>, std::remove_cv_t<T>>;
+// Maps and sets whose keys are distinct: those of others would be lost.
+template <class T>
+concept Map = Range<T> && requires(T& map, const typename std::remove_cv_t<T>::key_type& key) {
+  typename std::remove_cv_t<T>::mapped_type;
+  map.at(key);
+};
+template <class T>
+concept Set = Range<T> && !requires {
+  typename std::remove_cv_t<T>::mapped_type;
+}
+&&requires(std::remove_cv_t<T>& set, const typename std::remove_cv_t<T>::key_type& key) {
+  { set.insert(key).second } -> std::convertible_to<bool>;
+};
+template <class T>
+concept Optional = requires(T& value) {
+  typename T::value_type;
+  { value.has_value() } -> std::same_as<bool>;
+  *value;
+}
+&&!requires(T & value) {
+  value.error();
+};
+template <class T>
+concept Duration = requires(const T& value) {
+  typename T::rep;
+  T::period::num;
+  T::period::den;
+  { value.count() } -> std::convertible_to<typename T::rep>;
+};
+template <class T>
+concept SystemTime = requires(const T& value) {
+  typename T::duration;
+  value.time_since_epoch();
+  T::clock::to_time_t(typename T::clock::time_point());
+};
+template <class T>
+concept TupleLike = requires {
+  { std::tuple_size<std::remove_cv_t<T>>::value } -> std::convertible_to<std::size_t>;
+};
+
+// Whether a class says itself which value it stands for.
+template <class T>
+concept ConvertsByItself = requires(T& value) {
+  value.operator NSObject();
+}
+|| requires(T& value) {
+  value.operator NSString();
+}
+|| requires(T& value) {
+  value.operator NSNumber();
+}
+|| requires(T& value) {
+  value.operator NSArray();
+}
+|| requires(T& value) {
+  value.operator NSDictionary();
+}
+|| requires(T& value) {
+  value.operator NSSet();
+}
+|| requires(T& value) {
+  value.operator NSData();
+}
+|| requires(T& value) {
+  value.operator NSDate();
+};
+template <class T>
+concept TextLike = std::convertible_to<T&, std::string_view> || std::convertible_to<T&, std::string> ||
+    std::convertible_to<T&, const char*>;
+
+template <class T>
+inline constexpr bool isText = std::same_as<T, std::string> || std::same_as<T, std::string_view> ||
+                               std::same_as<T, const char*> || std::same_as<T, char*>;
+template <class T>
+inline constexpr bool isCharacters = false;
+template <std::size_t kLength>
+inline constexpr bool isCharacters<char[kLength]> = true;
+template <>
+inline constexpr bool isCharacters<char[]> = true;
+
+template <class T>
+constexpr PlainForm formOfRange() {
+  if constexpr (StrangeRange<T>) {
+    return PlainForm::none;
+  } else if constexpr (Map<T>) {
+    return PlainForm::dictionary;
+  } else if constexpr (Set<T>) {
+    return PlainForm::set;
+  } else {
+    return ByteRange<T> ? PlainForm::bytes : PlainForm::array;
+  }
+}
+
+template <class T>
+constexpr PlainForm formOfClass() {
+  if constexpr (ConvertsByItself<T>) {
+    return PlainForm::object;
+  } else if constexpr (TextLike<T>) {
+    return PlainForm::text;
+  } else if constexpr (Duration<T>) {
+    return PlainForm::interval;
+  } else if constexpr (SystemTime<T>) {
+    return PlainForm::date;
+  } else if constexpr (Range<T>) {
+    return formOfRange<T>();
+  } else if constexpr (Optional<T>) {
+    return PlainForm::optional;
+  } else {
+    return TupleLike<T> ? PlainForm::tuple : PlainForm::none;
+  }
+}
+
+// `T` is no reference; a const range counts if it can be walked as const.
+template <class T>
+constexpr PlainForm formOf() {
+  using Bare = std::remove_cv_t<T>;
+  if constexpr (std::is_arithmetic_v<Bare>) {
+    return PlainForm::number;
+  } else if constexpr (isText<Bare> || isCharacters<Bare> || std::same_as<Bare, std::nullptr_t>) {
+    return PlainForm::object;
+  } else if constexpr (!Complete<Bare> || std::is_pointer_v<Bare> || std::is_volatile_v<T>) {
+    return PlainForm::none;
+  } else if constexpr (std::derived_from<Bare, NSObject>) {
+    return PlainForm::object;
+  } else if constexpr (std::is_enum_v<Bare>) {
+    return PlainForm::enumerator;
+  } else if constexpr (std::is_bounded_array_v<Bare>) {
+    return formOfRange<T>();
+  } else if constexpr (std::is_class_v<Bare>) {
+    return formOfClass<T>();
+  } else {
+    return PlainForm::none;
+  }
+}
+
+template <class T>
+constexpr bool goesIn();
+
+template <class T, std::size_t... kIndex>
+constexpr bool elementsGoIn(std::index_sequence<kIndex...>) {
+  return (... && goesIn<std::tuple_element_t<kIndex, std::remove_cv_t<T>>>());
+}
+
+template <class T>
+constexpr bool goesIn() {
+  constexpr PlainForm kForm = formOf<T>();
+  if constexpr (kForm == PlainForm::array) {
+    return goesIn<ElementOf<T>>();
+  } else if constexpr (kForm == PlainForm::set) {
+    return goesIn<typename std::remove_cv_t<T>::key_type>();
+  } else if constexpr (kForm == PlainForm::dictionary) {
+    return goesIn<typename std::remove_cv_t<T>::key_type>() && goesIn<typename std::remove_cv_t<T>::mapped_type>();
+  } else if constexpr (kForm == PlainForm::optional) {
+    return goesIn<typename std::remove_cv_t<T>::value_type>();
+  } else if constexpr (kForm == PlainForm::tuple) {
+    return elementsGoIn<T>(std::make_index_sequence<std::tuple_size_v<std::remove_cv_t<T>>>());
+  } else {
+    return kForm != PlainForm::none;
+  }
+}
+
+}  // namespace shape
+
+// What becomes an object where an object is expected: bool, numbers, text, handles, enumerators, durations, points in
+// time, and optionals, ranges, maps, sets, pairs and tuples of what does. Pointers do not, but for the text at a
+// `const char*`.
+template <class T>
+concept BecomesObject = shape::goesIn<std::remove_reference_t<T>>();
+
+// The same without numbers, strings and handles, for which there are constructors of their own.
+template <class T>
+concept PlainValue = BecomesObject<T> && shape::formOf<std::remove_reference_t<T>>()
+!= PlainForm::object&& shape::formOf<std::remove_reference_t<T>>() != PlainForm::number;
+// By what it becomes.
+template <class T>
+concept BecomesArray = BecomesObject<T> &&(shape::formOf<std::remove_reference_t<T>>() == PlainForm::array ||
+                                           shape::formOf<std::remove_reference_t<T>>() == PlainForm::tuple);
+template <class T>
+concept BecomesDictionary = BecomesObject<T> && shape::formOf<std::remove_reference_t<T>>()
+== PlainForm::dictionary;
+template <class T>
+concept BecomesSet = BecomesObject<T> && shape::formOf<std::remove_reference_t<T>>()
+== PlainForm::set;
+template <class T>
+concept BecomesData = BecomesObject<T> && shape::formOf<std::remove_reference_t<T>>()
+== PlainForm::bytes;
+template <class T>
+concept BecomesDate = BecomesObject<T> && shape::formOf<std::remove_reference_t<T>>()
+== PlainForm::date;
+
+}  // namespace velto
