@@ -4,12 +4,14 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
 
 #include "platform/foundation/Export.h"
+#include "platform/foundation/Lookup.h"
 #include "platform/foundation/PlainTypes.h"
 #include "platform/foundation/Value.h"
 
@@ -96,6 +98,16 @@ class VELTO_EXPORT NSObject {
   template <class T>
   T as() &&;
 
+  // The value as plain C++, or as a handle that is not nil; nothing if it is of another kind, or does not fit: 300 is
+  // no std::uint8_t, 2.5 no int, true no number. docs/values.md says what comes out of what.
+  template <velto::ComesOutOfObject T>
+  [[nodiscard]] std::optional<T> to() const;
+  // The same for a value inside of this one: get<double>("a.b[2]") is the third element of what is under "b" in what is
+  // under "a". A backslash before a dot, a bracket or a backslash makes it a part of the key; "" is this value itself.
+  // If there is no such value, or the path is none, the result says where and why.
+  template <velto::ComesOutOfObject T>
+  [[nodiscard]] velto::Lookup<T> get(std::string_view path) const;
+
   // Equality by value; nil equals nil only. Containers that nest deeper, or are larger, than a walk may go raise an
   // NSException that says so.
   bool isEqual(const NSObject& other) const;
@@ -176,6 +188,7 @@ inline constexpr std::nullptr_t nil = nullptr;
 
 // These are declared in terms of NSObject: hence includes at the end.
 #include "platform/foundation/Class.h"
+#include "platform/foundation/ComingOut.h"
 #include "platform/foundation/GoingIn.h"
 
 template <class T>

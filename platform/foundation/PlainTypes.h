@@ -232,6 +232,61 @@ constexpr bool goesIn() {
   }
 }
 
+// Containers that can be filled: of a fixed number of elements, or one by one.
+template <class T>
+concept FixedRange = TupleLike<T> && requires(T& range) {
+  { *range.data() } -> std::same_as<ElementOf<T>&>;
+};
+template <class T>
+concept GrowingRange = requires(T& range, ElementOf<T> element) {
+  range.push_back(std::move(element));
+};
+
+template <class T>
+constexpr bool comesOut();
+
+template <class T, std::size_t... kIndex>
+constexpr bool elementsComeOut(std::index_sequence<kIndex...>) {
+  return (... && comesOut<std::tuple_element_t<kIndex, T>>());
+}
+
+template <class T>
+constexpr bool partsComeOut() {
+  constexpr PlainForm kForm = formOf<T>();
+  if constexpr (kForm == PlainForm::interval) {
+    return std::is_arithmetic_v<typename T::rep>;
+  } else if constexpr (kForm == PlainForm::date) {
+    return partsComeOut<typename T::duration>();
+  } else if constexpr (kForm == PlainForm::optional) {
+    return comesOut<typename T::value_type>();
+  } else if constexpr (kForm == PlainForm::dictionary) {
+    return comesOut<typename T::key_type>() && comesOut<typename T::mapped_type>();
+  } else if constexpr (kForm == PlainForm::set) {
+    return comesOut<typename T::key_type>();
+  } else if constexpr (kForm == PlainForm::array || kForm == PlainForm::bytes) {
+    return (FixedRange<T> || GrowingRange<T>)&&comesOut<ElementOf<T>>();
+  } else if constexpr (kForm == PlainForm::tuple) {
+    return elementsComeOut<T>(std::make_index_sequence<std::tuple_size_v<T>>());
+  } else {
+    return kForm == PlainForm::number || kForm == PlainForm::enumerator;
+  }
+}
+
+template <class T>
+constexpr bool comesOut() {
+  if constexpr (!Complete<T> || std::is_const_v<T> || std::is_reference_v<T>) {
+    return false;
+  } else if constexpr (!std::default_initializable<T> || !std::movable<T>) {
+    return false;
+  } else if constexpr (std::derived_from<T, NSObject>) {
+    return requires {
+      T::classObject();
+    };
+  } else {
+    return std::same_as<T, std::string> || partsComeOut<T>();
+  }
+}
+
 }  // namespace shape
 
 // What becomes an object where an object is expected: bool, numbers, text, handles, enumerators, durations, points in
@@ -240,7 +295,12 @@ constexpr bool goesIn() {
 template <class T>
 concept BecomesObject = shape::goesIn<std::remove_reference_t<T>>();
 
-// The same without numbers, strings and handles, for which there are constructors of their own.
+// What an object can be asked for by NSObject::to() and get(): bool, numbers, std::string, handles, enumerators,
+// durations, points in time, and optionals, containers, pairs and tuples of what can be.
+template <class T>
+concept ComesOutOfObject = shape::comesOut<T>();
+
+// What becomes an object, without numbers, strings and handles, for which there are constructors of their own.
 template <class T>
 concept PlainValue = BecomesObject<T> && shape::formOf<std::remove_reference_t<T>>()
 != PlainForm::object&& shape::formOf<std::remove_reference_t<T>>() != PlainForm::number;
