@@ -15,7 +15,7 @@ namespace velto {
 // walk raises an NSException at the next step.
 class VELTO_EXPORT ObjectIterator {
  public:
-  using iterator_category = std::input_iterator_tag;
+  using iterator_category = std::forward_iterator_tag;
   using value_type = NSObject;
   using difference_type = std::ptrdiff_t;
   using pointer = const NSObject*;
@@ -36,6 +36,10 @@ class VELTO_EXPORT ObjectIterator {
     return before;
   }
   friend bool operator==(const ObjectIterator& left, const ObjectIterator& right) { return left.at_ == right.at_; }
+
+ protected:
+  // Of a dictionary: the value under the key.
+  const NSObject& value() const { return (&**this)[1]; }
 
  private:
   void skipEmpty() noexcept;

@@ -3,6 +3,7 @@
 #include <concepts>
 #include <cstddef>
 #include <initializer_list>
+#include <iterator>
 #include <map>
 #include <string>
 #include <utility>
@@ -11,6 +12,56 @@
 #include "platform/foundation/BracedEntry.h"
 #include "platform/foundation/NSArray.h"
 #include "platform/foundation/NSObject.h"
+
+namespace velto {
+
+// Walks the keys of a dictionary as an ObjectIterator does, each with its value. What it answers are handles of their
+// own, which may be kept.
+class PairIterator : private ObjectIterator {
+ public:
+  struct Pair {
+    NSObject key;
+    NSObject value;
+  };
+  using iterator_concept = std::forward_iterator_tag;
+  using iterator_category = std::input_iterator_tag;
+  using value_type = Pair;
+  using difference_type = std::ptrdiff_t;
+  using pointer = void;
+  using reference = Pair;
+  using ObjectIterator::Place;
+
+  PairIterator() = default;
+  PairIterator(const NSObject& dictionary, Place place) noexcept : ObjectIterator(dictionary, place) {}
+
+  Pair operator*() const { return {ObjectIterator::operator*(), ObjectIterator::value()}; }
+  PairIterator& operator++() {
+    ObjectIterator::operator++();
+    return *this;
+  }
+  PairIterator operator++(int) {
+    PairIterator before = *this;
+    ++*this;
+    return before;
+  }
+  friend bool operator==(const PairIterator& left, const PairIterator& right) {
+    return static_cast<const ObjectIterator&>(left) == static_cast<const ObjectIterator&>(right);
+  }
+};
+
+// The pairs of a dictionary, which is kept alive meanwhile.
+class Pairs {
+ public:
+  explicit Pairs(NSObject dictionary) noexcept : dictionary_(std::move(dictionary)) {}
+
+  PairIterator begin() const { return {dictionary_, PairIterator::Place::begin}; }
+  PairIterator end() const { return {dictionary_, PairIterator::Place::end}; }
+
+ private:
+  NSObject dictionary_;
+};
+
+}  // namespace velto
 
 // Values under keys. A key may be any object; neither key nor value is nil. Keys keep the order in which they were
 // first put in; equality does not regard it. See NSObject for nil and threads.
@@ -62,6 +113,9 @@ class VELTO_EXPORT NSDictionary : public NSObject {
   // Walks the keys.
   velto::ObjectIterator begin() const;
   velto::ObjectIterator end() const;
+  // Walks the keys with their values:
+  //   for (const auto& [key, value] : dictionary.pairs()) …
+  [[nodiscard]] velto::Pairs pairs() const { return velto::Pairs(*this); }
   // An immutable snapshot of this level (keys and values themselves are shared).
   NSDictionary copy() const;
 

@@ -1,6 +1,8 @@
 // The root of the values: what any object answers, whatever its kind.
 #include "platform/foundation/NSObject.h"
 
+#include <ostream>
+
 #include "platform/foundation/ArrayBody.h"
 #include "platform/foundation/Class.h"
 #include "platform/foundation/DataBody.h"
@@ -74,6 +76,10 @@ NSString NSObject::description() const {
     text += "…";
   }
   return text;
+}
+
+void NSObject::printTo(std::ostream& out) const {
+  out << description().view();
 }
 
 bool NSObject::boolValue() const {

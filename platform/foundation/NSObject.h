@@ -4,6 +4,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <iosfwd>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -120,6 +121,13 @@ class VELTO_EXPORT NSObject {
   // Short, stable and readable; what "%@" prints. "(null)" for nil. Never raises: too deep or too long is cut with "…".
   NSString description() const;
 
+  // Prints the description. (A template, so that one of your own goes before it.)
+  template <int = 0>
+  friend std::ostream& operator<<(std::ostream& out, const NSObject& object) {
+    object.printTo(out);
+    return out;
+  }
+
   // What a value of an unknown kind answers. A number converts (out of range saturates, not-a-number is 0); a string,
   // and anything else, answers false or 0.
   bool boolValue() const;
@@ -166,6 +174,7 @@ class VELTO_EXPORT NSObject {
   explicit NSObject(const velto::Value& adopted) noexcept : value_(adopted) {}
 
  private:
+  void printTo(std::ostream& out) const;
   bool isKindOf(const velto::ClassBody& kind) const;
   NSObject valueForText(std::string_view text) const;
   NSObject elementAt(std::int64_t index) const;
@@ -215,3 +224,9 @@ T NSObject::as() && {
   if (is<T>()) static_cast<NSObject&>(result) = std::move(*this);
   return result;
 }
+
+// Of every handle, equal ones alike.
+template <std::derived_from<NSObject> T>
+struct std::hash<T> {
+  [[nodiscard]] std::size_t operator()(const NSObject& object) const { return object.hash(); }
+};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -42,6 +43,11 @@ class VELTO_EXPORT NSString : public NSObject {
   std::size_t length() const noexcept { return view().size(); }
   // False when either is nil.
   bool isEqualToString(const NSString& other) const;
+  // By the bytes of UTF-8, which is the order of the characters' numbers; nil comes before every text.
+  friend std::strong_ordering operator<=>(const NSString& left, const NSString& right) noexcept {
+    if (left.isNil() || right.isNil()) return right.isNil() <=> left.isNil();
+    return left.view() <=> right.view();
+  }
   // An immutable snapshot. (An immutable string is its own.)
   NSString copy() const;
 
