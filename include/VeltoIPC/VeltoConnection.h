@@ -37,7 +37,7 @@ class VELTO_EXPORT VeltoConnection final : public NSObject,
   static std::shared_ptr<VeltoConnection> init();
   ~VeltoConnection() override;
 
-  static Class classObject();
+  static velto::Class classObject();
 
   // Waits up to `timeout` seconds for the listener's identifier. True once it is there. False when an error was
   // recorded (which is then in `*error`) or the time is over (code 6, "Timed out waiting"). 0 and every negative number

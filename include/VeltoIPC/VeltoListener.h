@@ -38,7 +38,7 @@ class VELTO_EXPORT VeltoListener final : public NSObject,
   static std::shared_ptr<VeltoListener> init();
   ~VeltoListener() override;
 
-  static Class classObject();
+  static velto::Class classObject();
 
   // Sends a message to one client and returns; true when it was handed to the connection. False: code 2 "Connection is
   // not available" when the identifier names no connection that can be sent to (unknown, closed, or still inside its

@@ -46,10 +46,6 @@ Class ClassBody::immortal(ClassBody& body) noexcept {
   return Class(body);
 }
 
-}  // namespace velto
-
-using velto::ClassBody;
-
 // A handle may point to what never changes as if it could.
 Class::Class(const ClassBody& body) noexcept : NSObject(const_cast<ClassBody*>(&body)) {}
 
@@ -62,7 +58,7 @@ Class Class::define(std::string name, const Class& superclass) {
   return ClassBody::immortal(*new ClassBody(std::move(name), superclass.classBody()));
 }
 
-Class velto::defineBuiltIn(std::string name, const Class& superclass) {
+Class defineBuiltIn(std::string name, const Class& superclass) {
   return ClassBody::immortal(
       *new ClassBody(std::move(name), superclass.classBody(), ClassBody::Subclasses::builtInOnly));
 }
@@ -83,6 +79,8 @@ bool Class::isSubclassOfClass(const Class& other) const {
 const ClassBody* Class::classBody() const noexcept {
   return static_cast<const ClassBody*>(body());
 }
+
+}  // namespace velto
 
 NSString NSStringFromClass(const Class& aClass) {
   return aClass.name();

@@ -22,20 +22,18 @@ class VELTO_EXPORT ClassBody final : public ObjectBody {
   void describe(std::string& out, WalkBound& bound) const override;
 
  private:
-  friend class ::Class;
-  friend ::Class defineBuiltIn(std::string name, const ::Class& superclass);
+  friend class Class;
+  friend Class defineBuiltIn(std::string name, const Class& superclass);
   enum class Subclasses { anybodys, builtInOnly };
 
   ClassBody(std::string name, const ClassBody* superclass, Subclasses subclasses) noexcept;
-  static ::Class immortal(ClassBody& body) noexcept;
+  static Class immortal(ClassBody& body) noexcept;
 
   const std::string name_;
   const ClassBody* const superclass_;
   const Subclasses subclasses_;
   ClassBody* next_ = nullptr;
 };
-
-}  // namespace velto
 
 // A class object: knows its name and its superclass; equal only to itself; its description is its name. The class of
 // all class objects is Class. Thread-safe, like every immutable value.
@@ -44,7 +42,7 @@ class VELTO_EXPORT Class : public NSObject {
   Class() noexcept = default;
   Class(std::nullptr_t) noexcept {}
   explicit operator bool() const noexcept { return !isNil(); }
-  explicit Class(const velto::ClassBody& body) noexcept;
+  explicit Class(const ClassBody& body) noexcept;
 
   // The class of class objects themselves.
   static Class classObject();
@@ -61,13 +59,8 @@ class VELTO_EXPORT Class : public NSObject {
   NSString name() const;
   Class superclass() const;
   bool isSubclassOfClass(const Class& other) const;
-  const velto::ClassBody* classBody() const noexcept;
+  const ClassBody* classBody() const noexcept;
 };
-
-// The class's name; nil for nil.
-VELTO_EXPORT NSString NSStringFromClass(const Class& aClass);
-
-namespace velto {
 
 // The body of T's class object, looked up once: a kind test that touches no reference count.
 template <class T>
@@ -77,3 +70,6 @@ const ClassBody& classBodyOf() {
 }
 
 }  // namespace velto
+
+// The class's name; nil for nil.
+VELTO_EXPORT NSString NSStringFromClass(const velto::Class& aClass);

@@ -1,5 +1,8 @@
 #include "platform/foundation/Class.h"
 
+#include <cstddef>
+#include <type_traits>
+
 #include <gtest/gtest.h>
 
 #include "platform/foundation/Foundation.h"
@@ -34,6 +37,9 @@ class Point : public NSObject {
 const velto::ClassBody& PointBody::classBody() const {
   return velto::classBodyOf<Point>();
 }
+
+static_assert(std::is_same_v<Class, velto::Class> && std::is_same_v<decltype(nil), const std::nullptr_t>);
+static_assert(nil == velto::nil);
 
 TEST(Class, KnowsItsNameAndItsSuperclass) {
   EXPECT_EQ(NSMutableArray::classObject().name().string(), "NSMutableArray");

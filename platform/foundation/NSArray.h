@@ -86,7 +86,7 @@ class VELTO_EXPORT NSArray : public NSObject {
   template <velto::BecomesArray T>
   NSArray(T&& elements) : NSArray(velto::plainValue(elements)) {}
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept {
     return tag == velto::Tag::array || tag == velto::Tag::mutableArray;
   }
@@ -147,7 +147,7 @@ class VELTO_EXPORT NSMutableArray : public NSArray {
   NSMutableArray() noexcept = default;
   NSMutableArray(std::nullptr_t) noexcept {}
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableArray; }
   static NSMutableArray array();
   static NSMutableArray arrayWithArray(const NSArray& elements);

@@ -34,7 +34,7 @@ class VELTO_CAPABILITY("condition") VELTO_EXPORT NSCondition : public NSObject {
   NSCondition(std::nullptr_t) noexcept {}
   explicit operator bool() const noexcept { return !isNil(); }
 
-  static Class classObject();
+  static velto::Class classObject();
   // A new condition.
   static NSCondition condition();
 

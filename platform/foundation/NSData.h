@@ -23,7 +23,7 @@ class VELTO_EXPORT NSData : public NSObject {
   template <velto::BecomesData T>
   NSData(T&& bytes) : NSObject(velto::plainValue(bytes)) {}
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept {
     return tag == velto::Tag::data || tag == velto::Tag::mutableData;
   }
@@ -55,7 +55,7 @@ class VELTO_EXPORT NSMutableData : public NSData {
   NSMutableData() noexcept = default;
   NSMutableData(std::nullptr_t) noexcept {}
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableData; }
   static NSMutableData data();
   static NSMutableData dataWithData(const NSData& bytes);

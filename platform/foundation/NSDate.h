@@ -16,7 +16,7 @@ class VELTO_EXPORT NSDate : public NSObject {
   template <velto::BecomesDate T>
   NSDate(const T& time) : NSObject(velto::plainValue(time)) {}
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::date; }
   static NSDate date();
   static NSDate dateWithTimeIntervalSinceNow(double seconds);

@@ -96,7 +96,7 @@ class VELTO_EXPORT NSDictionary : public NSObject {
   template <velto::BecomesDictionary T>
   NSDictionary(T&& entries) : NSObject(velto::plainValue(entries)) {}
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept {
     return tag == velto::Tag::dictionary || tag == velto::Tag::mutableDictionary;
   }
@@ -148,7 +148,7 @@ class VELTO_EXPORT NSMutableDictionary : public NSDictionary {
   NSMutableDictionary() noexcept = default;
   NSMutableDictionary(std::nullptr_t) noexcept {}
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableDictionary; }
   static NSMutableDictionary dictionary();
   static NSMutableDictionary dictionaryWithDictionary(const NSDictionary& entries);

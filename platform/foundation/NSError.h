@@ -17,7 +17,7 @@ class VELTO_EXPORT NSError : public NSObject {
   NSError(std::nullptr_t) noexcept {}
   explicit operator bool() const noexcept { return !isNil(); }
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::error; }
   static NSError errorWithDomain(const NSString& domain, std::int64_t code, const NSDictionary& userInfo);
 

@@ -10,7 +10,7 @@ class VELTO_EXPORT NSNull : public NSObject {
   NSNull(std::nullptr_t) noexcept {}
   explicit operator bool() const noexcept { return !isNil(); }
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::null; }
   static NSNull null();
 

@@ -20,7 +20,7 @@ class VELTO_EXPORT NSNumber : public NSObject {
   requires std::is_arithmetic_v<T> NSNumber(T value)
   noexcept : NSObject(value) {}
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept {
     return tag >= velto::Tag::boolean && tag <= velto::Tag::floatingPoint;
   }

@@ -16,10 +16,10 @@
 #include "platform/foundation/PlainTypes.h"
 #include "platform/foundation/Value.h"
 
-class Class;
 class NSString;
 
 namespace velto {
+class Class;
 class ClassBody;
 class ObjectBody;
 template <class T>
@@ -28,7 +28,16 @@ const ClassBody& classBodyOf();
 // A text as the words of a handle: itself, if it is short, else a body with one reference that the caller takes over.
 // Broken UTF-8 is replaced.
 VELTO_EXPORT Value textValue(std::string_view text);
+
+inline constexpr std::nullptr_t nil = nullptr;
 }  // namespace velto
+
+// For those who have such names themselves: the program defines VELTO_NO_GLOBAL_NAMES, in all of its files or in some,
+// and says velto::Class and velto::nil.
+#ifndef VELTO_NO_GLOBAL_NAMES
+using velto::Class;
+using velto::nil;
+#endif
 
 // The root of the value classes: a handle of two words. Numbers, bools and short texts lie in the handle itself;
 // everything else in a reference-counted body, so that copying a handle costs a count at most. `nil` (nullptr, or a
@@ -80,16 +89,16 @@ class VELTO_EXPORT NSObject {
   template <class T>
   requires velto::PlainValue<T> NSObject(T&& value);
 
-  static Class classObject();
+  static velto::Class classObject();
 
   // A value of an unknown kind does not convert to bool: isNil() asks whether there is one, boolValue() what it says.
   // (Handles of a known class convert, and are true when they are not nil.)
   bool isNil() const noexcept { return value_.isNil(); }
 
   // The class object of the value; nil for nil.
-  Class getClass() const;
+  velto::Class getClass() const;
   // Whether the value is an instance of `kind` or of a subclass of it. False for nil.
-  bool isKindOfClass(const Class& kind) const;
+  bool isKindOfClass(const velto::Class& kind) const;
   // Whether it is a T.
   template <class T>
   bool is() const;
@@ -192,8 +201,6 @@ class VELTO_EXPORT NSObject {
 
   velto::Value value_;
 };
-
-inline constexpr std::nullptr_t nil = nullptr;
 
 // These are declared in terms of NSObject: hence includes at the end.
 #include "platform/foundation/Class.h"

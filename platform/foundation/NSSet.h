@@ -29,7 +29,7 @@ class VELTO_EXPORT NSSet : public NSObject {
   template <velto::BecomesSet T>
   NSSet(T&& elements) : NSObject(velto::plainValue(elements)) {}
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept {
     return tag == velto::Tag::set || tag == velto::Tag::mutableSet;
   }
@@ -55,7 +55,7 @@ class VELTO_EXPORT NSMutableSet : public NSSet {
   NSMutableSet() noexcept = default;
   NSMutableSet(std::nullptr_t) noexcept {}
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableSet; }
   static NSMutableSet set();
   // A new set with the elements of another.

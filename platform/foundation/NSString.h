@@ -20,7 +20,7 @@ class VELTO_EXPORT NSString : public NSObject {
   NSString(const std::string& text) : NSObject(text) {}
   NSString(std::string_view text) : NSObject(text) {}
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept {
     return tag == velto::Tag::text || tag == velto::Tag::string || tag == velto::Tag::mutableString;
   }
@@ -64,7 +64,7 @@ class VELTO_EXPORT NSMutableString : public NSString {
   NSMutableString() noexcept = default;
   NSMutableString(std::nullptr_t) noexcept {}
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableString; }
   static NSMutableString string();
   static NSMutableString stringWithString(const NSString& text);

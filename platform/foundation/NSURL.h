@@ -10,7 +10,7 @@ class VELTO_EXPORT NSURL : public NSObject {
   NSURL(std::nullptr_t) noexcept {}
   explicit operator bool() const noexcept { return !isNil(); }
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::url; }
   // nil for an empty text and for one with spaces or control characters.
   static NSURL URLWithString(const NSString& text);

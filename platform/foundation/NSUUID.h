@@ -15,7 +15,7 @@ class VELTO_EXPORT NSUUID : public NSObject {
   NSUUID(std::nullptr_t) noexcept {}
   explicit operator bool() const noexcept { return !isNil(); }
 
-  static Class classObject();
+  static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::uuid; }
   // A new one.
   static NSUUID UUID();

@@ -32,7 +32,7 @@ class VELTO_EXPORT VKTLogAnchor : public NSObject {
   VKTLogAnchor(std::nullptr_t) noexcept {}
   explicit operator bool() const noexcept { return !isNil(); }
 
-  static Class classObject();
+  static velto::Class classObject();
   static VKTLogAnchor anchorWithLocation(const velto::SourceLocation& location);
   static VKTLogAnchor anchorWithFile(const NSString& file, std::uint32_t line, const NSString& function);
 

@@ -24,7 +24,7 @@ class VELTO_EXPORT RemoteObject {
 
   void send(const void* member, std::vector<NSObject> arguments, ReplyBlock reply) const;
 
-  static Class boxClass();
+  static velto::Class boxClass();
 
  private:
   std::shared_ptr<ConnectionCore> core_;
@@ -56,7 +56,7 @@ class NSXPCProxy {
   }
 
   // For boxes: the class that a proxy in a container answers.
-  static Class boxClass() { return velto::xpc::RemoteObject::boxClass(); }
+  static velto::Class boxClass() { return velto::xpc::RemoteObject::boxClass(); }
 
  private:
   velto::xpc::RemoteObject remote_;
@@ -120,7 +120,7 @@ class VELTO_EXPORT NSXPCConnection final {
   }
 
   // For boxes: the class that a connection in a container answers.
-  static Class boxClass();
+  static velto::Class boxClass();
 
  private:
   friend class NSXPCListener;

@@ -17,7 +17,7 @@ class VELTO_EXPORT NSXPCListenerEndpoint : public NSObject {
   NSXPCListenerEndpoint(std::nullptr_t) noexcept {}
   explicit operator bool() const noexcept { return !isNil(); }
 
-  static Class classObject();
+  static velto::Class classObject();
 
   // Calls `handler` once, on a thread of the platform, when the listener is gone; at once when it already is. Nothing
   // after the returned watch is destroyed (a call that has begun may still be running). Null for nil, and when the
