@@ -31,10 +31,10 @@ class VELTO_EXPORT VeltoConnection final : public NSObject,
  public:
   // Starts to look the name up and to connect, and returns at once; what becomes of it the delegate hears, and
   // waitUntilReady(). The delegate is held weakly and may be null.
-  static std::shared_ptr<VeltoConnection> initWithServiceName(const NSString& serviceName,
-                                                              const std::shared_ptr<VeltoIPCDelegate>& withDelegate);
+  [[nodiscard]] static std::shared_ptr<VeltoConnection> initWithServiceName(
+      const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate);
   // An object without a service name, which never becomes ready.
-  static std::shared_ptr<VeltoConnection> init();
+  [[nodiscard]] static std::shared_ptr<VeltoConnection> init();
   ~VeltoConnection() override;
 
   static velto::Class classObject();

@@ -32,10 +32,10 @@ class VELTO_EXPORT VeltoListener final : public NSObject,
   // Registers the name with the broker and listens, in the background. A refusal (a name that cannot be served, no
   // broker) comes to the delegate's connectionError() with a nil identifier. The delegate is held weakly and may be
   // null.
-  static std::shared_ptr<VeltoListener> initWithServiceName(const NSString& serviceName,
-                                                            const std::shared_ptr<VeltoIPCDelegate>& withDelegate);
+  [[nodiscard]] static std::shared_ptr<VeltoListener> initWithServiceName(
+      const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate);
   // A listener that is registered nowhere and accepts nothing.
-  static std::shared_ptr<VeltoListener> init();
+  [[nodiscard]] static std::shared_ptr<VeltoListener> init();
   ~VeltoListener() override;
 
   static velto::Class classObject();

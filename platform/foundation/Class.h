@@ -14,11 +14,11 @@ class VELTO_EXPORT ClassBody final : public ObjectBody {
   // Raises an NSException as Class::define() does.
   ClassBody(std::string name, const ClassBody* superclass);
 
-  const std::string& name() const noexcept { return name_; }
-  const ClassBody* superclass() const noexcept { return superclass_; }
-  bool isSubclassOf(const ClassBody& other) const noexcept;
+  [[nodiscard]] const std::string& name() const noexcept { return name_; }
+  [[nodiscard]] const ClassBody* superclass() const noexcept { return superclass_; }
+  [[nodiscard]] bool isSubclassOf(const ClassBody& other) const noexcept;
 
-  const ClassBody& classBody() const override;
+  [[nodiscard]] const ClassBody& classBody() const override;
   void describe(std::string& out, WalkBound& bound) const override;
 
  private:
@@ -54,12 +54,12 @@ class VELTO_EXPORT Class : public NSObject {
   //     static const Class& made = *new Class(Class::define("Point", NSObject::classObject()));
   //     return made;
   //   }
-  static Class define(std::string name, const Class& superclass);
+  [[nodiscard]] static Class define(std::string name, const Class& superclass);
 
-  NSString name() const;
-  Class superclass() const;
-  bool isSubclassOfClass(const Class& other) const;
-  const ClassBody* classBody() const noexcept;
+  [[nodiscard]] NSString name() const;
+  [[nodiscard]] Class superclass() const;
+  [[nodiscard]] bool isSubclassOfClass(const Class& other) const;
+  [[nodiscard]] const ClassBody* classBody() const noexcept;
 };
 
 // The body of T's class object, looked up once: a kind test that touches no reference count.

@@ -91,17 +91,17 @@ class VELTO_EXPORT NSArray : public NSObject {
     return tag == velto::Tag::array || tag == velto::Tag::mutableArray;
   }
   // An empty array.
-  static NSArray array();
+  [[nodiscard]] static NSArray array();
   // Raises an NSException when an element is nil.
-  static NSArray arrayWithObjects(std::vector<NSObject> elements);
+  [[nodiscard]] static NSArray arrayWithObjects(std::vector<NSObject> elements);
 
   // nil past the end.
-  NSObject objectAtIndex(std::size_t index) const;
-  bool containsObject(const NSObject& object) const;
-  velto::ObjectIterator begin() const;
-  velto::ObjectIterator end() const;
+  [[nodiscard]] NSObject objectAtIndex(std::size_t index) const;
+  [[nodiscard]] bool containsObject(const NSObject& object) const;
+  [[nodiscard]] velto::ObjectIterator begin() const;
+  [[nodiscard]] velto::ObjectIterator end() const;
   // An immutable snapshot of this level (the elements themselves are shared).
-  NSArray copy() const;
+  [[nodiscard]] NSArray copy() const;
 
  protected:
   explicit NSArray(const velto::Value& adopted) noexcept : NSObject(adopted) {}
@@ -149,8 +149,8 @@ class VELTO_EXPORT NSMutableArray : public NSArray {
 
   static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableArray; }
-  static NSMutableArray array();
-  static NSMutableArray arrayWithArray(const NSArray& elements);
+  [[nodiscard]] static NSMutableArray array();
+  [[nodiscard]] static NSMutableArray arrayWithArray(const NSArray& elements);
 
   // Adding nil raises an NSException. Adding to nil makes it an array of its own first.
   void addObject(const NSObject& object);

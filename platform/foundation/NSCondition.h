@@ -36,7 +36,7 @@ class VELTO_CAPABILITY("condition") VELTO_EXPORT NSCondition : public NSObject {
 
   static velto::Class classObject();
   // A new condition.
-  static NSCondition condition();
+  [[nodiscard]] static NSCondition condition();
 
   void lock() const VELTO_ACQUIRE();
   void unlock() const VELTO_RELEASE();

@@ -28,22 +28,23 @@ class VELTO_EXPORT NSData : public NSObject {
     return tag == velto::Tag::data || tag == velto::Tag::mutableData;
   }
   // Copies `length` bytes.
-  static NSData dataWithBytes(const void* bytes, std::size_t length);
+  [[nodiscard]] static NSData dataWithBytes(const void* bytes, std::size_t length);
   // Takes the vector over; nothing is copied.
-  static NSData dataWithVector(std::vector<std::uint8_t> bytes);
+  [[nodiscard]] static NSData dataWithVector(std::vector<std::uint8_t> bytes);
   // Borrows: the bytes stay where they are and must not change until `deleter` is called, once, on whichever thread
   // lets go of the data last. It raises nothing. A message that holds the data takes a copy of it.
-  static NSData dataWithBytesNoCopy(const void* bytes, std::size_t length, std::function<void()> deleter);
+  [[nodiscard]] static NSData dataWithBytesNoCopy(const void* bytes, std::size_t length, std::function<void()> deleter);
   // Maps `length` bytes of a sealed memfd for reading; a length of 0 maps nothing and makes empty data. The descriptor
   // is borrowed for the call only. nil and `*error` (domain "org.velto.platform", code = errno) when it cannot be
   // mapped: not a region of shared memory (EINVAL; a file is none, it can shrink), shorter than `length` (EINVAL), or
   // not sealed against shrinking and writing (EPERM), so that its bytes could vanish or change while they are read.
-  static NSData dataMappingDescriptor(int borrowedDescriptor, std::size_t length, NSError* error = nullptr);
+  [[nodiscard]] static NSData dataMappingDescriptor(int borrowedDescriptor, std::size_t length,
+                                                    NSError* error = nullptr);
 
-  const std::uint8_t* bytes() const noexcept;
-  std::size_t length() const noexcept;
-  std::span<const std::uint8_t> span() const noexcept { return {bytes(), length()}; }
-  std::string_view view() const noexcept;
+  [[nodiscard]] const std::uint8_t* bytes() const noexcept;
+  [[nodiscard]] std::size_t length() const noexcept;
+  [[nodiscard]] std::span<const std::uint8_t> span() const noexcept { return {bytes(), length()}; }
+  [[nodiscard]] std::string_view view() const noexcept;
 
  protected:
   explicit NSData(const velto::Value& adopted) noexcept : NSObject(adopted) {}
@@ -57,13 +58,13 @@ class VELTO_EXPORT NSMutableData : public NSData {
 
   static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableData; }
-  static NSMutableData data();
-  static NSMutableData dataWithData(const NSData& bytes);
+  [[nodiscard]] static NSMutableData data();
+  [[nodiscard]] static NSMutableData dataWithData(const NSData& bytes);
 
   void appendBytes(const void* bytes, std::size_t length);
   void setLength(std::size_t length);
   // nullptr for nil. Valid until the next change.
-  std::uint8_t* mutableBytes() noexcept;
+  [[nodiscard]] std::uint8_t* mutableBytes() noexcept;
 
  private:
   explicit NSMutableData(const velto::Value& adopted) noexcept : NSData(adopted) {}

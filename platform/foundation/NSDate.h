@@ -18,15 +18,15 @@ class VELTO_EXPORT NSDate : public NSObject {
 
   static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::date; }
-  static NSDate date();
-  static NSDate dateWithTimeIntervalSinceNow(double seconds);
-  static NSDate dateWithTimeIntervalSince1970(double seconds);
+  [[nodiscard]] static NSDate date();
+  [[nodiscard]] static NSDate dateWithTimeIntervalSinceNow(double seconds);
+  [[nodiscard]] static NSDate dateWithTimeIntervalSince1970(double seconds);
 
   // Seconds from now to this date; negative once it has passed. 0 for nil.
-  double timeIntervalSinceNow() const;
-  double timeIntervalSince1970() const;
+  [[nodiscard]] double timeIntervalSinceNow() const;
+  [[nodiscard]] double timeIntervalSince1970() const;
   // The point on the steady clock at which this date comes, saturated so that it can be waited for; now for nil.
-  std::chrono::steady_clock::time_point steadyTime() const;
+  [[nodiscard]] std::chrono::steady_clock::time_point steadyTime() const;
 
  private:
   explicit NSDate(const velto::Value& adopted) noexcept : NSObject(adopted) {}

@@ -54,8 +54,8 @@ class Pairs {
  public:
   explicit Pairs(NSObject dictionary) noexcept : dictionary_(std::move(dictionary)) {}
 
-  PairIterator begin() const { return {dictionary_, PairIterator::Place::begin}; }
-  PairIterator end() const { return {dictionary_, PairIterator::Place::end}; }
+  [[nodiscard]] PairIterator begin() const { return {dictionary_, PairIterator::Place::begin}; }
+  [[nodiscard]] PairIterator end() const { return {dictionary_, PairIterator::Place::end}; }
 
  private:
   NSObject dictionary_;
@@ -101,23 +101,23 @@ class VELTO_EXPORT NSDictionary : public NSObject {
     return tag == velto::Tag::dictionary || tag == velto::Tag::mutableDictionary;
   }
   // An empty dictionary.
-  static NSDictionary dictionary();
+  [[nodiscard]] static NSDictionary dictionary();
   // Raises an NSException when a key or a value is nil.
-  static NSDictionary dictionaryWithEntries(std::vector<Entry> entries);
+  [[nodiscard]] static NSDictionary dictionaryWithEntries(std::vector<Entry> entries);
 
   // nil when there is none, and for a nil key.
-  NSObject objectForKey(const NSObject& key) const;
-  NSObject objectForKeyedSubscript(const NSObject& key) const { return objectForKey(key); }
-  NSArray allKeys() const;
-  NSArray allValues() const;
+  [[nodiscard]] NSObject objectForKey(const NSObject& key) const;
+  [[nodiscard]] NSObject objectForKeyedSubscript(const NSObject& key) const { return objectForKey(key); }
+  [[nodiscard]] NSArray allKeys() const;
+  [[nodiscard]] NSArray allValues() const;
   // Walks the keys.
-  velto::ObjectIterator begin() const;
-  velto::ObjectIterator end() const;
+  [[nodiscard]] velto::ObjectIterator begin() const;
+  [[nodiscard]] velto::ObjectIterator end() const;
   // Walks the keys with their values:
   //   for (const auto& [key, value] : dictionary.pairs()) …
   [[nodiscard]] velto::Pairs pairs() const { return velto::Pairs(*this); }
   // An immutable snapshot of this level (keys and values themselves are shared).
-  NSDictionary copy() const;
+  [[nodiscard]] NSDictionary copy() const;
 
  protected:
   explicit NSDictionary(const velto::Value& adopted) noexcept : NSObject(adopted) {}
@@ -150,8 +150,8 @@ class VELTO_EXPORT NSMutableDictionary : public NSDictionary {
 
   static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableDictionary; }
-  static NSMutableDictionary dictionary();
-  static NSMutableDictionary dictionaryWithDictionary(const NSDictionary& entries);
+  [[nodiscard]] static NSMutableDictionary dictionary();
+  [[nodiscard]] static NSMutableDictionary dictionaryWithDictionary(const NSDictionary& entries);
 
   // The value under a key, which can be assigned to: message["key"] = 2. Assigning nil removes the key.
   class Place : public NSObject {

@@ -19,13 +19,13 @@ class VELTO_EXPORT NSError : public NSObject {
 
   static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::error; }
-  static NSError errorWithDomain(const NSString& domain, std::int64_t code, const NSDictionary& userInfo);
+  [[nodiscard]] static NSError errorWithDomain(const NSString& domain, std::int64_t code, const NSDictionary& userInfo);
 
-  NSString domain() const;
-  std::int64_t code() const noexcept;
-  NSDictionary userInfo() const;
+  [[nodiscard]] NSString domain() const;
+  [[nodiscard]] std::int64_t code() const noexcept;
+  [[nodiscard]] NSDictionary userInfo() const;
   // The text under NSLocalizedDescriptionKey; nil when there is none.
-  NSString localizedDescription() const;
+  [[nodiscard]] NSString localizedDescription() const;
 
  private:
   explicit NSError(const velto::Value& adopted) noexcept : NSObject(adopted) {}

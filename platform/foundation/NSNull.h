@@ -12,7 +12,7 @@ class VELTO_EXPORT NSNull : public NSObject {
 
   static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::null; }
-  static NSNull null();
+  [[nodiscard]] static NSNull null();
 
  private:
   explicit NSNull(const velto::Value& adopted) noexcept : NSObject(adopted) {}

@@ -24,11 +24,11 @@ class VELTO_EXPORT NSNumber : public NSObject {
   static constexpr bool isKind(velto::Tag tag) noexcept {
     return tag >= velto::Tag::boolean && tag <= velto::Tag::floatingPoint;
   }
-  static NSNumber numberWithBool(bool value);
-  static NSNumber numberWithSigned(std::int64_t value);
-  static NSNumber numberWithUnsigned(std::uint64_t value);
-  static NSNumber numberWithDouble(double value);
+  [[nodiscard]] static NSNumber numberWithBool(bool value);
+  [[nodiscard]] static NSNumber numberWithSigned(std::int64_t value);
+  [[nodiscard]] static NSNumber numberWithUnsigned(std::uint64_t value);
+  [[nodiscard]] static NSNumber numberWithDouble(double value);
 
   // signedInteger for nil.
-  Kind kind() const noexcept;
+  [[nodiscard]] Kind kind() const noexcept;
 };

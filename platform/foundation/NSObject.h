@@ -93,20 +93,20 @@ class VELTO_EXPORT NSObject {
 
   // A value of an unknown kind does not convert to bool: isNil() asks whether there is one, boolValue() what it says.
   // (Handles of a known class convert, and are true when they are not nil.)
-  bool isNil() const noexcept { return value_.isNil(); }
+  [[nodiscard]] bool isNil() const noexcept { return value_.isNil(); }
 
   // The class object of the value; nil for nil.
-  velto::Class getClass() const;
+  [[nodiscard]] velto::Class getClass() const;
   // Whether the value is an instance of `kind` or of a subclass of it. False for nil.
-  bool isKindOfClass(const velto::Class& kind) const;
+  [[nodiscard]] bool isKindOfClass(const velto::Class& kind) const;
   // Whether it is a T.
   template <class T>
-  bool is() const;
+  [[nodiscard]] bool is() const;
   // This handle as a T if the value is of that kind, else nil.
   template <class T>
-  T as() const&;
+  [[nodiscard]] T as() const&;
   template <class T>
-  T as() &&;
+  [[nodiscard]] T as() &&;
 
   // The value as plain C++, or as a handle that is not nil; nothing if it is of another kind, or does not fit: 300 is
   // no std::uint8_t, 2.5 no int, true no number. docs/values.md says what comes out of what.
@@ -120,15 +120,15 @@ class VELTO_EXPORT NSObject {
 
   // Equality by value; nil equals nil only. Containers that nest deeper, or are larger, than a walk may go raise an
   // NSException that says so.
-  bool isEqual(const NSObject& other) const;
+  [[nodiscard]] bool isEqual(const NSObject& other) const;
   friend bool operator==(const NSObject& left, const NSObject& right) { return left.isEqual(right); }
-  std::size_t hash() const;
+  [[nodiscard]] std::size_t hash() const;
   // Whether both handles hold the same body. What lies in handles themselves is identical when it is equal and of the
   // same kind.
-  bool isIdenticalTo(const NSObject& other) const noexcept { return value_ == other.value_; }
+  [[nodiscard]] bool isIdenticalTo(const NSObject& other) const noexcept { return value_ == other.value_; }
 
   // Short, stable and readable; what "%@" prints. "(null)" for nil. Never raises: too deep or too long is cut with "…".
-  NSString description() const;
+  [[nodiscard]] NSString description() const;
 
   // Prints the description. (A template, so that one of your own goes before it.)
   template <int = 0>
@@ -139,14 +139,14 @@ class VELTO_EXPORT NSObject {
 
   // What a value of an unknown kind answers. A number converts (out of range saturates, not-a-number is 0); a string,
   // and anything else, answers false or 0.
-  bool boolValue() const;
-  std::int64_t integerValue() const;
-  std::uint64_t unsignedIntegerValue() const;
-  double doubleValue() const;
+  [[nodiscard]] bool boolValue() const;
+  [[nodiscard]] std::int64_t integerValue() const;
+  [[nodiscard]] std::uint64_t unsignedIntegerValue() const;
+  [[nodiscard]] double doubleValue() const;
   // The text of an NSString; "" for every other kind.
-  std::string stringValue() const;
+  [[nodiscard]] std::string stringValue() const;
   // Elements of a dictionary, array or set, bytes of data, bytes of a string's UTF-8; 0 for every other kind.
-  std::size_t count() const;
+  [[nodiscard]] std::size_t count() const;
   // The value under a key of a dictionary; nil for every other kind and for a missing key.
   NSObject operator[](const NSObject& key) const;
   [[gnu::always_inline]] NSObject operator[](const char* key) const {
@@ -165,12 +165,12 @@ class VELTO_EXPORT NSObject {
   }
 
   // The body of an object of a class of your own; null for the platform's values.
-  velto::ObjectBody* body() const noexcept;
+  [[nodiscard]] velto::ObjectBody* body() const noexcept;
 
   // The words of the handle, for the platform.
-  const velto::Value& value() const noexcept { return value_; }
+  [[nodiscard]] const velto::Value& value() const noexcept { return value_; }
   // Takes over the reference that the words stand for, or gives it away and becomes nil.
-  static NSObject adopt(const velto::Value& value) noexcept {
+  [[nodiscard]] static NSObject adopt(const velto::Value& value) noexcept {
     NSObject object;
     object.value_ = value;
     return object;

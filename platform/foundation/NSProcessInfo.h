@@ -6,8 +6,8 @@
 // What a process can tell about itself. Thread-safe.
 class VELTO_EXPORT NSProcessInfo {
  public:
-  static const NSProcessInfo& processInfo();
+  [[nodiscard]] static const NSProcessInfo& processInfo();
 
   // A new string at every call, unique within this process and between processes.
-  NSString globallyUniqueString() const;
+  [[nodiscard]] NSString globallyUniqueString() const;
 };

@@ -34,16 +34,16 @@ class VELTO_EXPORT NSSet : public NSObject {
     return tag == velto::Tag::set || tag == velto::Tag::mutableSet;
   }
   // An empty set.
-  static NSSet set();
+  [[nodiscard]] static NSSet set();
   // Raises an NSException when an element is nil.
-  static NSSet setWithObjects(std::vector<NSObject> elements);
+  [[nodiscard]] static NSSet setWithObjects(std::vector<NSObject> elements);
 
-  bool containsObject(const NSObject& object) const;
-  NSArray allObjects() const;
-  velto::ObjectIterator begin() const;
-  velto::ObjectIterator end() const;
+  [[nodiscard]] bool containsObject(const NSObject& object) const;
+  [[nodiscard]] NSArray allObjects() const;
+  [[nodiscard]] velto::ObjectIterator begin() const;
+  [[nodiscard]] velto::ObjectIterator end() const;
   // An immutable snapshot.
-  NSSet copy() const;
+  [[nodiscard]] NSSet copy() const;
 
  protected:
   explicit NSSet(const velto::Value& adopted) noexcept : NSObject(adopted) {}
@@ -57,9 +57,9 @@ class VELTO_EXPORT NSMutableSet : public NSSet {
 
   static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableSet; }
-  static NSMutableSet set();
+  [[nodiscard]] static NSMutableSet set();
   // A new set with the elements of another.
-  static NSMutableSet initWithSet(const NSSet& elements);
+  [[nodiscard]] static NSMutableSet initWithSet(const NSSet& elements);
 
   // Adding nil raises an NSException. Adding to nil makes it a set of its own first.
   void addObject(const NSObject& object);

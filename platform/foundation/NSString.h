@@ -25,31 +25,31 @@ class VELTO_EXPORT NSString : public NSObject {
     return tag == velto::Tag::text || tag == velto::Tag::string || tag == velto::Tag::mutableString;
   }
   // The text if it is valid UTF-8, else nil.
-  static NSString stringWithUTF8(std::string_view bytes);
+  [[nodiscard]] static NSString stringWithUTF8(std::string_view bytes);
   // printf's conversions for numbers and C strings, and "%@" for any object, which prints its description.
   template <class... Arguments>
-  static NSString stringWithFormat(const char* format, const Arguments&... arguments) {
+  [[nodiscard]] static NSString stringWithFormat(const char* format, const Arguments&... arguments) {
     return NSString(velto::formatText(format, {velto::FormatArgument(arguments)...}));
   }
 
   // The text; valid while this handle lives unchanged: a short text lies in the handle itself. nil answers "".
-  std::string_view view() const noexcept VELTO_LIFETIME_BOUND {
+  [[nodiscard]] std::string_view view() const noexcept VELTO_LIFETIME_BOUND {
     return value().isText() ? std::string_view(value().text(), value().textLength()) : bodyText();
   }
-  std::string string() const { return std::string(view()); }
+  [[nodiscard]] std::string string() const { return std::string(view()); }
   // The same, null-terminated. (A text may hold NUL characters: view() shows them all.)
-  const char* UTF8String() const noexcept VELTO_LIFETIME_BOUND { return isNil() ? "" : view().data(); }
+  [[nodiscard]] const char* UTF8String() const noexcept VELTO_LIFETIME_BOUND { return isNil() ? "" : view().data(); }
   // Bytes of UTF-8.
-  std::size_t length() const noexcept { return view().size(); }
+  [[nodiscard]] std::size_t length() const noexcept { return view().size(); }
   // False when either is nil.
-  bool isEqualToString(const NSString& other) const;
+  [[nodiscard]] bool isEqualToString(const NSString& other) const;
   // By the bytes of UTF-8, which is the order of the characters' numbers; nil comes before every text.
   friend std::strong_ordering operator<=>(const NSString& left, const NSString& right) noexcept {
     if (left.isNil() || right.isNil()) return right.isNil() <=> left.isNil();
     return left.view() <=> right.view();
   }
   // An immutable snapshot. (An immutable string is its own.)
-  NSString copy() const;
+  [[nodiscard]] NSString copy() const;
 
  protected:
   explicit NSString(const velto::Value& adopted) noexcept : NSObject(adopted) {}
@@ -66,8 +66,8 @@ class VELTO_EXPORT NSMutableString : public NSString {
 
   static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::mutableString; }
-  static NSMutableString string();
-  static NSMutableString stringWithString(const NSString& text);
+  [[nodiscard]] static NSMutableString string();
+  [[nodiscard]] static NSMutableString stringWithString(const NSString& text);
 
   void appendString(const NSString& text);
   void setString(const NSString& text);

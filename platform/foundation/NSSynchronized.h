@@ -17,7 +17,7 @@ class VELTO_EXPORT NSSynchronized {
   NSSynchronized& operator=(const NSSynchronized&) = delete;
 
   // False for nil, and when another thread held the monitor.
-  bool holdsMonitor() const noexcept { return monitor_ != nullptr; }
+  [[nodiscard]] bool holdsMonitor() const noexcept { return monitor_ != nullptr; }
 
  private:
   std::recursive_mutex* enter() const;

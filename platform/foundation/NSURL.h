@@ -13,9 +13,9 @@ class VELTO_EXPORT NSURL : public NSObject {
   static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::url; }
   // nil for an empty text and for one with spaces or control characters.
-  static NSURL URLWithString(const NSString& text);
+  [[nodiscard]] static NSURL URLWithString(const NSString& text);
 
-  NSString absoluteString() const;
+  [[nodiscard]] NSString absoluteString() const;
 
  private:
   explicit NSURL(const velto::Value& adopted) noexcept : NSObject(adopted) {}

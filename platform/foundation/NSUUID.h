@@ -18,15 +18,15 @@ class VELTO_EXPORT NSUUID : public NSObject {
   static velto::Class classObject();
   static constexpr bool isKind(velto::Tag tag) noexcept { return tag == velto::Tag::uuid; }
   // A new one.
-  static NSUUID UUID();
-  static NSUUID UUIDWithBytes(const Bytes& bytes);
+  [[nodiscard]] static NSUUID UUID();
+  [[nodiscard]] static NSUUID UUIDWithBytes(const Bytes& bytes);
   // nil unless the text has the form of UUIDString (either letter case).
-  static NSUUID UUIDWithString(const NSString& text);
+  [[nodiscard]] static NSUUID UUIDWithString(const NSString& text);
 
   // "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"; nil for nil.
-  NSString UUIDString() const;
+  [[nodiscard]] NSString UUIDString() const;
   // All zero for nil.
-  Bytes bytes() const noexcept;
+  [[nodiscard]] Bytes bytes() const noexcept;
 
  private:
   explicit NSUUID(const velto::Value& adopted) noexcept : NSObject(adopted) {}

@@ -38,7 +38,7 @@ TEST(Walk, ComparesAsDeepAsTheLimitAndRaisesOneDeeper) {
   EXPECT_NE(nested(kMaximumNestingDepth), nested(kMaximumNestingDepth - 1));
   const NSArray left = nested(kMaximumNestingDepth + 1);
   const NSArray right = nested(kMaximumNestingDepth + 1);
-  EXPECT_EQ(reasonOf([&] { left.isEqual(right); }),
+  EXPECT_EQ(reasonOf([&] { static_cast<void>(left.isEqual(right)); }),
             "compared objects nest deeper than 512 levels, the deepest that a comparison goes");
   EXPECT_EQ(left, left);
   EXPECT_EQ(nested(2), nested(2));
@@ -51,7 +51,7 @@ TEST(Walk, EveryContainerCountsAsALevel) {
     left = NSError::errorWithDomain("d", 1, {{"set", NSSet{NSDictionary{{"key", left}}}}});
     right = NSError::errorWithDomain("d", 1, {{"set", NSSet{NSDictionary{{"key", right}}}}});
   }
-  EXPECT_THROW(left.isEqual(right), NSException);
+  EXPECT_THROW(static_cast<void>(left.isEqual(right)), NSException);
 }
 
 TEST(Walk, ComparesAsManyObjectsAsTheLimitAndRaisesOneMore) {
@@ -67,7 +67,7 @@ TEST(Walk, ComparesAsManyObjectsAsTheLimitAndRaisesOneMore) {
 }
 
 TEST(Walk, AComparisonOfExponentiallyManyObjectsEnds) {
-  EXPECT_EQ(reasonOf([] { doubled(60).isEqual(doubled(60)); }),
+  EXPECT_EQ(reasonOf([] { static_cast<void>(doubled(60).isEqual(doubled(60))); }),
             "compared objects hold more than 67108864 objects, the most that one comparison visits");
 }
 
@@ -104,7 +104,7 @@ TEST(Walk, ContainersThatHoldThemselvesRaiseWhenCompared) {
   left.addObject(left);
   right.addObject(right);
   EXPECT_EQ(left, left);
-  EXPECT_THROW(left.isEqual(right), NSException);
+  EXPECT_THROW(static_cast<void>(left.isEqual(right)), NSException);
   left.removeAllObjects();
   right.removeAllObjects();
 }
