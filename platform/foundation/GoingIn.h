@@ -171,4 +171,5 @@ Value plainValue(T&& value) {
 }  // namespace velto
 
 template <class T>
+// NOLINTNEXTLINE(bugprone-forwarding-reference-overload): no handle, and so no copy, meets the constraint.
 requires velto::PlainValue<T> NSObject::NSObject(T&& value) : value_(velto::plainValue(std::forward<T>(value))) {}

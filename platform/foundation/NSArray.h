@@ -84,6 +84,7 @@ class VELTO_EXPORT NSArray : public NSObject {
   NSArray(const std::vector<T>& elements) : NSArray(ofVector(elements)) {}
   // The elements of any other range that becomes an array, of a pair or of a tuple.
   template <velto::BecomesArray T>
+  // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): no handle, and so no copy, meets the constraint.
   NSArray(T&& elements) : NSArray(velto::plainValue(elements)) {}
 
   static velto::Class classObject();

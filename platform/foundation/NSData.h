@@ -21,6 +21,7 @@ class VELTO_EXPORT NSData : public NSObject {
   NSData(const std::vector<std::uint8_t>& bytes);
   // Copies any other range of std::uint8_t or std::byte.
   template <velto::BecomesData T>
+  // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): no handle, and so no copy, meets the constraint.
   NSData(T&& bytes) : NSObject(velto::plainValue(bytes)) {}
 
   static velto::Class classObject();

@@ -94,6 +94,7 @@ class VELTO_EXPORT NSDictionary : public NSObject {
   NSDictionary(const std::map<Key, Value>& entries) : NSDictionary(ofMap(entries)) {}
   // Any other map whose keys are distinct.
   template <velto::BecomesDictionary T>
+  // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): no handle, and so no copy, meets the constraint.
   NSDictionary(T&& entries) : NSObject(velto::plainValue(entries)) {}
 
   static velto::Class classObject();

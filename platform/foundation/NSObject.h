@@ -87,6 +87,7 @@ class VELTO_EXPORT NSObject {
       : value_(velto::Tag::floatingPoint, std::bit_cast<std::uint64_t>(static_cast<double>(value))) {}
 
   template <class T>
+  // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): no handle, and so no copy, meets the constraint.
   requires velto::PlainValue<T> NSObject(T&& value);
 
   static velto::Class classObject();

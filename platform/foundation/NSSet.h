@@ -27,6 +27,7 @@ class VELTO_EXPORT NSSet : public NSObject {
                                : setWithObjects(std::vector<NSObject>(sets.begin(), sets.end()))) {}
   // The elements of a set of the standard library, or of what has its shape.
   template <velto::BecomesSet T>
+  // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): no handle, and so no copy, meets the constraint.
   NSSet(T&& elements) : NSObject(velto::plainValue(elements)) {}
 
   static velto::Class classObject();

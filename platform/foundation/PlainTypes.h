@@ -183,23 +183,28 @@ constexpr PlainForm formOfClass() {
   }
 }
 
+template <class T>
+constexpr bool isObject() {
+  if constexpr (Complete<T> && std::is_class_v<T>) {
+    return isText<T> || std::derived_from<T, NSObject>;
+  } else {
+    return isText<T> || isCharacters<T> || std::same_as<T, std::nullptr_t>;
+  }
+}
+
 // `T` is no reference; a const range counts if it can be walked as const.
 template <class T>
 constexpr PlainForm formOf() {
   using Bare = std::remove_cv_t<T>;
   if constexpr (std::is_arithmetic_v<Bare>) {
     return PlainForm::number;
-  } else if constexpr (isText<Bare> || isCharacters<Bare> || std::same_as<Bare, std::nullptr_t>) {
-    return PlainForm::object;
-  } else if constexpr (!Complete<Bare> || std::is_pointer_v<Bare> || std::is_volatile_v<T>) {
-    return PlainForm::none;
-  } else if constexpr (std::derived_from<Bare, NSObject>) {
+  } else if constexpr (isObject<Bare>()) {
     return PlainForm::object;
   } else if constexpr (std::is_enum_v<Bare>) {
     return PlainForm::enumerator;
   } else if constexpr (std::is_bounded_array_v<Bare>) {
     return formOfRange<T>();
-  } else if constexpr (std::is_class_v<Bare>) {
+  } else if constexpr (Complete<Bare> && std::is_class_v<Bare> && !std::is_volatile_v<T>) {
     return formOfClass<T>();
   } else {
     return PlainForm::none;
@@ -273,10 +278,11 @@ constexpr bool partsComeOut() {
 }
 
 template <class T>
+concept CanBeFilled = Complete<T> && !std::is_const_v<T> && std::default_initializable<T> && std::movable<T>;
+
+template <class T>
 constexpr bool comesOut() {
-  if constexpr (!Complete<T> || std::is_const_v<T> || std::is_reference_v<T>) {
-    return false;
-  } else if constexpr (!std::default_initializable<T> || !std::movable<T>) {
+  if constexpr (!CanBeFilled<T>) {
     return false;
   } else if constexpr (std::derived_from<T, NSObject>) {
     return requires {
