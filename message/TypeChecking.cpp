@@ -46,7 +46,7 @@ class TypeCheck {
 
   // For the end of the check; `passes` is what came out of it.
   bool told(bool passes) const {
-    if (!passes) VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelDetail, "Failed Type Checking at %@", path_.object());
+    if (!passes) VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelProgress, "What is refused lies at %@", path_.object());
     return passes;
   }
 

@@ -79,7 +79,9 @@ void appendEscaped(std::string_view text, std::string_view special, std::string&
 
 void appendStep(const ValuePath::Step& step, bool isFirst, std::string& out) {
   if (step.key.isNil()) {
-    out += "[" + std::to_string(step.index) + "]";
+    out += '[';
+    out += std::to_string(step.index);
+    out += ']';
   } else if (!step.key.is<NSString>()) {
     out += "{";
     appendEscaped(step.key.description().view(), "\\}", out);

@@ -114,18 +114,18 @@ TEST_F(MessageTypeCheckingOfEnds, WithStrictTypesOffAnyPayloadIsHandedOnUnchecke
 TEST_F(MessageTypeCheckingOfEnds, ARefusalTellsThePlaceBeforeTheEndsOwnLine) {
   Pair pair;
   clearLogOfHandshake();
-  VKTLogSetLevel(VKTLogLevelDetail);
+  VKTLogSetLevel(VKTLogLevelProgress);
   NSError error;
   EXPECT_FALSE(pair.client.connection->sendMessage(anything, &error));
   EXPECT_EQ(error.userInfo().count(), 1u);
   EXPECT_TRUE(pair.server.listener->sendMessageSync({{"list", NSArray{1, NSNull::null()}}}, pair.id, 20.0).isNil());
   EXPECT_EQ(log.lines(),
             (std::vector<LogCapture::Line>{refusal("NSDate"),
-                                           {3, "Failed Type Checking at when"},
+                                           {2, "What is refused lies at when"},
                                            {0, "VeltoConnection SendMessage failed message type check"},
                                            refusal("NSNull"),
                                            refusal("NSArray"),
-                                           {3, "Failed Type Checking at list[1]"},
+                                           {2, "What is refused lies at list[1]"},
                                            {0, "VeltoIPCListener SendMessage failed message type check"}}));
 }
 

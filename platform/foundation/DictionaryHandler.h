@@ -54,7 +54,11 @@ class std::function<void(NSDictionary)> {
   void operator()(NSDictionary dictionary) const { held_(std::move(dictionary)); }
   void operator()(velto::EmptyBraces) const { held_(NSDictionary::dictionary()); }
 
-  const std::type_info& target_type() const noexcept { return held_.target_type(); }
+#ifdef __cpp_rtti
+  const std::type_info& target_type() const noexcept {
+    return held_.target_type();
+  }
+#endif
   template <class F>
   F* target() noexcept {
     return held_.target<F>();

@@ -60,10 +60,9 @@ VELTO_EXPORT const VKTLogAnchor& anchorOfPlace(AnchorPlace& place, const SourceL
     return ::velto::anchorOfPlace(veltoPlace, veltoLocation);                         \
   }(::velto::SourceLocation::current()))
 
-// Levels: 0 marks failures, 2 progress, 3 what helps to find the cause of a failure.
+// Levels: 0 marks failures, 2 progress.
 inline constexpr int VKTLogLevelFailure = 0;
 inline constexpr int VKTLogLevelProgress = 2;
-inline constexpr int VKTLogLevelDetail = 3;
 
 // Where lines go. A sink is called on the thread that logs, possibly by several threads at once; what the library logs
 // on a thread that may not wait for a sink, or under a lock, comes a little later on another, cut after 16 KiB. A sink

@@ -7,7 +7,7 @@ build_packages=(g++ cmake ninja-build pkg-config libcli11-dev libssl-dev)
 test_packages=("${build_packages[@]}" libcbor-dev libgtest-dev libgmock-dev nlohmann-json3-dev python3 spin)
 # To check the code in every way.
 # shellcheck disable=SC2034
-check_packages=("${test_packages[@]}" clang libclang-rt-14-dev clang-format clang-tidy shellcheck)
+check_packages=("${test_packages[@]}" clang libclang-rt-14-dev clang-format clang-tidy shellcheck valgrind)
 
 # install_packages PACKAGE...: installs those that are missing, and says which.
 install_packages() {

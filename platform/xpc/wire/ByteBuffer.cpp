@@ -28,7 +28,10 @@ ByteBlock* ByteBlock::move(ByteBlock* block, std::size_t capacity) {
 }
 
 void ByteBlock::release() noexcept {
-  if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) free();
+  // The only reference there is needs no common step.
+  if (references_.load(std::memory_order_acquire) == 1 || references_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    free();
+  }
 }
 
 void ByteBlock::free() noexcept {

@@ -137,6 +137,62 @@ inline ValueDecoder::Step ValueDecoder::put() {
   return level.itemsLeft == 0 ? close() : Step::opened;
 }
 
+template <ValueDecoder::Kind kKind>
+ValueDecoder::Step ValueDecoder::open(std::uint64_t items) {
+  // Memory is reserved for what can still come: each item that is due takes a byte at least, and is an object.
+  due_ += items;
+  if (due_ > reader_.remaining()) {
+    return breakOff("truncated: " + std::to_string(due_) + " items are due at byte " +
+                    std::to_string(reader_.position()) + ", " + std::to_string(reader_.remaining()) +
+                    " at most can follow");
+  }
+  if (objects_ + due_ > limits::kMaximumObjects) {
+    return refuseOverLimit("objects", limits::kMaximumObjects + 1, limits::kMaximumObjects);
+  }
+  constexpr bool kIsList = kKind == Kind::array || kKind == Kind::set;
+  // The hash of an error does not regard its user info, and that of a coded object is its class's affair.
+  constexpr bool kHashesLess = kKind == Kind::error || kKind == Kind::coded;
+  const std::uint64_t elements = kIsList ? items : items / 2;
+  const std::uint64_t work = kKind == Kind::coded ? 1 : cost_.work;
+  const bool hasPoorHash = kHashesLess || elements > kHashedElements;
+  Level& made = *new (&level(depth_)) Level(kKind, elements, items, work, hasPoorHash);
+  if constexpr (kKind == Kind::array) {
+    made.array = &ArrayBody::make(elements, region());
+  } else if constexpr (kKind != Kind::coded) {
+    made.keyed = &KeyedBody::make(kKind == Kind::set ? Tag::set : Tag::dictionary, elements, region());
+  }
+  ++depth_;
+  return Step::opened;
+}
+
+ValueDecoder::Step ValueDecoder::close() {
+  const Level& level = top();
+  if (level.kind == Kind::coded) return closeCoded();
+  if (level.hasTwice) return breakOff("a key of a dictionary, or an element of a set, that comes twice");
+  if (depth_ > 1) cost_ = level.cost.toCompare();
+  if (level.kind == Kind::array) {
+    made_ = Value(*level.array);
+  } else if (level.kind == Kind::error) {
+    made_ = ErrorBody::make(level.domain, level.code, Value(*level.keyed), region());
+  } else {
+    made_ = Value(*level.keyed);
+  }
+  --depth_;
+  return Step::complete;
+}
+
+template <ValueDecoder::Kind kKind>
+ValueDecoder::Step ValueDecoder::container(PlainClass plain, std::uint64_t items) {
+  if (!mayHold(plain) || isTooDeep()) return Step::refused;
+  const Step step = open<kKind>(items);
+  return step == Step::opened && items == 0 ? close() : step;
+}
+
+// What the other half opens.
+template ValueDecoder::Step ValueDecoder::open<ValueDecoder::Kind::error>(std::uint64_t items);
+template ValueDecoder::Step ValueDecoder::open<ValueDecoder::Kind::coded>(std::uint64_t items);
+template ValueDecoder::Step ValueDecoder::container<ValueDecoder::Kind::set>(PlainClass plain, std::uint64_t items);
+
 inline ValueDecoder::Step ValueDecoder::readObject() {
   if (++objects_ > limits::kMaximumObjects) {
     return refuseOverLimit("objects", objects_, limits::kMaximumObjects);
@@ -168,9 +224,9 @@ inline ValueDecoder::Step ValueDecoder::readObject() {
       made_ = Value(Tag::null, 0);
       return Step::complete;
     case Type::array:
-      return container(PlainClass::array, Kind::array, item.number);
+      return container<Kind::array>(PlainClass::array, item.number);
     case Type::map:
-      return container(PlainClass::dictionary, Kind::dictionary, 2 * item.number);
+      return container<Kind::dictionary>(PlainClass::dictionary, 2 * item.number);
     case Type::tag:
       return tagged(item.number);
     case Type::undefined:
@@ -187,7 +243,7 @@ ValueDecoder::Outcome ValueDecoder::build(NSObject& value) {
     Step step = depth_ > 0 && readPlainOnes() ? close() : readObject();
     while (step == Step::complete) {
       if (depth_ == 0) {
-        value = giveMade();
+        value = giveMade(reader_.remaining() == 0);
         return Outcome::value;
       }
       step = put();
@@ -218,8 +274,14 @@ void ValueDecoder::take(NSObject object) {
   made_ = object.giveUp();
 }
 
-NSObject ValueDecoder::giveMade() {
-  if (region_ != nullptr) made_.retain();
+NSObject ValueDecoder::giveMade(bool isLast) {
+  if (region_ != nullptr && made_.isCounted()) {
+    if (isLast && made_.body().isInRegion()) {
+      region_ = nullptr;
+    } else {
+      made_.retain();
+    }
+  }
   return NSObject::adopt(std::exchange(made_, Value()));
 }
 
@@ -246,60 +308,6 @@ void ValueDecoder::clear() noexcept {
 bool ValueDecoder::refusePlain(PlainClass plain) {
   refuseClass(classBodyOf(plain).name());
   return false;
-}
-
-ValueDecoder::Step ValueDecoder::container(PlainClass plain, Kind kind, std::uint64_t items) {
-  if (!mayHold(plain) || isTooDeep()) return Step::refused;
-  const Step step = open(kind, items);
-  return step == Step::opened && items == 0 ? close() : step;
-}
-
-ValueDecoder::Step ValueDecoder::open(Kind kind, std::uint64_t items) {
-  // Memory is reserved for what can still come: each item that is due takes a byte at least, and is an object.
-  due_ += items;
-  if (due_ > reader_.remaining()) {
-    return breakOff("truncated: " + std::to_string(due_) + " items are due at byte " +
-                    std::to_string(reader_.position()) + ", " + std::to_string(reader_.remaining()) +
-                    " at most can follow");
-  }
-  if (objects_ + due_ > limits::kMaximumObjects) {
-    return refuseOverLimit("objects", limits::kMaximumObjects + 1, limits::kMaximumObjects);
-  }
-  const std::uint64_t elements = kind == Kind::array || kind == Kind::set ? items : items / 2;
-  Level& made = *new (&level(depth_)) Level;
-  made.kind = kind;
-  made.hasTwice = false;
-  made.elements = elements;
-  made.itemsLeft = items;
-  made.counted = 0;
-  made.key = Value();
-  made.domain = Value();
-  // The hash of an error does not regard its user info, and that of a coded object is its class's affair.
-  const bool hashesLess = kind == Kind::error || kind == Kind::coded;
-  made.cost = ContainerCost(kind == Kind::coded ? 1 : cost_.work, items, hashesLess || elements > kHashedElements);
-  if (kind == Kind::array) {
-    made.array = &ArrayBody::make(elements, region());
-  } else if (kind != Kind::coded) {
-    made.keyed = &KeyedBody::make(kind == Kind::set ? Tag::set : Tag::dictionary, elements, region());
-  }
-  ++depth_;
-  return Step::opened;
-}
-
-ValueDecoder::Step ValueDecoder::close() {
-  const Level& level = top();
-  if (level.kind == Kind::coded) return closeCoded();
-  if (level.hasTwice) return breakOff("a key of a dictionary, or an element of a set, that comes twice");
-  if (depth_ > 1) cost_ = level.cost.toCompare();
-  if (level.kind == Kind::array) {
-    made_ = Value(*level.array);
-  } else if (level.kind == Kind::error) {
-    made_ = ErrorBody::make(level.domain, level.code, Value(*level.keyed), region());
-  } else {
-    made_ = Value(*level.keyed);
-  }
-  --depth_;
-  return Step::complete;
 }
 
 bool ValueDecoder::isTooDeep() {

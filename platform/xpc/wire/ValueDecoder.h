@@ -63,13 +63,16 @@ class ValueDecoder {
   // A container that is not full yet. What it holds is in its body already; what it has no reference to counted is the
   // level's own.
   struct Level {
+    Level(Kind ofKind, std::uint64_t ofElements, std::uint64_t items, std::uint64_t work, bool hasPoorHash) noexcept
+        : kind(ofKind), elements(ofElements), itemsLeft(items), array(nullptr), cost(work, items, hasPoorHash) {}
+
     Kind kind;
     // A key or an element came twice: breaks the protocol, once all of the container has been read.
-    bool hasTwice;
+    bool hasTwice = false;
     std::uint64_t elements;
     std::uint64_t itemsLeft;
     // What its keys have cost so far, which is in the comparisons of the frame.
-    std::uint64_t counted;
+    std::uint64_t counted = 0;
     union {
       ArrayBody* array;
       KeyedBody* keyed;
@@ -77,7 +80,7 @@ class ValueDecoder {
     // The key whose value is due; the domain of an error is below it.
     Value key;
     Value domain;
-    std::int64_t code;
+    std::int64_t code = 0;
     ContainerCost cost;
     TextFilter keys;
   };
@@ -99,8 +102,10 @@ class ValueDecoder {
   bool mayHold(PlainClass plain) { return admitted_->admits(plain) || refusePlain(plain); }
   // False.
   bool refusePlain(PlainClass plain);
-  Step container(PlainClass plain, Kind kind, std::uint64_t items);
-  Step open(Kind kind, std::uint64_t items);
+  template <Kind kKind>
+  Step container(PlainClass plain, std::uint64_t items);
+  template <Kind kKind>
+  Step open(std::uint64_t items);
   Step put();
   Step putKeyed(Level& level);
   Step close();
@@ -121,8 +126,9 @@ class ValueDecoder {
   Region* makeRegion();
   // An object that others have made becomes the one that was read last.
   void take(NSObject object);
-  // A handle of its own on the object that was read last.
-  NSObject giveMade();
+  // A handle of its own on the object that was read last. After the last one of all it takes over the reference to the
+  // region that this has had.
+  NSObject giveMade(bool isLast);
   // Lets go of everything that has been read of the value.
   void clear() noexcept;
 

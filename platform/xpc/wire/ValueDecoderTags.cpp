@@ -32,7 +32,7 @@ ValueDecoder::Step ValueDecoder::tagged(std::uint64_t tag) {
       return object();
     case kSetTag:
       if (!expect(Type::array, item, "the list of a set")) return Step::broken;
-      return container(PlainClass::set, Kind::set, item.number);
+      return container<Kind::set>(PlainClass::set, item.number);
     case kUnsignedTag:
       if (!expect(Type::unsignedInteger, item, "an unsigned number")) return Step::broken;
       if (!mayHold(PlainClass::number)) return Step::refused;
@@ -101,7 +101,7 @@ ValueDecoder::Step ValueDecoder::error(std::uint64_t items) {
   if (!isValidUTF8(domain.view())) return breakOff("a text that is not UTF-8");
   if (!mayHold(PlainClass::error) || isTooDeep()) return Step::refused;
   const auto number = static_cast<std::int64_t>(code.number);
-  if (const Step step = open(Kind::error, 2 * userInfo.number); step != Step::opened) return step;
+  if (const Step step = open<Kind::error>(2 * userInfo.number); step != Step::opened) return step;
   top().domain = validTextValue(domain.view(), region());
   top().code = code.type == Type::negativeInteger ? -1 - number : number;
   return userInfo.number == 0 ? close() : Step::opened;
@@ -112,7 +112,7 @@ ValueDecoder::Step ValueDecoder::coded(CodedClass aClass, std::uint64_t items) {
   if (items != 2) return breakOff("an object of class " + name + " in " + std::to_string(items) + " items, not 2");
   if (!admitted_->admits(aClass.classObject)) return refuseClass(name);
   if (isTooDeep()) return Step::refused;
-  const Step step = open(Kind::coded, 1);
+  const Step step = open<Kind::coded>(1);
   if (step == Step::opened) coded_.push_back(std::move(aClass));
   return step;
 }
@@ -123,7 +123,7 @@ ValueDecoder::Step ValueDecoder::closeCoded() {
   const CodedClass aClass = std::move(coded_.back());
   coded_.pop_back();
   // Not in the region: the region keeps what is made of it, which may keep this.
-  const NSObject contents = owned(giveMade());
+  const NSObject contents = owned(giveMade(false));
   const NSObject made = aClass.coding.decode ? aClass.coding.decode(contents) : nil;
   if (made.isKindOfClass(aClass.classObject)) {
     take(made);
