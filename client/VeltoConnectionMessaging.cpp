@@ -36,7 +36,7 @@ bool VeltoConnection::sendMessage(const NSDictionary& message, NSError* error, V
     VKTLoggingLog(VKTLogGetAnchor(), 0, "VeltoConnection Connection is not available or connectionUUID is nil");
     return velto::fail(error, VeltoIPCConnectionError, "Connection is not available");
   }
-  if (_strictMessageTypeSet && !checkDictionary(message)) {
+  if (_strictMessageTypeSet && !velto::checkMessage(message)) {
     VKTLoggingLog(VKTLogGetAnchor(), 0, "VeltoConnection SendMessage failed message type check");
     return velto::fail(error, VeltoIPCMessageTypeError, "SendMessage failed message type check");
   }

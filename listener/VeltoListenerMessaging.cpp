@@ -39,7 +39,7 @@ bool VeltoListener::sendMessage(const NSDictionary& message, const NSString& toC
     VKTLoggingLog(VKTLogGetAnchor(), 0, "VeltoIPCListener Connection is not available");
     return velto::fail(error, VeltoIPCConnectionError, "Connection is not available");
   }
-  if (strictMessageTypeSet && !checkDictionary(message)) {
+  if (strictMessageTypeSet && !velto::checkMessage(message)) {
     VKTLoggingLog(VKTLogGetAnchor(), 0, "VeltoIPCListener SendMessage failed message type check");
     return velto::fail(error, VeltoIPCMessageTypeError, "SendMessage failed message type check");
   }

@@ -1,6 +1,5 @@
 // The rules of strict types. A line of the log names the class of what failed and never prints the value: messages may
-// hold what has no place in a log. Where it lies is told in a line of its own, for whoever asks for details. The walk
-// is bounded, because a mutable container can hold itself.
+// hold what has no place in a log. The walk is bounded, because a mutable container can hold itself.
 #include "message/TypeChecking.h"
 
 #include "message/ValuePath.h"
@@ -24,7 +23,7 @@ class TypeCheck {
     if (!level) return refuseDepth();
     for (const NSObject& key : dictionary.allKeys()) {
       if (accepts(dictionary.objectForKey(key))) continue;
-      path_.addKey(key);
+      place_.addKey(key);
       return false;
     }
     return true;
@@ -36,7 +35,7 @@ class TypeCheck {
     std::size_t index = 0;
     for (const NSObject& element : array) {
       if (!accepts(element)) {
-        path_.addIndex(index);
+        place_.addIndex(index);
         return false;
       }
       ++index;
@@ -44,11 +43,8 @@ class TypeCheck {
     return true;
   }
 
-  // For the end of the check; `passes` is what came out of it.
-  bool told(bool passes) const {
-    if (!passes) VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelProgress, "What is refused lies at %@", path_.object());
-    return passes;
-  }
+  // Where what failed lies.
+  const velto::ValuePath& place() const noexcept { return place_; }
 
  private:
   bool accepts(const NSObject& value) {
@@ -84,7 +80,7 @@ class TypeCheck {
   }
 
   velto::WalkBound& bound_;
-  velto::ValuePath path_;
+  velto::ValuePath place_;
 };
 
 }  // namespace
@@ -102,13 +98,19 @@ bool checkArray(const NSArray& array) {
 namespace velto {
 
 bool checkDictionaryWithin(WalkBound& bound, const NSDictionary& dictionary) {
-  TypeCheck check(bound);
-  return check.told(check.dictionary(dictionary));
+  return TypeCheck(bound).dictionary(dictionary);
 }
 
 bool checkArrayWithin(WalkBound& bound, const NSArray& array) {
+  return TypeCheck(bound).array(array);
+}
+
+bool checkMessage(const NSDictionary& message) {
+  WalkBound bound;
   TypeCheck check(bound);
-  return check.told(check.array(array));
+  if (check.dictionary(message)) return true;
+  VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelProgress, "What is refused lies at %@", check.place().object());
+  return false;
 }
 
 }  // namespace velto

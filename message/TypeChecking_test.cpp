@@ -171,31 +171,30 @@ TEST_F(TypeChecking, SharedContainersThatStandForTooManyValuesFail) {
   EXPECT_THAT(log.lines().front().text, HasSubstr("the message holds 10001 values, at most 10000"));
 }
 
-TEST_F(TypeChecking, WhereTheValueLiesIsALineBehindTheOtherLines) {
+TEST_F(TypeChecking, WhereTheValueOfAMessageLiesIsALineBehindTheOtherLines) {
   VKTLogSetLevel(VKTLogLevelProgress);
   const NSDictionary order{{"item", 1}, {"when", NSDate::date()}};
-  EXPECT_FALSE(checkDictionary({{"good", 1}, {"orders", NSArray{1, order}}}));
+  EXPECT_FALSE(velto::checkMessage({{"good", 1}, {"orders", NSArray{1, order}}}));
   EXPECT_THAT(log.lines(), ElementsAre(failure("NSDate"), failure("NSDictionary"), failure("NSArray"),
                                        Line{2, "What is refused lies at orders[1].when"}));
 }
 
-TEST_F(TypeChecking, WhereTheValueLiesIsToldOfArraysToo) {
+TEST_F(TypeChecking, AKeyThatIsNoStringIsTold) {
   VKTLogSetLevel(VKTLogLevelProgress);
-  EXPECT_FALSE(checkArray({1, NSDictionary{{7, NSNull::null()}}}));
-  EXPECT_THAT(log.lines(),
-              ElementsAre(failure("NSNull"), failure("NSDictionary"), Line{2, "What is refused lies at [1]{7}"}));
+  EXPECT_FALSE(velto::checkMessage({{7, NSNull::null()}}));
+  EXPECT_THAT(log.lines(), ElementsAre(failure("NSNull"), Line{2, "What is refused lies at {7}"}));
 }
 
 TEST_F(TypeChecking, AKeyCannotForgeALine) {
   VKTLogSetLevel(VKTLogLevelProgress);
-  EXPECT_FALSE(checkDictionary({{"a\nWhat is refused lies at b", NSNull::null()}}));
+  EXPECT_FALSE(velto::checkMessage({{"a\nWhat is refused lies at b", NSNull::null()}}));
   ASSERT_EQ(log.lines().size(), 2u);
   EXPECT_EQ(log.lines()[1].text, "What is refused lies at [\"a\\u{a}What is refused lies at b\"]");
 }
 
 TEST_F(TypeChecking, WhatPassesTellsNoPlace) {
   VKTLogSetLevel(VKTLogLevelProgress);
-  EXPECT_TRUE(checkDictionary({{"list", NSArray{1, NSDictionary{{"a", 2}}}}}));
+  EXPECT_TRUE(velto::checkMessage({{"list", NSArray{1, NSDictionary{{"a", 2}}}}}));
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
@@ -203,7 +202,7 @@ TEST_F(TypeChecking, TheEndlessIsToldShortened) {
   VKTLogSetLevel(VKTLogLevelProgress);
   auto array = NSMutableArray::array();
   array.addObject(array);
-  EXPECT_FALSE(checkArray(array));
+  EXPECT_FALSE(velto::checkMessage({{"list", array}}));
   EXPECT_EQ(log.lines().back().level, 2);
   EXPECT_LT(log.lines().back().text.size(), 200u);
   array.removeAllObjects();

@@ -71,9 +71,10 @@ TEST_F(ClientSend, RefusesABadMessageWhileTypesAreStrict) {
   NSError error;
   EXPECT_FALSE(client->sendMessage(dated, &error, reply.handler()));
   expectError(error, 3, "SendMessage failed message type check");
-  EXPECT_THAT(journal().take(),
-              ElementsAre("log 0 Failed Type Checking with the following object NSDate with ClassName NSDate",
-                          "log 0 VeltoConnection SendMessage failed message type check"));
+  EXPECT_THAT(
+      journal().take(),
+      ElementsAre("log 0 Failed Type Checking with the following object NSDate with ClassName NSDate",
+                  "log 2 What is refused lies at when", "log 0 VeltoConnection SendMessage failed message type check"));
   EXPECT_FALSE(client->sendMessage(dated, nullptr, reply.handler()));
   EXPECT_THAT(peer().calls(), SizeIs(1)) << "the ping alone";
   EXPECT_FALSE(reply.isHeld());
