@@ -74,6 +74,12 @@ std::string joined(std::string_view first, std::string_view second) {
   return std::string(first) + (needsDot ? "." : "") + std::string(second);
 }
 
+std::string inBrackets(std::string_view text) {
+  std::string step(1, '[');
+  step += text;
+  return step += ']';
+}
+
 }  // namespace
 
 void Mismatch::isNot(const NSObject& found, std::string_view wanted) {
@@ -101,11 +107,11 @@ void Mismatch::hasEqualParts(std::string_view parts) {
 }
 
 void Mismatch::inElement(std::size_t index) {
-  place_ = joined("[" + std::to_string(index) + "]", place_);
+  place_ = joined(inBrackets(std::to_string(index)), place_);
 }
 
 void Mismatch::underKey(const NSObject& key) {
-  place_ = joined(key.is<NSString>() ? escaped(key.stringValue()) : "[" + shown(key) + "]", place_);
+  place_ = joined(key.is<NSString>() ? escaped(key.stringValue()) : inBrackets(shown(key)), place_);
 }
 
 std::string Mismatch::text(std::string_view place) const {
