@@ -4,12 +4,6 @@
 #include <algorithm>
 
 namespace velto {
-namespace {
-
-constexpr std::size_t kFurtherBytes = 4096;
-
-}  // namespace
-
 Region* Region::make(std::size_t bytes) {
   const std::size_t size = sizeof(Region) + bytes;
   auto* const memory = static_cast<char*>(BodyMemory::allocate(size));
@@ -17,7 +11,8 @@ Region* Region::make(std::size_t bytes) {
 }
 
 void* Region::allocateElsewhere(std::size_t bytes) {
-  const std::size_t size = sizeof(Chunk) + std::max(bytes, kFurtherBytes);
+  // As much again as was thought at first, so that little is left over.
+  const std::size_t size = sizeof(Chunk) + std::max(bytes, bytes_);
   auto* const memory = static_cast<char*>(::operator new(size));
   more_ = new (memory) Chunk{more_};
   next_ = memory + sizeof(Chunk);
