@@ -235,7 +235,7 @@ TEST_F(BadInput, CallsThatTheListenerDoesNotHaveAreRefusedAndTheConnectionGoesOn
 }
 
 TEST(BadClasses, NoneOfAUsersOwnCanBeBelowAnEndpoint) {
-  EXPECT_THROW(Class::define("Mine", NSXPCListenerEndpoint::classObject()), NSException);
+  EXPECT_THROW(static_cast<void>(Class::define("Mine", NSXPCListenerEndpoint::classObject())), NSException);
 }
 
 }  // namespace

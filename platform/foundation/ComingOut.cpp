@@ -9,6 +9,7 @@
 #include "platform/foundation/KeyedBody.h"
 #include "platform/foundation/NSDate.h"
 #include "platform/foundation/NSString.h"
+#include "platform/foundation/ShownText.h"
 #include "platform/foundation/ValueText.h"
 
 namespace velto {
@@ -16,9 +17,6 @@ namespace {
 
 // Seconds in a double, rounded from ticks of whatever kind, are closer to them than this.
 constexpr double kSecondsOff = 1e-6;
-
-// Long values would hide the reason.
-constexpr std::size_t kMaximumShownBytes = 64;
 
 std::string kindOf(const NSObject& found) {
   switch (found.value().tag()) {
@@ -54,17 +52,14 @@ std::string kindOf(const NSObject& found) {
 }
 
 std::string shown(const NSObject& found) {
-  std::string text = found.description().string();
-  if (text.size() > kMaximumShownBytes) text = text.substr(0, kMaximumShownBytes) + "…";
+  std::string text;
+  appendEscaped(found.description().view(), "", text);
   return text;
 }
 
 std::string escaped(std::string_view key) {
   std::string text;
-  for (const char each : key) {
-    if (std::string_view(".[]\\").find(each) != std::string_view::npos) text += '\\';
-    text += each;
-  }
+  appendEscaped(key, ".[]\\", text);
   return text;
 }
 

@@ -41,6 +41,13 @@ std::string whyNot(const NSObject& value) {
   return value.get<T>("").error();
 }
 
+TEST(ComingOut, WhatOthersHaveWrittenBreaksNoLineAndIsBounded) {
+  using Numbers = std::map<std::string, int>;
+  EXPECT_EQ(whyNot<Numbers>(NSDictionary{{"a\nline", "text"}}), "a\\u{a}line: is a string, not a number");
+  EXPECT_LT(whyNot<Numbers>(NSDictionary{{std::string(1 << 20, 'k'), "text"}}).size(), 200U);
+  EXPECT_EQ(whyNot<bool>(NSArray{"a"}).find('\n'), std::string::npos);
+}
+
 TEST(ComingOut, IntegersFitOrAreNothing) {
   EXPECT_EQ(NSObject(255).to<std::uint8_t>(), 255);
   EXPECT_EQ(NSObject(256).to<std::uint8_t>(), std::nullopt);

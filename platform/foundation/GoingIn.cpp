@@ -36,22 +36,27 @@ NSObject arrayWithRoom(std::size_t capacity) {
 ObjectBuilder::ObjectBuilder(std::size_t expected) : capacity_(expected), gathered_(arrayWithRoom(expected)) {}
 
 void ObjectBuilder::add(NSObject element) {
-  if (count_ == capacity_) makeRoom();
+  if (count_ == capacity_) moveToRoomFor(std::max(kFirstCapacity, 2 * capacity_));
   bodyOf(gathered_).add(element.giveUp());
   ++count_;
 }
 
-void ObjectBuilder::makeRoom() {
-  const std::size_t capacity = std::max(kFirstCapacity, 2 * capacity_);
-  NSObject larger = arrayWithRoom(capacity);
-  for (NSObject& each : partsOf(gathered_)) bodyOf(larger).add(each.giveUp());
-  gathered_ = std::move(larger);
+ObjectBuilder::~ObjectBuilder() {
+  bodyOf(gathered_).fillUp(capacity_);
+}
+
+void ObjectBuilder::moveToRoomFor(std::size_t capacity) {
+  NSObject moved = arrayWithRoom(capacity);
+  for (NSObject& each : partsOf(gathered_)) bodyOf(moved).add(each.giveUp());
+  bodyOf(gathered_).fillUp(capacity_);
+  gathered_ = std::move(moved);
   capacity_ = capacity;
 }
 
 NSObject ObjectBuilder::take(const char* container) {
-  count_ = capacity_ = 0;
+  if (count_ < capacity_) moveToRoomFor(count_);
   NSObject taken = std::exchange(gathered_, arrayWithRoom(0));
+  count_ = capacity_ = 0;
   for (const NSObject& each : partsOf(taken)) {
     if (each.isNil()) raiseNilIn(container);
   }

@@ -18,6 +18,7 @@ class VELTO_EXPORT ObjectBuilder {
  public:
   // `expected`: how many elements there will be, as far as that is known.
   explicit ObjectBuilder(std::size_t expected);
+  ~ObjectBuilder();
   ObjectBuilder(const ObjectBuilder&) = delete;
   ObjectBuilder& operator=(const ObjectBuilder&) = delete;
 
@@ -30,7 +31,7 @@ class VELTO_EXPORT ObjectBuilder {
   [[nodiscard]] Value dictionary();
 
  private:
-  void makeRoom();
+  void moveToRoomFor(std::size_t capacity);
   NSObject take(const char* container);
 
   std::size_t capacity_;

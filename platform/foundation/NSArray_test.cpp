@@ -51,7 +51,7 @@ TEST(NSArray, TakesVectorsOfPlainValues) {
 }
 
 TEST(NSArray, CannotHoldNil) {
-  EXPECT_THROW(NSArray::arrayWithObjects({NSObject()}), NSException);
+  EXPECT_THROW(static_cast<void>(NSArray::arrayWithObjects({NSObject()})), NSException);
   EXPECT_THROW(NSArray(std::vector<const char*>{nullptr}), NSException);
 }
 

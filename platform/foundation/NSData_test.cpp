@@ -57,8 +57,8 @@ TEST(NSData, MayBeEmpty) {
 
 TEST(NSData, BytesAtANullPointerRaise) {
   int deleted = 0;
-  EXPECT_THROW(NSData::dataWithBytes(nullptr, 1), NSException);
-  EXPECT_THROW(NSData::dataWithBytesNoCopy(nullptr, 1, [&] { ++deleted; }), NSException);
+  EXPECT_THROW(static_cast<void>(NSData::dataWithBytes(nullptr, 1)), NSException);
+  EXPECT_THROW(static_cast<void>(NSData::dataWithBytesNoCopy(nullptr, 1, [&] { ++deleted; })), NSException);
   EXPECT_EQ(deleted, 0);
 }
 

@@ -55,7 +55,7 @@ TEST(NSDictionary, TheLastEntryOfAKeyWinsInTheFirstsPlace) {
 }
 
 TEST(NSDictionary, CannotHoldNil) {
-  EXPECT_THROW(NSDictionary::dictionaryWithEntries({{nil, nil}}), NSException);
+  EXPECT_THROW(static_cast<void>(NSDictionary::dictionaryWithEntries({{nil, nil}})), NSException);
 }
 
 TEST(NSDictionary, ABracedListLeavesEntriesWithNilOut) {

@@ -31,7 +31,7 @@ TEST(NSSet, FindsObjectsByValue) {
 
 TEST(NSSet, CannotHoldNil) {
   EXPECT_EQ((NSSet{1, nil}), NSSet{1});
-  EXPECT_THROW(NSSet::setWithObjects({NSObject()}), NSException);
+  EXPECT_THROW(static_cast<void>(NSSet::setWithObjects({NSObject()})), NSException);
 }
 
 TEST(NSSet, NilAnswersNothing) {

@@ -80,7 +80,7 @@ TEST(VKTLogAnchor, LinesAreDecodedFromTheLowestToTheHighest) {
 }
 
 TEST(VKTLogAnchor, HasNoClassesOfUsersBelowIt) {
-  EXPECT_THROW(Class::define("Mine", VKTLogAnchor::classObject()), NSException);
+  EXPECT_THROW(static_cast<void>(Class::define("Mine", VKTLogAnchor::classObject())), NSException);
 }
 
 TEST(VKTLogAnchor, DecodesNothingElse) {

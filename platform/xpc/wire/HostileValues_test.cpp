@@ -307,6 +307,28 @@ TEST(HostileValues, SetsWithinEachOtherAreBoundedTogetherWhereverTheirElementsCo
   EXPECT_TRUE(contains(both.reason, "comparisons of keys")) << both.reason;
 }
 
+TEST(HostileValues, KeysAreChargedWhateverTheirValuesAre) {
+  // Dictionaries as elements of a set, which differ in their last value only; the values are containers, or plain.
+  const auto setOf = [](unsigned dictionaries, const Bytes& value) {
+    Bytes bytes = hex("d9 0102 98") + Bytes{static_cast<std::uint8_t>(dictionaries)};
+    for (unsigned number = 0; number < dictionaries; ++number) {
+      bytes = std::move(bytes) + hex("b9 044c");
+      for (unsigned key = 0; key < 0x44B; ++key) {
+        bytes = std::move(bytes) + hex("19") +
+                Bytes{static_cast<std::uint8_t>(key >> 8), static_cast<std::uint8_t>(key)} + value;
+      }
+      bytes = std::move(bytes) + hex("19 ffff 18") + Bytes{static_cast<std::uint8_t>(number + 24)};
+    }
+    return bytes;
+  };
+  for (const Bytes& value : {hex("80"), hex("01"), hex("d8 20 6161")}) {
+    EXPECT_EQ(decodeBytes(setOf(24, value)).outcome, Outcome::value);
+    const Decoded many = decodeBytes(setOf(60, value));
+    EXPECT_EQ(many.outcome, Outcome::refused);
+    EXPECT_TRUE(contains(many.reason, "comparisons of keys")) << many.reason;
+  }
+}
+
 // A container around one object: what stands before it, and behind.
 struct Floor {
   Bytes before;

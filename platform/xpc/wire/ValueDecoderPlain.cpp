@@ -205,13 +205,16 @@ void ValueDecoder::readPairs(Level& level) {
     }
     if (!reader.read(value)) break;
     if (value.isCounted()) longValues += reader.takeWork();
+    // Comparing a key may raise if it is of a class of one's own: then both are let go of.
+    if (key.isCounted()) made_ = value;
     if (!dictionary.addPair(key, value, keys)) dropTwice(level, value);
-    if (key.isCounted()) level.key = Value();
+    if (key.isCounted()) made_ = level.key = Value();
     --left;
   }
   level.key = left % 2 == 0 ? Value() : key;
   level.keys = keys;
-  const std::uint64_t keysRead = (level.itemsLeft + 1) / 2 - (left + 1) / 2;
+  // A key was due whenever the number of items left was even.
+  const std::uint64_t keysRead = level.itemsLeft / 2 - left / 2;
   level.cost.addPlain(keysRead + longKeys, level.itemsLeft - left - keysRead + longValues);
   level.itemsLeft = left;
   reader_.goOnFrom(reader.position());

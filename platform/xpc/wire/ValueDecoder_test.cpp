@@ -1,5 +1,7 @@
 #include "platform/xpc/wire/ValueDecoder.h"
 
+#include <stdexcept>
+
 #include <gtest/gtest.h>
 
 #include "VeltoIPC/Limits.h"
@@ -259,6 +261,41 @@ TEST(ValueDecoder, DataThatIsASmallPartOfItsFrameKeepsNothingElse) {
   EXPECT_TRUE(liesIn(frame, received[1]));
   EXPECT_FALSE(liesIn(frame, received[2]));
   EXPECT_EQ(received[0], small);
+}
+
+// Raises when it is compared.
+class RaisingBody : public ObjectBody {
+ public:
+  const ClassBody& classBody() const override { return *classObject().classBody(); }
+  bool isEqual(const ObjectBody&, WalkBound&) const override { throw std::runtime_error("raised on purpose"); }
+  std::size_t hash() const override { return 7; }
+
+  static Class classObject() {
+    static const Class& made = *new Class([] {
+      const Class aClass = newClass("WireRaising", NSObject::classObject());
+      registerClassCoding(aClass, {[](const NSObject&) -> NSObject { return 0; },
+                                   [](const NSObject&) -> NSObject { return Handle(); }});
+      return aClass;
+    }());
+    return made;
+  }
+
+  struct Handle : NSObject {
+    Handle() : NSObject(new RaisingBody) {}
+  };
+};
+
+TEST(ValueDecoder, AKeyThatRaisesWhenItIsComparedRefusesTheValueAndLeavesNothingBehind) {
+  const Class raising = RaisingBody::classObject();
+  // One frame is small, and so a region; the bodies of the other are on their own.
+  for (const std::size_t textBytes : {100u, 5000u}) {
+    const Bytes text = frameOf(NSString(std::string(textBytes, 't'))).body;
+    const Bytes key = frameOf(RaisingBody::Handle()).body;
+    const Decoded decoded =
+        decode(frameOfBytes(hex("a2") + key + text + key + text), ClassSet(NSSet{NSObject::classObject()}));
+    EXPECT_EQ(decoded.outcome, Outcome::refused);
+    EXPECT_TRUE(contains(decoded.reason, "raised on purpose")) << decoded.reason;
+  }
 }
 
 }  // namespace
