@@ -141,7 +141,8 @@ TEST_F(LogSink, TheChildOfAForkLogsAndReplacesWhateverItsParentWasDoing) {
     });
   }
   VKTLogSetSink([](const VKTLogAnchor&, int, const NSString&) { std::this_thread::yield(); });
-  // The allocator of the address sanitizer is none that a fork waits for: now and then it is held for ever in the child.
+  // The allocator of the address sanitizer is none that a fork waits for: now and then it is held for ever in the
+  // child.
   constexpr int kRounds = kAllocatorWaitsForForks ? 500 : 50;
   int good = 0;
   for (int round = 0; round < kRounds; ++round) {
