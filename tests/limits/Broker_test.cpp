@@ -150,7 +150,14 @@ TEST_F(BrokerLimits, ALinkThatIsUsedMakesRoomAfterThoseThatAreIdle) {
   EXPECT_EQ(greedy.told("use 0"), "nothing");
   EXPECT_EQ(other.opens(10), 10U);
   EXPECT_EQ(greedy.told("use 0"), "nothing");
-  EXPECT_NE(greedy.told("use 1").find("invalidated by the other end"), std::string::npos) << "it is told in good order";
+  // One of the others, in whichever order the broker heard of them, and it is told in good order.
+  bool isTold = false;
+  for (int link = 1; link < 120 && !isTold; ++link) {
+    const std::string told = greedy.told("use " + std::to_string(link));
+    isTold = told.find("invalidated by the other end") != std::string::npos;
+    if (!isTold) EXPECT_EQ(told, "nothing");
+  }
+  EXPECT_TRUE(isTold);
 }
 
 TEST_F(BrokerLimits, ALinkThatMakesRoomGivesItsDescriptorBackThoughItDoesNotRead) {
