@@ -48,7 +48,7 @@ Frame encoded(const NSObject& value) {
 }
 
 void use(const NSObject& value) {
-  value.hash();
+  static_cast<void>(value.hash());
   require(isValidUTF8(value.description().view()), "a description is UTF-8");
   require(value.isNil() || value.isKindOfClass(NSObject::classObject()), "everything is an object");
   checkDictionary(value.as<NSDictionary>());

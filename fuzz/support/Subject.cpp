@@ -31,7 +31,7 @@ namespace velto::fuzzing {
 namespace {
 
 void use(const NSObject& value) {
-  value.hash();
+  static_cast<void>(value.hash());
   require(isValidUTF8(value.description().view()), "a description is UTF-8");
 }
 
