@@ -9,11 +9,16 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <malloc.h>
+
 #include "tests/hostile/victim/ClientVictim.h"
 #include "tests/hostile/victim/CrowdVictim.h"
 #include "tests/hostile/victim/ListenerVictim.h"
 
 int main(int argumentCount, char** arguments) {
+  // What is measured is what the process holds, not what each thread's heap keeps of large pieces that it was given
+  // back: they are mapped one by one.
+  mallopt(M_MMAP_THRESHOLD, 1 << 20);
   const std::string role = argumentCount > 2 ? arguments[1] : "";
   const std::string name = argumentCount > 2 ? arguments[2] : "";
   const std::string third = argumentCount > 3 ? arguments[3] : "0";
