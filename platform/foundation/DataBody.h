@@ -34,9 +34,9 @@ class DataBody final : public Body {
   void dismantle() const noexcept;
 
  private:
+  static constexpr std::size_t borrowedSize() noexcept { return sizeof(DataBody) + sizeof(std::function<void()>); }
   static Value make(const void* bytes, std::size_t length, std::function<void()> deleter, bool isLent) {
-    constexpr std::size_t kBorrowedSize = sizeof(DataBody) + sizeof(std::function<void()>);
-    return Value(*new (allocateBody(kBorrowedSize, nullptr)) DataBody(bytes, length, std::move(deleter), isLent));
+    return Value(*new (allocateBody(borrowedSize(), nullptr)) DataBody(bytes, length, std::move(deleter), isLent));
   }
   DataBody(std::span<const std::uint8_t> bytes, Region* region) noexcept
       : Body(Tag::data, region), bytes_(reinterpret_cast<const std::uint8_t*>(this + 1)), length_(bytes.size()) {
@@ -78,8 +78,7 @@ inline std::span<const std::uint8_t> bytesOf(const Value& value) noexcept {
 }
 
 inline void DataBody::dismantle() const noexcept {
-  constexpr std::size_t kBorrowedSize = sizeof(DataBody) + sizeof(std::function<void()>);
-  const std::size_t size = isBorrowed() ? kBorrowedSize : sizeof(DataBody) + length_;
+  const std::size_t size = isBorrowed() ? borrowedSize() : sizeof(DataBody) + length_;
   if (isBorrowed()) {
     auto* const deleter = reinterpret_cast<std::function<void()>*>(const_cast<DataBody*>(this) + 1);
     if (*deleter) (*deleter)();

@@ -291,7 +291,7 @@ void Channel::stateInput() {
   holding_->setDescriptors(Holding::Place::input, reader_.heldDescriptors());
 }
 
-// Measured: what waits takes up to four times its bytes, since encoding leaves gaps that are too small for the next.
+// Room for what is kept about each frame, of which small ones take the most for their bytes.
 void Channel::stateOutput() {
   holding_->setBytes(Holding::Place::output, 4 * waitingBytes_);
 }

@@ -7,21 +7,27 @@
 
 namespace velto::wire {
 
+namespace {
+
+void* largeMemory(void* before, std::size_t bytes) {
+  void* const memory = std::realloc(before, bytes);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+
+}  // namespace
+
 ByteBlock* ByteBlock::make(std::size_t capacity) {
-  if (!isSmall(capacity)) return resize(nullptr, capacity);
-  return new (BodyMemory::allocate(sizeof(ByteBlock) + capacity)) ByteBlock(capacity);
+  const std::size_t bytes = sizeof(ByteBlock) + capacity;
+  return new (isSmall(capacity) ? BodyMemory::allocate(bytes) : largeMemory(nullptr, bytes)) ByteBlock(capacity);
 }
 
 ByteBlock* ByteBlock::resize(ByteBlock* block, std::size_t capacity) {
-  if (isSmall(block == nullptr ? capacity : std::min(capacity, block->capacity()))) return move(block, capacity);
-  void* const memory = std::realloc(static_cast<void*>(block), sizeof(ByteBlock) + capacity);
-  if (memory == nullptr) throw std::bad_alloc();
-  return new (memory) ByteBlock(capacity);
-}
-
-ByteBlock* ByteBlock::move(ByteBlock* block, std::size_t capacity) {
+  if (block == nullptr) return make(capacity);
+  if (!isSmall(capacity) && !isSmall(block->capacity())) {
+    return new (largeMemory(static_cast<void*>(block), sizeof(ByteBlock) + capacity)) ByteBlock(capacity);
+  }
   ByteBlock* const made = make(capacity);
-  if (block == nullptr) return made;
   std::memcpy(made->bytes(), block->bytes(), std::min(capacity, block->capacity()));
   block->free();
   return made;

@@ -35,7 +35,6 @@ class ByteBlock {
   explicit ByteBlock(std::size_t capacity) noexcept : capacity_(capacity) {}
   ~ByteBlock() = default;
   static bool isSmall(std::size_t capacity) noexcept { return sizeof(ByteBlock) + capacity <= BodyMemory::kLargest; }
-  static ByteBlock* move(ByteBlock* block, std::size_t capacity);
   void free() noexcept;
 
   std::atomic<std::size_t> references_{1};

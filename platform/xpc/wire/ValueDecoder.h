@@ -56,6 +56,9 @@ class ValueDecoder {
   const std::string& reason() const noexcept { return reason_; }
 
  private:
+  // Bytes that are compared in about the time that it takes to visit an object.
+  static constexpr std::uint64_t kBytesPerObject = 64;
+
   // What one item did to the value that is being read.
   enum class Step { complete, opened, refused, broken };
   enum class Kind : std::uint8_t { array, dictionary, set, error, coded };
@@ -135,8 +138,6 @@ class ValueDecoder {
   Level& level(std::size_t index) noexcept { return reinterpret_cast<Level*>(levels_)[index]; }
   Level& top() noexcept { return level(depth_ - 1); }
   bool read(Item& item) {
-    // Bytes that are compared in about the time that it takes to visit an object.
-    constexpr std::uint64_t kBytesPerObject = 64;
     if (!reader_.read(item)) return failRead();
     if (item.type == Item::Type::text || item.type == Item::Type::bytes) {
       cost_.work = saturatingSum(cost_.work, item.number / kBytesPerObject);

@@ -14,13 +14,6 @@
 #include "platform/xpc/wire/ValueDecoder.h"
 
 namespace velto::wire {
-namespace {
-
-// What a byte more takes to compare, in units of an object.
-constexpr std::uint64_t kBytesPerObject = 64;
-
-}  // namespace
-
 // Reads plain objects one after the other. All of it is inlined into the loops below, so that it lies in registers:
 // what is written as two words and read as one soon after would be waited for.
 class ValueDecoder::PlainReader {
