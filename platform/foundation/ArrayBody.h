@@ -22,7 +22,7 @@ class ArrayBody final : public Body {
   }
 
   // Takes the reference over. There is room for it.
-  void add(const Value& value) noexcept { new (first() + count_++) NSObject(NSObject::adopt(value)); }
+  void add(Value value) noexcept { new (first() + count_++) NSObject(NSObject::adopt(value)); }
 
   // Makes it full, with nil, since it is let go of before it was: it knows its size by its elements.
   void fillUp(std::size_t capacity) noexcept {

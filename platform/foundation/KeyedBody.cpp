@@ -28,7 +28,7 @@ KeyedBody& KeyedBody::make(Tag tag, std::size_t capacity, Region* region) {
   return *made;
 }
 
-void KeyedBody::appendIndexed(std::size_t hash, const Value& key, const Value& value) noexcept {
+void KeyedBody::appendIndexed(std::size_t hash, Value key, Value value) noexcept {
   if (const std::size_t cellCount = this->cellCount()) KeyTable::enter(cells(), cellCount, hash, count_);
   stride() == 2 ? append<2>(key, value) : append<1>(key, value);
 }
@@ -48,7 +48,7 @@ bool KeyedBody::addToMany(Value text, Value value) noexcept {
   }
 }
 
-bool KeyedBody::addAny(const Value& key, const Value& value) {
+bool KeyedBody::addAny(Value key, Value value) {
   if (key.isText() && cellCount() > 0) return addToMany(key, value);
   WalkBound bound;
   // A second handle that counts nothing, and gives up before its end.
@@ -81,7 +81,7 @@ void KeyedBody::putAny(NSObject key, NSObject value, TextFilter& filter) {
 }
 
 // Most keys are short texts and few: they are compared by their words, unless one that can change is among them.
-bool KeyedBody::putIntoFew(const Value& text, NSObject& value) {
+bool KeyedBody::putIntoFew(Value text, NSObject& value) {
   const std::size_t step = stride();
   NSObject* const end = first() + count_ * step;
   for (NSObject* each = first(); each != end; each += step) {

@@ -109,10 +109,10 @@ class KeyedBody final : public Body {
     ++count_;
   }
   bool addToMany(Value text, Value value) noexcept;
-  bool addAny(const Value& key, const Value& value);
+  bool addAny(Value key, Value value);
   void putAny(NSObject key, NSObject value, TextFilter& filter);
-  bool putIntoFew(const Value& text, NSObject& value);
-  void appendIndexed(std::size_t hash, const Value& key, const Value& value) noexcept;
+  bool putIntoFew(Value text, NSObject& value);
+  void appendIndexed(std::size_t hash, Value key, Value value) noexcept;
 
   // First: it finds room in the base.
   bool mayHaveChangingKey_ = false;

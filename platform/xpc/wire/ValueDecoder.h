@@ -97,7 +97,7 @@ class ValueDecoder {
   void readElements(Level& level);
   void readMembers(Level& level);
   void readPairs(Level& level);
-  void dropTwice(Level& level, const Value& made) noexcept;
+  void dropTwice(Level& level, Value made) noexcept;
   Step readObject();
   Step integer(const Item& item);
   Step text(const Item& item);

@@ -214,7 +214,7 @@ void ValueDecoder::readPairs(Level& level) {
 }
 
 // What came twice breaks the protocol, once all of the container has been read.
-void ValueDecoder::dropTwice(Level& level, const Value& made) noexcept {
+void ValueDecoder::dropTwice(Level& level, Value made) noexcept {
   level.hasTwice = true;
   if (region_ != nullptr) return;
   made.release();

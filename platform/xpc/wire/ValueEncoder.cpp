@@ -135,26 +135,28 @@ bool ValueEncoder::count(std::size_t objects) {
 
 // What most objects are is inlined wherever objects are written. Whether there was room for it, the caller asks.
 [[gnu::always_inline]] inline bool ValueEncoder::encode(const NSObject& object) {
-  if (object.value().isText()) {
-    writer_.addText(object.value());
-    return true;
+  const Value value = object.value();
+  switch (value.tag()) {
+    case Tag::text:
+      writer_.addText(value);
+      return true;
+    case Tag::signedInteger:
+      writer_.addSigned(static_cast<std::int64_t>(value.bits()));
+      return true;
+    case Tag::floatingPoint:
+      writer_.addDouble(std::bit_cast<double>(value.bits()));
+      return true;
+    case Tag::boolean:
+      writer_.addBool(value.bits() != 0);
+      return true;
+    default:
+      return encodeOther(object);
   }
-  if (object.value().tag() == Tag::signedInteger) {
-    writer_.addSigned(static_cast<std::int64_t>(object.value().bits()));
-    return true;
-  }
-  return encodeOther(object);
 }
 
 bool ValueEncoder::encodeOther(const NSObject& object) {
   const Value& value = object.value();
   switch (value.tag()) {
-    case Tag::boolean:
-      writer_.addBool(value.bits() != 0);
-      return true;
-    case Tag::floatingPoint:
-      writer_.addDouble(std::bit_cast<double>(value.bits()));
-      return true;
     case Tag::unsignedInteger:
       if (value.bits() <= INT64_MAX) writer_.addTag(kUnsignedTag);
       writer_.addUnsigned(value.bits());
