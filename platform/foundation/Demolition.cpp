@@ -37,7 +37,7 @@ void Body::destroy(const Body& body) noexcept {
 void Demolition::letGo(const Value& value) noexcept {
   if (!value.isCounted()) return;
   const Body& body = value.body();
-  if (!Body::isLastOf(body.counter())) return;
+  if (!isLastReference(body.counter())) return;
   if (body.isInRegion()) return Body::destroy(body);
   body.references_.store(reinterpret_cast<std::uintptr_t>(pending_), std::memory_order_relaxed);
   pending_ = &body;

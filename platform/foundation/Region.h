@@ -24,7 +24,7 @@ class Region {
 
   void retain() noexcept { references_.fetch_add(1, std::memory_order_relaxed); }
   void release() noexcept {
-    if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) drop();
+    if (isLastReference(references_)) drop();
   }
   void drop() noexcept;
 

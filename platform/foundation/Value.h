@@ -39,6 +39,12 @@ enum class Tag : std::uint8_t {
   error,
 };
 
+// Takes one off a count of references; whether nobody else has one. The only one there is needs no locked step: nobody
+// can come by another.
+inline bool isLastReference(std::atomic<std::uint64_t>& counter) noexcept {
+  return counter.load(std::memory_order_acquire) == 1 || counter.fetch_sub(1, std::memory_order_acq_rel) == 1;
+}
+
 // The head of everything that handles point to: a reference count, or the region that the body lies in, whose count is
 // then that of all its bodies. No virtual functions: the tag says what the body is.
 class VELTO_EXPORT Body {
@@ -51,7 +57,7 @@ class VELTO_EXPORT Body {
 
   void retain() const noexcept { counter().fetch_add(1, std::memory_order_relaxed); }
   void release() const noexcept {
-    if (isLastOf(counter())) destroy(*this);
+    if (isLastReference(counter())) destroy(*this);
   }
 
  protected:
@@ -69,11 +75,6 @@ class VELTO_EXPORT Body {
   std::atomic<std::uint64_t>& counter() const noexcept {
     if (!isInRegion_) return references_;
     return *std::bit_cast<std::atomic<std::uint64_t>*>(references_.load(std::memory_order_relaxed));
-  }
-  // Takes one off the count; whether nobody else has a reference. The only one there is needs no common step: nobody
-  // can come by another.
-  static bool isLastOf(std::atomic<std::uint64_t>& counter) noexcept {
-    return counter.load(std::memory_order_acquire) == 1 || counter.fetch_sub(1, std::memory_order_acq_rel) == 1;
   }
   static void destroy(const Body& body) noexcept;
 
@@ -113,6 +114,13 @@ class Value {
   constexpr std::uint64_t high() const noexcept { return high_; }
   const Body& body() const noexcept { return *std::bit_cast<const Body*>(low_); }
   Body& body() noexcept { return *std::bit_cast<Body*>(low_); }
+
+  // The same, word by word: what was written so a moment ago would be waited for if both were read at once.
+  [[gnu::always_inline]] Value inWords() const noexcept {
+    std::uint64_t low = low_, high = high_;
+    asm("" : "+r"(low), "+r"(high));
+    return {low, high};
+  }
 
   // Of a text in the handle: it lies in this very object, and ends with a NUL.
   const char* text() const noexcept { return reinterpret_cast<const char*>(this); }

@@ -34,10 +34,7 @@ ByteBlock* ByteBlock::resize(ByteBlock* block, std::size_t capacity) {
 }
 
 void ByteBlock::release() noexcept {
-  // The only reference there is needs no common step.
-  if (references_.load(std::memory_order_acquire) == 1 || references_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-    free();
-  }
+  if (isLastReference(references_)) free();
 }
 
 void ByteBlock::free() noexcept {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/foundation/BodyMemory.h"
+#include "platform/foundation/Value.h"
 
 namespace velto::wire {
 
@@ -37,7 +38,7 @@ class ByteBlock {
   static bool isSmall(std::size_t capacity) noexcept { return sizeof(ByteBlock) + capacity <= BodyMemory::kLargest; }
   void free() noexcept;
 
-  std::atomic<std::size_t> references_{1};
+  std::atomic<std::uint64_t> references_{1};
   std::size_t capacity_;
 };
 

@@ -3,8 +3,6 @@
 
 #include "platform/xpc/wire/ComparisonCost.h"
 
-#include "platform/foundation/Walk.h"
-
 namespace velto::wire {
 
 std::uint64_t ContainerCost::timesHashed() const noexcept {
@@ -26,12 +24,6 @@ void ContainerCost::addKey(const ComparisonCost& cost) noexcept {
 
 std::uint64_t ContainerCost::toMake() const noexcept {
   return saturatingSum(hashing_, poorKeys_ < 2 ? 0 : saturatingProduct(poorKeys_ - 1, poorKeyWork_));
-}
-
-ComparisonCost ContainerCost::toCompare() const noexcept {
-  // Each key with a poor hash is held against all of the other's.
-  const std::uint64_t work = saturatingSum(work_, saturatingProduct(poorKeys_, poorKeyWork_));
-  return {work, hasPoorHash_ || hashedLevels_ >= kHashedLevels, static_cast<std::uint8_t>(hashedLevels_ + 1)};
 }
 
 }  // namespace velto::wire

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "platform/foundation/SaturatingArithmetic.h"
+#include "platform/foundation/Walk.h"
 
 namespace velto::wire {
 
@@ -39,7 +40,12 @@ class ContainerCost {
   // is a container is hashed for every one of a few.
   std::uint64_t toMake() const noexcept;
   // What it costs to compare the container with another of its kind.
-  ComparisonCost toCompare() const noexcept;
+  ComparisonCost toCompare() const noexcept {
+    // Each key with a poor hash is held against all of the other's.
+    const std::uint64_t poor = poorKeys_ == 0 ? 0 : saturatingProduct(poorKeys_, poorKeyWork_);
+    return {saturatingSum(work_, poor), hasPoorHash_ || hashedLevels_ >= kHashedLevels,
+            static_cast<std::uint8_t>(hashedLevels_ + 1)};
+  }
 
  private:
   // A container is a step down and back, mostly into memory that lies elsewhere.

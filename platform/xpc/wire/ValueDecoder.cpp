@@ -114,9 +114,9 @@ inline ValueDecoder::Step ValueDecoder::putKeyed(Level& level) {
   } else {
     level.cost.addValue(cost_);
   }
-  const Value& key = isSet ? made_ : level.key;
-  if (!(isSet ? level.keyed->addMember(key, level.keys) : level.keyed->addPair(key, made_, level.keys))) {
-    dropTwice(level, made_);
+  const Value made = made_.inWords();
+  if (!(isSet ? level.keyed->addMember(made, level.keys) : level.keyed->addPair(level.key, made, level.keys))) {
+    dropTwice(level, made);
   }
   level.key = Value();
   made_ = Value();
@@ -127,7 +127,8 @@ inline ValueDecoder::Step ValueDecoder::put() {
   Level& level = top();
   --level.itemsLeft;
   if (level.kind == Kind::array) {
-    level.array->add(std::exchange(made_, Value()));
+    level.array->add(made_.inWords());
+    made_ = Value();
     level.cost.addValue(cost_);
   } else if (level.kind == Kind::coded) {
     level.cost.addValue(cost_);
@@ -282,7 +283,9 @@ NSObject ValueDecoder::giveMade(bool isLast) {
       made_.retain();
     }
   }
-  return NSObject::adopt(std::exchange(made_, Value()));
+  const Value given = made_.inWords();
+  made_ = Value();
+  return NSObject::adopt(given);
 }
 
 void ValueDecoder::clear() noexcept {
