@@ -5,11 +5,11 @@
 #include <memory>
 #include <string>
 
-#include "VeltoIPC/NSXPCListenerDelegate.h"
 #include "broker/VeltoIPCDaemonProtocol.h"
 #include "daemon/Ledger.h"
 #include "daemon/Registry.h"
 #include "platform/xpc/NSXPCConnection.h"
+#include "platform/xpc/contract/NSXPCListenerDelegate.h"
 
 namespace velto {
 

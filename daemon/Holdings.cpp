@@ -4,7 +4,7 @@
 
 #include <iterator>
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 
 namespace velto {
 

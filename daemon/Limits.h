@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 
 namespace velto {
 

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <vector>
 
-#include "VeltoIPC/Limits.h"
 #include "fuzz/support/Budget.h"
 #include "fuzz/support/FakeKernel.h"
 #include "fuzz/support/Input.h"
@@ -15,6 +14,7 @@
 #include "fuzz/support/ReactorDriver.h"
 #include "fuzz/support/Session.h"
 #include "fuzz/support/Values.h"
+#include "platform/xpc/contract/Limits.h"
 
 namespace velto::fuzzing {
 namespace {

@@ -10,11 +10,11 @@
 #include <utility>
 #include <vector>
 
-#include "VeltoIPC/Limits.h"
 #include "fuzz/support/Budget.h"
 #include "fuzz/support/FakeKernel.h"
 #include "fuzz/support/Input.h"
 #include "fuzz/support/Require.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/FrameReader.h"
 
 namespace velto::fuzzing {

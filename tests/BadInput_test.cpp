@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cctype>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/foundation/NSCoding.h"
 #include "platform/xpc/NSXPCError.h"
+#include "platform/xpc/contract/Limits.h"
 #include "tests/support/BrokerLink.h"
 #include "tests/support/LibraryTest.h"
 #include "tests/support/RawPeer.h"

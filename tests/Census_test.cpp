@@ -2,7 +2,7 @@
 
 #include "tests/support/Census.h"
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 #include "tests/support/BrokerLink.h"
 #include "tests/support/LibraryTest.h"
 #include "tests/support/RawPeer.h"

@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "VeltoIPC/Limits.h"
 #include "fuzz/support/Require.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/Messages.h"
 #include "platform/xpc/wire/ValueDecoder.h"
 

@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/foundation/ObjectBody.h"
+#include "platform/xpc/contract/Limits.h"
 
 namespace {
 

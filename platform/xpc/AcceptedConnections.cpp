@@ -5,8 +5,8 @@
 
 #include <algorithm>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/xpc/ConnectionCore.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/PerProcess.h"
 #include "platform/xpc/system/SystemCalls.h"
 

@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <utility>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/ConnectRetries.h"
 #include "platform/xpc/ConnectionCore.h"
 #include "platform/xpc/Errors.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/Messages.h"
 
 namespace velto::xpc {

@@ -6,8 +6,8 @@
 #include <fcntl.h>
 #include <poll.h>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/testing/Greeter.h"
 #include "platform/xpc/transport/DescriptorMessage.h"
 #include "platform/xpc/transport/Sockets.h"

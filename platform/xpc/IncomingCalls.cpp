@@ -6,11 +6,11 @@
 #include <string>
 #include <utility>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/ConnectionCore.h"
 #include "platform/xpc/Errors.h"
 #include "platform/xpc/ReplyTicket.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/transport/LongWork.h"
 #include "platform/xpc/wire/Messages.h"
 #include "platform/xpc/wire/ValueDecoder.h"

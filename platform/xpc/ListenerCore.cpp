@@ -13,12 +13,12 @@
 
 #include <sys/epoll.h>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/logging/DeferredLog.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/ConnectionCore.h"
 #include "platform/xpc/Errors.h"
 #include "platform/xpc/NSXPCConnection.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/SystemCalls.h"
 
 namespace velto::xpc {

@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/testing/Greeter.h"
 
 namespace velto::testing {

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <string>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/foundation/Foundation.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/ClassSet.h"
 #include "platform/xpc/wire/DescriptorCoding.h"
 

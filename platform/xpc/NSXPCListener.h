@@ -2,10 +2,10 @@
 
 #include <memory>
 
-#include "VeltoIPC/NSXPCListenerDelegate.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSString.h"
 #include "platform/xpc/NSXPCListenerEndpoint.h"
+#include "platform/xpc/contract/NSXPCListenerDelegate.h"
 
 class NSXPCConnection;
 

@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/foundation/NSError.h"
 #include "platform/xpc/Protocol.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/Messages.h"
 

@@ -1,7 +1,7 @@
 // What is refused, who hears of it, and that the connection goes on.
 
-#include "VeltoIPC/Limits.h"
 #include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/testing/Greeter.h"
 
 namespace velto::testing {

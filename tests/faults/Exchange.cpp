@@ -9,10 +9,10 @@
 #include <mutex>
 #include <utility>
 
-#include "VeltoIPC/NSXPCListenerDelegate.h"
 #include "broker/VeltoIPCDaemonProtocol.h"
 #include "platform/xpc/NSXPCConnection.h"
 #include "platform/xpc/NSXPCListener.h"
+#include "platform/xpc/contract/NSXPCListenerDelegate.h"
 #include "tests/support/Waiting.h"
 
 namespace velto::testing {

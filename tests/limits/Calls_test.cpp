@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/xpc/NSXPCError.h"
+#include "platform/xpc/contract/Limits.h"
 #include "tests/limits/Ends.h"
 
 namespace velto::testing {

@@ -1,7 +1,7 @@
 // How many connections may say nothing, how long, how long a farewell may take, and how many callbacks run at once.
 
-#include "VeltoIPC/Limits.h"
 #include "platform/xpc/NSXPCError.h"
+#include "platform/xpc/contract/Limits.h"
 #include "tests/limits/Ends.h"
 #include "tests/limits/RawEnd.h"
 #include "tests/support/Census.h"

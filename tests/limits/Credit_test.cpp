@@ -1,7 +1,7 @@
 // What a connection keeps for a receiver that is busy: its sender's credit.
 
-#include "VeltoIPC/Limits.h"
 #include "platform/xpc/NSXPCError.h"
+#include "platform/xpc/contract/Limits.h"
 #include "tests/limits/Ends.h"
 #include "tests/limits/RawEnd.h"
 

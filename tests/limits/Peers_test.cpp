@@ -3,7 +3,7 @@
 
 #include <fcntl.h>
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 #include "tests/limits/Ends.h"
 #include "tests/limits/RawEnd.h"
 

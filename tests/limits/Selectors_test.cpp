@@ -1,7 +1,7 @@
 // Selectors of the greatest length, and one byte longer.
 
-#include "VeltoIPC/Limits.h"
 #include "platform/xpc/NSXPCError.h"
+#include "platform/xpc/contract/Limits.h"
 #include "tests/limits/Ends.h"
 
 namespace velto::testing {

@@ -1,7 +1,7 @@
 // What waits because the other end does not read, or gives no credit; and replies that do not come.
 
-#include "VeltoIPC/Limits.h"
 #include "platform/xpc/NSXPCError.h"
+#include "platform/xpc/contract/Limits.h"
 #include "tests/limits/Ends.h"
 #include "tests/limits/RawEnd.h"
 

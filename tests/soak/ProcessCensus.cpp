@@ -10,7 +10,7 @@
 
 #include <unistd.h>
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 #include "tests/support/Waiting.h"
 
 namespace velto::soak {

@@ -4,12 +4,12 @@
 #include <string>
 #include <vector>
 
-#include "VeltoIPC/NSXPCListenerDelegate.h"
 #include "VeltoIPC/VeltoListener.h"
 #include "broker/VeltoIPCDaemonProtocol.h"
 #include "platform/foundation/ThreadAnnotations.h"
 #include "platform/xpc/NSXPCConnection.h"
 #include "platform/xpc/NSXPCListener.h"
+#include "platform/xpc/contract/NSXPCListenerDelegate.h"
 
 namespace velto::testing {
 

@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "VeltoIPC/NSXPCListenerDelegate.h"
 #include "message/PeerProtocol.h"
 #include "platform/foundation/ThreadAnnotations.h"
 #include "platform/xpc/NSXPCConnection.h"
 #include "platform/xpc/NSXPCListener.h"
+#include "platform/xpc/contract/NSXPCListenerDelegate.h"
 #include "tests/support/Waiting.h"
 
 namespace velto::testing {

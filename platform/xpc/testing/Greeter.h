@@ -5,9 +5,9 @@
 #include <string>
 #include <utility>
 
-#include "VeltoIPC/NSXPCListenerDelegate.h"
 #include "platform/xpc/NSXPCConnection.h"
 #include "platform/xpc/NSXPCListener.h"
+#include "platform/xpc/contract/NSXPCListenerDelegate.h"
 #include "platform/xpc/testing/Support.h"
 
 namespace velto::testing {

@@ -14,7 +14,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/SystemCalls.h"
 #include "platform/xpc/transport/DescriptorMessage.h"
 

@@ -10,7 +10,7 @@
 
 #include <sys/socket.h>
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/SystemCalls.h"
 
 namespace velto::transport {

@@ -8,7 +8,7 @@
 #include <new>
 #include <utility>
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/PerProcess.h"
 #include "platform/xpc/system/SystemCalls.h"
 #include "platform/xpc/transport/Reactor.h"

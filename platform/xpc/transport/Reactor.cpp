@@ -21,10 +21,10 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/logging/DeferredLog.h"
 #include "platform/logging/LogTimer.h"
 #include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/PerProcess.h"
 #include "platform/xpc/system/SystemCalls.h"
 

@@ -8,8 +8,8 @@
 #include <exception>
 #include <utility>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/contract/Limits.h"
 
 namespace velto::transport {
 

@@ -10,8 +10,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/foundation/NSUUID.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/SystemCalls.h"
 #include "platform/xpc/transport/RuntimeDirectory.h"
 

@@ -5,8 +5,8 @@
 #include <string_view>
 #include <vector>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/foundation/Class.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/Descriptor.h"
 #include "platform/xpc/wire/ClassSet.h"
 

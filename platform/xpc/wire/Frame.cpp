@@ -3,7 +3,7 @@
 
 #include "platform/xpc/wire/Frame.h"
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/Text.h"
 
 namespace velto::wire {

@@ -9,7 +9,7 @@
 #include <iterator>
 #include <utility>
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/Text.h"
 
 namespace velto::wire {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/Frame.h"
 
 namespace velto::wire {

@@ -11,8 +11,8 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/foundation/NSCoding.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/testing/WireTesting.h"
 #include "platform/xpc/wire/Tags.h"
 

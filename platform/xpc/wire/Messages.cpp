@@ -5,8 +5,8 @@
 
 #include <utility>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/foundation/UTF8.h"
+#include "platform/xpc/contract/Limits.h"
 
 namespace velto::wire {
 namespace {

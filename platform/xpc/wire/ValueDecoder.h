@@ -9,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/foundation/KeyedBody.h"
 #include "platform/foundation/NSCoding.h"
 #include "platform/foundation/NSObject.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/ClassSet.h"
 #include "platform/xpc/wire/ComparisonCost.h"
 #include "platform/xpc/wire/DescriptorCoding.h"

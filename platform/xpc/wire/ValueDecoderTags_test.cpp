@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/testing/Support.h"
 #include "platform/xpc/testing/WireTesting.h"
 

@@ -9,7 +9,6 @@
 #include <new>
 #include <utility>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/foundation/ArrayBody.h"
 #include "platform/foundation/DataBody.h"
 #include "platform/foundation/Foundation.h"
@@ -19,6 +18,7 @@
 #include "platform/foundation/StringBody.h"
 #include "platform/foundation/UTF8.h"
 #include "platform/foundation/Walk.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/DescriptorCoding.h"
 #include "platform/xpc/wire/Tags.h"
 #include "platform/xpc/wire/Text.h"

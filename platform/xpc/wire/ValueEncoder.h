@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "VeltoIPC/Limits.h"
 #include "platform/foundation/NSObject.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/ItemWriter.h"
 

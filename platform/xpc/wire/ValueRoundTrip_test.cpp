@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "VeltoIPC/Limits.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/testing/WireTesting.h"
 
 namespace velto::wire {

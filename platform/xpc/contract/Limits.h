@@ -1,0 +1,133 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace velto::limits {
+
+// Everything that a peer can make a process hold is bounded by one of these, and the broker's share by those at the
+// end. They are the same in every process of one version; the first frame of each end states those that the other must
+// know. A call over one of them is refused: the sender's error handler is told the limit, the value and the maximum.
+
+// Bytes of one call or one reply, its header not counted. Room for any sensible message; larger data belongs into files
+// or shared memory.
+inline constexpr std::size_t kMaximumFrameBytes = std::size_t{16} << 20;
+// Levels of containers inside one argument. JSON parsers of this kind stop between 100 and 1000.
+inline constexpr std::size_t kMaximumDepth = 128;
+// Objects in all values of one call or reply. An object takes far more memory than the single byte it can come in; this
+// many doubles in an array take a little more than the greatest frame, so only swarms of tiny objects meet it.
+inline constexpr std::size_t kMaximumObjects = std::size_t{1} << 21;
+// Comparisons that the keys of dictionaries and the elements of sets in one call or reply may cost. Strings and numbers
+// have hashes that no peer can foresee and cost none, and so have small containers of them. Large or deep containers,
+// errors and objects of users' classes may all have the same hash, so that each is compared with every other.
+inline constexpr std::size_t kMaximumKeyComparisons = std::size_t{1} << 26;
+// Descriptors that travel with one call or reply. An endpoint takes two; the kernel's own maximum is 253.
+inline constexpr std::size_t kMaximumDescriptors = 64;
+// Bytes of a method's selector.
+inline constexpr std::size_t kMaximumSelectorBytes = 256;
+// Bytes of text in a refusal: enough for every reason that is made here; longer ones are cut.
+inline constexpr std::size_t kMaximumReasonBytes = 1024;
+
+// Bytes and calls that a connection keeps for a receiver which is still busy: the credit of the sender. At least one
+// call of the greatest size must fit.
+inline constexpr std::size_t kUndeliveredBytes = std::size_t{32} << 20;
+inline constexpr std::size_t kUndeliveredCalls = 4096;
+// The credit of a sender that has not heard the other end's limits yet.
+inline constexpr std::size_t kInitialBytes = std::size_t{32} << 20;
+inline constexpr std::size_t kInitialCalls = 4096;
+// Bytes of replies that a connection keeps while its queue is blocked. Replies come only to calls that were made here.
+inline constexpr std::size_t kUndeliveredReplyBytes = std::size_t{256} << 20;
+
+// Bytes that a connection keeps because the other end does not read, or has given no credit.
+inline constexpr std::size_t kWaitingBytes = std::size_t{64} << 20;
+// How long a frame of which a part has come may take to be whole. Half a frame holds memory and descriptors.
+inline constexpr std::chrono::milliseconds kUnfinishedFrame{10'000};
+// What a connection that has ended may go on holding behind a callback that does not return, and how long anything
+// more.
+inline constexpr std::size_t kLeftoverBytes = std::size_t{64} << 10;
+inline constexpr std::chrono::milliseconds kLeftoverPatience{1'000};
+// What peers make the whole process hold, in bytes: half frames, calls and replies that are not delivered yet, and what
+// waits to be sent. Over the first, connections that hold more than a little are not read until there is less; if there
+// is not, after so long the one that holds the most is ended, as it is at once over the second. The first is more than
+// one connection alone can come to.
+inline constexpr std::int64_t kHeldBytesBeforeWaiting = std::int64_t{384} << 20;
+inline constexpr std::int64_t kMaximumHeldBytes = std::int64_t{512} << 20;
+inline constexpr std::chrono::milliseconds kHeldBackPatience{5'000};
+// Whoever has held so much leaves gaps in the process's memory that are worth giving back to the system.
+inline constexpr std::int64_t kMuchHeldBytes = std::int64_t{8} << 20;
+// What everybody may hold at any time.
+inline constexpr std::int64_t kLittleHeldBytes = std::int64_t{1} << 20;
+inline constexpr std::int64_t kLittleHeldDescriptors = 16;
+// The same for descriptors, as parts of those that the process may open: one eighth, one quarter.
+inline constexpr std::size_t kHeldDescriptorsBeforeWaiting = 8;
+inline constexpr std::size_t kMaximumHeldDescriptors = 4;
+// Calls of one connection that wait for their replies.
+inline constexpr std::size_t kPendingReplies = 65536;
+// Replies owed to one peer: calls of its that were delivered and neither answered nor let go.
+inline constexpr std::size_t kOwedReplies = 65536;
+
+// Connections of one listener that have not called yet, and how long each may take. A peer that connects and says
+// nothing holds a descriptor here.
+inline constexpr std::size_t kSilentConnections = 256;
+inline constexpr std::chrono::milliseconds kSilence{10'000};
+// Over that number the oldest of the process that has the most of them is cut off, but not before it has had this long:
+// many honest clients may come at once. Over the greatest number it is cut off at once.
+inline constexpr std::chrono::milliseconds kShortestSilence{500};
+inline constexpr std::size_t kMostSilentConnections = 1024;
+// Of the descriptors that the process may open, accepted connections leave this part to the rest of it. When no place
+// is left, the process that has the most connections loses the one that has been silent for the longest to one that has
+// fewer.
+inline constexpr std::size_t kPartKeptFree = 8;
+// Connections waiting in the kernel to be accepted.
+inline constexpr int kBacklog = 4096;
+
+// How long a connection that was invalidated goes on sending what was handed to it before.
+inline constexpr std::chrono::milliseconds kFarewell{5'000};
+// How often at first, how seldom later, and how long a connection to a listener with a full backlog is tried again. Of
+// many that wait for the same listener only the first tries.
+inline constexpr std::chrono::milliseconds kConnectRetry{10};
+inline constexpr std::chrono::milliseconds kLongestConnectRetry{100};
+inline constexpr std::chrono::milliseconds kConnectPatience{30'000};
+
+// Threads that run callbacks at the same time. Past that, callbacks wait for one to end.
+inline constexpr std::size_t kMaximumWorkers = 512;
+// Threads beyond those, which run no callbacks but those that end a connection: they free whoever sleeps in another.
+inline constexpr std::size_t kReservedWorkers = 32;
+// How long a callback that wakes waits for another of its connection, which began while it slept, to return or to
+// sleep: it may hold a lock that the other wants.
+inline constexpr std::chrono::milliseconds kWakingPatience{5'000};
+// Idle threads kept for the next event, the one that reads included.
+inline constexpr std::size_t kSpareWorkers = 3;
+
+// Bytes of a service's name: a file name can have no more.
+inline constexpr std::size_t kMaximumNameBytes = 255;
+
+// What clients can make the broker hold. The three totals are what all processes share: at one of them, the process
+// that holds the most makes room for one that holds less.
+
+// Names that stand at once. Each takes three descriptors.
+inline constexpr std::size_t kBrokerNames = 4096;
+// Names that were registered by one process and stand, over whatever links: a quarter of all.
+inline constexpr std::size_t kBrokerNamesOfOneProcess = 1024;
+// Names that were registered over one link and stand. A listener of the library registers one, over a link of its own.
+inline constexpr std::size_t kBrokerNamesOfOneLink = 64;
+// Links that are open at once: one for every connection and every listener of the library, of all processes. Each takes
+// one descriptor.
+inline constexpr std::size_t kBrokerLinks = 16384;
+// Descriptors of one name: the endpoint's two, and one to watch over its listener.
+inline constexpr std::size_t kBrokerDescriptorsOfOneName = 3;
+// Descriptors that one link can make the broker keep: the link's own, and those of its names.
+inline constexpr std::size_t kBrokerDescriptorsOfOneLink = 1 + kBrokerDescriptorsOfOneName * kBrokerNamesOfOneLink;
+// Descriptors of one process: by it the broker hears that the process has died.
+inline constexpr std::size_t kBrokerDescriptorsOfOneProcess = 1;
+// Descriptors of all names, links and processes, when each is of another process. With a lower limit of its own the
+// broker shares out what that leaves.
+inline constexpr std::size_t kBrokerDescriptors =
+    (kBrokerDescriptorsOfOneName + kBrokerDescriptorsOfOneProcess) * kBrokerNames +
+    (1 + kBrokerDescriptorsOfOneProcess) * kBrokerLinks;
+
+static_assert(kUndeliveredBytes >= kMaximumFrameBytes && kInitialBytes >= kMaximumFrameBytes);
+static_assert(kMaximumDescriptors <= 253);
+
+}  // namespace velto::limits
