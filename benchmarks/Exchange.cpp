@@ -1,6 +1,7 @@
 // The work in values.
 #include "benchmarks/Exchange.h"
 
+#include "benchmarks/ValueMessages.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/wire/ValueDecoder.h"
 #include "platform/xpc/wire/ValueEncoder.h"
@@ -26,18 +27,9 @@ NSDictionary overTheWire(const NSDictionary& message) {
 }  // namespace
 
 double exchangeValues(const Request& request) {
-  const NSDictionary received =
-      overTheWire({{"operation", "sum of all given terms."},
-                   {"identifier", request.number},
-                   {"sender", "a text of thirty-two bytes, here"},
-                   {"factor", 2.0},
-                   {"offset", 0.5},
-                   {"is urgent", true},
-                   {"deadline", 1'700'000'000},
-                   {"terms", NSArray{1, 20, 300, 4000}},
-                   {"payload", NSData::dataWithBytes(request.data.data(), request.data.size())}});
-  const double result = received["factor"].doubleValue() * received["identifier"].doubleValue() + 0.5;
-  const NSDictionary reply = overTheWire({{"ok", true}, {"result", result}, {"unit", "metres"}});
+  const NSDictionary received = overTheWire(requestOfValues(request));
+  const double result = received["factor"].doubleValue() * received["identifier"].doubleValue() + kOffset;
+  const NSDictionary reply = overTheWire(replyOfValues(result));
   return reply["result"].doubleValue();
 }
 
