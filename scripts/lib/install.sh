@@ -9,6 +9,12 @@ test_packages=("${build_packages[@]}" libcbor-dev libgtest-dev libgmock-dev nloh
 # shellcheck disable=SC2034
 check_packages=("${test_packages[@]}" clang libclang-rt-14-dev clang-format clang-tidy shellcheck valgrind)
 
+# To measure, beside other libraries and with what counts system calls.
+# shellcheck disable=SC2034
+benchmark_packages=("${build_packages[@]}" libbenchmark-dev libmsgpack-cxx-dev python3 libsystemd-dev dbus-broker
+  dbus-daemon libzmq3-dev libnng-dev libcapnp-dev capnproto libgrpc++-dev libprotobuf-dev protobuf-compiler
+  protobuf-compiler-grpc linux-perf strace)
+
 # install_packages PACKAGE...: installs those that are missing, and says which.
 install_packages() {
   local package missing=() as_root=()
