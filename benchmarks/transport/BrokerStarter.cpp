@@ -4,8 +4,6 @@
 #include <cstdio>
 #include <string>
 
-#include <signal.h>
-#include <sys/prctl.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -60,7 +58,6 @@ int control(int socket, int listening) {
 int main(int argumentCount, char** arguments) {
   int sockets[2];
   if (argumentCount != 2 || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sockets) != 0) return 2;
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
   const int listening = velto::transport::listenAt(arguments[1], SOCK_NONBLOCK);
   if (::fork() == 0) {
     ::close(sockets[0]);

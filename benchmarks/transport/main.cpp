@@ -4,7 +4,6 @@
 #include <string>
 
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -54,7 +53,7 @@ int main(int argumentCount, char** arguments) {
   CLI::App options("One end of a transport that is measured.");
   options.require_subcommand(1);
   Arrangement arrangement;
-  CLI::App* const server = options.add_subcommand("serve", "Serve until the end of the parent");
+  CLI::App* const server = options.add_subcommand("serve", "Serve until it is killed");
   server->add_option("address", arrangement.address)->required();
   CLI::App* const client = options.add_subcommand("measure", "Measure, and print figures");
   std::string measure;
@@ -66,7 +65,6 @@ int main(int argumentCount, char** arguments) {
   client->add_option("--amount", arrangement.amount);
   CLI11_PARSE(options, argumentCount, arguments);
 
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
   signal(SIGPIPE, SIG_IGN);
   raiseDescriptorLimit();
   try {

@@ -31,7 +31,8 @@ def parse():
                         help="a measure, may be repeated: %(choices)s")
     parser.add_argument("--peers", metavar="LIST", default=",".join(peer.name for peer in PEERS),
                         help="separated by commas (%(default)s)")
-    parser.add_argument("--json", metavar="FILE", type=pathlib.Path, help="write every figure of every round")
+    parser.add_argument("--json", metavar="FILE", type=pathlib.Path,
+                        help="write every figure of every round, as soon as the round is over")
     parser.add_argument("--from", metavar="FILE", type=pathlib.Path, dest="source",
                         help="measure nothing, and take what --json has written")
     parser.add_argument("--update-docs", action="store_true", help="rewrite the tables and pictures in docs/")
@@ -70,7 +71,7 @@ def runs(options, peers):
                     yield measure, setting, peer
 
 
-def take(options, results):
+def take(options, results, machine):
     peers = built(options)
     for number in range(options.rounds):
         for measure, setting, peer in runs(options, peers):
@@ -82,6 +83,13 @@ def take(options, results):
             except Failure as failure:
                 print(f"  -: {failure}", file=sys.stderr)
                 results.add(number, measure.name, setting, peer.name, failure=str(failure))
+        save(options, results, machine | {"rounds": number + 1})
+
+
+def save(options, results, machine):
+    if options.json:
+        stored = {"machine": machine, "entries": results.entries}
+        options.json.write_text(json.dumps(stored, indent=1), encoding="utf-8")
 
 
 def machine_of(options):
@@ -98,10 +106,7 @@ def main():
         machine, results = stored["machine"], Results(stored["entries"])
     else:
         machine, results = machine_of(options), Results()
-        take(options, results)
-    if options.json:
-        stored = {"machine": machine, "entries": results.entries}
-        options.json.write_text(json.dumps(stored, indent=1), encoding="utf-8")
+        take(options, results, machine)
     print(documents.render(results, machine, lambda *_: None), end="")
     if options.update_docs:
         print("Written in docs/:", ", ".join(documents.update(DOCUMENTS, results, machine)), file=sys.stderr)

@@ -38,9 +38,10 @@ class Failure(Exception):
     """A run that gave no figures, in words."""
 
 
-def core_for(setting):
-    """Where all processes run, if not everywhere."""
-    return {min(os.sched_getaffinity(0))} if setting == "pinned" else None
+def started(command, core=None, **options):
+    """A process that ends with this one, on a core of its own if one is given."""
+    place = ["taskset", "--cpu-list", str(core)] if core is not None else []
+    return subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *place, *command], **options)
 
 
 class Stage:
@@ -93,14 +94,13 @@ class Stage:
         return self._spawn(command, stdin=subprocess.PIPE, stderr=subprocess.PIPE)
 
     def _count(self, client, amount):
-        await_line(client, "ready")
+        await_line(client, "client", "ready")
         processes = [client.pid, *(process.pid for process in self._processes.values())]
-        counter = Counter(processes)
-        time.sleep(ATTACH_SECONDS)
-        client.stdin.write("go\n")
-        client.stdin.flush()
-        await_line(client, "done")
-        return {"system calls": counter.end() / amount}
+        with Counter(processes) as counter:
+            client.stdin.write("go\n")
+            client.stdin.flush()
+            await_line(client, "client", "done")
+            return {"system calls": counter.count() / amount}
 
     def _program(self, name):
         return str(self._programs / "benchmarks/transport" / name)
@@ -120,21 +120,18 @@ class Stage:
         return ["dbus-daemon", "--nofork", "--nopidfile", "--print-address", f"--config-file={configuration}"]
 
     def _spawn(self, command, **streams):
-        core = core_for(self._setting)
-        return subprocess.Popen(command, stdout=subprocess.PIPE, env=self._environment, text=True,
-                                preexec_fn=core and (lambda: os.sched_setaffinity(0, core)), **streams)
+        core = min(os.sched_getaffinity(0)) if self._setting == "pinned" else None
+        return started(command, core, stdout=subprocess.PIPE, env=self._environment, text=True, **streams)
 
     def _start(self, name, command):
         process = self._spawn(command, stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self._stack.callback(end, process)
-        await_line(process, "")
+        await_line(process, name)
         self._processes[name] = process
 
     def _burn(self):
         for core in os.sched_getaffinity(0):
-            burner = subprocess.Popen(["sh", "-c", "while :; do :; done"],
-                                      preexec_fn=lambda core=core: os.sched_setaffinity(0, {core}))
-            self._stack.callback(end, burner)
+            self._stack.callback(end, started(["sh", "-c", "while :; do :; done"], core))
 
 
 class Counter:
@@ -149,15 +146,21 @@ class Counter:
             if tool in self._refused or not shutil.which(tool):
                 continue
             self._tool = tool
-            self._process = subprocess.Popen(self._command(), stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                                             text=True)
+            self._process = started(self._command(), stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
             time.sleep(ATTACH_SECONDS)
             if self._process.poll() is None:
                 return
             self._refused.add(tool)
         raise Failure("nothing here may count system calls")
 
-    def end(self):
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        end(self._process)
+
+    def count(self):
+        """Ends the counting."""
         self._process.send_signal(signal.SIGINT)
         text = self._process.communicate(timeout=START_SECONDS)[1]
         pattern = r"^(\d+),.*raw_syscalls" if self._tool == "perf" else r"^100\.00\s+\S+\s+\S+\s+(\d+)\s.*total$"
@@ -177,16 +180,16 @@ def require(program):
         raise Failure(f"{program} is not installed")
 
 
-def await_line(process, beginning):
+def await_line(process, name, beginning=""):
     """Until the process says something that begins so."""
     deadline = time.monotonic() + START_SECONDS
     while select.select([process.stdout], [], [], max(0, deadline - time.monotonic()))[0]:
         line = process.stdout.readline()
         if not line:
-            raise Failure(f"{pathlib.Path(process.args[0]).name} ended at its start")
+            raise Failure(f"the {name} ended at its start")
         if line.startswith(beginning):
             return
-    raise Failure(f"{pathlib.Path(process.args[0]).name} does not start")
+    raise Failure(f"the {name} does not start")
 
 
 def end(process):
