@@ -3,10 +3,10 @@
 #include <semaphore>
 #include <thread>
 
-#include "VeltoIPC/Limits.h"
 #include "VeltoIPC/VeltoIPC.h"
 #include "benchmarks/ValueMessages.h"
 #include "benchmarks/transport/Peer.h"
+#include "platform/xpc/contract/Limits.h"
 
 namespace velto::transport {
 namespace {
