@@ -18,12 +18,13 @@ const VeltoReplyHandler& emptyReplyHandler() {
 }
 
 VeltoReplyHandler wrapForDelegate(const NSString& connectionID, VeltoReplyHandler incoming) {
-  const NSString label = NSString::stringWithFormat("%@_%@", connectionID, NSUUID::UUID().UUIDString());
-  VeltoReplyHandler wrapper = [label, incoming = std::move(incoming)](NSDictionary reply) {
-    VKTLoggingLog(VKTLogGetAnchor(), 2, "%@ handler called by delegate", label);
+  // The two parts of the label, which is put together only for who sees the lines.
+  const NSUUID message = NSUUID::UUID();
+  VeltoReplyHandler wrapper = [connectionID, message, incoming = std::move(incoming)](NSDictionary reply) {
+    VKTLoggingLog(VKTLogGetAnchor(), 2, "%@_%@ handler called by delegate", connectionID, message);
     if (incoming) incoming(std::move(reply));
   };
-  VKTLoggingLog(VKTLogGetAnchor(), 2, "%@ handler sent to delegate", label);
+  VKTLoggingLog(VKTLogGetAnchor(), 2, "%@_%@ handler sent to delegate", connectionID, message);
   return wrapper;
 }
 
