@@ -13,7 +13,6 @@
 #include "fuzz/support/PeerStream.h"
 #include "fuzz/support/Values.h"
 #include "platform/logging/VeltoLogging.h"
-#include "platform/xpc/NSXPCListenerEndpoint.h"
 #include "platform/xpc/wire/Messages.h"
 
 namespace velto::fuzzing {
@@ -42,14 +41,6 @@ class Folder {
   const std::filesystem::path path_;
   unsigned last_ = 0;
 };
-
-NSXPCListenerEndpoint newEndpoint() {
-  const auto owned = [](ObjectKind kind) {
-    return std::make_shared<const system::Descriptor>(
-        system::Descriptor(FakeKernel::shared().open(std::make_shared<KernelObject>(kind))));
-  };
-  return NSXPCListenerEndpoint::endpointWithDescriptors(owned(ObjectKind::handle), owned(ObjectKind::readEnd));
-}
 
 std::vector<NSObject> values() {
   NSObject nested = NSArray{1};
@@ -157,6 +148,25 @@ void makeValueSeeds(Folder values, Folder sets) {
   for (const Frame& each : messages()) values.add(Seed{2u << 3} + each.body);
 }
 
+// Of each kind of object one, in its place within an array, a set, a dictionary and an error, and alone.
+void makeWriterSeeds(Folder folder) {
+  const Seed eight{0xFE, 0xDC, 0xBA, 0x98, 0x76, 0x54, 0x32, 0x10, 20};
+  for (std::uint8_t kind = 0; kind < 29; ++kind) {
+    const Seed object = Seed{kind, 5} + eight + Seed{3};
+    folder.add(object);
+    for (const std::uint8_t container : Seed{17, 19, 21}) folder.add(Seed{container, 2} + object + object);
+    folder.add(Seed{23, 1, 'd'} + eight + Seed{1, 2} + object + object);
+  }
+  for (const std::uint8_t length : Seed{0, 1, 2, 3, 4, 5, 6, 7, 250, 251, 253, 254, 255}) {
+    for (const std::uint8_t kind : Seed{6, 8, 10, 11, 13}) folder.add(Seed{17, 2, kind, length, 1, kind, length, 2});
+    for (const std::uint8_t container : Seed{17, 19, 21}) folder.add(Seed{container, 15, length});
+  }
+  for (const std::uint8_t height : Seed{127, 128, 129}) {
+    for (const std::uint8_t kinds : Seed{0, 1, 2, 3, 4, 17}) folder.add(Seed{26, height, kinds, 2} + eight);
+  }
+  folder.add(Seed{255});
+}
+
 void makeStreamSeeds(Folder folder) {
   Seed all;
   for (const Frame& each : calls()) {
@@ -234,6 +244,7 @@ void makeBrokerSeeds(Folder folder) {
 
 void make(const std::filesystem::path& directory) {
   makeValueSeeds(Folder(directory / "value_decoder"), Folder(directory / "class_sets"));
+  makeWriterSeeds(Folder(directory / "value_writer"));
   makeStreamSeeds(Folder(directory / "frame_reader"));
   makeConnectionSeeds(Folder(directory / "connection"));
   makeBrokerSeeds(Folder(directory / "broker_requests"));

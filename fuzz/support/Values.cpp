@@ -8,7 +8,6 @@
 #include "fuzz/support/FakeKernel.h"
 #include "platform/foundation/Walk.h"
 #include "platform/logging/VeltoLogging.h"
-#include "platform/xpc/NSXPCListenerEndpoint.h"
 
 namespace velto::fuzzing {
 namespace {
@@ -80,6 +79,14 @@ const wire::ClassSet& everything() {
   static const wire::ClassSet& all = *new wire::ClassSet(
       NSSet::setWithObjects(std::vector<NSObject>(travellingClasses().begin(), travellingClasses().end())));
   return all;
+}
+
+NSXPCListenerEndpoint newEndpoint() {
+  const auto owned = [](ObjectKind kind) {
+    return std::make_shared<const system::Descriptor>(
+        system::Descriptor(FakeKernel::shared().open(std::make_shared<KernelObject>(kind))));
+  };
+  return NSXPCListenerEndpoint::endpointWithDescriptors(owned(ObjectKind::handle), owned(ObjectKind::readEnd));
 }
 
 void walk(const NSObject& value, const std::function<void(const NSObject&)>& visit) {

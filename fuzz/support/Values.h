@@ -7,6 +7,7 @@
 #include "fuzz/support/Input.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/foundation/NSCoding.h"
+#include "platform/xpc/NSXPCListenerEndpoint.h"
 #include "platform/xpc/wire/ClassSet.h"
 #include "platform/xpc/wire/Frame.h"
 
@@ -33,6 +34,9 @@ class SmallBox {
 const std::vector<Class>& travellingClasses();
 // Admits all of them.
 const wire::ClassSet& everything();
+
+// A new one, with two descriptors of its own.
+NSXPCListenerEndpoint newEndpoint();
 
 // Visits every object for which admission is due, at every depth: not the parts of an error.
 void walk(const NSObject& value, const std::function<void(const NSObject&)>& visit);
