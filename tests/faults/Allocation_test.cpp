@@ -7,6 +7,7 @@
 #include <fcntl.h>
 
 #include "broker/VeltoIPCDaemonProtocol.h"
+#include "platform/foundation/NSCoding.h"
 #include "platform/xpc/NSXPCConnection.h"
 #include "platform/xpc/wire/FrameReader.h"
 #include "platform/xpc/wire/ValueDecoder.h"
@@ -101,6 +102,51 @@ TEST(Allocation, WhileDecodingThatFailsIsNeverABrokenStream) {
               }),
               textBytes == 100 ? 0u : 8u);
   }
+}
+
+// The one object of a class whose coding brings back what is there already.
+class OnlyBody final : public ObjectBody {
+ public:
+  ~OnlyBody() override { isAlive = false; }
+  const ClassBody& classBody() const override;
+
+  static bool isAlive;
+};
+bool OnlyBody::isAlive = true;
+
+struct Only : NSObject {
+  static const NSObject& object() {
+    static const NSObject& made = *new Only;
+    return made;
+  }
+  static Class classObject() {
+    static const Class& made = *new Class([] {
+      const Class only = Class::define("Only", NSObject::classObject());
+      registerClassCoding(
+          only, {[](const NSObject&) -> NSObject { return 1; }, [](const NSObject&) -> NSObject { return object(); }});
+      return only;
+    }());
+    return made;
+  }
+
+ private:
+  Only() : NSObject(new OnlyBody) {}
+};
+const ClassBody& OnlyBody::classBody() const {
+  return *Only::classObject().classBody();
+}
+
+TEST(Allocation, WhileAnObjectOfAClassOfOnesOwnIsTakenThatFailsLetsGoOfItOnce) {
+  const wire::ClassSet everything(NSSet::setWithObjects({NSObject::classObject()}));
+  const wire::Frame frame = encoded(Only::object());
+  EXPECT_GT(failEachAllocationOf([&] {
+              wire::ValueDecoder decoder(frame);
+              NSObject decoded;
+              EXPECT_NE(decoder.next(everything, decoded), wire::ValueDecoder::Outcome::broken) << decoder.reason();
+            }),
+            1u);
+  // Nobody but itself holds it.
+  EXPECT_TRUE(OnlyBody::isAlive);
 }
 
 TEST(Allocation, WhileFramesAreCutThatFailsLosesNoDescriptorAndNoMemory) {
