@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "VeltoIPC/Limits.h"
 #include "fuzz/support/Budget.h"
 #include "fuzz/support/FakeKernel.h"
 #include "fuzz/support/Input.h"
@@ -22,6 +21,7 @@
 #include "fuzz/support/WrittenTree.h"
 #include "platform/foundation/UTF8.h"
 #include "platform/xpc/NSXPCListenerEndpoint.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/testing/Frames.h"
 #include "platform/xpc/wire/ValueDecoder.h"
 #include "platform/xpc/wire/ValueEncoder.h"

@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "VeltoIPC/Limits.h"
 #include "fuzz/support/Values.h"
 #include "platform/foundation/Foundation.h"
+#include "platform/xpc/contract/Limits.h"
 
 namespace velto::fuzzing {
 namespace {
