@@ -21,8 +21,10 @@ class TypeCheck {
   bool dictionary(const NSDictionary& dictionary) {
     const velto::WalkBound::Level level(bound_);
     if (!level) return refuseDepth();
-    for (const NSObject& key : dictionary.allKeys()) {
-      if (accepts(dictionary.objectForKey(key))) continue;
+    // What can change is walked as it was.
+    const NSDictionary stable = dictionary.is<NSMutableDictionary>() ? dictionary.copy() : dictionary;
+    for (const auto& [key, value] : stable.pairs()) {
+      if (accepts(value)) continue;
       place_.addKey(key);
       return false;
     }

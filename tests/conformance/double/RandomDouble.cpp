@@ -1,13 +1,14 @@
-// Stands before the C library's getrandom and remembers what it gave. The bytes are the kernel's own.
+// Stands in the place of the platform's own source of random bytes and remembers what it gave. The bytes are the
+// kernel's.
 
 #include "tests/conformance/double/RandomDouble.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 #include <sys/random.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
+#include "platform/foundation/RandomBytes.h"
 #include "platform/foundation/ThreadAnnotations.h"
 
 namespace velto::testing {
@@ -45,8 +46,7 @@ NSUUID lastUUIDMade() {
 
 }  // namespace velto::testing
 
-extern "C" __attribute__((visibility("default"))) ssize_t getrandom(void* buffer, std::size_t length, unsigned flags) {
-  const ssize_t got = syscall(SYS_getrandom, buffer, length, flags);
-  if (got == static_cast<ssize_t>(sizeof(NSUUID::Bytes))) velto::testing::remember(buffer);
-  return got;
+void velto::fillWithRandomBytes(void* buffer, std::size_t length) noexcept {
+  if (getrandom(buffer, length, 0) != static_cast<ssize_t>(length)) std::abort();
+  if (length == sizeof(NSUUID::Bytes)) testing::remember(buffer);
 }

@@ -4,7 +4,7 @@
 
 namespace velto::testing {
 
-// The UUID that was made last in this process. In a program with the platform double the kernel's random source is
+// The UUID that was made last in this process. In a program with the platform double its random source is
 // watched, since the keys of synchronous sends are known to nobody else.
 NSUUID lastUUIDMade();
 
