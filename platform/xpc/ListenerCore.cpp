@@ -15,10 +15,10 @@
 
 #include "platform/logging/DeferredLog.h"
 #include "platform/logging/VeltoLogging.h"
-#include "platform/xpc/ConnectionCore.h"
-#include "platform/xpc/Errors.h"
 #include "platform/xpc/NSXPCConnection.h"
+#include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/contract/Limits.h"
+#include "platform/xpc/interface/Errors.h"
 #include "platform/xpc/system/SystemCalls.h"
 
 namespace velto::xpc {

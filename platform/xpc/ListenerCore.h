@@ -9,9 +9,9 @@
 
 #include "platform/foundation/NSString.h"
 #include "platform/foundation/ThreadAnnotations.h"
-#include "platform/xpc/AcceptedConnections.h"
 #include "platform/xpc/NSXPCListener.h"
 #include "platform/xpc/NSXPCListenerEndpoint.h"
+#include "platform/xpc/connection/AcceptedConnections.h"
 #include "platform/xpc/transport/PeerProcess.h"
 #include "platform/xpc/transport/Reactor.h"
 #include "platform/xpc/transport/Sockets.h"

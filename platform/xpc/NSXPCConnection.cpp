@@ -6,7 +6,7 @@
 #include <new>
 #include <utility>
 
-#include "platform/xpc/ConnectionCore.h"
+#include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/transport/RuntimeDirectory.h"
 #include "platform/xpc/transport/Sockets.h"
 

@@ -11,10 +11,10 @@
 #include <sys/epoll.h>
 
 #include "platform/logging/VeltoLogging.h"
-#include "platform/xpc/ConnectionCore.h"
-#include "platform/xpc/Errors.h"
 #include "platform/xpc/ListenerCore.h"
 #include "platform/xpc/NSXPCConnection.h"
+#include "platform/xpc/connection/ConnectionCore.h"
+#include "platform/xpc/interface/Errors.h"
 #include "platform/xpc/transport/Sockets.h"
 
 using velto::xpc::ListenerCore;

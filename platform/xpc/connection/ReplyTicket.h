@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "platform/xpc/Protocol.h"
+#include "platform/xpc/interface/Protocol.h"
 
 namespace velto::xpc {
 

@@ -1,8 +1,8 @@
 // The errors that proxy error handlers get: a code for the program, a text for whoever reads the log.
 
-#include "platform/xpc/NSXPCError.h"
+#include "platform/xpc/interface/NSXPCError.h"
 
-#include "platform/xpc/Errors.h"
+#include "platform/xpc/interface/Errors.h"
 
 // Never destroyed: threads of the platform may still report errors when the process ends.
 const NSString& NSXPCErrorDomain = *new NSString("org.velto.xpc");

@@ -6,9 +6,9 @@
 #include <utility>
 
 #include "platform/logging/VeltoLogging.h"
-#include "platform/xpc/ConnectionCore.h"
-#include "platform/xpc/Errors.h"
+#include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/contract/Limits.h"
+#include "platform/xpc/interface/Errors.h"
 #include "platform/xpc/transport/LongWork.h"
 #include "platform/xpc/wire/Messages.h"
 #include "platform/xpc/wire/ValueDecoder.h"

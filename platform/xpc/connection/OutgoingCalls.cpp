@@ -1,7 +1,7 @@
 // Credit counts what the other end holds: a call takes its bytes when it is sent, and gives them back when the other
 // end says that it has dealt with it. Calls are dealt with in order, so a count is enough to say which.
 
-#include "platform/xpc/OutgoingCalls.h"
+#include "platform/xpc/connection/OutgoingCalls.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,7 +1,7 @@
 // Class sets by method and argument. Each is kept twice: as the set that was given, to be read back, and in the form
 // that the decoder asks.
 
-#include "platform/xpc/NSXPCInterface.h"
+#include "platform/xpc/interface/NSXPCInterface.h"
 
 #include <algorithm>
 #include <string>

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "platform/foundation/Class.h"
-#include "platform/xpc/NSXPCError.h"
+#include "platform/xpc/interface/NSXPCError.h"
 
 namespace velto::xpc {
 

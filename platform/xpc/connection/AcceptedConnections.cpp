@@ -1,11 +1,11 @@
 // Whoever has the most gives way, and of its connections the one that has been silent for the longest. Looking for it
 // takes time only when all places are taken.
 
-#include "platform/xpc/AcceptedConnections.h"
+#include "platform/xpc/connection/AcceptedConnections.h"
 
 #include <algorithm>
 
-#include "platform/xpc/ConnectionCore.h"
+#include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/PerProcess.h"
 #include "platform/xpc/system/SystemCalls.h"

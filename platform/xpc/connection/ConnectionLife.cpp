@@ -6,10 +6,10 @@
 #include <utility>
 
 #include "platform/logging/VeltoLogging.h"
-#include "platform/xpc/ConnectRetries.h"
-#include "platform/xpc/ConnectionCore.h"
-#include "platform/xpc/Errors.h"
+#include "platform/xpc/connection/ConnectRetries.h"
+#include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/contract/Limits.h"
+#include "platform/xpc/interface/Errors.h"
 #include "platform/xpc/wire/Messages.h"
 
 namespace velto::xpc {

@@ -1,5 +1,5 @@
 // What waits for credit when the other end states its limits.
-#include "platform/xpc/OutgoingCalls.h"
+#include "platform/xpc/connection/OutgoingCalls.h"
 
 #include <gtest/gtest.h>
 

@@ -1,12 +1,12 @@
 // The receiving end's half of a reply. It does not keep its connection alive: an answer to a connection that is gone
 // has nowhere to go.
 
-#include "platform/xpc/ReplyTicket.h"
+#include "platform/xpc/connection/ReplyTicket.h"
 
 #include <new>
 
 #include "platform/logging/VeltoLogging.h"
-#include "platform/xpc/ConnectionCore.h"
+#include "platform/xpc/connection/ConnectionCore.h"
 
 namespace velto::xpc {
 

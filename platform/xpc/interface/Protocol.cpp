@@ -1,6 +1,6 @@
 // Tables are short: a search from the front beats anything cleverer.
 
-#include "platform/xpc/Protocol.h"
+#include "platform/xpc/interface/Protocol.h"
 
 #include <algorithm>
 

@@ -1,11 +1,11 @@
 // One timer for a line, which waits longer each time that it is in vain, up to a bound.
 
-#include "platform/xpc/ConnectRetries.h"
+#include "platform/xpc/connection/ConnectRetries.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "platform/xpc/ConnectionCore.h"
+#include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/PerProcess.h"
 #include "platform/xpc/transport/Reactor.h"

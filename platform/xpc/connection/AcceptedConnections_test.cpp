@@ -1,12 +1,12 @@
 // Who gives way when all places are taken, with places for ten connections.
 
-#include "platform/xpc/AcceptedConnections.h"
+#include "platform/xpc/connection/AcceptedConnections.h"
 
 #include <thread>
 
 #include <gtest/gtest.h>
 
-#include "platform/xpc/ConnectionCore.h"
+#include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/system/SystemCalls.h"
 
 namespace velto::xpc {

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "platform/foundation/NSError.h"
-#include "platform/xpc/Protocol.h"
 #include "platform/xpc/contract/Limits.h"
+#include "platform/xpc/interface/Protocol.h"
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/Messages.h"
 
