@@ -20,9 +20,10 @@ RemoteObject::RemoteObject(std::shared_ptr<ConnectionCore> core, std::function<v
       errorHandler_(std::make_shared<const std::function<void(NSError)>>(std::move(errorHandler))) {}
 
 void RemoteObject::send(const void* member, std::vector<NSObject> arguments, ReplyBlock reply) const {
-  const Method* method = core_->remoteInterface()->protocol().methodForMember(member);
+  const Protocol* protocol = core_->remoteProtocol();
+  const Method* method = protocol != nullptr ? protocol->methodForMember(member) : nullptr;
   if (method == nullptr) throw NSException("NSInvalidArgumentException", "the protocol's table lacks the method");
-  core_->call(*method, std::move(arguments), std::move(reply), errorHandler_);
+  core_->call(*method, arguments, std::move(reply), errorHandler_);
 }
 
 Class RemoteObject::boxClass() {
@@ -103,8 +104,7 @@ NSXPCPeer NSXPCConnection::peer() const {
 
 RemoteObject NSXPCConnection::makeRemoteObject(const velto::xpc::Protocol& protocol,
                                                std::function<void(NSError)> errorHandler) {
-  const auto interface = core_->remoteInterface();
-  if (!interface || &interface->protocol() != &protocol) {
+  if (core_->remoteProtocol() != &protocol) {
     throw NSException("NSInvalidArgumentException",
                       "the connection's remote object interface is not of protocol " + protocol.name());
   }

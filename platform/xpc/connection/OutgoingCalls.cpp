@@ -6,7 +6,34 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/xpc/interface/Errors.h"
+
 namespace velto::xpc {
+
+std::string OutgoingCalls::overPeerLimits(const wire::Frame& frame) const {
+  if (frame.size() > peerMaximumBytes_) {
+    return overLimit("bytes of a frame to this peer", frame.size(), peerMaximumBytes_);
+  }
+  if (frame.descriptors.size() > peerMaximumDescriptors_) {
+    return overLimit("descriptors of a frame to this peer", frame.descriptors.size(), peerMaximumDescriptors_);
+  }
+  if (frame.type != wire::FrameType::call) return {};
+  if (frame.size() > windowBytes_) {
+    return overLimit("bytes of a call that this peer keeps", frame.size(), windowBytes_);
+  }
+  return windowCalls_ == 0 ? overLimit("calls that this peer keeps", 1, 0) : std::string();
+}
+
+NSError OutgoingCalls::refusalToKeep(const wire::Frame& frame, bool wantsReply, std::size_t waitingInChannel) const {
+  if (const std::string excess = overPeerLimits(frame); !excess.empty()) return makeError(NSXPCLimitExceeded, excess);
+  if (wantsReply && pendingReplies_ >= limits::kPendingReplies) {
+    return makeError(NSXPCLimitExceeded,
+                     overLimit("calls that wait for their replies", pendingReplies_ + 1, limits::kPendingReplies));
+  }
+  const std::size_t waiting = waitingBytes_ + waitingInChannel + frame.size();
+  if (waiting <= limits::kWaitingBytes) return nil;
+  return makeError(NSXPCLimitExceeded, overLimit("bytes that wait to be sent", waiting, limits::kWaitingBytes));
+}
 
 void OutgoingCalls::add(OutgoingCall&& call, wire::Frame&& frame) {
   const std::uint64_t identifier = call.identifier;
@@ -40,9 +67,12 @@ void OutgoingCalls::sent(std::uint64_t identifier, std::uint64_t frameNumber) {
   if (found != calls_.end()) found->second.frameNumber = frameNumber;
 }
 
-void OutgoingCalls::helloArrived(const wire::Hello& hello) {
+std::vector<OutgoingCalls::Refused> OutgoingCalls::helloArrived(const wire::Hello& hello) {
+  peerMaximumBytes_ = std::min<std::uint64_t>(hello.maximumFrameBytes, limits::kMaximumFrameBytes);
+  peerMaximumDescriptors_ = std::min<std::uint64_t>(hello.maximumDescriptors, limits::kMaximumDescriptors);
   windowBytes_ = std::min<std::uint64_t>(hello.undeliveredBytes, limits::kUndeliveredBytes);
   windowCalls_ = std::min<std::uint64_t>(hello.undeliveredCalls, limits::kUndeliveredCalls);
+  return takeRefused();
 }
 
 bool OutgoingCalls::creditArrived(const wire::Credit& credit) {
@@ -70,11 +100,10 @@ std::optional<OutgoingCall> OutgoingCalls::take(std::uint64_t identifier) {
   return call;
 }
 
-std::vector<OutgoingCalls::Refused> OutgoingCalls::takeRefused(
-    const std::function<std::string(const wire::Frame&)>& objectionTo) {
+std::vector<OutgoingCalls::Refused> OutgoingCalls::takeRefused() {
   std::vector<Refused> refused;
   std::erase_if(waiting_, [&](const Waiting& waiting) {
-    std::string objection = objectionTo(waiting.frame);
+    std::string objection = overPeerLimits(waiting.frame);
     if (objection.empty()) return false;
     waitingBytes_ -= waiting.frame.size();
     if (auto call = take(waiting.identifier)) refused.push_back({std::move(*call), std::move(objection)});
@@ -106,7 +135,12 @@ std::vector<OutgoingCall> OutgoingCalls::takeAllUnsettled(std::uint64_t framesWr
     const bool unwritten = call.frameNumber == 0 || call.frameNumber > framesWritten;
     (call.reply || unwritten ? taken : forgotten).push_back(std::move(call));
   }
-  *this = OutgoingCalls();
+  calls_.clear();
+  waiting_.clear();
+  uncredited_.clear();
+  waitingBytes_ = 0;
+  pendingReplies_ = 0;
+  usedBytes_ = 0;
   forgotten_ = std::move(forgotten);
   return taken;
 }

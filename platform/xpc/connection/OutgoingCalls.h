@@ -12,6 +12,7 @@
 
 #include "platform/foundation/NSError.h"
 #include "platform/xpc/contract/Limits.h"
+#include "platform/xpc/interface/NSXPCInterface.h"
 #include "platform/xpc/interface/Protocol.h"
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/Messages.h"
@@ -30,11 +31,19 @@ struct OutgoingCall {
   std::uint64_t frameNumber = 0;  // of the channel; 0 while the call waits here
 };
 
-// The calls of one end that are under way, and the credit that the other end has given. Calls go out in the order in
-// which they were made; without credit they wait here, while replies pass them. Not synchronised: the connection's lock
-// guards it.
+// What goes out: the calls of one end that are under way, what the other end has stated to take, and the credit that it
+// has given. Calls go out in the order in which they were made; without credit they wait here, while replies pass them.
+// Not synchronised: the connection's lock guards it.
 class OutgoingCalls {
  public:
+  // What may be called. The one before comes back, to be let go of where user code may run.
+  void swapInterface(std::shared_ptr<NSXPCInterface>& interface) noexcept { std::swap(interface_, interface); }
+  const std::shared_ptr<NSXPCInterface>& interface() const noexcept { return interface_; }
+
+  // What of a frame is more than the other end has stated to take; "" when nothing is.
+  std::string overPeerLimits(const wire::Frame& frame) const;
+  // Why a call cannot be kept until it may go, when the channel has so many bytes waiting; nil when it can.
+  NSError refusalToKeep(const wire::Frame& frame, bool wantsReply, std::size_t waitingInChannel) const;
   // Raises std::bad_alloc, and changes nothing, when there is no memory.
   void add(OutgoingCall&& call, wire::Frame&& frame);
   // The next frame that the credit allows to send; nothing when none waits or none may go.
@@ -45,8 +54,13 @@ class OutgoingCalls {
   std::optional<Sendable> takeSendable();
   void sent(std::uint64_t identifier, std::uint64_t frameNumber);
 
-  // What the other end states counts up to what it would be allowed here.
-  void helloArrived(const wire::Hello& hello);
+  // What the other end states counts up to what it would be allowed here. Returns, in order, the calls that wait here
+  // and are over it, removed.
+  struct Refused {
+    OutgoingCall call;
+    std::string objection;
+  };
+  std::vector<Refused> helloArrived(const wire::Hello& hello);
   // What the other end keeps at most for a receiver that is busy: a call over it could never be sent.
   std::uint64_t windowBytes() const noexcept { return windowBytes_; }
   std::uint64_t windowCalls() const noexcept { return windowCalls_; }
@@ -56,12 +70,6 @@ class OutgoingCalls {
   // Removes a call: one that waits for a reply, or any.
   std::optional<OutgoingCall> takeAwaitingReply(std::uint64_t identifier);
   std::optional<OutgoingCall> take(std::uint64_t identifier);
-  // Removes, in order, the calls that wait here to whose frames there is an objection.
-  struct Refused {
-    OutgoingCall call;
-    std::string objection;
-  };
-  std::vector<Refused> takeRefused(const std::function<std::string(const wire::Frame&)>& objectionTo);
   // Forgets the replies: returns the calls that waited for one, in order. What waits to be sent stays.
   std::vector<OutgoingCall> takeAllAwaitingReply();
   // Removes everything; returns, in order, the calls that wait for a reply or were not written to the socket.
@@ -84,6 +92,9 @@ class OutgoingCalls {
     std::size_t bytes;
   };
 
+  std::vector<Refused> takeRefused();
+
+  std::shared_ptr<NSXPCInterface> interface_;
   std::map<std::uint64_t, OutgoingCall> calls_;
   std::vector<OutgoingCall> forgotten_;
   std::deque<Waiting> waiting_;
@@ -91,6 +102,8 @@ class OutgoingCalls {
   std::deque<Uncredited> uncredited_;
   std::size_t waitingBytes_ = 0;
   std::size_t pendingReplies_ = 0;
+  std::size_t peerMaximumBytes_ = limits::kMaximumFrameBytes;
+  std::size_t peerMaximumDescriptors_ = limits::kMaximumDescriptors;
   std::uint64_t windowBytes_ = limits::kInitialBytes;
   std::uint64_t windowCalls_ = limits::kInitialCalls;
   std::uint64_t usedBytes_ = 0;

@@ -1,33 +1,47 @@
-// What waits for credit when the other end states its limits.
+// What waits for credit when the other end states its limits, and what is not kept at all.
 #include "platform/xpc/connection/OutgoingCalls.h"
 
 #include <gtest/gtest.h>
+
+#include "platform/xpc/testing/Greeter.h"
 
 namespace velto::xpc {
 namespace {
 
 const Method kMethod{};
 
+wire::Frame callOf(std::size_t bytes) {
+  wire::Frame frame;
+  frame.type = wire::FrameType::call;
+  frame.body.resize(bytes);
+  return frame;
+}
+
 void add(OutgoingCalls& calls, std::uint64_t identifier, std::size_t bytes) {
   OutgoingCall call;
   call.identifier = identifier;
   call.method = &kMethod;
   call.reply.block = [](const NSObject&) {};
-  wire::Frame frame;
-  frame.type = wire::FrameType::call;
-  frame.body.resize(bytes);
-  calls.add(std::move(call), std::move(frame));
+  calls.add(std::move(call), callOf(bytes));
 }
 
-TEST(OutgoingCalls, ThoseToWhichThereIsAnObjectionAreTakenOutInOrderAndTheOthersStay) {
+std::string textOf(const NSError& error) {
+  return error.localizedDescription().string();
+}
+
+TEST(OutgoingCalls, ThoseThatAreOverWhatTheOtherEndStatesAreTakenOutInOrderAndTheOthersStay) {
   OutgoingCalls calls;
-  for (const std::uint64_t identifier : {1U, 2U, 3U, 4U}) add(calls, identifier, 10 * identifier);
-  const auto refused = calls.takeRefused(
-      [](const wire::Frame& frame) { return frame.body.size() % 20 == 0 ? std::string("no") : std::string(); });
+  add(calls, 1, 10);
+  add(calls, 2, 31);
+  add(calls, 3, 30);
+  add(calls, 4, 40);
+  wire::Hello hello = wire::Hello::ours();
+  hello.maximumFrameBytes = 30;
+  const auto refused = calls.helloArrived(hello);
   ASSERT_EQ(refused.size(), 2U);
   EXPECT_EQ(refused[0].call.identifier, 2U);
   EXPECT_EQ(refused[1].call.identifier, 4U);
-  EXPECT_EQ(refused[1].objection, "no");
+  EXPECT_EQ(refused[1].objection, "bytes of a frame to this peer: 40, the maximum is 30");
   EXPECT_EQ(calls.waitingBytes(), 40U);
   EXPECT_EQ(calls.pendingReplies(), 2U);
   EXPECT_EQ(calls.takeSendable()->identifier, 1U);
@@ -60,6 +74,87 @@ TEST(OutgoingCalls, ACreditWithoutEndIsWhatThisEndWouldAllow) {
   EXPECT_EQ(calls.windowCalls(), limits::kUndeliveredCalls);
 }
 
+TEST(OutgoingCalls, CreditThatWasNeverTakenIsNotGivenBack) {
+  OutgoingCalls calls;
+  add(calls, 1, 10);
+  calls.takeSendable();
+  EXPECT_FALSE(calls.creditArrived({.bytes = 10, .calls = 2}));
+  EXPECT_FALSE(calls.creditArrived({.bytes = 9, .calls = 1}));
+}
+
+TEST(OutgoingCalls, AFrameIsOverWhatTheOtherEndHasStatedByOneByteOneDescriptorOrItsWindow) {
+  OutgoingCalls calls;
+  wire::Hello hello = wire::Hello::ours();
+  hello.maximumFrameBytes = 20;
+  hello.maximumDescriptors = 1;
+  hello.undeliveredBytes = 15;
+  calls.helloArrived(hello);
+  wire::Frame reply = callOf(20);
+  reply.type = wire::FrameType::reply;
+  reply.descriptors.resize(1);
+  EXPECT_EQ(calls.overPeerLimits(reply), "");
+  reply.descriptors.resize(2);
+  EXPECT_EQ(calls.overPeerLimits(reply), "descriptors of a frame to this peer: 2, the maximum is 1");
+  EXPECT_EQ(calls.overPeerLimits(callOf(15)), "");
+  EXPECT_EQ(calls.overPeerLimits(callOf(16)), "bytes of a call that this peer keeps: 16, the maximum is 15");
+  EXPECT_EQ(calls.overPeerLimits(callOf(21)), "bytes of a frame to this peer: 21, the maximum is 20");
+  hello.undeliveredCalls = 0;
+  calls.helloArrived(hello);
+  EXPECT_EQ(calls.overPeerLimits(callOf(1)), "calls that this peer keeps: 1, the maximum is 0");
+}
+
+TEST(OutgoingCalls, NoMoreBytesAreKeptThanMayWaitHereAndInTheChannelTogether) {
+  OutgoingCalls calls;
+  add(calls, 1, 10);
+  const std::size_t room = limits::kWaitingBytes - 10;
+  EXPECT_FALSE(calls.refusalToKeep(callOf(20), true, room - 20));
+  const NSError refusal = calls.refusalToKeep(callOf(21), true, room - 20);
+  EXPECT_EQ(refusal.code(), NSXPCLimitExceeded);
+  EXPECT_EQ(textOf(refusal), "bytes that wait to be sent: 67108865, the maximum is 67108864");
+}
+
+TEST(OutgoingCalls, NoMoreThatWaitForRepliesAreKeptThanMayAndOneThatWantsNoneIs) {
+  OutgoingCalls calls;
+  for (std::uint64_t identifier = 1; identifier <= limits::kPendingReplies; ++identifier) add(calls, identifier, 1);
+  const NSError refusal = calls.refusalToKeep(callOf(1), true, 0);
+  EXPECT_EQ(textOf(refusal), "calls that wait for their replies: 65537, the maximum is 65536");
+  EXPECT_FALSE(calls.refusalToKeep(callOf(1), false, 0));
+  EXPECT_TRUE(calls.takeAwaitingReply(7));
+  EXPECT_FALSE(calls.refusalToKeep(callOf(1), true, 0));
+}
+
+TEST(OutgoingCalls, AreFoundByTheirNumbersOnce) {
+  OutgoingCalls calls;
+  add(calls, 5, 10);
+  EXPECT_FALSE(calls.takeAwaitingReply(4));
+  EXPECT_EQ(calls.takeAwaitingReply(5)->identifier, 5U);
+  EXPECT_FALSE(calls.takeAwaitingReply(5));
+  EXPECT_EQ(calls.pendingReplies(), 0U);
+}
+
+// The other end may have the written ones; of the others it has heard nothing.
+TEST(OutgoingCalls, AtTheEndThoseThatWaitForRepliesOrWereNeverWrittenAreUnsettled) {
+  OutgoingCalls calls;
+  for (const std::uint64_t identifier : {1U, 2U, 3U, 4U}) {
+    OutgoingCall call;
+    call.identifier = identifier;
+    call.method = &kMethod;
+    if (identifier == 1) call.reply.block = [](const NSObject&) {};
+    calls.add(std::move(call), callOf(10));
+    if (identifier == 4) break;
+    calls.takeSendable();
+    calls.sent(identifier, identifier);
+  }
+  const auto unsettled = calls.takeAllUnsettled(2);
+  ASSERT_EQ(unsettled.size(), 3U);
+  EXPECT_EQ(unsettled[0].identifier, 1U);
+  EXPECT_EQ(unsettled[1].identifier, 3U);
+  EXPECT_EQ(unsettled[2].identifier, 4U);
+  EXPECT_EQ(calls.takeForgotten().size(), 1U);
+  EXPECT_FALSE(calls.hasWaiting());
+  EXPECT_EQ(calls.waitingBytes(), 0U);
+}
+
 // What a call holds is the user's: it must not be destroyed where the connection's lock is held.
 TEST(OutgoingCalls, ThoseThatAreSettledByTheWayAreHandedOverToBeLetGoOf) {
   const auto held = std::make_shared<int>(0);
@@ -69,9 +164,7 @@ TEST(OutgoingCalls, ThoseThatAreSettledByTheWayAreHandedOverToBeLetGoOf) {
     call.identifier = identifier;
     call.method = &kMethod;
     call.errorHandler = std::make_shared<const std::function<void(NSError)>>([held](NSError) {});
-    wire::Frame frame;
-    frame.body.resize(10);
-    calls.add(std::move(call), std::move(frame));
+    calls.add(std::move(call), callOf(10));
     calls.takeSendable();
     calls.sent(identifier, identifier);
   }
@@ -80,6 +173,18 @@ TEST(OutgoingCalls, ThoseThatAreSettledByTheWayAreHandedOverToBeLetGoOf) {
   EXPECT_EQ(held.use_count(), 3);
   EXPECT_EQ(calls.takeForgotten().size(), 2U);
   EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST(OutgoingCalls, TheInterfaceBeforeComesBackToBeLetGoOf) {
+  OutgoingCalls calls;
+  const auto first = NSXPCInterface::interfaceWithProtocol<testing::Greeter>();
+  auto swapped = first;
+  calls.swapInterface(swapped);
+  EXPECT_FALSE(swapped);
+  EXPECT_EQ(calls.interface(), first);
+  calls.swapInterface(swapped);
+  EXPECT_EQ(swapped, first);
+  EXPECT_FALSE(calls.interface());
 }
 
 }  // namespace

@@ -1,0 +1,151 @@
+// A call is kept as the bytes that came until its turn has come in the queue, so that what a blocked receiver holds is
+// exactly what the sender's credit counts.
+
+#include "platform/xpc/connection/Arrivals.h"
+
+#include <algorithm>
+
+#include "platform/xpc/interface/Errors.h"
+
+namespace velto::xpc {
+
+namespace {
+
+// What keeping a call or a reply costs besides its bytes.
+constexpr std::size_t kKeepingBytes = 128;
+// Credit is given back in portions of this part of the whole, so that it costs few frames.
+constexpr std::uint64_t kCreditPortion = 4;
+
+}  // namespace
+
+void Arrivals::swapObject(const Protocol& protocol, std::shared_ptr<void>& object) noexcept {
+  protocol_ = &protocol;
+  std::swap(object_, object);
+}
+
+std::size_t Arrivals::learnClaimable(std::size_t byReplies) {
+  claimableByCalls_ = interface_ ? interface_->claimableDescriptors(false) : 0;
+  claimableByReplies_ = byReplies;
+  for (wire::Frame& frame : calls_) {
+    descriptors_ -= frame.descriptors.size();
+    keepClaimable(frame, claimableByCalls_);
+    descriptors_ += frame.descriptors.size();
+  }
+  return std::max(claimableByCalls_, claimableByReplies_);
+}
+
+bool Arrivals::keepClaimable(wire::Frame& frame, std::size_t most) noexcept {
+  if (most == 0) frame.descriptors.clear();
+  return frame.descriptors.size() <= most;
+}
+
+Arrivals::CallArrival Arrivals::callArrived(wire::Frame&& frame) {
+  if (silenced_) return {};
+  const bool isClaimable = keepClaimable(frame, claimableByCalls_);
+  const std::size_t bytes = frame.size();
+  const std::size_t descriptors = frame.descriptors.size();
+  calls_.push_back(std::move(frame));
+  callBytes_ += bytes;
+  ++callCount_;
+  descriptors_ += descriptors;
+  if (!isClaimable) return {true, "a call with more descriptors than any method takes"};
+  std::string excess;
+  if (callBytes_ > limits::kUndeliveredBytes) {
+    excess = overLimit("bytes of undelivered calls", callBytes_, limits::kUndeliveredBytes);
+  } else if (callCount_ > limits::kUndeliveredCalls) {
+    excess = overLimit("undelivered calls", callCount_, limits::kUndeliveredCalls);
+  }
+  if (excess.empty()) return {true, ""};
+  // Who takes more than his credit has not earned that it is dealt with.
+  dropCalls();
+  return {false, std::move(excess)};
+}
+
+std::optional<Arrivals::Turn> Arrivals::takeCall() {
+  ++turns_;
+  if (calls_.empty()) return std::nullopt;
+  std::optional<Turn> turn(std::in_place);
+  turn->frame = std::move(calls_.front());
+  calls_.pop_front();
+  descriptors_ -= turn->frame.descriptors.size();
+  if (interface_ && object_ && protocol_ == &interface_->protocol()) {
+    turn->interface = interface_;
+    turn->object = object_;
+  }
+  turn->owedReplies = ++owedReplies_;
+  return turn;
+}
+
+void Arrivals::dealtWith(std::size_t bytes, bool isOwedReply) noexcept {
+  if (!isOwedReply) replySettled();
+  callBytes_ -= bytes;
+  --callCount_;
+  credit_.bytes += bytes;
+  ++credit_.calls;
+}
+
+std::optional<wire::Credit> Arrivals::takeCredit(std::size_t waitingToBeSent) noexcept {
+  const bool worthIt = credit_.bytes >= limits::kUndeliveredBytes / kCreditPortion ||
+                       credit_.calls >= limits::kUndeliveredCalls / kCreditPortion;
+  // An end that does not read its replies gets no credit for more calls.
+  if (!worthIt || waitingToBeSent > limits::kWaitingBytes / kCreditPortion) return std::nullopt;
+  return std::exchange(credit_, {});
+}
+
+std::string Arrivals::replyArrived(OutgoingCall&& call, wire::Frame&& frame) {
+  const std::size_t bytes = frame.size();
+  const std::size_t descriptors = frame.descriptors.size();
+  // Without memory the call stays with the caller.
+  Reply& reply = replies_.emplace_back();
+  reply.call = std::move(call);
+  reply.frame = std::move(frame);
+  replyBytes_ += bytes;
+  descriptors_ += descriptors;
+  if (replyBytes_ <= limits::kUndeliveredReplyBytes) return {};
+  return overLimit("bytes of undelivered replies", replyBytes_, limits::kUndeliveredReplyBytes);
+}
+
+Arrivals::Reply Arrivals::takeReply() {
+  ++turns_;
+  Reply reply = std::move(replies_.front());
+  replies_.pop_front();
+  if (reply.frame) {
+    replyBytes_ -= reply.frame->size();
+    descriptors_ -= reply.frame->descriptors.size();
+  }
+  return reply;
+}
+
+void Arrivals::dropCalls() noexcept {
+  for (const wire::Frame& frame : calls_) {
+    callBytes_ -= frame.size();
+    descriptors_ -= frame.descriptors.size();
+  }
+  callCount_ -= calls_.size();
+  calls_.clear();
+}
+
+std::size_t Arrivals::dropAll() noexcept {
+  const std::size_t dropped = calls_.size() + replies_.size();
+  dropCalls();
+  for (Reply& reply : replies_) {
+    if (reply.frame) descriptors_ -= reply.frame->descriptors.size();
+    reply.frame.reset();
+  }
+  replyBytes_ = 0;
+  return dropped;
+}
+
+bool Arrivals::isStuck() const noexcept {
+  return turns_ == turnsAtLastLook_ && (callBytes_ + replyBytes_ > limits::kLeftoverBytes || descriptors_ > 0);
+}
+
+std::size_t Arrivals::heldByCalls() const noexcept {
+  return callBytes_ + callCount_ * kKeepingBytes;
+}
+
+std::size_t Arrivals::heldByReplies() const noexcept {
+  return replyBytes_ + replies_.size() * kKeepingBytes;
+}
+
+}  // namespace velto::xpc

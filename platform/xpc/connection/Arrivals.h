@@ -1,0 +1,114 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "platform/xpc/connection/OutgoingCalls.h"
+#include "platform/xpc/contract/Limits.h"
+#include "platform/xpc/interface/NSXPCInterface.h"
+#include "platform/xpc/interface/Protocol.h"
+#include "platform/xpc/wire/Frame.h"
+#include "platform/xpc/wire/Messages.h"
+
+namespace velto::xpc {
+
+// What comes in: the calls of the other end, and the replies to this end's, as the bytes that came, until their turn in
+// the queue; the credit that is to be given back for the calls; the replies that are owed for them. From resume() on
+// the queue has a task for each call and each reply that is kept. Not synchronised: the connection's lock guards it.
+class Arrivals {
+ public:
+  // What may be called, and on which object. The one before comes back, to be let go of where user code may run.
+  void swapInterface(std::shared_ptr<NSXPCInterface>& interface) noexcept { std::swap(interface_, interface); }
+  void swapObject(const Protocol& protocol, std::shared_ptr<void>& object) noexcept;
+  std::shared_ptr<void> takeObject() noexcept { return std::exchange(object_, nullptr); }
+
+  // How many descriptors a call may carry that anybody here claims follows from the interface, for replies it is given;
+  // until then it is as many as there may be. Calls that have come before let go of theirs if nobody claims any.
+  // Returns the greater of both.
+  std::size_t learnClaimable(std::size_t byReplies);
+
+  // A call has come. It is kept even when something is wrong with it, but for one that is over the credit: then none is
+  // kept. What comes after silence() is not even looked at.
+  struct CallArrival {
+    bool isKept = false;
+    // How the other end has broken the protocol; "" when it has not.
+    std::string offence;
+  };
+  CallArrival callArrived(wire::Frame&& frame);
+  // A call whose turn has come, with what it may be delivered to. It counts as one that is owed a reply.
+  struct Turn {
+    wire::Frame frame;
+    // None when there is no object, or it is not of the interface's protocol.
+    std::shared_ptr<NSXPCInterface> interface;
+    std::shared_ptr<void> object;
+    // With it.
+    std::size_t owedReplies = 0;
+  };
+  // Nothing when the calls were dropped.
+  std::optional<Turn> takeCall();
+  // That call has been dealt with. If it is owed a reply, replySettled() is due later.
+  void dealtWith(std::size_t bytes, bool isOwedReply) noexcept;
+  void replySettled() noexcept { --owedReplies_; }
+  // The credit that is worth giving back to an end for which so many bytes wait to be sent; nothing while it is not.
+  std::optional<wire::Credit> takeCredit(std::size_t waitingToBeSent) noexcept;
+
+  // Lets go of the descriptors of a reply that nobody can claim. False when only a peer that cheats sends so many.
+  bool keepClaimable(wire::Frame& reply) const noexcept { return keepClaimable(reply, claimableByReplies_); }
+  // A reply has come whose turn has not. Says what is over a limit; "" when nothing is: it is kept all the same.
+  std::string replyArrived(OutgoingCall&& call, wire::Frame&& frame);
+  // Without its frame when that was dropped.
+  struct Reply {
+    OutgoingCall call;
+    std::optional<wire::Frame> frame;
+  };
+  // There is one.
+  Reply takeReply();
+
+  // Calls are no longer delivered.
+  void silence() noexcept { silenced_ = true; }
+  void dropCalls() noexcept;
+  // Drops the calls, and the bytes of the replies. Returns how many there were.
+  std::size_t dropAll() noexcept;
+  bool isEmpty() const noexcept { return calls_.empty() && replies_.empty(); }
+  std::size_t waitingCalls() const noexcept { return calls_.size(); }
+  // Whether no turn has come since the last look, and what is kept is too much to be left behind a callback that does
+  // not return.
+  bool isStuck() const noexcept;
+  void look() noexcept { turnsAtLastLook_ = turns_; }
+
+  // What this makes the process hold. A call counts until it has been dealt with.
+  std::size_t heldByCalls() const noexcept;
+  std::size_t heldByReplies() const noexcept;
+  std::size_t heldDescriptors() const noexcept { return descriptors_; }
+
+ private:
+  static bool keepClaimable(wire::Frame& frame, std::size_t most) noexcept;
+
+  std::shared_ptr<NSXPCInterface> interface_;
+  const Protocol* protocol_ = nullptr;
+  std::shared_ptr<void> object_;
+  bool silenced_ = false;
+
+  std::size_t claimableByCalls_ = limits::kMaximumDescriptors;
+  std::size_t claimableByReplies_ = limits::kMaximumDescriptors;
+  std::deque<wire::Frame> calls_;
+  std::deque<Reply> replies_;
+  std::size_t descriptors_ = 0;
+  // Turns that have come, and their number at the last look.
+  std::uint64_t turns_ = 0;
+  std::uint64_t turnsAtLastLook_ = 0;
+  // Of the calls that have not been dealt with: those that wait, and the one whose turn it is.
+  std::size_t callBytes_ = 0;
+  std::size_t callCount_ = 0;
+  std::size_t replyBytes_ = 0;
+  // Since the last credit.
+  wire::Credit credit_;
+  std::size_t owedReplies_ = 0;
+};
+
+}  // namespace velto::xpc

@@ -1,0 +1,202 @@
+// One end over a bare channel: what it sends, what it makes of the frames that come, and what it tells whom in which
+// order.
+#include "platform/xpc/connection/ConnectionCore.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/connection/CallCoding.h"
+#include "platform/xpc/testing/Greeter.h"
+#include "platform/xpc/wire/Messages.h"
+
+namespace velto::xpc {
+namespace {
+
+using testing::Greeter;
+using testing::Inbox;
+using testing::TestGreeter;
+using wire::FrameType;
+
+// The other end: keeps the kinds of the frames that come.
+class OtherEnd final : public transport::ChannelReceiver {
+ public:
+  Inbox<FrameType> frames;
+  Inbox<std::string> ends;
+
+  void frameArrived(wire::Frame frame) override { frames.put(frame.type); }
+  void channelEnded(const std::string& reason) override { ends.put(reason); }
+  void outputDrained() override {}
+};
+
+// Runs code of the test when a block that holds it is destroyed.
+class AtDestruction {
+ public:
+  explicit AtDestruction(std::function<void()> action) : action_(std::move(action)) {}
+  ~AtDestruction() { action_(); }
+  AtDestruction(const AtDestruction&) = delete;
+  AtDestruction& operator=(const AtDestruction&) = delete;
+
+ private:
+  const std::function<void()> action_;
+};
+
+class Core : public ::testing::Test {
+ protected:
+  Core() {
+    VKTLogSetSink([](const VKTLogAnchor&, int, const NSString&) {});
+    auto [here, there] = testing::socketPair();
+    socket_ = std::move(here);
+    core = ConnectionCore::connecting("a test", "a test", [this] {
+      return transport::ConnectAttempt{std::move(socket_), false, false, "there is one socket only"};
+    });
+    core->setRemoteInterface(interface);
+    core->setExportedInterface(interface);
+    core->setExportedObject(protocolOf<Greeter>(), greeter);
+    core->setInterruptionHandler([told = told_] { told->put("interrupted"); });
+    core->setInvalidationHandler([told = told_] { told->put("invalidated"); });
+    channel = std::make_shared<transport::Channel>(
+        std::move(there), other, std::make_shared<transport::Holding>(std::weak_ptr<transport::HoldingOwner>()),
+        nullptr);
+    channel->start();
+  }
+  ~Core() override {
+    core->invalidateAtOnce();
+    channel->abort();
+    VKTLogSetSink({});
+  }
+
+  void greetFrom(const std::string& name, ReplyBlock reply) {
+    core->call(greet, {NSString(name)}, std::move(reply), errorHandler_);
+  }
+  void socketIsGone() { socket_.reset(); }
+  // Puts what it is called with, and then its destruction, into the list.
+  ReplyBlock notingBlock() {
+    const auto held = std::make_shared<AtDestruction>([told = told_, weak = std::weak_ptr(core)] {
+      // Takes the connection's lock, which must not be held.
+      if (const auto alive = weak.lock()) alive->peer();
+      told->put("let go of");
+    });
+    return {[held, told = told_](const NSObject& value) { told->put(value.as<NSString>().string()); }, false};
+  }
+
+ private:
+  const std::shared_ptr<Inbox<std::string>> told_ = std::make_shared<Inbox<std::string>>();
+  system::Descriptor socket_;
+  const ErrorHandler errorHandler_ = std::make_shared<const std::function<void(NSError)>>(
+      [told = told_](NSError error) { told->put(error.localizedDescription().string()); });
+
+ protected:
+  using Texts = std::vector<std::string>;
+  using Types = std::vector<FrameType>;
+
+  Inbox<std::string>& told = *told_;
+  const std::shared_ptr<NSXPCInterface> interface = NSXPCInterface::interfaceWithProtocol<Greeter>();
+  const Method& greet = *interface->protocol().methodForSelector("greet:reply:");
+  const std::shared_ptr<TestGreeter> greeter = std::make_shared<TestGreeter>();
+  const std::shared_ptr<OtherEnd> other = std::make_shared<OtherEnd>();
+  std::shared_ptr<ConnectionCore> core;
+  std::shared_ptr<transport::Channel> channel;
+};
+
+TEST_F(Core, SaysHelloThenWhatWasCalledBeforeAndGoodbyeLast) {
+  greetFrom("Ada", notingBlock());
+  core->resume();
+  EXPECT_EQ(other->frames.waitFor(2), (Types{FrameType::hello, FrameType::call}));
+  core->invalidate();
+  EXPECT_EQ(other->frames.waitFor(3).back(), FrameType::goodbye);
+  EXPECT_EQ(other->ends.waitFor(1), Texts{""});
+}
+
+TEST_F(Core, AnswersACallAndHasItsOwnAnswered) {
+  core->resume();
+  channel->send(wire::Hello::ours().encode());
+  channel->send(encodeCall(1, greet, {NSString("Ada")}, true).frame);
+  EXPECT_EQ(other->frames.waitFor(2), (Types{FrameType::hello, FrameType::reply}));
+  greetFrom("Bob", notingBlock());
+  other->frames.waitFor(3);
+  channel->send(encodeReply(1, NSString("hello Bob")).frame);
+  EXPECT_EQ(told.waitFor(2), (Texts{"hello Bob", "let go of"}));
+}
+
+TEST_F(Core, AReplyThatIsDroppedLetsGoOfItsBlockWithoutTheLock) {
+  core->resume();
+  channel->send(wire::Hello::ours().encode());
+  greetFrom("Ada", notingBlock());
+  other->frames.waitFor(2);
+  channel->send(wire::encodeReplyDropped(1));
+  EXPECT_EQ(told.waitFor(1), Texts{"let go of"});
+}
+
+TEST_F(Core, ARefusalIsReportedAndThenTheBlockLetGoOf) {
+  core->resume();
+  channel->send(wire::Hello::ours().encode());
+  greetFrom("Ada", notingBlock());
+  other->frames.waitFor(2);
+  channel->send(wire::Refusal{1, wire::kNoSuchMethod, "there is none"}.encode(FrameType::refusal));
+  EXPECT_EQ(told.waitFor(2), (Texts{"greet:reply: was refused by the other end: there is none", "let go of"}));
+}
+
+// A call that waits is more than the other end takes, as it says only now.
+TEST_F(Core, AHelloRefusesWhatWaitsAndIsOverIt) {
+  core->resume();
+  for (std::size_t count = 0; count < limits::kInitialCalls; ++count) greetFrom("Ada", {});
+  greetFrom("Bob", notingBlock());
+  wire::Hello hello = wire::Hello::ours();
+  hello.maximumFrameBytes = 10;
+  channel->send(hello.encode());
+  EXPECT_EQ(told.waitFor(2)[0].rfind("greet:reply: was not sent: bytes of a frame to this peer: ", 0), 0U);
+  EXPECT_EQ(told.soFar()[1], "let go of");
+}
+
+TEST_F(Core, AnEndTellsTheCallsThenTheInterruptionThenTheInvalidation) {
+  core->resume();
+  channel->send(wire::Hello::ours().encode());
+  greetFrom("Ada", notingBlock());
+  other->frames.waitFor(2);
+  channel->abort();
+  EXPECT_EQ(told.waitFor(4), (Texts{"greet:reply:: a test was interrupted: the other end has vanished", "let go of",
+                                    "interrupted", "invalidated"}));
+}
+
+TEST_F(Core, AGoodbyeIsNoInterruption) {
+  core->resume();
+  channel->send(wire::Hello::ours().encode());
+  channel->send(wire::encodeGoodbye());
+  EXPECT_EQ(told.waitFor(1), Texts{"invalidated"});
+  greetFrom("Ada", {});
+  EXPECT_EQ(told.waitFor(2)[1], "greet:reply: was not sent: a test was invalidated by the other end");
+}
+
+TEST_F(Core, AFrameBeforeTheHelloEndsIt) {
+  core->resume();
+  channel->send(wire::encodeReplyDropped(1));
+  EXPECT_EQ(told.waitFor(2), (Texts{"interrupted", "invalidated"}));
+  EXPECT_EQ(other->ends.waitFor(1).size(), 1U);
+}
+
+TEST_F(Core, WhatCannotConnectTellsWhyToTheCallsThatWait) {
+  socketIsGone();
+  greetFrom("Ada", {});
+  core->resume();
+  EXPECT_EQ(told.waitFor(2),
+            (Texts{"greet:reply:: a test cannot be reached: there is one socket only", "invalidated"}));
+}
+
+TEST_F(Core, TheExportedObjectIsLetGoOfWhenTheEndIsTold) {
+  std::weak_ptr<TestGreeter> weak;
+  {
+    const auto exported = std::make_shared<TestGreeter>();
+    weak = exported;
+    core->setExportedObject(protocolOf<Greeter>(), exported);
+  }
+  core->resume();
+  EXPECT_FALSE(weak.expired());
+  core->invalidate();
+  EXPECT_TRUE(testing::eventually([&] { return weak.expired(); }));
+  // After the end none is taken.
+  core->setExportedObject(protocolOf<Greeter>(), greeter);
+  EXPECT_EQ(greeter.use_count(), 1);
+}
+
+}  // namespace
+}  // namespace velto::xpc

@@ -1,0 +1,209 @@
+// Frames that come. What one brings about is noted under the lock, which is taken once, and done after it.
+
+#include <exception>
+#include <string>
+#include <utility>
+
+#include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/connection/ConnectionCore.h"
+#include "platform/xpc/interface/Errors.h"
+#include "platform/xpc/transport/Reactor.h"
+#include "platform/xpc/wire/Messages.h"
+#include "platform/xpc/wire/ValueDecoder.h"
+
+namespace velto::xpc {
+
+namespace {
+
+// Bytes of a reply that can hold what is dear to make.
+constexpr std::size_t kMayTakeLong = 256;
+
+}  // namespace
+
+// What a frame that has come brings about once the lock is let go of. What calls hold is the user's: it stays here.
+struct ConnectionCore::Due {
+  // The listener is told, and asked.
+  std::function<void()> called;
+  std::function<void(std::shared_ptr<ConnectionCore>)> accept;
+  // The queue gets a turn more.
+  bool hasCall = false;
+  bool hasReply = false;
+  // A call that is settled, and what its error handler is told; nil when that is nothing.
+  std::optional<OutgoingCall> settled;
+  NSError error;
+  // Its reply is for a block that never blocks: here and now, with what it may hold.
+  std::shared_ptr<NSXPCInterface> answered;
+  std::vector<OutgoingCalls::Refused> refused;
+  std::vector<OutgoingCall> forgotten;
+  // How the other end has broken the protocol; "" when it has not.
+  std::string offence;
+  NSXPCErrorCode code = NSXPCConnectionInterrupted;
+  bool saidGoodbye = false;
+};
+
+void ConnectionCore::frameArrived(wire::Frame frame) {
+  Due due;
+  {
+    MutexLock lock(mutex_);
+    if (life_.hasEnded() || !channel_) return;
+    due.offence = life_.disorder(frame.type == wire::FrameType::hello);
+    if (due.offence.empty()) dispatch(frame, due);
+  }
+  if (due.answered) {
+    finishOnReader(*due.settled, frame, *due.answered);
+  } else {
+    carryOut(due);
+  }
+}
+
+void ConnectionCore::dispatch(wire::Frame& frame, Due& due) {
+  switch (frame.type) {
+    case wire::FrameType::hello:
+      return helloArrived(frame, due);
+    case wire::FrameType::call:
+      return callArrived(frame, due);
+    case wire::FrameType::reply:
+      return replyArrived(frame, due);
+    case wire::FrameType::replyDropped:
+      return replyDroppedArrived(frame, due);
+    case wire::FrameType::refusal:
+    case wire::FrameType::replyRefusal:
+      return refusalArrived(frame, due);
+    case wire::FrameType::credit:
+      return creditArrived(frame, due);
+    case wire::FrameType::goodbye:
+      due.saidGoodbye = wire::decodeGoodbye(frame, due.offence);
+      return;
+  }
+}
+
+void ConnectionCore::carryOut(Due& due) {
+  if (due.called) due.called();
+  if (due.accept) post([self = shared_from_this(), accept = std::move(due.accept)] { accept(self); });
+  if (due.hasCall) post([self = shared_from_this()] { self->deliver(); });
+  if (due.hasReply) post([self = shared_from_this()] { self->deliverReply(); });
+  for (auto& [call, objection] : due.refused) {
+    postNotSent(call.errorHandler, *call.method, makeError(NSXPCLimitExceeded, objection));
+    due.forgotten.push_back(std::move(call));
+  }
+  if (due.settled) {
+    if (due.error) postFailure(due.settled->errorHandler, due.error);
+    due.forgotten.push_back(std::move(*due.settled));
+  }
+  letGo(std::move(due.forgotten));
+  if (!due.offence.empty()) return cutOff(due.code, due.offence);
+  if (!due.saidGoodbye) return;
+  if (const auto channel = currentChannel()) channel->abort();
+  end({makeError(NSXPCConnectionInvalid, name_ + " was invalidated by the other end"), false});
+}
+
+void ConnectionCore::helloArrived(const wire::Frame& frame, Due& due) {
+  const auto hello = wire::Hello::decode(frame, due.offence);
+  if (!hello) return;
+  if (hello->version != wire::kProtocolVersion) {
+    due.code = NSXPCVersionMismatch;
+    due.offence = "the other end speaks version " + std::to_string(hello->version) +
+                  " of the protocol, this one version " + std::to_string(wire::kProtocolVersion);
+    return;
+  }
+  due.refused = outgoing_.helloArrived(*hello);
+  if (life_.isClosing()) sayFarewell();
+  if (life_.maySendCalls()) sendWaiting();
+  stateWaiting();
+}
+
+void ConnectionCore::creditArrived(const wire::Frame& frame, Due& due) {
+  const auto credit = wire::Credit::decode(frame, due.offence);
+  if (!credit) return;
+  if (credit->calls == 0) {
+    due.offence = "credit for nothing";
+    return;
+  }
+  const bool isValid = outgoing_.creditArrived(*credit);
+  due.forgotten = outgoing_.takeForgotten();
+  if (!isValid) due.offence = "credit for calls that were never sent";
+  if (isValid && life_.isClosing()) sayFarewell();
+  if (isValid && life_.maySendCalls()) sendWaiting();
+  stateWaiting();
+}
+
+void ConnectionCore::callArrived(wire::Frame& frame, Due& due) {
+  auto arrival = arrivals_.callArrived(std::move(frame));
+  if (!arrival.isKept && arrival.offence.empty()) return;
+  stateArrived();
+  due.accept = life_.takeAccept();
+  due.offence = std::move(arrival.offence);
+  if (!due.offence.empty()) return;
+  due.called = life_.takeCalled();
+  due.hasCall = life_.isResumed();
+}
+
+void ConnectionCore::replyArrived(wire::Frame& frame, Due& due) {
+  const auto identifier = wire::ValueDecoder(frame).nextUnsigned();
+  if (!identifier) {
+    due.offence = "a reply without the number of its call";
+    return;
+  }
+  // What was asked before invalidate() may be answered after it.
+  if (life_.isClosing()) return;
+  const bool isClaimable = arrivals_.keepClaimable(frame);
+  due.settled = outgoing_.takeAwaitingReply(*identifier);
+  if (!due.settled) {
+    due.offence = "a reply to no call: " + std::to_string(*identifier);
+    return;
+  }
+  OutgoingCall& call = *due.settled;
+  if (!isClaimable) due.offence = "a reply with more descriptors than any takes";
+  if (!call.reply.neverBlocks) {
+    std::string excess = arrivals_.replyArrived(std::move(call), std::move(frame));
+    due.settled.reset();
+    stateArrived();
+    due.hasReply = true;
+    if (isClaimable) due.offence = std::move(excess);
+  } else if (isClaimable) {
+    due.answered = outgoing_.interface();
+  } else {
+    due.error = makeError(NSXPCReplyRefused,
+                          "the reply to " + call.method->selector + " was refused: more descriptors than any takes");
+  }
+}
+
+void ConnectionCore::replyDroppedArrived(const wire::Frame& frame, Due& due) {
+  const auto identifier = wire::decodeReplyDropped(frame, due.offence);
+  if (!identifier) return;
+  due.settled = outgoing_.takeAwaitingReply(*identifier);
+  if (due.settled || life_.isClosing()) return;
+  due.offence = "a dropped reply to no call: " + std::to_string(*identifier);
+}
+
+void ConnectionCore::refusalArrived(const wire::Frame& frame, Due& due) {
+  const auto refusal = wire::Refusal::decode(frame, due.offence);
+  if (!refusal) return;
+  const bool ofReply = frame.type == wire::FrameType::replyRefusal;
+  due.settled = ofReply ? outgoing_.takeAwaitingReply(refusal->identifier) : outgoing_.take(refusal->identifier);
+  if (life_.isClosing()) return;
+  if (!due.settled) {
+    due.offence = "a refusal of no call: " + std::to_string(refusal->identifier);
+    return;
+  }
+  auto code = ofReply ? NSXPCReplyRefused : NSXPCCallRefused;
+  if (refusal->code == wire::kLimitExceeded) code = NSXPCLimitExceeded;
+  const std::string what = ofReply ? " could not be answered: " : " was refused by the other end: ";
+  due.error = makeError(code, due.settled->method->selector + what + refusal->text);
+}
+
+// The reply block never blocks, but what a peer sends may take its time to be read.
+void ConnectionCore::finishOnReader(const OutgoingCall& call, const wire::Frame& frame,
+                                    const NSXPCInterface& interface) {
+  if (frame.size() >= kMayTakeLong) transport::Reactor::shared().standIn();
+  try {
+    finishCall(call, frame, interface);
+  } catch (const std::exception& exception) {
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A reply block raised an exception, which is ignored: %s",
+                  exception.what());
+  } catch (...) {
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A reply block raised an unknown exception, which is ignored");
+  }
+}
+
+}  // namespace velto::xpc
