@@ -2,6 +2,8 @@
 // hold what has no place in a log. The walk is bounded, because a mutable container can hold itself.
 #include "message/TypeChecking.h"
 
+#include <algorithm>
+
 #include "message/ValuePath.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/logging/VeltoLogging.h"
@@ -21,14 +23,13 @@ class TypeCheck {
   bool dictionary(const NSDictionary& dictionary) {
     const velto::WalkBound::Level level(bound_);
     if (!level) return refuseDepth();
-    // What can change is walked as it was.
-    const NSDictionary stable = dictionary.is<NSMutableDictionary>() ? dictionary.copy() : dictionary;
-    for (const auto& [key, value] : stable.pairs()) {
-      if (accepts(value)) continue;
-      place_.addKey(key);
-      return false;
+    if (!dictionary.is<NSMutableDictionary>()) {
+      return std::ranges::all_of(dictionary.pairs(),
+                                 [this](const auto& pair) { return acceptsAt(pair.key, pair.value); });
     }
-    return true;
+    // One that can change is walked by the keys that it has now.
+    return std::ranges::all_of(dictionary.allKeys(),
+                               [&](const NSObject& key) { return acceptsAt(key, dictionary.objectForKey(key)); });
   }
 
   bool array(const NSArray& array) {
@@ -52,6 +53,12 @@ class TypeCheck {
   bool accepts(const NSObject& value) {
     if (!bound_.visit()) return refuseCount();
     return isPlain(value) || refuseClass(value);
+  }
+
+  bool acceptsAt(const NSObject& key, const NSObject& value) {
+    if (accepts(value)) return true;
+    place_.addKey(key);
+    return false;
   }
 
   bool isPlain(const NSObject& value) {
