@@ -43,7 +43,7 @@ class AtDestruction {
 class Core : public ::testing::Test {
  protected:
   Core() {
-    VKTLogSetSink([](const VKTLogAnchor&, int, const NSString&) {});
+    VKTLogSetSink([lines = lines_](const VKTLogAnchor&, int, const NSString& text) { lines->put(text.string()); });
     auto [here, there] = testing::socketPair();
     socket_ = std::move(here);
     core = ConnectionCore::connecting("a test", "a test", [this] {
@@ -81,6 +81,7 @@ class Core : public ::testing::Test {
 
  private:
   const std::shared_ptr<Inbox<std::string>> told_ = std::make_shared<Inbox<std::string>>();
+  const std::shared_ptr<Inbox<std::string>> lines_ = std::make_shared<Inbox<std::string>>();
   system::Descriptor socket_;
   const ErrorHandler errorHandler_ = std::make_shared<const std::function<void(NSError)>>(
       [told = told_](NSError error) { told->put(error.localizedDescription().string()); });
@@ -90,6 +91,7 @@ class Core : public ::testing::Test {
   using Types = std::vector<FrameType>;
 
   Inbox<std::string>& told = *told_;
+  Inbox<std::string>& lines = *lines_;
   const std::shared_ptr<NSXPCInterface> interface = NSXPCInterface::interfaceWithProtocol<Greeter>();
   const Method& greet = *interface->protocol().methodForSelector("greet:reply:");
   const std::shared_ptr<TestGreeter> greeter = std::make_shared<TestGreeter>();
@@ -167,11 +169,13 @@ TEST_F(Core, AGoodbyeIsNoInterruption) {
   EXPECT_EQ(told.waitFor(2)[1], "greet:reply: was not sent: a test was invalidated by the other end");
 }
 
-TEST_F(Core, AFrameBeforeTheHelloEndsIt) {
+TEST_F(Core, AFrameBeforeTheHelloEndsItAndIsNotLookedAt) {
   core->resume();
-  channel->send(wire::encodeReplyDropped(1));
+  channel->send(encodeCall(1, greet, {NSString("Ada")}, true).frame);
   EXPECT_EQ(told.waitFor(2), (Texts{"interrupted", "invalidated"}));
   EXPECT_EQ(other->ends.waitFor(1).size(), 1U);
+  EXPECT_EQ(lines.waitFor(1), Texts{"a test is cut off: the first frame is not a hello"});
+  EXPECT_EQ(other->frames.soFar(), Types{FrameType::hello});
 }
 
 TEST_F(Core, WhatCannotConnectTellsWhyToTheCallsThatWait) {
