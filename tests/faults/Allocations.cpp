@@ -1,5 +1,5 @@
-// The operators new and delete of this program, and the realloc() and free() that its objects call. They belong to the
-// whole program, but only the thread that asks for it is counted against.
+// The operators new and delete of this program, and the malloc(), realloc() and free() that its objects call. They
+// belong to the whole program, but only the thread that asks for it is counted against.
 
 #include "tests/faults/Allocations.h"
 
@@ -20,14 +20,11 @@ bool fails() noexcept {
   return true;
 }
 
+// Counted below.
 void* allocate(std::size_t bytes) noexcept {
-  if (fails()) return nullptr;
-  void* const made = std::malloc(bytes > 0 ? bytes : 1);
-  if (made != nullptr) ++live;
-  return made;
+  return std::malloc(bytes > 0 ? bytes : 1);
 }
 
-// Counted below.
 void free(void* bytes) noexcept {
   std::free(bytes);
 }
@@ -55,11 +52,20 @@ std::ptrdiff_t liveAllocations() noexcept {
 
 // The linker puts these between the program's objects and the C library.
 extern "C" {
+void* __real_malloc(std::size_t size);
 void* __real_realloc(void* bytes, std::size_t size);
 void __real_free(void* bytes);
+void* __wrap_malloc(std::size_t size);
 void* __wrap_realloc(void* bytes, std::size_t size);
 void __wrap_free(void* bytes);
 
+void* __wrap_malloc(std::size_t size) {
+  using namespace velto::testing;
+  if (fails()) return nullptr;
+  void* const made = __real_malloc(size);
+  if (made != nullptr) ++live;
+  return made;
+}
 void* __wrap_realloc(void* bytes, std::size_t size) {
   using namespace velto::testing;
   if (fails()) return nullptr;

@@ -9,8 +9,7 @@ namespace velto::wire {
 
 namespace {
 
-void* largeMemory(void* before, std::size_t bytes) {
-  void* const memory = std::realloc(before, bytes);
+void* checked(void* memory) {
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
@@ -19,13 +18,13 @@ void* largeMemory(void* before, std::size_t bytes) {
 
 ByteBlock* ByteBlock::make(std::size_t capacity) {
   const std::size_t bytes = sizeof(ByteBlock) + capacity;
-  return new (isSmall(capacity) ? BodyMemory::allocate(bytes) : largeMemory(nullptr, bytes)) ByteBlock(capacity);
+  return new (isSmall(capacity) ? BodyMemory::allocate(bytes) : checked(std::malloc(bytes))) ByteBlock(capacity);
 }
 
 ByteBlock* ByteBlock::resize(ByteBlock* block, std::size_t capacity) {
   if (block == nullptr) return make(capacity);
   if (!isSmall(capacity) && !isSmall(block->capacity())) {
-    return new (largeMemory(static_cast<void*>(block), sizeof(ByteBlock) + capacity)) ByteBlock(capacity);
+    return new (checked(std::realloc(static_cast<void*>(block), sizeof(ByteBlock) + capacity))) ByteBlock(capacity);
   }
   ByteBlock* const made = make(capacity);
   std::memcpy(made->bytes(), block->bytes(), std::min(capacity, block->capacity()));
