@@ -4,7 +4,7 @@
 
 #include <iterator>
 
-#include "platform/xpc/contract/Limits.h"
+#include "VeltoIPC/Limits.h"
 
 namespace velto {
 

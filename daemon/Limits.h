@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "platform/xpc/contract/Limits.h"
+#include "VeltoIPC/Limits.h"
 
 namespace velto {
 

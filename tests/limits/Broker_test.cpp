@@ -5,7 +5,7 @@
 
 #include <signal.h>
 
-#include "platform/xpc/contract/Limits.h"
+#include "VeltoIPC/Limits.h"
 #include "tests/limits/Ends.h"
 #include "tests/support/BrokerLink.h"
 #include "tests/support/Brokers.h"

@@ -61,9 +61,6 @@ class OutgoingCalls {
     std::string objection;
   };
   std::vector<Refused> helloArrived(const wire::Hello& hello);
-  // What the other end keeps at most for a receiver that is busy: a call over it could never be sent.
-  std::uint64_t windowBytes() const noexcept { return windowBytes_; }
-  std::uint64_t windowCalls() const noexcept { return windowCalls_; }
   // False when more is given back than was ever taken.
   bool creditArrived(const wire::Credit& credit);
 
@@ -104,6 +101,7 @@ class OutgoingCalls {
   std::size_t pendingReplies_ = 0;
   std::size_t peerMaximumBytes_ = limits::kMaximumFrameBytes;
   std::size_t peerMaximumDescriptors_ = limits::kMaximumDescriptors;
+  // What the other end keeps at most for a receiver that is busy: a call over it could never be sent.
   std::uint64_t windowBytes_ = limits::kInitialBytes;
   std::uint64_t windowCalls_ = limits::kInitialCalls;
   std::uint64_t usedBytes_ = 0;

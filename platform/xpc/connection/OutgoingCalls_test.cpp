@@ -70,8 +70,15 @@ TEST(OutgoingCalls, ACreditWithoutEndIsWhatThisEndWouldAllow) {
   hello.undeliveredBytes = UINT64_MAX;
   hello.undeliveredCalls = UINT64_MAX;
   calls.helloArrived(hello);
-  EXPECT_EQ(calls.windowBytes(), limits::kUndeliveredBytes);
-  EXPECT_EQ(calls.windowCalls(), limits::kUndeliveredCalls);
+  constexpr std::size_t kLargest = limits::kMaximumFrameBytes;
+  for (std::uint64_t number = 0; number <= limits::kUndeliveredBytes / kLargest; ++number) add(calls, number, kLargest);
+  for (std::size_t left = limits::kUndeliveredBytes / kLargest; left > 0; --left) EXPECT_TRUE(calls.takeSendable());
+  EXPECT_FALSE(calls.takeSendable());
+  OutgoingCalls small;
+  small.helloArrived(hello);
+  for (std::uint64_t number = 0; number <= limits::kUndeliveredCalls; ++number) add(small, number, 1);
+  for (std::size_t left = limits::kUndeliveredCalls; left > 0; --left) EXPECT_TRUE(small.takeSendable());
+  EXPECT_FALSE(small.takeSendable());
 }
 
 TEST(OutgoingCalls, CreditThatWasNeverTakenIsNotGivenBack) {

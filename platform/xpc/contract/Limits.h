@@ -6,9 +6,9 @@
 
 namespace velto::limits {
 
-// Everything that a peer can make a process hold is bounded by one of these, and the broker's share by those at the
-// end. They are the same in every process of one version; the first frame of each end states those that the other must
-// know. A call over one of them is refused: the sender's error handler is told the limit, the value and the maximum.
+// Everything that a peer can make a process hold is bounded by one of these. They are the same in every process of one
+// version; the first frame of each end states those that the other must know. A call over one of them is refused: the
+// sender's error handler is told the limit, the value and the maximum.
 
 // Bytes of one call or one reply, its header not counted. Room for any sensible message; larger data belongs into files
 // or shared memory.
@@ -102,30 +102,6 @@ inline constexpr std::size_t kSpareWorkers = 3;
 
 // Bytes of a service's name: a file name can have no more.
 inline constexpr std::size_t kMaximumNameBytes = 255;
-
-// What clients can make the broker hold. The three totals are what all processes share: at one of them, the process
-// that holds the most makes room for one that holds less.
-
-// Names that stand at once. Each takes three descriptors.
-inline constexpr std::size_t kBrokerNames = 4096;
-// Names that were registered by one process and stand, over whatever links: a quarter of all.
-inline constexpr std::size_t kBrokerNamesOfOneProcess = 1024;
-// Names that were registered over one link and stand. A listener of the library registers one, over a link of its own.
-inline constexpr std::size_t kBrokerNamesOfOneLink = 64;
-// Links that are open at once: one for every connection and every listener of the library, of all processes. Each takes
-// one descriptor.
-inline constexpr std::size_t kBrokerLinks = 16384;
-// Descriptors of one name: the endpoint's two, and one to watch over its listener.
-inline constexpr std::size_t kBrokerDescriptorsOfOneName = 3;
-// Descriptors that one link can make the broker keep: the link's own, and those of its names.
-inline constexpr std::size_t kBrokerDescriptorsOfOneLink = 1 + kBrokerDescriptorsOfOneName * kBrokerNamesOfOneLink;
-// Descriptors of one process: by it the broker hears that the process has died.
-inline constexpr std::size_t kBrokerDescriptorsOfOneProcess = 1;
-// Descriptors of all names, links and processes, when each is of another process. With a lower limit of its own the
-// broker shares out what that leaves.
-inline constexpr std::size_t kBrokerDescriptors =
-    (kBrokerDescriptorsOfOneName + kBrokerDescriptorsOfOneProcess) * kBrokerNames +
-    (1 + kBrokerDescriptorsOfOneProcess) * kBrokerLinks;
 
 static_assert(kUndeliveredBytes >= kMaximumFrameBytes && kInitialBytes >= kMaximumFrameBytes);
 static_assert(kMaximumDescriptors <= 253);

@@ -25,10 +25,10 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include "VeltoIPC/Limits.h"
 #include "broker/VeltoIPCDaemonProtocol.h"
 #include "platform/xpc/NSXPCConnection.h"
 #include "platform/xpc/NSXPCListener.h"
-#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/transport/Sockets.h"
 #include "platform/xpc/wire/Messages.h"
 #include "platform/xpc/wire/ValueEncoder.h"
