@@ -6,14 +6,13 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <sys/epoll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/foundation/BuiltInClass.h"
 #include "platform/foundation/Class.h"
 #include "platform/xpc/system/SystemCalls.h"
-#include "platform/xpc/transport/Reactor.h"
+#include "platform/xpc/transport/HangUpWatch.h"
 #include "platform/xpc/wire/DescriptorCoding.h"
 
 namespace {
@@ -104,48 +103,14 @@ Class defineEndpointClass() {
   return made;
 }
 
-// Hears the pipe's hang-up for a watch. The reactor holds this and not the watch, so that letting go of the watch ends
-// it.
-class HangUpSource final : public velto::transport::EventSource {
- public:
-  explicit HangUpSource(std::function<void()> handler) : handler_(std::move(handler)) {}
-
-  void eventsArrived(std::uint32_t events) override {
-    if ((events & (EPOLLHUP | EPOLLERR)) == 0) return;
-    if (const auto handler = takeHandler()) handler();
-  }
-  std::function<void()> takeHandler() {
-    velto::MutexLock lock(mutex_);
-    return std::exchange(handler_, nullptr);
-  }
-
- private:
-  velto::Mutex mutex_;
-  std::function<void()> handler_ VELTO_GUARDED_BY(mutex_);
-};
-
 }  // namespace
 
 class NSXPCListenerEndpoint::Watch {
  public:
-  // Waits on a copy of the pipe's end: one descriptor cannot be watched twice.
-  Watch(velto::system::Descriptor hangUp, std::function<void()> handler)
-      : hangUp_(std::move(hangUp)),
-        source_(std::make_shared<HangUpSource>(std::move(handler))),
-        identifier_(velto::transport::Reactor::shared().add(hangUp_.get(), 0, source_)) {}
-  ~Watch() {
-    source_->takeHandler();
-    if (identifier_ != 0) velto::transport::Reactor::shared().remove(identifier_, hangUp_.get());
-  }
-  Watch(const Watch&) = delete;
-  Watch& operator=(const Watch&) = delete;
-
-  bool isWatching() const noexcept { return identifier_ != 0; }
+  explicit Watch(std::shared_ptr<velto::transport::HangUpWatch> hangUp) : hangUp_(std::move(hangUp)) {}
 
  private:
-  const velto::system::Descriptor hangUp_;
-  const std::shared_ptr<HangUpSource> source_;
-  const velto::transport::Reactor::Identifier identifier_;
+  const std::shared_ptr<velto::transport::HangUpWatch> hangUp_;
 };
 
 Class NSXPCListenerEndpoint::classObject() {
@@ -168,8 +133,6 @@ velto::system::SharedDescriptor NSXPCListenerEndpoint::hangUp() const {
 
 std::shared_ptr<NSXPCListenerEndpoint::Watch> NSXPCListenerEndpoint::watch(std::function<void()> handler) const {
   if (isNil()) return nullptr;
-  velto::system::Descriptor copy(systemCalls().duplicate(hangUp()->get()));
-  if (!copy) return nullptr;
-  auto made = std::make_shared<Watch>(std::move(copy), std::move(handler));
-  return made->isWatching() ? made : nullptr;
+  auto watch = velto::transport::HangUpWatch::make(hangUp()->get(), std::move(handler));
+  return watch ? std::make_shared<Watch>(std::move(watch)) : nullptr;
 }

@@ -72,8 +72,11 @@ TEST_F(BrokerLimits, OneLinkRegistersAsManyNamesAsItMayAndTheBrokerHoldsNoMoreFo
   EXPECT_TRUE(eventually([&] { return descriptorsOf(process) == before; }));
   {
     TestLink link;
+    // Each of another listener: names of one share what watches over it.
+    std::vector<std::shared_ptr<NSXPCListener>> listeners;
     for (std::size_t name = 0; name < limits::kBrokerNamesOfOneLink; ++name) {
-      link.registerEndpoint(listener->endpoint(), "name " + std::to_string(name));
+      listeners.push_back(NSXPCListener::anonymousListener());
+      link.registerEndpoint(listeners.back()->endpoint(), "name " + std::to_string(name));
     }
     EXPECT_EQ(descriptorsOf(process), before + ofOne);
     for (int round = 0; round < 3; ++round) link.registerEndpoint(listener->endpoint(), "one more");
