@@ -1,6 +1,7 @@
 // Conditions. A counter of signals stands beside the caller's lock: whoever locks remembers the counter, and a wait
 // ends as soon as it has moved on since. So a signal that comes while a thread tests is not lost, although it takes no
-// more than a small lock of the condition's own, which is never held while anyone waits for anything.
+// more than a small lock of the condition's own, which is never held while anyone waits for anything. A thread that has
+// work for the time of its sleep does that first, and is told of a signal like one that sleeps.
 #include "platform/foundation/NSCondition.h"
 
 #include <atomic>
@@ -19,6 +20,7 @@ namespace {
 using SteadyTime = std::chrono::steady_clock::time_point;
 
 thread_local WaitObserver* threadObserver = nullptr;
+thread_local WaitingWork* threadWork = nullptr;
 
 // Tells this thread's observer of a sleep, from construction to destruction.
 class ObservedSleep {
@@ -70,13 +72,15 @@ class ConditionBody final : public ObjectBody {
   void countSignal() {
     // Under the lock, or the signal could fall between a sleeper's last look at the counter and its sleep.
     MutexLock lock(sleepersLock_);
-    signals_.fetch_add(1, std::memory_order_release);
+    signals_.fetch_add(1);
+    for (const Worker* worker = workers_; worker != nullptr; worker = worker->next) worker->work.interrupt();
   }
 
   bool sleep(std::uint64_t seen, const std::optional<SteadyTime>& deadline) {
     if (hasMovedOn(seen)) return true;
     if (deadline && std::chrono::steady_clock::now() >= *deadline) return false;
     const ObservedSleep observed;
+    if (threadWork != nullptr) workInstead(*threadWork, {signals_, seen, deadline});
     MutexLock lock(sleepersLock_);
     while (!hasMovedOn(seen)) {
       if (!deadline) {
@@ -88,10 +92,30 @@ class ConditionBody final : public ObjectBody {
     return true;
   }
 
+  // A signal finds who works instead of sleeping in this list.
+  struct Worker {
+    WaitingWork& work;
+    Worker* next;
+  };
+
+  void workInstead(WaitingWork& work, const ConditionSleep& sleep) {
+    Worker worker{work, nullptr};
+    {
+      MutexLock lock(sleepersLock_);
+      worker.next = std::exchange(workers_, &worker);
+    }
+    work.work(sleep);
+    MutexLock lock(sleepersLock_);
+    Worker** place = &workers_;
+    while (*place != &worker) place = &(*place)->next;
+    *place = worker.next;
+  }
+
   Mutex callersLock_;  // held by callers across calls
   std::uint64_t signalsSeen_ VELTO_GUARDED_BY(callersLock_) = 0;
   Mutex sleepersLock_;
   std::condition_variable changed_;
+  Worker* workers_ VELTO_GUARDED_BY(sleepersLock_) = nullptr;
   std::atomic<std::uint64_t> signals_{0};  // changes only under sleepersLock_
 };
 
@@ -103,6 +127,10 @@ ConditionBody& bodyOf(const NSCondition& condition) {
 
 WaitObserver* WaitObserver::install(WaitObserver* observer) noexcept {
   return std::exchange(threadObserver, observer);
+}
+
+WaitingWork* WaitingWork::install(WaitingWork* work) noexcept {
+  return std::exchange(threadWork, work);
 }
 
 }  // namespace velto

@@ -1,5 +1,10 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+
 #include "platform/foundation/NSDate.h"
 #include "platform/foundation/NSObject.h"
 #include "platform/foundation/ThreadAnnotations.h"
@@ -17,6 +22,40 @@ class VELTO_EXPORT WaitObserver {
 
  protected:
   ~WaitObserver() = default;
+};
+
+// A sleep in an NSCondition, as the thread sees it whose sleep it is.
+class VELTO_EXPORT ConditionSleep {
+ public:
+  using SteadyTime = std::chrono::steady_clock::time_point;
+
+  ConditionSleep(const std::atomic<std::uint64_t>& signals, std::uint64_t seen, std::optional<SteadyTime> deadline)
+      : signals_(signals), seen_(seen), deadline_(deadline) {}
+  // A signal has ended it.
+  bool isOver() const noexcept { return signals_.load() != seen_; }
+  // When it ends at the latest; nothing when only a signal ends it.
+  const std::optional<SteadyTime>& deadline() const noexcept { return deadline_; }
+
+ private:
+  const std::atomic<std::uint64_t>& signals_;
+  const std::uint64_t seen_;
+  const std::optional<SteadyTime> deadline_;
+};
+
+// What a thread can do while it would sleep in an NSCondition: bring about itself what it waits for. At most one per
+// thread.
+class VELTO_EXPORT WaitingWork {
+ public:
+  // On the thread whose work it is: works until the sleep is over, or there is nothing left to do; then the thread
+  // sleeps.
+  virtual void work(const ConditionSleep& sleep) noexcept = 0;
+  // From any thread that signals the condition: work() is to look whether the sleep is over. Must not wait.
+  virtual void interrupt() noexcept = 0;
+  // Of the current thread. Returns the one that was installed before.
+  static WaitingWork* install(WaitingWork* work) noexcept;
+
+ protected:
+  ~WaitingWork() = default;
 };
 
 }  // namespace velto

@@ -1,6 +1,7 @@
 #include "platform/foundation/NSCondition.h"
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -12,6 +13,8 @@
 namespace {
 
 using velto::ConditionLock;
+using velto::ConditionSleep;
+using velto::WaitingWork;
 using velto::WaitObserver;
 
 // A bound that no working condition comes near.
@@ -249,6 +252,99 @@ TEST(NSCondition, TheObserverBelongsToItsThread) {
   }).join();
   WaitObserver::install(nullptr);
   EXPECT_EQ(observer.willWait, 0);
+}
+
+// Works until it is told to stop, or until the sleep is over, and counts how often it was interrupted.
+class CountingWork final : public WaitingWork {
+ public:
+  void work(const ConditionSleep& sleep) noexcept override {
+    ++works;
+    hasDeadline = sleep.deadline().has_value();
+    if (begin) begin();
+    while (!sleep.isOver() && !stops) std::this_thread::yield();
+    wasOver = sleep.isOver();
+  }
+  void interrupt() noexcept override { ++interruptions; }
+
+  std::function<void()> begin;
+  bool stops = false;
+  int works = 0;
+  bool hasDeadline = false;
+  bool wasOver = false;
+  std::atomic<int> interruptions{0};
+};
+
+TEST(NSCondition, AThreadWithWorkWorksUntilASignalInsteadOfSleeping) {
+  CountingWork work;
+  const NSCondition condition = NSCondition::condition();
+  work.begin = [condition] { signalOnAnotherThread(condition); };
+  EXPECT_EQ(WaitingWork::install(&work), nullptr);
+  {
+    const ConditionLock lock(condition);
+    condition.wait();
+  }
+  EXPECT_EQ(WaitingWork::install(nullptr), &work);
+  EXPECT_EQ(work.works, 1);
+  EXPECT_TRUE(work.wasOver);
+  EXPECT_FALSE(work.hasDeadline);
+  EXPECT_EQ(work.interruptions, 1);
+  condition.signal();
+  EXPECT_EQ(work.interruptions, 1);
+}
+
+TEST(NSCondition, WorkThatRunsOutLeavesTheThreadAsleepUntilASignalOrTheDate) {
+  CountingWork work;
+  work.stops = true;
+  WaitingWork::install(&work);
+  const NSCondition condition = NSCondition::condition();
+  const ConditionLock lock(condition);
+  EXPECT_FALSE(condition.waitUntilDate(NSDate::dateWithTimeIntervalSinceNow(0.001)));
+  EXPECT_TRUE(work.hasDeadline);
+  std::thread signaller([condition] { condition.signal(); });
+  EXPECT_TRUE(condition.waitUntilDate(patience()));
+  signaller.join();
+  WaitingWork::install(nullptr);
+  EXPECT_EQ(work.works, 2);
+}
+
+TEST(NSCondition, AWaitThatDoesNotSleepDoesNoWork) {
+  CountingWork work;
+  WaitingWork::install(&work);
+  const NSCondition condition = NSCondition::condition();
+  const ConditionLock lock(condition);
+  condition.signal();
+  condition.wait();
+  EXPECT_FALSE(condition.waitUntilDate(NSDate::date()));
+  WaitingWork::install(nullptr);
+  EXPECT_EQ(work.works, 0);
+}
+
+TEST(NSCondition, SignalsEndEveryWorkOfManyThreads) {
+  constexpr int kThreads = 8;
+  constexpr int kRounds = 500;
+  const NSCondition condition = NSCondition::condition();
+  std::atomic<int> round{0};
+  std::atomic<int> arrived{0};
+  std::vector<std::thread> waiters;
+  for (int each = 0; each < kThreads; ++each) {
+    waiters.emplace_back([&] {
+      CountingWork work;
+      WaitingWork::install(&work);
+      for (int next = 1; next <= kRounds; ++next) {
+        const ConditionLock lock(condition);
+        while (round < next) condition.wait();
+        ++arrived;
+      }
+      WaitingWork::install(nullptr);
+    });
+  }
+  for (int next = 1; next <= kRounds; ++next) {
+    round = next;
+    condition.broadcast();
+    while (arrived < next * kThreads) std::this_thread::yield();
+  }
+  for (std::thread& thread : waiters) thread.join();
+  EXPECT_EQ(arrived, kThreads * kRounds);
 }
 
 TEST(NSCondition, CallsOnNilDoNothing) {

@@ -84,9 +84,9 @@ std::vector<SystemCall> callsOfTheTable() {
 
 const std::vector<SystemCall>& callsApart() {
   static const std::vector<SystemCall>& calls = *new std::vector<SystemCall>{
-      SystemCall::makeDirectory, SystemCall::shutdown,  SystemCall::epollCreate, SystemCall::eventCounter,
-      SystemCall::timer,         SystemCall::setTimer,  SystemCall::read,        SystemCall::openPeerProcess,
-      SystemCall::openProcess,   SystemCall::isReadable};
+      SystemCall::makeDirectory, SystemCall::shutdown,   SystemCall::epollCreate, SystemCall::eventCounter,
+      SystemCall::timer,         SystemCall::setTimer,   SystemCall::read,        SystemCall::openPeerProcess,
+      SystemCall::openProcess,   SystemCall::isReadable, SystemCall::epollLook,   SystemCall::awaitReadable};
   return calls;
 }
 

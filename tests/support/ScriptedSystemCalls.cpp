@@ -13,12 +13,12 @@ namespace velto::testing {
 namespace {
 
 constexpr std::array<const char*, kSystemCallCount> kNames = {
-    "socketStream",   "bind",        "connect",         "listen",      "accept",     "shutdown",
-    "peerUser",       "peerProcess", "openPeerProcess", "openProcess", "isReadable", "sendMessage",
-    "receiveMessage", "openAt",      "makeDirectory",   "unlinkAt",    "renameAt",   "changeMode",
-    "lockDirectory",  "status",      "statusFlags",     "pipe",        "duplicate",  "epollCreate",
-    "epollControl",   "epollWait",   "eventCounter",    "timer",       "setTimer",   "read",
-    "write",          "close"};
+    "socketStream", "bind",           "connect",         "listen",        "accept",       "shutdown",
+    "peerUser",     "peerProcess",    "openPeerProcess", "openProcess",   "isReadable",   "awaitReadable",
+    "sendMessage",  "receiveMessage", "openAt",          "makeDirectory", "unlinkAt",     "renameAt",
+    "changeMode",   "lockDirectory",  "status",          "statusFlags",   "pipe",         "duplicate",
+    "epollCreate",  "epollControl",   "epollWait",       "epollLook",     "eventCounter", "timer",
+    "setTimer",     "read",           "write",           "close"};
 
 // The first `bytes` bytes of what a message's vectors describe.
 std::vector<iovec> shortened(const msghdr& message, std::size_t bytes) {
@@ -143,6 +143,11 @@ int ScriptedSystemCalls::isReadable(int descriptor) {
   return passes(SystemCall::isReadable, descriptor) ? SystemCalls::isReadable(descriptor) : -1;
 }
 
+int ScriptedSystemCalls::awaitReadable(int descriptor, int other, std::uint64_t nanoseconds) {
+  return passes(SystemCall::awaitReadable, descriptor) ? SystemCalls::awaitReadable(descriptor, other, nanoseconds)
+                                                       : -1;
+}
+
 int ScriptedSystemCalls::openAt(int directory, const char* name, int flags) {
   return passes(SystemCall::openAt, directory) ? SystemCalls::openAt(directory, name, flags) : -1;
 }
@@ -193,6 +198,10 @@ int ScriptedSystemCalls::epollControl(int epoll, int operation, int descriptor, 
 
 int ScriptedSystemCalls::epollWait(int epoll, epoll_event* events, int capacity) {
   return passes(SystemCall::epollWait, epoll) ? SystemCalls::epollWait(epoll, events, capacity) : -1;
+}
+
+int ScriptedSystemCalls::epollLook(int epoll, epoll_event* events, int capacity) {
+  return passes(SystemCall::epollLook, epoll) ? SystemCalls::epollLook(epoll, events, capacity) : -1;
 }
 
 int ScriptedSystemCalls::eventCounter() {

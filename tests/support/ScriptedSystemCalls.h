@@ -22,6 +22,7 @@ enum class SystemCall {
   openPeerProcess,
   openProcess,
   isReadable,
+  awaitReadable,
   sendMessage,
   receiveMessage,
   openAt,
@@ -37,6 +38,7 @@ enum class SystemCall {
   epollCreate,
   epollControl,
   epollWait,
+  epollLook,
   eventCounter,
   timer,
   setTimer,
@@ -85,6 +87,7 @@ class ScriptedSystemCalls final : public system::SystemCalls {
   int openPeerProcess(int socket) override;
   int openProcess(pid_t process) override;
   int isReadable(int descriptor) override;
+  int awaitReadable(int descriptor, int other, std::uint64_t nanoseconds) override;
   ssize_t sendMessage(int socket, const msghdr& message) override;
   ssize_t receiveMessage(int socket, msghdr& message) override;
   int openAt(int directory, const char* name, int flags) override;
@@ -100,6 +103,7 @@ class ScriptedSystemCalls final : public system::SystemCalls {
   int epollCreate() override;
   int epollControl(int epoll, int operation, int descriptor, epoll_event& event) override;
   int epollWait(int epoll, epoll_event* events, int capacity) override;
+  int epollLook(int epoll, epoll_event* events, int capacity) override;
   int eventCounter() override;
   int timer() override;
   int setTimer(int timer, std::uint64_t nanoseconds) override;

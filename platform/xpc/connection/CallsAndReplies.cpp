@@ -11,6 +11,7 @@
 #include "platform/xpc/connection/ReplyTicket.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/interface/Errors.h"
+#include "platform/xpc/transport/OwnReading.h"
 #include "platform/xpc/transport/Reactor.h"
 #include "platform/xpc/wire/Messages.h"
 
@@ -52,6 +53,7 @@ void ConnectionCore::call(const Method& method, const std::vector<NSObject>& arg
                   ? life_.endError()
                   : outgoing_.refusalToKeep(encoded.frame, static_cast<bool>(outgoing.reply), waitingInChannel());
     if (!failure) {
+      if (outgoing.reply.neverBlocks && channel_) transport::OwnReading::expect(channel_);
       outgoing_.add(std::move(outgoing), std::move(encoded.frame));
       if (life_.maySendCalls()) sendWaiting();
       stateWaiting();

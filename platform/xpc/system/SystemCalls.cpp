@@ -3,6 +3,7 @@
 
 #include "platform/xpc/system/SystemCalls.h"
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -124,6 +125,14 @@ int SystemCalls::isReadable(int descriptor) {
   return uninterrupted([&] { return ::poll(&asked, 1, 0); });
 }
 
+int SystemCalls::awaitReadable(int descriptor, int other, std::uint64_t nanoseconds) {
+  std::array<pollfd, 2> asked{pollfd{descriptor, POLLIN | POLLRDHUP, 0}, pollfd{other, POLLIN, 0}};
+  const timespec time{static_cast<time_t>(nanoseconds / kNanosecondsPerSecond),
+                      static_cast<long>(nanoseconds % kNanosecondsPerSecond)};
+  const int result = ::ppoll(asked.data(), asked.size(), &time, nullptr);
+  return result < 0 && errno == EINTR ? 0 : result;
+}
+
 ssize_t SystemCalls::sendMessage(int socket, const msghdr& message) {
   return uninterrupted([&] { return ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT); });
 }
@@ -182,6 +191,10 @@ int SystemCalls::epollControl(int epoll, int operation, int descriptor, epoll_ev
 
 int SystemCalls::epollWait(int epoll, epoll_event* events, int capacity) {
   return uninterrupted([&] { return ::epoll_wait(epoll, events, capacity, -1); });
+}
+
+int SystemCalls::epollLook(int epoll, epoll_event* events, int capacity) {
+  return uninterrupted([&] { return ::epoll_wait(epoll, events, capacity, 0); });
 }
 
 int SystemCalls::eventCounter() {

@@ -36,6 +36,8 @@ class SystemCalls {
   virtual int openProcess(pid_t process);
   // 1 or 0, at once: whether there is something to be read.
   virtual int isReadable(int descriptor);
+  // Sleeps until one of the two has something to be read, or has ended; or for so long: 0 then, and after a signal.
+  virtual int awaitReadable(int descriptor, int other, std::uint64_t nanoseconds);
   virtual ssize_t sendMessage(int socket, const msghdr& message);
   virtual ssize_t receiveMessage(int socket, msghdr& message);
 
@@ -55,6 +57,8 @@ class SystemCalls {
   virtual int epollCreate();
   virtual int epollControl(int epoll, int operation, int descriptor, epoll_event& event);
   virtual int epollWait(int epoll, epoll_event* events, int capacity);
+  // The same, at once.
+  virtual int epollLook(int epoll, epoll_event* events, int capacity);
   virtual int eventCounter();
   virtual int timer();
   // One expiry `nanoseconds` from now; 0 disarms.

@@ -26,7 +26,7 @@ constexpr std::uint32_t kInput = EPOLLIN | EPOLLRDHUP;
 constexpr std::uint32_t kHangUp = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 // Frames gathered into one write.
 constexpr std::size_t kGatheredFrames = 32;
-// Pause before a write is tried again that the kernel had no memory for, or no room for descriptors on their way.
+// Pause before something is tried again that the kernel had no memory for, or no room for descriptors on their way.
 constexpr std::chrono::milliseconds kRetryPause{10};
 constexpr std::size_t kReadBytes = std::size_t{64} << 10;
 constexpr std::size_t kSmallReadBytes = std::size_t{8} << 10;
@@ -87,7 +87,7 @@ bool Channel::start() {
   MutexLock lock(mutex_);
   // Whoever sent before this may have closed it, or filled it.
   if (!socket_) return true;
-  identifier_ = Reactor::shared().add(socket_->get(), watchesForRoom_ ? kInput | EPOLLOUT : kInput, shared_from_this());
+  identifier_ = Reactor::shared().add(socket_->get(), watchedEvents(), shared_from_this());
   return identifier_ != 0;
 }
 
@@ -164,7 +164,12 @@ void Channel::readOn() {
 }
 
 void Channel::read() {
-  if (readEvents_.fetch_add(1) != 0) return;
+  if (readEvents_.fetch_add(1) == 0) return readPending();
+  MutexLock lock(mutex_);
+  if (ownReader_ != nullptr) ownReader_->wakeUp();
+}
+
+void Channel::readPending() {
   std::uint32_t seen = 0;
   do {
     seen = readEvents_.load();
@@ -176,14 +181,72 @@ void Channel::read() {
   } while (readEvents_.fetch_sub(seen) != seen);
 }
 
+bool Channel::takeReading(SleepingReader& reader) {
+  std::uint32_t nobody = 0;
+  if (!readEvents_.compare_exchange_strong(nobody, 1)) return false;
+  {
+    MutexLock lock(mutex_);
+    if (socket_ && identifier_ != 0 && !hungUp_ && !holding_->mustWait()) {
+      ownReader_ = &reader;
+      watchEvents();
+      return true;
+    }
+  }
+  giveReadingUp();
+  return false;
+}
+
+bool Channel::readOwn() {
+  std::uint32_t seen = 0;
+  do {
+    seen = readEvents_.load();
+    const Read result = readTurn();
+    if (result == Read::turnIsOver) return true;
+    if (result == Read::ended) return false;
+    // But for the one by which reading is this thread's.
+  } while (readEvents_.fetch_sub(seen - 1) != seen);
+  return !hungUp_ && !holding_->mustWait();
+}
+
+system::SharedDescriptor Channel::mayAwait() {
+  MutexLock lock(mutex_);
+  return readEvents_.load() > 1 ? nullptr : socket_;
+}
+
+void Channel::giveReadingUp() {
+  bool wasWatched = false;
+  {
+    MutexLock lock(mutex_);
+    wasWatched = std::exchange(ownReader_, nullptr) == nullptr;
+  }
+  if (!wasWatched) watchAgain();
+  if (readEvents_.fetch_sub(1) != 1) readPending();
+}
+
+void Channel::watchAgain() {
+  MutexLock lock(mutex_);
+  if (!socket_ || ownReader_ != nullptr || watchEvents()) return;
+  Reactor::shared().timers().add(kRetryPause, [weak = weak_from_this()] {
+    if (const auto channel = weak.lock()) channel->watchAgain();
+  });
+}
+
+std::uint32_t Channel::watchedEvents() const {
+  const std::uint32_t input = ownReader_ == nullptr ? kInput : 0;
+  return watchesForRoom_ ? input | EPOLLOUT : input;
+}
+
+bool Channel::watchEvents() {
+  return Reactor::shared().changeEvents(identifier_, socket_->get(), watchedEvents());
+}
+
 // The kernel tells of the socket again, behind all others that have something to read.
 void Channel::readAgainSoon() {
   {
     MutexLock lock(mutex_);
     if (!socket_) return;
-    const std::uint32_t events = watchesForRoom_ ? kInput | EPOLLOUT : kInput;
     const bool hearsOfEnd = !endsWhenDrained_ && identifier_ != 0;
-    if (hearsOfEnd && Reactor::shared().changeEvents(identifier_, socket_->get(), events)) return;
+    if (hearsOfEnd && watchEvents()) return;
   }
   Reactor::shared().timers().add({}, [weak = weak_from_this()] {
     if (const auto channel = weak.lock()) channel->read();
@@ -377,12 +440,10 @@ void Channel::endSoon() {
 
 void Channel::watchForRoom(bool wanted, bool anew) {
   if (watchesForRoom_ == wanted && !anew) return;
-  if (identifier_ == 0 ||
-      Reactor::shared().changeEvents(identifier_, socket_->get(), wanted ? kInput | EPOLLOUT : kInput)) {
-    watchesForRoom_ = wanted;
-  } else if (wanted) {
-    retryLater();
-  }
+  watchesForRoom_ = wanted;
+  if (identifier_ == 0 || watchEvents()) return;
+  watchesForRoom_ = !wanted;
+  if (wanted) retryLater();
 }
 
 void Channel::retryLater() {

@@ -41,6 +41,16 @@ class ChannelPlace {
   virtual void heard() noexcept = 0;
 };
 
+// Asleep, or about to be, until there is something to read.
+class SleepingReader {
+ public:
+  // From any thread: it is to look again. Never waits.
+  virtual void wakeUp() noexcept = 0;
+
+ protected:
+  ~SleepingReader() = default;
+};
+
 // A connected socket that carries frames both ways. A frame is written by the thread that sends it when the socket has
 // room and nothing is queued before it, and in the background otherwise. Reading never waits for anybody, but it takes
 // turns: after some frames others are read first. It rests only while the process holds too much (see Holding).
@@ -71,6 +81,15 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
   std::uint64_t framesWritten() const noexcept { return written_.load(std::memory_order_acquire); }
   // Bytes that wait for room in the socket.
   std::size_t waitingBytes() const noexcept { return waitingBytes_.load(std::memory_order_relaxed); }
+
+  // For a thread that waits for what comes: it reads in place of the reactor until it gives that up, and the reactor
+  // is not even woken. False when another thread reads, or this one need not.
+  bool takeReading(SleepingReader& reader);
+  // Reads all that is there. False when reading is better given up: the stream is over, or must rest.
+  bool readOwn();
+  // For who may sleep until there is something to read: the socket. Null when there may be something now.
+  system::SharedDescriptor mayAwait();
+  void giveReadingUp();
 
   // Closes the socket once everything handed over before is written.
   void finish();
@@ -106,6 +125,12 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
 
   // Reads unless another thread does, which then reads on.
   void read();
+  void readPending();
+  std::uint32_t watchedEvents() const VELTO_REQUIRES(mutex_);
+  // False when the kernel refuses.
+  bool watchEvents() VELTO_REQUIRES(mutex_);
+  // Until it does not.
+  void watchAgain();
   Read readTurn();
   Read readOnce(Turn& turn);
   // False when the stream is broken or nobody listens any more.
@@ -158,6 +183,8 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
   std::shared_ptr<ChannelReceiver> receiver_ VELTO_GUARDED_BY(mutex_);
   std::deque<Output> output_ VELTO_GUARDED_BY(mutex_);
   bool watchesForRoom_ VELTO_GUARDED_BY(mutex_) = false;
+  // Reads in place of the reactor.
+  SleepingReader* ownReader_ VELTO_GUARDED_BY(mutex_) = nullptr;
   bool finishing_ VELTO_GUARDED_BY(mutex_) = false;
   bool outputBroken_ VELTO_GUARDED_BY(mutex_) = false;
   std::shared_ptr<ChannelPlace> place_ VELTO_GUARDED_BY(mutex_);
