@@ -1,5 +1,5 @@
-// All idle threads sleep in epoll_wait on one epoll descriptor, and the kernel wakes one of them per event. Handing the
-// duty of reading from thread to thread therefore costs nothing: it is enough that one thread too many waits there.
+// All idle threads wait for events (see Events), and each event goes to one of them. Handing the duty of reading from
+// thread to thread therefore wakes nobody: it is enough that one thread too many waits there.
 //
 // A queue that is scheduled waits in one of two lists until a thread has a seat for it. Who leaves a seat looks into
 // the lists; nobody is woken for what cannot run, so that a shortage of threads costs no time.
@@ -32,7 +32,6 @@ namespace velto::transport {
 
 namespace {
 
-constexpr Reactor::Identifier kWakeUp = 0;
 constexpr Reactor::Identifier kTimer = 1;
 constexpr Reactor::Identifier kFirstSource = 2;
 // Between two tries to wait for events that cannot be waited for.
@@ -54,13 +53,6 @@ constexpr std::size_t kMaximumThreads = limits::kMaximumWorkers + limits::kReser
 thread_local std::shared_ptr<SerialQueue>* queueToDrain = nullptr;
 // Whether the seat that the current thread has is an urgent queue's; none while it has no seat.
 thread_local bool* seatIsUrgent = nullptr;
-
-epoll_event eventFor(Reactor::Identifier identifier, std::uint32_t events) {
-  epoll_event event{};
-  event.events = events | EPOLLET;
-  event.data.u64 = identifier;
-  return event;
-}
 
 }  // namespace
 
@@ -96,20 +88,10 @@ bool Reactor::setUp() {
   if (isSetUp_.load(std::memory_order_acquire)) return true;
   MutexLock lock(setUpMutex_);
   if (isSetUp_.load(std::memory_order_relaxed)) return true;
-  auto& calls = system::systemCalls();
-  if (!epoll_) epoll_ = system::Descriptor(calls.epollCreate());
-  if (!epoll_) return false;
-  if (!wakeUp_) wakeUp_ = system::Descriptor(calls.eventCounter());
-  if (!wakeUp_ || !timers_.makeTimer()) return false;
-  const auto watch = [&](bool& watches, int descriptor, Identifier identifier) {
-    auto event = eventFor(identifier, EPOLLIN);
-    watches = watches || calls.epollControl(epoll_.get(), EPOLL_CTL_ADD, descriptor, event) == 0;
-    return watches;
-  };
-  if (!watch(watchesWakeUp_, wakeUp_.get(), kWakeUp)) return false;
-  if (!watch(watchesTimers_, timers_.descriptor(), kTimer)) return false;
-  isSetUp_.store(true, std::memory_order_release);
-  return true;
+  if (!events_.setUp() || !timers_.makeTimer()) return false;
+  watchesTimers_ = watchesTimers_ || events_.add(timers_.descriptor(), EPOLLIN, kTimer);
+  isSetUp_.store(watchesTimers_, std::memory_order_release);
+  return watchesTimers_;
 }
 
 Reactor::Identifier Reactor::add(int descriptor, std::uint32_t events, std::shared_ptr<EventSource> source) {
@@ -120,8 +102,7 @@ Reactor::Identifier Reactor::add(int descriptor, std::uint32_t events, std::shar
     identifier = ++lastIdentifier_;
     sources_.emplace(identifier, std::move(source));
   }
-  auto event = eventFor(identifier, events);
-  if (system::systemCalls().epollControl(epoll_.get(), EPOLL_CTL_ADD, descriptor, event) != 0) {
+  if (!events_.add(descriptor, events, identifier)) {
     const int error = errno;
     MutexLock lock(mutex_);
     sources_.erase(identifier);
@@ -133,13 +114,11 @@ Reactor::Identifier Reactor::add(int descriptor, std::uint32_t events, std::shar
 }
 
 bool Reactor::changeEvents(Identifier identifier, int descriptor, std::uint32_t events) {
-  auto event = eventFor(identifier, events);
-  return system::systemCalls().epollControl(epoll_.get(), EPOLL_CTL_MOD, descriptor, event) == 0;
+  return events_.change(descriptor, events, identifier);
 }
 
 void Reactor::remove(Identifier identifier, int descriptor) {
-  epoll_event unused{};
-  system::systemCalls().epollControl(epoll_.get(), EPOLL_CTL_DEL, descriptor, unused);
+  events_.remove(descriptor);
   std::shared_ptr<EventSource> source;  // let go of after the lock
   MutexLock lock(mutex_);
   const auto place = sources_.find(identifier);
@@ -250,12 +229,8 @@ void Reactor::promote(SerialQueue& queue) noexcept {
 }
 
 void Reactor::wakeOne() noexcept {
-  // Never read: edge-triggered, each write wakes one thread, and the counter has room for ever.
-  const std::uint64_t one = 1;
-  if (!isSetUp_.load(std::memory_order_acquire)) return;
-  if (system::systemCalls().write(wakeUp_.get(), &one, sizeof(one)) >= 0) return;
-  // Nobody can be woken: a new thread looks for what is scheduled before it waits.
-  startWorker();
+  // If nobody can be woken: a new thread looks for what is scheduled before it waits.
+  if (!events_.wakeOne()) startWorker();
 }
 
 // Threads without a seat read, and wait again when they have: that there is one is enough.
@@ -355,12 +330,11 @@ bool Reactor::mayWait() noexcept {
 }
 
 int Reactor::waitForEvent(epoll_event& event) {
-  const int count = setUp() ? system::systemCalls().epollWait(epoll_.get(), &event, 1) : -1;
-  if (count >= 0) {
-    complained_.store(false, std::memory_order_relaxed);
-  } else {
-    pauseAfterFailure();
-  }
+  const int count = setUp() ? events_.wait(event) : -1;
+  if (count < 0) pauseAfterFailure();
+  if (count >= 0) complained_.store(false, std::memory_order_relaxed);
+  // Those who stand by will not hear of the next event: a new thread will.
+  if (!events_.isOpen()) startWorker();
   return count;
 }
 
@@ -395,7 +369,7 @@ void Reactor::serveOne() {
 void Reactor::dispatch(const epoll_event& event) {
   // A copy: the kernel's structure is packed, and nothing may refer to what lies askew in it.
   const Identifier identifier = event.data.u64;
-  if (identifier == kWakeUp) return;
+  if (identifier == Events::kWakeUp) return;
   if (identifier == kTimer) return runTimers();
   std::shared_ptr<EventSource> source;
   {

@@ -10,6 +10,7 @@
 
 #include "platform/foundation/ThreadAnnotations.h"
 #include "platform/xpc/system/PerProcess.h"
+#include "platform/xpc/transport/Events.h"
 #include "platform/xpc/transport/SerialQueue.h"
 #include "platform/xpc/transport/TimerQueue.h"
 
@@ -112,11 +113,8 @@ class Reactor final : public QueueRunner {
 
   Mutex setUpMutex_;
   std::atomic<bool> isSetUp_{false};
-  // Written with setUpMutex_ held, until it is set up; then read by everybody.
-  system::Descriptor epoll_;
-  system::Descriptor wakeUp_;
-  bool watchesWakeUp_ VELTO_GUARDED_BY(setUpMutex_) = false;
   bool watchesTimers_ VELTO_GUARDED_BY(setUpMutex_) = false;
+  Events events_;
   TimerQueue timers_;
   const std::shared_ptr<SerialQueue> logQueue_;
   // The failure that lasts has been logged.
