@@ -163,8 +163,7 @@ TEST(Events, WakeNoneOfThoseWhoStandBy) {
     });
   }
   for (int count = 0; count <= 200; ++count) {
-    ASSERT_TRUE(
-        velto::testing::eventually([&] { return served == count && kernel.lead == 1 && kernel.standBy == 2; }));
+    ASSERT_TRUE(velto::testing::eventually([&] { return served == count && kernel.lead == 1 && kernel.standBy == 2; }));
     if (count < 200) bell.ring();
   }
   EXPECT_EQ(kernel.passed, 0);
