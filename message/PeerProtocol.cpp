@@ -64,7 +64,9 @@ void configureClientEnd(NSXPCConnection& connection, const std::shared_ptr<NSXPC
 
 void configureListenerEnd(NSXPCConnection& connection,
                           std::shared_ptr<VeltoCommunicationMessageProtocol> exportedObject) {
-  connection.setExportedInterface(makeInterfaceThatAdmitsAnchors());
+  // Nobody changes it: one is enough for all.
+  static const auto& admitsAnchors = *new auto(makeInterfaceThatAdmitsAnchors());
+  connection.setExportedInterface(admitsAnchors);
   connection.setExportedObject(std::move(exportedObject));
   connection.setRemoteObjectInterface(makePeerInterface());
 }

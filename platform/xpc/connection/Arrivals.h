@@ -2,12 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 
+#include "platform/foundation/Fifo.h"
 #include "platform/xpc/connection/OutgoingCalls.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/interface/NSXPCInterface.h"
@@ -96,8 +96,8 @@ class Arrivals {
 
   std::size_t claimableByCalls_ = limits::kMaximumDescriptors;
   std::size_t claimableByReplies_ = limits::kMaximumDescriptors;
-  std::deque<wire::Frame> calls_;
-  std::deque<Reply> replies_;
+  Fifo<wire::Frame> calls_;
+  Fifo<Reply> replies_;
   std::size_t descriptors_ = 0;
   // Turns that have come, and their number at the last look.
   std::uint64_t turns_ = 0;

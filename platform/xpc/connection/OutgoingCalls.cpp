@@ -102,7 +102,7 @@ std::optional<OutgoingCall> OutgoingCalls::take(std::uint64_t identifier) {
 
 std::vector<OutgoingCalls::Refused> OutgoingCalls::takeRefused() {
   std::vector<Refused> refused;
-  std::erase_if(waiting_, [&](const Waiting& waiting) {
+  waiting_.eraseIf([&](const Waiting& waiting) {
     std::string objection = overPeerLimits(waiting.frame);
     if (objection.empty()) return false;
     waitingBytes_ -= waiting.frame.size();

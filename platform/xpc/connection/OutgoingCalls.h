@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -10,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/foundation/Fifo.h"
 #include "platform/foundation/NSError.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/interface/NSXPCInterface.h"
@@ -94,9 +94,9 @@ class OutgoingCalls {
   std::shared_ptr<NSXPCInterface> interface_;
   std::map<std::uint64_t, OutgoingCall> calls_;
   std::vector<OutgoingCall> forgotten_;
-  std::deque<Waiting> waiting_;
+  Fifo<Waiting> waiting_;
   // Sent, and neither dealt with nor known to be.
-  std::deque<Uncredited> uncredited_;
+  Fifo<Uncredited> uncredited_;
   std::size_t waitingBytes_ = 0;
   std::size_t pendingReplies_ = 0;
   std::size_t peerMaximumBytes_ = limits::kMaximumFrameBytes;

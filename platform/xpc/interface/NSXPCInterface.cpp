@@ -4,6 +4,7 @@
 #include "platform/xpc/interface/NSXPCInterface.h"
 
 #include <algorithm>
+#include <mutex>
 #include <string>
 
 #include "platform/foundation/Foundation.h"
@@ -17,6 +18,10 @@ using velto::xpc::Parameter;
 struct NSXPCInterface::Entry {
   NSSet classes;
   velto::wire::ClassSet admitted;
+};
+
+struct NSXPCInterface::Table {
+  std::map<Key, Entry> entries;
 };
 
 namespace {
@@ -44,31 +49,39 @@ const std::vector<Parameter>& parametersOf(const Method& method, bool ofReply) {
 
 }  // namespace
 
-NSXPCInterface::NSXPCInterface(const velto::xpc::Protocol& protocol) : protocol_(protocol) {
-  for (const Method& method : protocol_.methods()) {
-    for (const bool ofReply : {false, true}) {
-      const auto& parameters = parametersOf(method, ofReply);
-      for (std::size_t index = 0; index < parameters.size(); ++index) {
-        const NSSet classes = defaultClasses(parameters[index]);
-        entries_.emplace(Key(&method, index, ofReply), Entry{classes, velto::wire::ClassSet(classes)});
+NSXPCInterface::NSXPCInterface(const velto::xpc::Protocol& protocol)
+    : protocol_(protocol), table_(defaultsOf(protocol)) {}
+
+std::shared_ptr<const NSXPCInterface::Table> NSXPCInterface::defaultsOf(const velto::xpc::Protocol& protocol) {
+  std::call_once(protocol.hasDefaults_, [&protocol] {
+    const auto made = std::make_shared<Table>();
+    for (const Method& method : protocol.methods()) {
+      for (const bool ofReply : {false, true}) {
+        const auto& parameters = parametersOf(method, ofReply);
+        for (std::size_t index = 0; index < parameters.size(); ++index) {
+          const NSSet classes = defaultClasses(parameters[index]);
+          made->entries.emplace(Key(&method, index, ofReply), Entry{classes, velto::wire::ClassSet(classes)});
+        }
       }
     }
-  }
+    protocol.defaults_ = made;
+  });
+  return std::static_pointer_cast<const Table>(protocol.defaults_);
 }
 
 NSXPCInterface::~NSXPCInterface() = default;
 
 NSSet NSXPCInterface::classesForSelector(const NSString& selector, std::size_t argumentIndex, bool ofReply) const {
   const Method* method = protocol_.methodForSelector(selector.view());
-  const auto found = entries_.find(Key(method, argumentIndex, ofReply));
-  return found != entries_.end() ? found->second.classes.copy() : nil;
+  const auto found = table_->entries.find(Key(method, argumentIndex, ofReply));
+  return found != table_->entries.end() ? found->second.classes.copy() : nil;
 }
 
 void NSXPCInterface::setClasses(const NSSet& classes, const NSString& forSelector, std::size_t argumentIndex,
                                 bool ofReply) {
   const Method* method = protocol_.methodForSelector(forSelector.view());
-  const auto found = entries_.find(Key(method, argumentIndex, ofReply));
-  if (found == entries_.end()) {
+  const Key key(method, argumentIndex, ofReply);
+  if (!table_->entries.contains(key)) {
     throw NSException("NSInvalidArgumentException", "protocol " + protocol_.name() + " has no argument " +
                                                         std::to_string(argumentIndex) + " of " + forSelector.string());
   }
@@ -78,13 +91,15 @@ void NSXPCInterface::setClasses(const NSSet& classes, const NSString& forSelecto
     }
   }
   const NSSet kept = classes.copy();
-  found->second = Entry{kept, velto::wire::ClassSet(kept)};
+  const auto changed = std::make_shared<Table>(*table_);
+  changed->entries.at(key) = Entry{kept, velto::wire::ClassSet(kept)};
+  table_ = changed;
 }
 
 std::size_t NSXPCInterface::claimableDescriptors(bool ofReply) const {
   std::map<const Method*, std::size_t> ofMethods;
   std::size_t most = 0;
-  for (const auto& [key, entry] : entries_) {
+  for (const auto& [key, entry] : table_->entries) {
     const auto& [method, index, isOfReply] = key;
     const std::size_t ofOne = velto::wire::descriptorsOfOneObject(entry.admitted);
     if (isOfReply != ofReply || ofOne == 0) continue;
@@ -101,5 +116,5 @@ std::size_t NSXPCInterface::claimableDescriptors(bool ofReply) const {
 
 const velto::wire::ClassSet& NSXPCInterface::admitted(const Method& method, std::size_t argumentIndex,
                                                       bool ofReply) const {
-  return entries_.at(Key(&method, argumentIndex, ofReply)).admitted;
+  return table_->entries.at(Key(&method, argumentIndex, ofReply)).admitted;
 }

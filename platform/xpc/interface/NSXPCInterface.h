@@ -49,8 +49,11 @@ class VELTO_EXPORT NSXPCInterface {
   explicit NSXPCInterface(const velto::xpc::Protocol& protocol);
 
   struct Entry;
+  struct Table;
   using Key = std::tuple<const velto::xpc::Method*, std::size_t, bool>;
+  static std::shared_ptr<const Table> defaultsOf(const velto::xpc::Protocol& protocol);
 
   const velto::xpc::Protocol& protocol_;
-  std::map<Key, Entry> entries_;
+  // Shared by all interfaces of the protocol whose sets nobody has changed: many connections each have their own.
+  std::shared_ptr<const Table> table_;
 };

@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <functional>
 #include <initializer_list>
+#include <memory>
+#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
@@ -11,6 +13,8 @@
 #include <vector>
 
 #include "platform/foundation/Foundation.h"
+
+class NSXPCInterface;
 
 // A protocol is an abstract C++ class and one table that lists its methods. From the table come the proxy that sends,
 // the dispatcher that receives, and the default class sets of an interface. To add a method: one virtual function in
@@ -111,8 +115,13 @@ class VELTO_EXPORT Protocol {
   const Method* methodForMember(const void* member) const noexcept;
 
  private:
+  friend class ::NSXPCInterface;
+
   std::string name_;
   std::vector<Method> methods_;
+  // What every interface of it begins with, once there has been one.
+  mutable std::once_flag hasDefaults_;
+  mutable std::shared_ptr<const void> defaults_;
 };
 
 // The table of a protocol's class: specialise it once per protocol.

@@ -349,6 +349,7 @@ void Channel::unfinishedIsLate(std::uint64_t number) {
 }
 
 void Channel::stateInput() {
+  reader_.rest();
   const std::size_t bytes = reader_.capacity();
   holding_->setBytes(Holding::Place::input, bytes > kReadBytes ? bytes : 0);
   holding_->setDescriptors(Holding::Place::input, reader_.heldDescriptors());

@@ -3,7 +3,6 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <span>
 #include <string>
@@ -11,6 +10,7 @@
 
 #include <sys/uio.h>
 
+#include "platform/foundation/Fifo.h"
 #include "platform/foundation/ThreadAnnotations.h"
 #include "platform/xpc/system/Descriptor.h"
 #include "platform/xpc/transport/Holdings.h"
@@ -181,7 +181,7 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
   system::SharedDescriptor socket_ VELTO_GUARDED_BY(mutex_);
   Reactor::Identifier identifier_ VELTO_GUARDED_BY(mutex_) = 0;
   std::shared_ptr<ChannelReceiver> receiver_ VELTO_GUARDED_BY(mutex_);
-  std::deque<Output> output_ VELTO_GUARDED_BY(mutex_);
+  Fifo<Output> output_ VELTO_GUARDED_BY(mutex_);
   bool watchesForRoom_ VELTO_GUARDED_BY(mutex_) = false;
   // Reads in place of the reactor.
   SleepingReader* ownReader_ VELTO_GUARDED_BY(mutex_) = nullptr;

@@ -4,10 +4,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 
+#include "platform/foundation/Fifo.h"
 #include "platform/foundation/NSCondition.h"
 #include "platform/foundation/ThreadAnnotations.h"
 
@@ -79,7 +79,7 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
 
   Mutex mutex_;
   std::condition_variable atRest_;
-  std::deque<Task> tasks_ VELTO_GUARDED_BY(mutex_);
+  Fifo<Task> tasks_ VELTO_GUARDED_BY(mutex_);
   // Brought, or about to be, to a thread that has not begun to drain.
   bool scheduled_ VELTO_GUARDED_BY(mutex_) = false;
   // Tasks that have begun: awake, asleep, and awake again but not going on yet.

@@ -1,12 +1,16 @@
 // One buffer for the stream. Small frames are read many at a time; for a large one the buffer doubles as its bytes
 // arrive, up to its end, and then becomes the frame's, which so stays where it was read to. The memory is not
-// initialised: a connection that gets small frames touches one page of its room.
+// initialised: what gets small frames touches one page of its room.
+//
+// A stream that rests has no room. The room goes from one to the next on the thread that reads, so that thousands of
+// connections that are idle hold none, and none is to be had from the allocator for each that is not.
 
 #include "platform/xpc/wire/FrameReader.h"
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <new>
 #include <utility>
 
 #include "platform/xpc/contract/Limits.h"
@@ -23,6 +27,12 @@ constexpr std::size_t kKeptBytes = 2 * kRoomBytes;
 // than new room for the next takes to be had.
 constexpr std::size_t kStayingBytes = kRoomBytes;
 
+// What is unfinished and smaller than this moves to memory of its own size while its stream rests.
+constexpr std::size_t kMovedBytes = std::size_t{8} << 10;
+
+// Room that no stream on this thread uses just now.
+thread_local ByteBuffer spareRoom;
+
 std::size_t roundUp(std::size_t bytes) {
   return (bytes + kRoomBytes - 1) / kRoomBytes * kRoomBytes;
 }
@@ -34,10 +44,37 @@ std::span<std::uint8_t> FrameReader::prepare(std::size_t wanted) {
   if (capacity() - end_ < wanted) {
     // As much again as has arrived, so that a large frame is moved a bounded number of times, but not past its end.
     const std::size_t target = held() + std::max(wanted, std::min(missing_, held()));
-    if (target > capacity()) buffer_.reserve(roundUp(target));
+    if (target > capacity() && !takeSpareRoom(target)) buffer_.reserve(roundUp(target));
     compact();
   }
   return {buffer_.data() + end_, capacity() - end_};
+}
+
+bool FrameReader::takeSpareRoom(std::size_t wanted) noexcept {
+  if (spareRoom.capacity() < wanted) return false;
+  std::swap(buffer_, spareRoom);
+  if (held() > 0) std::memcpy(buffer_.data(), spareRoom.data() + begin_, held());
+  spareRoom = ByteBuffer();
+  end_ = held();
+  begin_ = 0;
+  return true;
+}
+
+void FrameReader::rest() noexcept {
+  if (capacity() == 0 || held() > kMovedBytes) return;
+  ByteBuffer kept;
+  if (held() > 0) {
+    if (capacity() < kRoomBytes) return;
+    try {
+      kept = ByteBuffer(std::span(start(), held()));
+    } catch (const std::bad_alloc&) {
+      return;
+    }
+  }
+  end_ = held();
+  begin_ = 0;
+  std::swap(buffer_, kept);
+  if (kept.capacity() <= kKeptBytes && kept.capacity() >= kRoomBytes) spareRoom = std::move(kept);
 }
 
 void FrameReader::received(std::size_t count, std::vector<system::SharedDescriptor> descriptors) {
@@ -84,7 +121,7 @@ Frame FrameReader::takeFrame(const FrameHeader& header) {
   frame.body = takeBody(header.bodyLength);
   const auto last = descriptors_.begin() + header.descriptorCount;
   std::move(descriptors_.begin(), last, std::back_inserter(frame.descriptors));
-  descriptors_.erase(descriptors_.begin(), last);
+  if (header.descriptorCount > 0) descriptors_.pop_front(header.descriptorCount);
   ++framesTaken_;
   return frame;
 }

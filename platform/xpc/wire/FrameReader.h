@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "platform/foundation/Fifo.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/Frame.h"
 
@@ -45,6 +45,8 @@ class FrameReader {
   bool hasPartialFrame() const noexcept { return held() > 0 || !descriptors_.empty(); }
   // Bytes that the unfinished frame still lacks, as far as is known.
   std::size_t missing() const noexcept { return missing_; }
+  // Nothing more is there just now: lets go of the room that what is held does not need.
+  void rest() noexcept;
   // Bytes of memory held for the stream.
   std::size_t capacity() const noexcept { return buffer_.capacity(); }
   // Descriptors held for the unfinished frame.
@@ -54,6 +56,8 @@ class FrameReader {
 
  private:
   std::size_t held() const noexcept { return end_ - begin_; }
+  // True when there is room that the thread has left over.
+  bool takeSpareRoom(std::size_t wanted) noexcept;
   const std::uint8_t* start() const noexcept { return buffer_.data() + begin_; }
   void compact() noexcept;
   void consume(std::size_t count) noexcept;
@@ -70,7 +74,7 @@ class FrameReader {
   std::size_t end_ = 0;
   // What the unfinished frame at the end still lacks, as far as its header says.
   std::size_t missing_ = 0;
-  std::deque<system::SharedDescriptor> descriptors_;
+  Fifo<system::SharedDescriptor> descriptors_;
   std::size_t keptDescriptors_ = limits::kMaximumDescriptors;
   std::uint64_t framesTaken_ = 0;
   std::string reason_;

@@ -290,6 +290,48 @@ TEST(FrameReader, ASmallFramesBufferIsKept) {
   EXPECT_EQ(reader.capacity(), capacity);
 }
 
+TEST(FrameReader, AStreamThatRestsHoldsNoRoom) {
+  FrameReader reader;
+  FrameReader other;
+  const auto room = reader.prepare(1);
+  feed(reader, headerOf(0, FrameType::goodbye, 0));
+  EXPECT_TRUE(reader.next());
+  reader.rest();
+  EXPECT_EQ(reader.capacity(), 0u);
+  // The next on this thread has it.
+  EXPECT_EQ(other.prepare(1).data(), room.data());
+}
+
+TEST(FrameReader, AStreamThatRestsInAFrameHoldsWhatHasCome) {
+  const Bytes body(1000, 5);
+  const Bytes stream = headerOf(1000, FrameType::call, 0) + body + headerOf(0, FrameType::goodbye, 0);
+  FrameReader reader;
+  for (const std::uint8_t byte : stream) {
+    const bool isBodysEnd = reader.missing() == 1;
+    feed(reader, {byte});
+    const auto frame = reader.next();
+    reader.rest();
+    EXPECT_LE(reader.capacity(), 1024u);
+    ASSERT_TRUE(!isBodysEnd || frame);
+    if (isBodysEnd) EXPECT_EQ(frame->body, body);
+  }
+  EXPECT_EQ(reader.framesTaken(), 2u);
+  EXPECT_FALSE(reader.hasPartialFrame());
+}
+
+TEST(FrameReader, AnUnfinishedFrameThatIsLargeStaysWhereItIsWhileTheStreamRests) {
+  FrameReader reader;
+  feed(reader, headerOf(100'000, FrameType::call, 0) + Bytes(60'000, 7));
+  EXPECT_FALSE(reader.next());
+  const std::size_t capacity = reader.capacity();
+  reader.rest();
+  EXPECT_EQ(reader.capacity(), capacity);
+  feed(reader, Bytes(40'000, 7));
+  const auto frame = reader.next();
+  ASSERT_TRUE(frame);
+  EXPECT_EQ(frame->body, Bytes(100'000, 7));
+}
+
 TEST(FrameReader, TheGreatestFramePassesAndTheStreamGoesOn) {
   FrameReader reader;
   feed(reader, headerOf(limits::kMaximumFrameBytes, FrameType::call, 0) + Bytes(limits::kMaximumFrameBytes, 5));
