@@ -2,12 +2,15 @@
 // listener, and everybody else, goes on.
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
 #include <fcntl.h>
 #include <poll.h>
 
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/contract/Limits.h"
+#include "platform/xpc/system/SystemCalls.h"
 #include "platform/xpc/testing/Greeter.h"
 #include "platform/xpc/transport/DescriptorMessage.h"
 #include "platform/xpc/transport/Sockets.h"
@@ -121,6 +124,29 @@ class HostilePeer : public ::testing::Test {
   const std::shared_ptr<Inbox<std::string>> lines_ = std::make_shared<Inbox<std::string>>();
   const std::shared_ptr<GreeterService> service = std::make_shared<GreeterService>();
   const std::shared_ptr<NSXPCListener> listener = NSXPCListener::anonymousListener();
+};
+
+// Notes what the kernel is asked for when somebody is accepted. Never destroyed: threads may still be in a call.
+class AcceptanceSystemCalls final : public system::SystemCalls {
+ public:
+  int setTimer(int timer, std::uint64_t nanoseconds) override {
+    ++timersSet;
+    return SystemCalls::setTimer(timer, nanoseconds);
+  }
+  int accept(int socket) override {
+    const int accepted = SystemCalls::accept(socket);
+    if (accepted >= 0) acceptor = std::this_thread::get_id();
+    return accepted;
+  }
+  ssize_t receiveMessage(int socket, msghdr& message) override {
+    const ssize_t received = SystemCalls::receiveMessage(socket, message);
+    if (received > 0 && std::this_thread::get_id() == acceptor.load()) ++readByAcceptor;
+    return received;
+  }
+
+  std::atomic<int> timersSet{0};
+  std::atomic<int> readByAcceptor{0};
+  std::atomic<std::thread::id> acceptor;
 };
 
 // Bytes that the fuzzer of connections found: a hello with small limits, then a call whose answer is over them.
@@ -288,6 +314,22 @@ TEST_F(HostilePeer, AnEndpointThatIsNoSocketHandleIsRefused) {
   expectForgedEndpointIsRefused(service, honest, std::make_shared<const system::Descriptor>(std::move(pair.first)),
                                 honest.hangUp());
   expectForgedEndpointIsRefused(service, honest, honest.socket(), openFile("/dev/null", O_RDONLY));
+}
+
+TEST_F(HostilePeer, WhoHasCalledByTheTimeThatHeIsAcceptedIsReadAtOnceAndTakesNoTimer) {
+  const auto late = NSXPCListener::anonymousListener();
+  late->setDelegate(service);
+  RawPeer peer(late->endpoint());
+  peer.greet();
+  peer.send(callFrame("greet:reply:", true, {"Ada"}));
+  static auto& calls = *new AcceptanceSystemCalls;
+  system::replaceSystemCalls(&calls);
+  late->resume();
+  EXPECT_TRUE(eventually([&] { return calls.readByAcceptor > 0; }));
+  EXPECT_EQ(peer.receive().type, FrameType::hello);
+  EXPECT_EQ(peer.receive().type, FrameType::reply);
+  system::replaceSystemCalls(nullptr);
+  EXPECT_EQ(calls.timersSet, 0);
 }
 
 TEST_F(HostilePeer, OneThatNeverCallsMakesNoNoiseAndIsForgottenWhenItGoes) {

@@ -209,7 +209,6 @@ void ListenerCore::watchOver(system::Descriptor socket, std::shared_ptr<transpor
     number = ++lastNumber_;
     silent_.emplace(number, Silent{{}, Clock::now(), peer->number()});
     ++silentOf_[peer->number()];
-    armSilenceTimer();
   }
   const auto weak = weak_from_this();
   const auto core = ConnectionCore::accepted(std::move(socket), std::move(peer), std::move(place),
@@ -221,8 +220,11 @@ void ListenerCore::watchOver(system::Descriptor socket, std::shared_ptr<transpor
                                                 self ? self->handOver(connection) : connection->turnAway();
                                               }});
   MutexLock lock(mutex_);
+  // Most are not silent any more: they take no timer.
   const auto silent = silent_.find(number);
-  if (silent != silent_.end()) silent->second.connection = core;
+  if (silent == silent_.end()) return;
+  silent->second.connection = core;
+  armSilenceTimer();
 }
 
 ListenerCore::SilentConnections::iterator ListenerCore::nextToGo() {

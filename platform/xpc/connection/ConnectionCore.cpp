@@ -157,6 +157,9 @@ void ConnectionCore::open(system::Descriptor socket, std::shared_ptr<transport::
     if (life_.hasEnded()) return;
     attach(channel);
   }
+  // Whoever connects has mostly called by the time that he is accepted: this thread, which is here, deals with it
+  // before another is told.
+  if (!connector_) channel->readFirst();
   if (!channel->start()) {
     channel->abort();
     return end({makeError(NSXPCConnectionInvalid, name_ + " cannot be watched: the kernel has no room"), false});
@@ -324,8 +327,9 @@ std::function<void()> ConnectionCore::takeInterruptionHandler() {
 }
 
 void ConnectionCore::postInvalidation() {
-  post([self = shared_from_this()] { self->tellInvalidation(); });
+  // In this order: a queue that is urgent already is brought to a thread once, not twice.
   queue_->letOvertake();
+  post([self = shared_from_this()] { self->tellInvalidation(); });
 }
 
 void ConnectionCore::tellInvalidation() {

@@ -125,7 +125,7 @@ std::shared_ptr<ChannelReceiver> Channel::closeIfFinished() {
 }
 
 std::shared_ptr<ChannelReceiver> Channel::close() {
-  if (socket_ && identifier_ != 0) Reactor::shared().remove(identifier_, socket_->get());
+  if (socket_ && identifier_ != 0) Reactor::shared().forget(identifier_);
   socket_.reset();
   place_.reset();
   output_.clear();
@@ -160,6 +160,10 @@ void Channel::peerDied() {
 }
 
 void Channel::readOn() {
+  read();
+}
+
+void Channel::readFirst() {
   read();
 }
 

@@ -64,7 +64,9 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
           std::shared_ptr<ChannelPlace> place);
   ~Channel() override;
 
-  // Starts to read. False when the kernel has no room to watch the socket; then nothing is ever received.
+  // Reads what has come by now, before start(), for a thread of the reactor.
+  void readFirst();
+  // Starts to read. False when the kernel has no room to watch the socket; then nothing more is ever received.
   bool start();
 
   // How many descriptors one frame that comes may carry for anybody here to claim; more are not kept.

@@ -128,7 +128,7 @@ class PeerProcess::Death final : public EventSource, public std::enable_shared_f
 
  private:
   void letGo() VELTO_REQUIRES(mutex_) {
-    if (watcher_ != 0) Reactor::shared().remove(std::exchange(watcher_, 0), descriptor_.get());
+    if (watcher_ != 0) Reactor::shared().forget(std::exchange(watcher_, 0));
     descriptor_.reset();
   }
 

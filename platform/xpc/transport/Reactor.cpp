@@ -119,6 +119,10 @@ bool Reactor::changeEvents(Identifier identifier, int descriptor, std::uint32_t 
 
 void Reactor::remove(Identifier identifier, int descriptor) {
   events_.remove(descriptor);
+  forget(identifier);
+}
+
+void Reactor::forget(Identifier identifier) {
   std::shared_ptr<EventSource> source;  // let go of after the lock
   MutexLock lock(mutex_);
   const auto place = sources_.find(identifier);

@@ -49,6 +49,9 @@ class Reactor final : public QueueRunner {
   // False, and everything as before, when the kernel refuses.
   bool changeEvents(Identifier identifier, int descriptor, std::uint32_t events);
   void remove(Identifier identifier, int descriptor);
+  // The same for a descriptor that is closed now, which the kernel need not be told: it forgets the descriptor with its
+  // last copy. Events that come until then come to nothing.
+  void forget(Identifier identifier);
 
   // For a thread of the reactor that reads and has found long work: makes sure that another stands ready to read, if
   // that can be.
