@@ -313,7 +313,9 @@ TEST(FrameReader, AStreamThatRestsInAFrameHoldsWhatHasCome) {
     reader.rest();
     EXPECT_LE(reader.capacity(), 1024u);
     ASSERT_TRUE(!isBodysEnd || frame);
-    if (isBodysEnd) EXPECT_EQ(frame->body, body);
+    if (isBodysEnd) {
+      EXPECT_EQ(frame->body, body);
+    }
   }
   EXPECT_EQ(reader.framesTaken(), 2u);
   EXPECT_FALSE(reader.hasPartialFrame());
