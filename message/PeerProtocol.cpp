@@ -64,9 +64,7 @@ void configureClientEnd(NSXPCConnection& connection, const std::shared_ptr<NSXPC
 
 void configureListenerEnd(NSXPCConnection& connection,
                           std::shared_ptr<VeltoCommunicationMessageProtocol> exportedObject) {
-  // Nobody changes it: one is enough for all.
-  static const auto& admitsAnchors = *new auto(makeInterfaceThatAdmitsAnchors());
-  connection.setExportedInterface(admitsAnchors);
+  connection.setExportedInterface(makeInterfaceThatAdmitsAnchors());
   connection.setExportedObject(std::move(exportedObject));
   connection.setRemoteObjectInterface(makePeerInterface());
 }

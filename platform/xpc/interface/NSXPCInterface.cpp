@@ -8,6 +8,7 @@
 #include <string>
 
 #include "platform/foundation/Foundation.h"
+#include "platform/foundation/ThreadAnnotations.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/ClassSet.h"
 #include "platform/xpc/wire/DescriptorCoding.h"
@@ -20,8 +21,30 @@ struct NSXPCInterface::Entry {
   velto::wire::ClassSet admitted;
 };
 
+// Never changed once an interface has it.
 struct NSXPCInterface::Table {
+  explicit Table(std::map<Key, Entry> all = {}) : entries(std::move(all)) {}
+
+  // This one with one set changed. Who makes the same change next gets the same table.
+  std::shared_ptr<const Table> with(const Key& key, const NSSet& classes) const {
+    velto::MutexLock lock(mutex_);
+    auto found = changedLast_.lock();
+    if (found && changedKey_ == key && changedClasses_.isEqual(classes)) return found;
+    const auto changed = std::make_shared<Table>(entries);
+    changed->entries.at(key) = Entry{classes, velto::wire::ClassSet(classes)};
+    changedLast_ = changed;
+    changedKey_ = key;
+    changedClasses_ = classes;
+    return changed;
+  }
+
   std::map<Key, Entry> entries;
+
+ private:
+  mutable velto::Mutex mutex_;
+  mutable std::weak_ptr<const Table> changedLast_ VELTO_GUARDED_BY(mutex_);
+  mutable Key changedKey_ VELTO_GUARDED_BY(mutex_);
+  mutable NSSet changedClasses_ VELTO_GUARDED_BY(mutex_);
 };
 
 namespace {
@@ -90,10 +113,7 @@ void NSXPCInterface::setClasses(const NSSet& classes, const NSString& forSelecto
       throw NSException("NSInvalidArgumentException", "a class set holds class objects only");
     }
   }
-  const NSSet kept = classes.copy();
-  const auto changed = std::make_shared<Table>(*table_);
-  changed->entries.at(key) = Entry{kept, velto::wire::ClassSet(kept)};
-  table_ = changed;
+  table_ = table_->with(key, classes.copy());
 }
 
 std::size_t NSXPCInterface::claimableDescriptors(bool ofReply) const {

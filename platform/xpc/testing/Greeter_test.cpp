@@ -60,6 +60,29 @@ TEST(Interface, GivesBackTheClassesThatWereSet) {
   EXPECT_EQ(interface->classesForSelector("tell:", 0, false), classes);
 }
 
+TEST(Interface, ShowsNobodyElsesChanges) {
+  const auto make = [] { return NSXPCInterface::interfaceWithProtocol<Greeter>(); };
+  const auto ofNews = [](const auto& interface) { return interface->classesForSelector("tell:", 0, false); };
+  const NSSet classes{NSDictionary::classObject(), NSNull::classObject()};
+  const auto untouched = make();
+  const NSSet byDefault = ofNews(untouched);
+  const auto first = make();
+  first->setClasses(classes, "tell:", 0, false);
+  // The same change again, and then more; the same classes elsewhere; another change in its place.
+  const auto second = make();
+  second->setClasses(classes, "tell:", 0, false);
+  second->setClasses(classes, "greet:reply:", 0, true);
+  const auto third = make();
+  third->setClasses(classes, "greet:reply:", 0, true);
+  const auto fourth = make();
+  fourth->setClasses(NSSet{NSNull::classObject()}, "tell:", 0, false);
+  for (const auto& interface : {first, second}) EXPECT_EQ(ofNews(interface), classes);
+  for (const auto& interface : {untouched, third, make()}) EXPECT_EQ(ofNews(interface), byDefault);
+  EXPECT_EQ(ofNews(fourth), NSSet{NSNull::classObject()});
+  EXPECT_EQ(first->classesForSelector("greet:reply:", 0, true), NSSet{NSString::classObject()});
+  EXPECT_EQ(second->classesForSelector("greet:reply:", 0, true), classes);
+}
+
 TEST(Interface, HasNoClassesForWhatTheProtocolLacks) {
   const auto interface = NSXPCInterface::interfaceWithProtocol<Greeter>();
   EXPECT_TRUE(interface->classesForSelector("dance:", 0, false).isNil());
