@@ -43,7 +43,8 @@ bool VeltoConnection::sendMessage(const NSDictionary& message, NSError* error, V
   VKTLoggingLog(VKTLogGetAnchor(), 2, "Sending the VeltoConnection Message %@ with the handle", message);
   if (!handler) handler = velto::emptyReplyHandler();
   if (const auto proxy = listenerProxyObject()) {
-    proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(getID(), message, handler);
+    proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(getID(), message,
+                                                                             std::move(handler));
   }
   return true;
 }
@@ -89,8 +90,10 @@ void VeltoConnection::connectionID(NSString connectionID, NSDictionary withMessa
     }
     return;
   }
-  const VeltoReplyHandler wrapper = velto::wrapForDelegate(connectionID, std::move(handler));
-  if (const auto delegate = this->delegate()) delegate->receivedMessage(withMessage, connectionID, wrapper);
+  VeltoReplyHandler wrapper = velto::wrapForDelegate(connectionID, std::move(handler));
+  if (const auto delegate = this->delegate()) {
+    delegate->receivedMessage(std::move(withMessage), std::move(connectionID), std::move(wrapper));
+  }
 }
 
 void VeltoConnection::setStrictMessageTypesRemote(bool flag) {

@@ -44,7 +44,7 @@ bool VeltoListener::sendMessage(const NSDictionary& message, const NSString& toC
     return velto::fail(error, VeltoIPCMessageTypeError, "SendMessage failed message type check");
   }
   if (!handler) handler = velto::emptyReplyHandler();
-  proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(toConnection, message, handler);
+  proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(toConnection, message, std::move(handler));
   return true;
 }
 
@@ -89,8 +89,10 @@ NSMutableArray VeltoListener::waitersOf(const NSString& connectionID) const {
 }
 
 void VeltoListener::connectionID(NSString connectionID, NSDictionary withMessage, VeltoReplyHandler handler) {
-  const VeltoReplyHandler wrapper = velto::wrapForDelegate(connectionID, std::move(handler));
-  if (const auto delegate = this->delegate()) delegate->receivedMessage(withMessage, connectionID, wrapper);
+  VeltoReplyHandler wrapper = velto::wrapForDelegate(connectionID, std::move(handler));
+  if (const auto delegate = this->delegate()) {
+    delegate->receivedMessage(std::move(withMessage), std::move(connectionID), std::move(wrapper));
+  }
 }
 
 void VeltoListener::setStrictMessageTypes(bool flag) {

@@ -11,9 +11,9 @@
 namespace velto {
 
 const VeltoReplyHandler& emptyReplyHandler() {
-  // Never destroyed, since messages may be on their way until the process has ended; and it may run on the thread that
-  // reads, since nothing can hold it up.
-  static const auto& handler = *new VeltoReplyHandler(NonBlockingReply<NSDictionary>{[](NSDictionary) {}});
+  // Never destroyed, since messages may be on their way until the process has ended. The platform knows that it does
+  // nothing, and has no reply sent for it.
+  static const auto& handler = *new VeltoReplyHandler(IgnoredReply<NSDictionary>());
   return handler;
 }
 

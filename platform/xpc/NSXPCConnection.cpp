@@ -19,7 +19,7 @@ RemoteObject::RemoteObject(std::shared_ptr<ConnectionCore> core, std::function<v
     : core_(std::move(core)),
       errorHandler_(std::make_shared<const std::function<void(NSError)>>(std::move(errorHandler))) {}
 
-void RemoteObject::send(const void* member, std::vector<NSObject> arguments, ReplyBlock reply) const {
+void RemoteObject::send(const void* member, std::span<const NSObject> arguments, ReplyBlock reply) const {
   const Protocol* protocol = core_->remoteProtocol();
   const Method* method = protocol != nullptr ? protocol->methodForMember(member) : nullptr;
   if (method == nullptr) throw NSException("NSInvalidArgumentException", "the protocol's table lacks the method");

@@ -2,7 +2,7 @@
 
 #include <functional>
 #include <memory>
-#include <vector>
+#include <span>
 
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/NSXPCError.h"
@@ -22,7 +22,7 @@ class VELTO_EXPORT RemoteObject {
  public:
   RemoteObject(std::shared_ptr<ConnectionCore> core, std::function<void(NSError)> errorHandler);
 
-  void send(const void* member, std::vector<NSObject> arguments, ReplyBlock reply) const;
+  void send(const void* member, std::span<const NSObject> arguments, ReplyBlock reply) const;
 
   static velto::Class boxClass();
 
@@ -48,11 +48,9 @@ class NSXPCProxy {
   void call(Arguments&&... arguments) const {
     using Type = velto::xpc::detail::MemberType<decltype(Member)>;
     static_assert(std::is_same_v<typename Type::ProtocolClass, P>, "the method is not one of this protocol");
-    std::vector<NSObject> packed;
-    packed.reserve(sizeof...(Arguments));
     velto::xpc::ReplyBlock reply;
-    Type::pack(packed, reply, std::forward<Arguments>(arguments)...);
-    remote_.send(&velto::xpc::detail::memberKey<Member>, std::move(packed), std::move(reply));
+    const auto packed = Type::pack(reply, std::forward<Arguments>(arguments)...);
+    remote_.send(&velto::xpc::detail::memberKey<Member>, packed, std::move(reply));
   }
 
   // For boxes: the class that a proxy in a container answers.

@@ -42,7 +42,7 @@ void decodeArguments(wire::ValueDecoder& decoder, const NSXPCInterface& interfac
 
 }  // namespace
 
-EncodedCall encodeCall(std::uint64_t identifier, const Method& method, const std::vector<NSObject>& arguments,
+EncodedCall encodeCall(std::uint64_t identifier, const Method& method, std::span<const NSObject> arguments,
                        bool wantsReply) {
   wire::ValueEncoder encoder(wire::FrameType::call);
   wire::encodeCallHeader(encoder, {identifier, method.selector, wantsReply});

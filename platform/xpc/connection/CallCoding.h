@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,7 @@ struct EncodedCall {
   // Why there is no frame; nil when there is.
   NSError failure;
 };
-EncodedCall encodeCall(std::uint64_t identifier, const Method& method, const std::vector<NSObject>& arguments,
+EncodedCall encodeCall(std::uint64_t identifier, const Method& method, std::span<const NSObject> arguments,
                        bool wantsReply);
 
 struct EncodedReply {

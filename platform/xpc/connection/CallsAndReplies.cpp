@@ -2,6 +2,7 @@
 // lock is taken, and decoded without it, so that a large message holds up nobody but its sender and its receiver.
 
 #include <new>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -39,9 +40,10 @@ class ConnectionCore::CreditAtEnd {
   const std::size_t bytes_;
 };
 
-void ConnectionCore::call(const Method& method, const std::vector<NSObject>& arguments, ReplyBlock reply,
+void ConnectionCore::call(const Method& method, std::span<const NSObject> arguments, ReplyBlock reply,
                           const ErrorHandler& errorHandler) {
   if (isInherited()) return;
+  if (reply.isIgnored) reply = {};
   const std::uint64_t identifier = ++lastIdentifier_;
   EncodedCall encoded = encodeCall(identifier, method, arguments, static_cast<bool>(reply));
   if (encoded.failure) return postNotSent(errorHandler, method, encoded.failure);
@@ -145,11 +147,11 @@ void ConnectionCore::invoke(const DecodedCall& call, void* object, std::size_t o
   const Method& method = *call.method;
   std::shared_ptr<ReplyTicket> ticket;
   ReplyBlock reply;
-  if (method.hasReply()) reply.block = [](const NSObject&) {};
+  if (method.hasReply()) reply = ReplyBlock::ignored();
   if (method.hasReply() && call.header.wantsReply) {
     ticket = std::make_shared<ReplyTicket>(weak_from_this(), call.header.identifier, method);
     isOwedReply = true;
-    reply.block = [ticket](const NSObject& value) { ticket->answer(value); };
+    reply = {[ticket](const NSObject& value) { ticket->answer(value); }};
     if (owedReplies > limits::kOwedReplies) {
       return breakProtocol(overLimit("replies owed", owedReplies, limits::kOwedReplies));
     }

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -72,7 +73,7 @@ class ConnectionCore final : public transport::ChannelReceiver,
   // Ends it like one that has broken the protocol.
   void giveWay(const std::string& reason);
 
-  void call(const Method& method, const std::vector<NSObject>& arguments, ReplyBlock reply,
+  void call(const Method& method, std::span<const NSObject> arguments, ReplyBlock reply,
             const ErrorHandler& errorHandler);
 
   // For ReplyTicket.

@@ -2,6 +2,7 @@
 // order.
 #include "platform/xpc/connection/ConnectionCore.h"
 
+#include <array>
 #include <gtest/gtest.h>
 
 #include "platform/logging/VeltoLogging.h"
@@ -66,7 +67,7 @@ class Core : public ::testing::Test {
   }
 
   void greetFrom(const std::string& name, ReplyBlock reply) {
-    core->call(greet, {NSString(name)}, std::move(reply), errorHandler_);
+    core->call(greet, std::array<NSObject, 1>{NSString(name)}, std::move(reply), errorHandler_);
   }
   void socketIsGone() { socket_.reset(); }
   // Puts what it is called with, and then its destruction, into the list.
@@ -76,7 +77,7 @@ class Core : public ::testing::Test {
       if (const auto alive = weak.lock()) alive->peer();
       told->put("let go of");
     });
-    return {[held, told = told_](const NSObject& value) { told->put(value.as<NSString>().string()); }, false};
+    return {[held, told = told_](const NSObject& value) { told->put(value.as<NSString>().string()); }};
   }
 
  private:

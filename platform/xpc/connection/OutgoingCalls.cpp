@@ -41,7 +41,7 @@ void OutgoingCalls::add(OutgoingCall&& call, wire::Frame&& frame) {
   const std::size_t bytes = frame.size();
   waiting_.push_back({identifier, std::move(frame)});
   try {
-    calls_.emplace(identifier, std::move(call));
+    calls_.add(std::move(call));
   } catch (...) {
     waiting_.pop_back();
     throw;
@@ -63,8 +63,7 @@ std::optional<OutgoingCalls::Sendable> OutgoingCalls::takeSendable() {
 }
 
 void OutgoingCalls::sent(std::uint64_t identifier, std::uint64_t frameNumber) {
-  const auto found = calls_.find(identifier);
-  if (found != calls_.end()) found->second.frameNumber = frameNumber;
+  if (OutgoingCall* found = calls_.find(identifier)) found->frameNumber = frameNumber;
 }
 
 std::vector<OutgoingCalls::Refused> OutgoingCalls::helloArrived(const wire::Hello& hello) {
@@ -82,22 +81,18 @@ bool OutgoingCalls::creditArrived(const wire::Credit& credit) {
     const Uncredited dealtWith = uncredited_.front();
     uncredited_.pop_front();
     bytes += dealtWith.bytes;
-    const auto found = calls_.find(dealtWith.identifier);
-    if (found == calls_.end() || found->second.reply) continue;
-    forgotten_.push_back(std::move(found->second));
-    calls_.erase(found);
+    OutgoingCall* found = calls_.find(dealtWith.identifier);
+    if (found != nullptr && !found->reply) forgotten_.push_back(calls_.take(found));
   }
   usedBytes_ -= bytes;
   return bytes == credit.bytes;
 }
 
 std::optional<OutgoingCall> OutgoingCalls::take(std::uint64_t identifier) {
-  const auto found = calls_.find(identifier);
-  if (found == calls_.end()) return std::nullopt;
-  OutgoingCall call = std::move(found->second);
-  calls_.erase(found);
-  if (call.reply) --pendingReplies_;
-  return call;
+  OutgoingCall* found = calls_.find(identifier);
+  if (found == nullptr) return std::nullopt;
+  if (found->reply) --pendingReplies_;
+  return calls_.take(found);
 }
 
 std::vector<OutgoingCalls::Refused> OutgoingCalls::takeRefused() {
@@ -113,29 +108,30 @@ std::vector<OutgoingCalls::Refused> OutgoingCalls::takeRefused() {
 }
 
 std::optional<OutgoingCall> OutgoingCalls::takeAwaitingReply(std::uint64_t identifier) {
-  const auto found = calls_.find(identifier);
-  if (found == calls_.end() || !found->second.reply) return std::nullopt;
-  return take(identifier);
+  OutgoingCall* found = calls_.find(identifier);
+  if (found == nullptr || !found->reply) return std::nullopt;
+  --pendingReplies_;
+  return calls_.take(found);
 }
 
 std::vector<OutgoingCall> OutgoingCalls::takeAllAwaitingReply() {
   std::vector<OutgoingCall> taken;
-  for (auto& [identifier, call] : calls_) {
-    if (!call.reply) continue;
-    taken.push_back({identifier, call.method, std::exchange(call.reply, {}), call.errorHandler, call.frameNumber});
-  }
+  calls_.forEach([&taken](OutgoingCall& call) {
+    if (!call.reply) return;
+    taken.push_back({call.identifier, call.method, std::exchange(call.reply, {}), call.errorHandler, call.frameNumber});
+  });
   pendingReplies_ = 0;
+  std::ranges::sort(taken, {}, &OutgoingCall::identifier);
   return taken;
 }
 
 std::vector<OutgoingCall> OutgoingCalls::takeAllUnsettled(std::uint64_t framesWritten) {
   std::vector<OutgoingCall> taken;
   std::vector<OutgoingCall> forgotten = takeForgotten();
-  for (auto& [identifier, call] : calls_) {
+  for (OutgoingCall& call : calls_.takeAll()) {
     const bool unwritten = call.frameNumber == 0 || call.frameNumber > framesWritten;
     (call.reply || unwritten ? taken : forgotten).push_back(std::move(call));
   }
-  calls_.clear();
   waiting_.clear();
   uncredited_.clear();
   waitingBytes_ = 0;

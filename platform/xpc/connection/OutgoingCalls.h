@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,25 +10,14 @@
 
 #include "platform/foundation/Fifo.h"
 #include "platform/foundation/NSError.h"
+#include "platform/xpc/connection/CallTable.h"
+#include "platform/xpc/connection/OutgoingCall.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/interface/NSXPCInterface.h"
-#include "platform/xpc/interface/Protocol.h"
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/Messages.h"
 
 namespace velto::xpc {
-
-using ErrorHandler = std::shared_ptr<const std::function<void(NSError)>>;
-
-// A call that was made here and is not settled: it waits for credit, for its reply, or for the news that it was dealt
-// with.
-struct OutgoingCall {
-  std::uint64_t identifier = 0;
-  const Method* method = nullptr;
-  ReplyBlock reply;  // none when no reply is wanted, or wanted any more
-  ErrorHandler errorHandler;
-  std::uint64_t frameNumber = 0;  // of the channel; 0 while the call waits here
-};
 
 // What goes out: the calls of one end that are under way, what the other end has stated to take, and the credit that it
 // has given. Calls go out in the order in which they were made; without credit they wait here, while replies pass them.
@@ -92,7 +80,7 @@ class OutgoingCalls {
   std::vector<Refused> takeRefused();
 
   std::shared_ptr<NSXPCInterface> interface_;
-  std::map<std::uint64_t, OutgoingCall> calls_;
+  CallTable calls_;
   std::vector<OutgoingCall> forgotten_;
   Fifo<Waiting> waiting_;
   // Sent, and neither dealt with nor known to be.

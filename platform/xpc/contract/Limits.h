@@ -97,9 +97,8 @@ inline constexpr std::size_t kReservedWorkers = 32;
 // How long a callback that wakes waits for another of its connection, which began while it slept, to return or to
 // sleep: it may hold a lock that the other wants.
 inline constexpr std::chrono::milliseconds kWakingPatience{5'000};
-// Idle threads kept for the next event, the one that reads included. Two queues at a time take two threads more, as
-// when somebody closes his two connections: with fewer, threads would be made and ended each time.
-inline constexpr std::size_t kSpareWorkers = 4;
+// Idle threads kept for the next event, the one that reads included.
+inline constexpr std::size_t kSpareWorkers = 3;
 
 // Bytes of a service's name: a file name can have no more.
 inline constexpr std::size_t kMaximumNameBytes = 255;

@@ -23,22 +23,39 @@ struct NSXPCInterface::Entry {
 
 // Never changed once an interface has it.
 struct NSXPCInterface::Table {
-  explicit Table(std::map<Key, Entry> all = {}) : entries(std::move(all)) {}
+  // Of one method.
+  struct Entries {
+    std::vector<Entry> ofArguments;
+    std::vector<Entry> ofReply;
+  };
 
-  // This one with one set changed. Who makes the same change next gets the same table.
+  explicit Table(const Method* methods, std::vector<Entries> all = {}) : first(methods), entries(std::move(all)) {}
+
+  // Null for a method or an index that there is none of.
+  const Entry* find(const Key& key) const {
+    const auto& [method, index, ofReply] = key;
+    if (method == nullptr) return nullptr;
+    const Entries& each = entries[static_cast<std::size_t>(method - first)];
+    const std::vector<Entry>& found = ofReply ? each.ofReply : each.ofArguments;
+    return index < found.size() ? &found[index] : nullptr;
+  }
+
+  // This one with one set, that it has, changed. Who makes the same change next gets the same table.
   std::shared_ptr<const Table> with(const Key& key, const NSSet& classes) const {
     velto::MutexLock lock(mutex_);
     auto found = changedLast_.lock();
     if (found && changedKey_ == key && changedClasses_.isEqual(classes)) return found;
-    const auto changed = std::make_shared<Table>(entries);
-    changed->entries.at(key) = Entry{classes, velto::wire::ClassSet(classes)};
+    const auto changed = std::make_shared<Table>(first, entries);
+    *const_cast<Entry*>(changed->find(key)) = Entry{classes, velto::wire::ClassSet(classes)};
     changedLast_ = changed;
     changedKey_ = key;
     changedClasses_ = classes;
     return changed;
   }
 
-  std::map<Key, Entry> entries;
+  // The protocol's methods, and what is of each.
+  const Method* const first;
+  std::vector<Entries> entries;
 
  private:
   mutable velto::Mutex mutex_;
@@ -77,15 +94,17 @@ NSXPCInterface::NSXPCInterface(const velto::xpc::Protocol& protocol)
 
 std::shared_ptr<const NSXPCInterface::Table> NSXPCInterface::defaultsOf(const velto::xpc::Protocol& protocol) {
   std::call_once(protocol.hasDefaults_, [&protocol] {
-    const auto made = std::make_shared<Table>();
-    for (const Method& method : protocol.methods()) {
-      for (const bool ofReply : {false, true}) {
-        const auto& parameters = parametersOf(method, ofReply);
-        for (std::size_t index = 0; index < parameters.size(); ++index) {
-          const NSSet classes = defaultClasses(parameters[index]);
-          made->entries.emplace(Key(&method, index, ofReply), Entry{classes, velto::wire::ClassSet(classes)});
-        }
+    const auto made = std::make_shared<Table>(protocol.methods().data());
+    const auto add = [](const std::vector<Parameter>& parameters, std::vector<Entry>& entries) {
+      for (const Parameter& parameter : parameters) {
+        const NSSet classes = defaultClasses(parameter);
+        entries.push_back({classes, velto::wire::ClassSet(classes)});
       }
+    };
+    for (const Method& method : protocol.methods()) {
+      Table::Entries& entries = made->entries.emplace_back();
+      add(method.parameters, entries.ofArguments);
+      add(method.replyParameters, entries.ofReply);
     }
     protocol.defaults_ = made;
   });
@@ -95,16 +114,14 @@ std::shared_ptr<const NSXPCInterface::Table> NSXPCInterface::defaultsOf(const ve
 NSXPCInterface::~NSXPCInterface() = default;
 
 NSSet NSXPCInterface::classesForSelector(const NSString& selector, std::size_t argumentIndex, bool ofReply) const {
-  const Method* method = protocol_.methodForSelector(selector.view());
-  const auto found = table_->entries.find(Key(method, argumentIndex, ofReply));
-  return found != table_->entries.end() ? found->second.classes.copy() : nil;
+  const Entry* found = table_->find({protocol_.methodForSelector(selector.view()), argumentIndex, ofReply});
+  return found != nullptr ? found->classes.copy() : nil;
 }
 
 void NSXPCInterface::setClasses(const NSSet& classes, const NSString& forSelector, std::size_t argumentIndex,
                                 bool ofReply) {
-  const Method* method = protocol_.methodForSelector(forSelector.view());
-  const Key key(method, argumentIndex, ofReply);
-  if (!table_->entries.contains(key)) {
+  const Key key(protocol_.methodForSelector(forSelector.view()), argumentIndex, ofReply);
+  if (table_->find(key) == nullptr) {
     throw NSException("NSInvalidArgumentException", "protocol " + protocol_.name() + " has no argument " +
                                                         std::to_string(argumentIndex) + " of " + forSelector.string());
   }
@@ -117,24 +134,26 @@ void NSXPCInterface::setClasses(const NSSet& classes, const NSString& forSelecto
 }
 
 std::size_t NSXPCInterface::claimableDescriptors(bool ofReply) const {
-  std::map<const Method*, std::size_t> ofMethods;
   std::size_t most = 0;
-  for (const auto& [key, entry] : table_->entries) {
-    const auto& [method, index, isOfReply] = key;
-    const std::size_t ofOne = velto::wire::descriptorsOfOneObject(entry.admitted);
-    if (isOfReply != ofReply || ofOne == 0) continue;
-    // What is declared as something else can hold as many as there may be.
-    const Class& declared = parametersOf(*method, ofReply)[index].classObject;
-    const bool isOne = !velto::wire::descriptorClassNamed(declared.classBody()->name()).classObject.isNil();
-    std::size_t& ofMethod = ofMethods[method];
-    ofMethod =
-        std::min(ofMethod + (isOne ? ofOne : velto::limits::kMaximumDescriptors), velto::limits::kMaximumDescriptors);
-    most = std::max(most, ofMethod);
+  for (std::size_t number = 0; number < table_->entries.size(); ++number) {
+    const Table::Entries& ofMethod = table_->entries[number];
+    const std::vector<Entry>& entries = ofReply ? ofMethod.ofReply : ofMethod.ofArguments;
+    const std::vector<Parameter>& parameters = parametersOf(protocol_.methods()[number], ofReply);
+    std::size_t ofAll = 0;
+    for (std::size_t index = 0; index < entries.size(); ++index) {
+      const std::size_t ofOne = velto::wire::descriptorsOfOneObject(entries[index].admitted);
+      if (ofOne == 0) continue;
+      // What is declared as something else can hold as many as there may be.
+      const Class& declared = parameters[index].classObject;
+      const bool isOne = !velto::wire::descriptorClassNamed(declared.classBody()->name()).classObject.isNil();
+      ofAll += isOne ? ofOne : velto::limits::kMaximumDescriptors;
+    }
+    most = std::max(most, std::min(ofAll, velto::limits::kMaximumDescriptors));
   }
   return most;
 }
 
 const velto::wire::ClassSet& NSXPCInterface::admitted(const Method& method, std::size_t argumentIndex,
                                                       bool ofReply) const {
-  return table_->entries.at(Key(&method, argumentIndex, ofReply)).admitted;
+  return table_->find({&method, argumentIndex, ofReply})->admitted;
 }

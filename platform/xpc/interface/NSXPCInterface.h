@@ -1,10 +1,9 @@
 #pragma once
 
 #include <cstddef>
-#include <map>
 #include <memory>
 #include <string>
-#include <tuple>
+#include <vector>
 
 #include "platform/foundation/NSSet.h"
 #include "platform/foundation/NSString.h"

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <functional>
 #include <initializer_list>
@@ -67,6 +68,13 @@ struct NonBlockingReply {
   void operator()(Argument argument) const { block(std::move(argument)); }
 };
 
+// A reply block that does nothing, and says so: the call then goes out as one that wants no reply, so that none is sent
+// back. Give it where a std::function is asked for.
+template <class Argument>
+struct IgnoredReply {
+  void operator()(const Argument&) const noexcept {}
+};
+
 }  // namespace velto
 
 namespace velto::xpc {
@@ -80,7 +88,12 @@ enum class Way { twoWay, oneWay };
 struct ReplyBlock {
   std::function<void(const NSObject&)> block;
   bool neverBlocks = false;
+  // It does nothing: nobody need call it.
+  bool isIgnored = false;
 
+  static ReplyBlock ignored() {
+    return {[](const NSObject&) {}, false, true};
+  }
   explicit operator bool() const noexcept { return static_cast<bool>(block); }
 };
 
@@ -157,13 +170,16 @@ struct ReplyType<std::function<void(R)>> {
   static constexpr bool isReply = true;
   using Argument = R;
 
-  static ReplyBlock erase(const std::function<void(R)>& reply) {
+  static ReplyBlock erase(std::function<void(R)> reply) {
     if (!reply) return {};
+    if (reply.template target<IgnoredReply<R>>() != nullptr) return ReplyBlock::ignored();
     const bool neverBlocks = reply.template target<NonBlockingReply<R>>() != nullptr;
-    return {[reply](const NSObject& value) { reply(ArgumentType<R>::fromObject(value)); }, neverBlocks};
+    return {[reply = std::move(reply)](const NSObject& value) { reply(ArgumentType<R>::fromObject(value)); },
+            neverBlocks};
   }
   static std::function<void(R)> restore(ReplyBlock reply) {
     if (!reply) return {};
+    if (reply.isIgnored) return IgnoredReply<R>();
     return [block = std::move(reply.block)](R value) { block(ArgumentType<R>::toObject(value)); };
   }
 };
@@ -186,12 +202,17 @@ void appendParameter(Method& method) {
   }
 }
 
-template <class T>
-void appendArgument(std::vector<NSObject>& arguments, ReplyBlock& reply, const T& value) {
+// Puts a value, which may still have to become one of the argument's type, where the next argument goes.
+template <class T, class Value>
+void putArgument(NSObject*& next, ReplyBlock& reply, Value&& value) {
   if constexpr (ReplyType<T>::isReply) {
-    reply = ReplyType<T>::erase(value);
+    T block = std::forward<Value>(value);
+    reply = ReplyType<T>::erase(std::move(block));
+  } else if constexpr (std::is_same_v<std::decay_t<Value>, T>) {
+    *next++ = ArgumentType<T>::toObject(value);
   } else {
-    arguments.push_back(ArgumentType<T>::toObject(value));
+    const T made = std::forward<Value>(value);
+    *next++ = ArgumentType<T>::toObject(made);
   }
 }
 
@@ -206,8 +227,14 @@ struct MemberType<void (P::*)(A...)> {
     invokeWith<Member>(static_cast<P*>(object), arguments, reply, std::index_sequence_for<A...>());
   }
   static void describe(Method& method) { (appendParameter<std::decay_t<A>>(method), ...); }
-  static void pack(std::vector<NSObject>& arguments, ReplyBlock& reply, const std::decay_t<A>&... values) {
-    (appendArgument(arguments, reply, values), ...);
+  static constexpr std::size_t kObjects = (std::size_t{!ReplyType<std::decay_t<A>>::isReply} + ... + 0);
+  template <class... Values>
+  static std::array<NSObject, kObjects> pack(ReplyBlock& reply, Values&&... values) {
+    static_assert(sizeof...(Values) == sizeof...(A), "the method takes other arguments");
+    std::array<NSObject, kObjects> arguments;
+    [[maybe_unused]] NSObject* next = arguments.data();
+    (putArgument<std::decay_t<A>>(next, reply, std::forward<Values>(values)), ...);
+    return arguments;
   }
 
  private:

@@ -71,9 +71,9 @@ void encodeCallHeader(ValueEncoder& encoder, const CallHeader& header) {
 
 std::optional<CallHeader> decodeCallHeader(ValueDecoder& decoder, std::string& reason) {
   const std::optional<std::uint64_t> identifier = decoder.nextUnsigned();
-  std::optional<std::string> selector = decoder.nextText(limits::kMaximumSelectorBytes);
+  const std::optional<std::string_view> selector = decoder.nextText(limits::kMaximumSelectorBytes);
   const std::optional<bool> wantsReply = decoder.nextBool();
-  if (wantsReply) return CallHeader{*identifier, std::move(*selector), *wantsReply};
+  if (wantsReply) return CallHeader{*identifier, *selector, *wantsReply};
   reason = "call: " + decoder.reason();
   return std::nullopt;
 }
@@ -101,9 +101,9 @@ std::optional<Refusal> Refusal::decode(const Frame& frame, std::string& reason) 
   ValueDecoder decoder(frame);
   Refusal refusal;
   decodeNumbers(decoder, {&refusal.identifier, &refusal.code});
-  std::optional<std::string> text = decoder.nextText(limits::kMaximumReasonBytes);
+  const std::optional<std::string_view> text = decoder.nextText(limits::kMaximumReasonBytes);
   if (!isWhole("refusal", decoder, text.has_value(), reason)) return std::nullopt;
-  refusal.text = std::move(*text);
+  refusal.text = *text;
   return refusal;
 }
 

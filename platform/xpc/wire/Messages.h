@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/ValueDecoder.h"
@@ -33,7 +34,7 @@ struct Hello {
 // The part of a call or reply ahead of its values. Values follow in the same frame: ValueEncoder and ValueDecoder.
 struct CallHeader {
   std::uint64_t identifier = 0;  // of the caller's choice, never used twice on a connection
-  std::string selector;
+  std::string_view selector;     // of the method's table, or in the frame that came
   bool wantsReply = false;
 };
 // A selector over limits::kMaximumSelectorBytes makes the encoder fail.

@@ -341,7 +341,7 @@ std::optional<bool> ValueDecoder::nextBool() {
   return item.number != 0;
 }
 
-std::optional<std::string> ValueDecoder::nextText(std::size_t maximumBytes) {
+std::optional<std::string_view> ValueDecoder::nextText(std::size_t maximumBytes) {
   Item item;
   if (broken_ || !expect(Type::text, item, "a text")) return std::nullopt;
   if (item.number > maximumBytes) {
@@ -350,7 +350,7 @@ std::optional<std::string> ValueDecoder::nextText(std::size_t maximumBytes) {
     breakOff("a text that is not UTF-8");
   }
   if (broken_) return std::nullopt;
-  return std::string(item.view());
+  return item.view();
 }
 
 bool ValueDecoder::failRead() {

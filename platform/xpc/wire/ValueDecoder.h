@@ -49,7 +49,8 @@ class ValueDecoder {
   // Items of the protocol itself: nothing when the item is another.
   std::optional<std::uint64_t> nextUnsigned();
   std::optional<bool> nextBool();
-  std::optional<std::string> nextText(std::size_t maximumBytes);
+  // Lies in the frame.
+  std::optional<std::string_view> nextText(std::size_t maximumBytes);
   bool atEnd() const noexcept { return !broken_ && reader_.remaining() == 0; }
 
   // Why the last call failed.

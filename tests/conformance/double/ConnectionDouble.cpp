@@ -22,10 +22,10 @@ RemoteObject::RemoteObject(std::shared_ptr<ConnectionCore> core, std::function<v
   core_->proxyMade(PlatformDouble::current().nextProxyNumber(), errorHandler_);
 }
 
-void RemoteObject::send(const void* member, std::vector<NSObject> arguments, ReplyBlock reply) const {
+void RemoteObject::send(const void* member, std::span<const NSObject> arguments, ReplyBlock reply) const {
   const Method* method = core_->remoteInterface()->protocol().methodForMember(member);
   if (method == nullptr) throw NSException("NSInvalidArgumentException", "the protocol's table lacks the method");
-  core_->called(*method, std::move(arguments), std::move(reply), errorHandler_);
+  core_->called(*method, {arguments.begin(), arguments.end()}, std::move(reply), errorHandler_);
 }
 
 Class RemoteObject::boxClass() {
@@ -133,7 +133,7 @@ void ConnectionCore::playProxyError(const NSError& error) {
   if (*handler) (*handler)(error);
 }
 
-void ConnectionCore::deliverPacked(const void* member, const std::vector<NSObject>& arguments, ReplyBlock reply) {
+void ConnectionCore::deliverPacked(const void* member, std::span<const NSObject> arguments, ReplyBlock reply) {
   const Protocol* protocol = nullptr;
   std::shared_ptr<void> object;
   {

@@ -60,9 +60,8 @@ class ConnectionCore final {
   template <auto Member, class... Arguments>
   void deliver(Arguments&&... arguments) {
     using Type = detail::MemberType<decltype(Member)>;
-    std::vector<NSObject> packed;
     ReplyBlock reply;
-    Type::pack(packed, reply, std::forward<Arguments>(arguments)...);
+    const auto packed = Type::pack(reply, std::forward<Arguments>(arguments)...);
     deliverPacked(&detail::memberKey<Member>, packed, std::move(reply));
   }
 
@@ -91,7 +90,7 @@ class ConnectionCore final {
   };
 
   void note(const std::string& what) const;
-  void deliverPacked(const void* member, const std::vector<NSObject>& arguments, ReplyBlock reply);
+  void deliverPacked(const void* member, std::span<const NSObject> arguments, ReplyBlock reply);
 
   const std::size_t number_;
   const std::shared_ptr<testing::Journal> journal_;
