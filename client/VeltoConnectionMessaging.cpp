@@ -43,8 +43,7 @@ bool VeltoConnection::sendMessage(const NSDictionary& message, NSError* error, V
   VKTLoggingLog(VKTLogGetAnchor(), 2, "Sending the VeltoConnection Message %@ with the handle", message);
   if (!handler) handler = velto::emptyReplyHandler();
   if (const auto proxy = listenerProxyObject()) {
-    proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(getID(), message,
-                                                                             std::move(handler));
+    proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(getID(), message, std::move(handler));
   }
   return true;
 }

@@ -49,8 +49,8 @@ class VeltoLink final : public Link {
     return roundTripOf(benchmarks::requestOfValues(request));
   }
 
-  // A call that nobody awaits counts among those that wait for a reply until the server has let go of it. So each so
-  // many calls one is answered, and few of those are on the way.
+  // Nothing tells who awaits no reply how far the server is, and what waits for it is bounded. So each so many calls one
+  // is answered, and few of those are on the way.
   void send(const Request& request) override {
     start(benchmarks::requestOfValues(request), {});
     if (++sent_ % kBetweenMarks != 0) return;

@@ -47,6 +47,7 @@ Arrivals::CallArrival Arrivals::callArrived(wire::Frame&& frame) {
   calls_.push_back(std::move(frame));
   callBytes_ += bytes;
   ++callCount_;
+  ++callsSoFar_;
   descriptors_ += descriptors;
   if (!isClaimable) return {true, "a call with more descriptors than any method takes"};
   std::string excess;

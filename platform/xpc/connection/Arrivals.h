@@ -76,6 +76,7 @@ class Arrivals {
   std::size_t dropAll() noexcept;
   bool isEmpty() const noexcept { return calls_.empty() && replies_.empty(); }
   std::size_t waitingCalls() const noexcept { return calls_.size(); }
+  std::uint64_t callsSoFar() const noexcept { return callsSoFar_; }
   // Whether no turn has come since the last look, and what is kept is too much to be left behind a callback that does
   // not return.
   bool isStuck() const noexcept;
@@ -105,6 +106,7 @@ class Arrivals {
   // Of the calls that have not been dealt with: those that wait, and the one whose turn it is.
   std::size_t callBytes_ = 0;
   std::size_t callCount_ = 0;
+  std::uint64_t callsSoFar_ = 0;
   std::size_t replyBytes_ = 0;
   // Since the last credit.
   wire::Credit credit_;

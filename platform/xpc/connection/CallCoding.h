@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <span>
 #include <string>
 #include <vector>
@@ -23,6 +24,10 @@ struct EncodedCall {
 };
 EncodedCall encodeCall(std::uint64_t identifier, const Method& method, std::span<const NSObject> arguments,
                        bool wantsReply);
+inline EncodedCall encodeCall(std::uint64_t identifier, const Method& method, std::initializer_list<NSObject> arguments,
+                              bool wantsReply) {
+  return encodeCall(identifier, method, std::span(arguments.begin(), arguments.size()), wantsReply);
+}
 
 struct EncodedReply {
   wire::Frame frame;

@@ -18,6 +18,13 @@
 
 namespace velto::xpc {
 
+namespace {
+
+// Calls under way of which the sender may await each.
+constexpr std::size_t kFewAwaited = 4;
+
+}  // namespace
+
 // Gives the credit of a call back even if its callback raises.
 class ConnectionCore::CreditAtEnd {
  public:
@@ -56,8 +63,9 @@ void ConnectionCore::call(const Method& method, std::span<const NSObject> argume
                   : outgoing_.refusalToKeep(encoded.frame, static_cast<bool>(outgoing.reply), waitingInChannel());
     if (!failure) {
       if (outgoing.reply.neverBlocks && channel_) transport::OwnReading::expect(channel_);
+      const auto haste = hasteOf(outgoing);
       outgoing_.add(std::move(outgoing), std::move(encoded.frame));
-      if (life_.maySendCalls()) sendWaiting();
+      if (life_.maySendCalls()) sendWaiting(haste);
       stateWaiting();
     }
   }
@@ -69,11 +77,32 @@ void ConnectionCore::postNotSent(const ErrorHandler& handler, const Method& meth
   postFailure(handler, makeError(static_cast<NSXPCErrorCode>(reason.code()), text));
 }
 
-void ConnectionCore::sendWaiting() {
+transport::Channel::Haste ConnectionCore::hasteHere() {
+  using Haste = transport::Channel::Haste;
+  return channel_ && queue_->leaves(channel_) ? Haste::beforeFlush : Haste::now;
+}
+
+// Calls that follow each other closely are a burst only if their sender awaits none of them, nor an answer that comes
+// as a call.
+transport::Channel::Haste ConnectionCore::hasteOf(const OutgoingCall& call) {
+  using Haste = transport::Channel::Haste;
+  if (call.reply.neverBlocks) return Haste::now;
+  const std::uint64_t seen = std::exchange(callsSeen_, arrivals_.callsSoFar());
+  const bool isAnswered = seen != callsSeen_;
+  if (const Haste here = hasteHere(); here != Haste::now) return here;
+  const bool isAwaited = call.reply ? outgoing_.pendingReplies() < kFewAwaited : isAnswered;
+  return isAwaited ? Haste::now : Haste::inBurst;
+}
+
+void ConnectionCore::sendWaiting(transport::Channel::Haste haste) {
   if (!channel_) return;
   try {
-    while (auto sendable = outgoing_.takeSendable()) {
-      outgoing_.sent(sendable->identifier, channel_->send(std::move(sendable->frame)));
+    for (auto sendable = outgoing_.takeSendable(); sendable;) {
+      auto next = outgoing_.takeSendable();
+      const auto number =
+          channel_->send(std::move(sendable->frame), next ? transport::Channel::Haste::afterNext : haste);
+      outgoing_.sent(sendable->identifier, number);
+      sendable = std::move(next);
     }
   } catch (const std::bad_alloc&) {
     // A call between here and the socket is lost. Everybody hears of it when the stream ends.
@@ -85,7 +114,7 @@ std::size_t ConnectionCore::sendControl(wire::Frame&& frame) {
   if (!channel_ || !life_.isOpen()) return 0;
   const std::size_t waiting = channel_->waitingBytes() + frame.size();
   if (waiting > limits::kWaitingBytes) return waiting;
-  channel_->send(std::move(frame));
+  channel_->send(std::move(frame), hasteHere());
   return 0;
 }
 
@@ -101,7 +130,7 @@ void ConnectionCore::sendOrCutOff(wire::Frame frame, bool settlesReply) {
 }
 
 void ConnectionCore::stateWaiting() {
-  holding_->setBytes(transport::Holding::Place::waiting, outgoing_.waitingBytes());
+  holding_->setBytes(transport::Holding::Place::waiting, outgoing_.heldByWaiting());
 }
 
 void ConnectionCore::stateArrived() {
@@ -183,7 +212,13 @@ void ConnectionCore::dealtWith(std::size_t bytes, bool isOwedReply) {
 
 void ConnectionCore::giveCredit() {
   if (!channel_ || !life_.isOpen()) return;
-  if (const auto credit = arrivals_.takeCredit(channel_->waitingBytes())) channel_->send(credit->encode());
+  if (const auto credit = arrivals_.takeCredit(channel_->waitingBytes())) {
+    channel_->send(credit->encode(), hasteHere());
+  }
+}
+
+void ConnectionCore::takeTurn(unsigned kind) {
+  kind == kCallsTurn ? deliver() : deliverReply();
 }
 
 void ConnectionCore::outputDrained() {

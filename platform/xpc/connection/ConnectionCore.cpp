@@ -109,7 +109,7 @@ void ConnectionCore::resume() {
     ending = life_.takeKeptEnding();
     if (life_.maySendCalls()) sendWaiting();
   }
-  for (; kept > 0; --kept) post([self = shared_from_this()] { self->deliver(); });
+  if (kept > 0) queue_->add(shared_from_this(), kCallsTurn, kept);
   if (ending) end(*ending);
   if (connector_ && connectAgain()) ConnectRetries::shared().wait(target_, weak_from_this());
 }

@@ -38,6 +38,7 @@ struct DecodedCall;
 // channel, the channel holds this.
 class ConnectionCore final : public transport::ChannelReceiver,
                              public transport::HoldingOwner,
+                             public transport::Repeatable,
                              public std::enable_shared_from_this<ConnectionCore> {
  public:
   // Each try to connect. The name is the connection's in errors; the target is the same for all connections to one
@@ -83,13 +84,16 @@ class ConnectionCore final : public transport::ChannelReceiver,
   // Ends the connection without any memory: its other end, and this one, hear of it.
   void giveUp() noexcept;
 
-  void frameArrived(wire::Frame frame) override;
+  void framesArrived(std::span<wire::Frame> frames) override;
   void channelEnded(const std::string& reason) override;
   void outputDrained() override;
   void heldTooMuch(const std::string& reason) override;
   void mayReadOn() override;
+  void takeTurn(unsigned kind) override;
 
  private:
+  // Of the queue.
+  enum Turn : unsigned { kCallsTurn, kReplysTurn };
   struct Due;
   class CreditAtEnd;
 
@@ -118,6 +122,7 @@ class ConnectionCore final : public transport::ChannelReceiver,
   void letGo(std::vector<OutgoingCall> calls);
 
   // FramesThatCome.cpp; each notes what it brings about.
+  std::span<wire::Frame> dispatchSome(std::span<wire::Frame> frames, Due& due) VELTO_REQUIRES(mutex_);
   void dispatch(wire::Frame& frame, Due& due) VELTO_REQUIRES(mutex_);
   void helloArrived(const wire::Frame& frame, Due& due) VELTO_REQUIRES(mutex_);
   void callArrived(wire::Frame& frame, Due& due) VELTO_REQUIRES(mutex_);
@@ -130,8 +135,11 @@ class ConnectionCore final : public transport::ChannelReceiver,
 
   // CallsAndReplies.cpp
   void postNotSent(const ErrorHandler& handler, const Method& method, const NSError& reason);
-  void sendWaiting() VELTO_REQUIRES(mutex_);
+  void sendWaiting(transport::Channel::Haste haste = transport::Channel::Haste::now) VELTO_REQUIRES(mutex_);
   std::size_t waitingInChannel() const VELTO_REQUIRES(mutex_) { return channel_ ? channel_->waitingBytes() : 0; }
+  // Whether what a task of the queue, or a user, sends may be gathered.
+  transport::Channel::Haste hasteHere() VELTO_REQUIRES(mutex_);
+  transport::Channel::Haste hasteOf(const OutgoingCall& call) VELTO_REQUIRES(mutex_);
   // Sends a frame, if there is anybody to send it to. 0, or, when the other end does not read and one frame more would
   // be too many, the bytes that would then wait; it is not sent.
   std::size_t sendControl(wire::Frame&& frame) VELTO_REQUIRES(mutex_);
@@ -163,6 +171,8 @@ class ConnectionCore final : public transport::ChannelReceiver,
   std::shared_ptr<transport::Channel> channel_ VELTO_GUARDED_BY(mutex_);
   std::shared_ptr<transport::PeerProcess> peer_ VELTO_GUARDED_BY(mutex_);
   OutgoingCalls outgoing_ VELTO_GUARDED_BY(mutex_);
+  // Calls that had come when the last went out.
+  std::uint64_t callsSeen_ VELTO_GUARDED_BY(mutex_) = 0;
   Arrivals arrivals_ VELTO_GUARDED_BY(mutex_);
   ConnectionLife life_ VELTO_GUARDED_BY(mutex_);
 };

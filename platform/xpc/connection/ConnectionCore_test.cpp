@@ -3,6 +3,7 @@
 #include "platform/xpc/connection/ConnectionCore.h"
 
 #include <array>
+
 #include <gtest/gtest.h>
 
 #include "platform/logging/VeltoLogging.h"
@@ -24,7 +25,9 @@ class OtherEnd final : public transport::ChannelReceiver {
   Inbox<FrameType> frames;
   Inbox<std::string> ends;
 
-  void frameArrived(wire::Frame frame) override { frames.put(frame.type); }
+  void framesArrived(std::span<wire::Frame> arrived) override {
+    for (const wire::Frame& frame : arrived) frames.put(frame.type);
+  }
   void channelEnded(const std::string& reason) override { ends.put(reason); }
   void outputDrained() override {}
 };
@@ -119,6 +122,53 @@ TEST_F(Core, AnswersACallAndHasItsOwnAnswered) {
   other->frames.waitFor(3);
   channel->send(encodeReply(1, NSString("hello Bob")).frame);
   EXPECT_EQ(told.waitFor(2), (Texts{"hello Bob", "let go of"}));
+}
+
+// A burst comes to turns of the queue, in the order of the frames, whatever lies between them.
+TEST_F(Core, ManyFramesAtOnceAreDealtWithInTheirOrder) {
+  core->resume();
+  channel->send(wire::Hello::ours().encode());
+  constexpr std::uint64_t kMany = 40;
+  for (std::uint64_t number = 1; number <= kMany; ++number) {
+    greetFrom("Bob", {[told = &told](const NSObject& value) { told->put(value.as<NSString>().string()); }});
+  }
+  other->frames.waitFor(1 + kMany);
+  greeter->onGreet = [told = &told](const NSString& name, const std::function<void(NSString)>&) {
+    told->put(name.string());
+  };
+  Texts expected;
+  for (std::uint64_t number = 1; number <= kMany; ++number) {
+    const std::string text = std::to_string(number);
+    const auto haste = number < kMany ? transport::Channel::Haste::afterNext : transport::Channel::Haste::now;
+    channel->send(encodeReply(number, NSString("reply " + text)).frame, transport::Channel::Haste::afterNext);
+    channel->send(encodeCall(number, greet, {NSString("call " + text)}, false).frame, haste);
+    expected.push_back("reply " + text);
+    expected.push_back("call " + text);
+  }
+  EXPECT_EQ(told.waitFor(2 * kMany), expected);
+}
+
+TEST_F(Core, ACallWhoseReplyIsIgnoredIsOneThatNobodyMayAnswer) {
+  core->resume();
+  channel->send(wire::Hello::ours().encode());
+  greetFrom("Ada", ReplyBlock::ignored());
+  other->frames.waitFor(2);
+  channel->send(encodeReply(1, NSString("hello Ada")).frame);
+  EXPECT_EQ(lines.waitFor(1), Texts{"a test is cut off: a reply to no call: 1"});
+}
+
+TEST_F(Core, AMethodThatIsCalledWithoutAReplyGetsABlockAllTheSame) {
+  core->resume();
+  greeter->onGreet = [told = &told](const NSString&, const std::function<void(NSString)>& reply) {
+    reply("for nobody");
+    reply("and again");
+    told->put("called");
+  };
+  channel->send(wire::Hello::ours().encode());
+  channel->send(encodeCall(1, greet, {NSString("Ada")}, false).frame);
+  channel->send(encodeCall(2, greet, {NSString("Bob")}, true).frame);
+  EXPECT_EQ(told.waitFor(2), (Texts{"called", "called"}));
+  EXPECT_EQ(other->frames.waitFor(2), (Types{FrameType::hello, FrameType::reply}));
 }
 
 TEST_F(Core, AReplyThatIsDroppedLetsGoOfItsBlockWithoutTheLock) {

@@ -25,9 +25,9 @@ struct ConnectionCore::Due {
   // The listener is told, and asked.
   std::function<void()> called;
   std::function<void(std::shared_ptr<ConnectionCore>)> accept;
-  // The queue gets a turn more.
-  bool hasCall = false;
-  bool hasReply = false;
+  // Turns that the queue gets more.
+  std::size_t calls = 0;
+  std::size_t replies = 0;
   // A call that is settled, and what its error handler is told; nil when that is nothing.
   std::optional<OutgoingCall> settled;
   NSError error;
@@ -39,21 +39,40 @@ struct ConnectionCore::Due {
   std::string offence;
   NSXPCErrorCode code = NSXPCConnectionInterrupted;
   bool saidGoodbye = false;
+
+  // Whether there is nothing but turns of one kind.
+  bool isPlain() const noexcept {
+    return !called && !accept && !settled && !answered && refused.empty() && forgotten.empty() && offence.empty() &&
+           !saidGoodbye;
+  }
 };
 
-void ConnectionCore::frameArrived(wire::Frame frame) {
-  Due due;
-  {
-    MutexLock lock(mutex_);
-    if (life_.hasEnded() || !channel_) return;
-    due.offence = life_.disorder(frame.type == wire::FrameType::hello);
-    if (due.offence.empty()) dispatch(frame, due);
-  }
-  if (due.answered) {
-    finishOnReader(*due.settled, frame, *due.answered);
-  } else {
+void ConnectionCore::framesArrived(std::span<wire::Frame> frames) {
+  while (!frames.empty()) {
+    Due due;
+    const auto before = frames;
+    {
+      MutexLock lock(mutex_);
+      if (life_.hasEnded() || !channel_) return;
+      frames = dispatchSome(frames, due);
+      stateArrived();
+    }
     carryOut(due);
+    if (due.answered) finishOnReader(*due.settled, before[before.size() - frames.size() - 1], *due.answered);
   }
+}
+
+// As many as can be dealt with at once. Returns those that are left.
+std::span<wire::Frame> ConnectionCore::dispatchSome(std::span<wire::Frame> frames, Due& due) {
+  do {
+    // Turns are taken in the order in which the frames came.
+    const wire::FrameType type = frames.front().type;
+    if (type == wire::FrameType::call ? due.replies > 0 : type == wire::FrameType::reply && due.calls > 0) break;
+    due.offence = life_.disorder(type == wire::FrameType::hello);
+    if (due.offence.empty()) dispatch(frames.front(), due);
+    frames = frames.subspan(1);
+  } while (!frames.empty() && due.isPlain() && channel_);
+  return frames;
 }
 
 void ConnectionCore::dispatch(wire::Frame& frame, Due& due) {
@@ -80,13 +99,13 @@ void ConnectionCore::dispatch(wire::Frame& frame, Due& due) {
 void ConnectionCore::carryOut(Due& due) {
   if (due.called) due.called();
   if (due.accept) post([self = shared_from_this(), accept = std::move(due.accept)] { accept(self); });
-  if (due.hasCall) post([self = shared_from_this()] { self->deliver(); });
-  if (due.hasReply) post([self = shared_from_this()] { self->deliverReply(); });
+  if (due.calls > 0) queue_->add(shared_from_this(), kCallsTurn, due.calls);
+  if (due.replies > 0) queue_->add(shared_from_this(), kReplysTurn, due.replies);
   for (auto& [call, objection] : due.refused) {
     postNotSent(call.errorHandler, *call.method, makeError(NSXPCLimitExceeded, objection));
     due.forgotten.push_back(std::move(call));
   }
-  if (due.settled) {
+  if (due.settled && !due.answered) {
     if (due.error) postFailure(due.settled->errorHandler, due.error);
     due.forgotten.push_back(std::move(*due.settled));
   }
@@ -130,12 +149,11 @@ void ConnectionCore::creditArrived(const wire::Frame& frame, Due& due) {
 void ConnectionCore::callArrived(wire::Frame& frame, Due& due) {
   auto arrival = arrivals_.callArrived(std::move(frame));
   if (!arrival.isKept && arrival.offence.empty()) return;
-  stateArrived();
   due.accept = life_.takeAccept();
   due.offence = std::move(arrival.offence);
   if (!due.offence.empty()) return;
   due.called = life_.takeCalled();
-  due.hasCall = life_.isResumed();
+  if (life_.isResumed()) ++due.calls;
 }
 
 void ConnectionCore::replyArrived(wire::Frame& frame, Due& due) {
@@ -157,8 +175,7 @@ void ConnectionCore::replyArrived(wire::Frame& frame, Due& due) {
   if (!call.reply.neverBlocks) {
     std::string excess = arrivals_.replyArrived(std::move(call), std::move(frame));
     due.settled.reset();
-    stateArrived();
-    due.hasReply = true;
+    ++due.replies;
     if (isClaimable) due.offence = std::move(excess);
   } else if (isClaimable) {
     due.answered = outgoing_.interface();

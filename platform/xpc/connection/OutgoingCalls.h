@@ -65,6 +65,8 @@ class OutgoingCalls {
 
   bool hasWaiting() const noexcept { return !waiting_.empty(); }
   std::size_t waitingBytes() const noexcept { return waitingBytes_; }
+  // What those that wait here make the process hold: their bytes, and what is kept about each.
+  std::size_t heldByWaiting() const noexcept { return waitingBytes_ + waiting_.size() * kKeepingBytes; }
   std::size_t pendingReplies() const noexcept { return pendingReplies_; }
 
  private:
@@ -76,6 +78,8 @@ class OutgoingCalls {
     std::uint64_t identifier;
     std::size_t bytes;
   };
+
+  static constexpr std::size_t kKeepingBytes = 256;
 
   std::vector<Refused> takeRefused();
 

@@ -43,6 +43,7 @@ TEST(OutgoingCalls, ThoseThatAreOverWhatTheOtherEndStatesAreTakenOutInOrderAndTh
   EXPECT_EQ(refused[1].call.identifier, 4U);
   EXPECT_EQ(refused[1].objection, "bytes of a frame to this peer: 40, the maximum is 30");
   EXPECT_EQ(calls.waitingBytes(), 40U);
+  EXPECT_GT(calls.heldByWaiting(), 40U + 2 * sizeof(OutgoingCall));
   EXPECT_EQ(calls.pendingReplies(), 2U);
   EXPECT_EQ(calls.takeSendable()->identifier, 1U);
   EXPECT_EQ(calls.takeSendable()->identifier, 3U);

@@ -4,8 +4,11 @@
 #include "platform/xpc/interface/NSXPCInterface.h"
 
 #include <algorithm>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/foundation/Foundation.h"
 #include "platform/foundation/ThreadAnnotations.h"

@@ -6,8 +6,10 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -15,8 +17,10 @@
 #include <sys/socket.h>
 
 #include "platform/xpc/contract/Limits.h"
+#include "platform/xpc/system/PerProcess.h"
 #include "platform/xpc/system/SystemCalls.h"
 #include "platform/xpc/transport/DescriptorMessage.h"
+#include "platform/xpc/transport/Gathering.h"
 
 namespace velto::transport {
 
@@ -24,12 +28,24 @@ namespace {
 
 constexpr std::uint32_t kInput = EPOLLIN | EPOLLRDHUP;
 constexpr std::uint32_t kHangUp = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
-// Frames gathered into one write.
-constexpr std::size_t kGatheredFrames = 32;
-// Pause before something is tried again that the kernel had no memory for, or no room for descriptors on their way.
+// Outputs gathered into one write.
+constexpr std::size_t kGatheredOutputs = 32;
+// A frame of up to so many bytes is copied to those before it that wait, which is less work than a piece more to
+// gather; as long as these come to less than that.
+constexpr std::size_t kSmallFrame = std::size_t{2} << 10;
+constexpr std::size_t kBatchBytes = std::size_t{16} << 10;
+// What may wait for more, and how long: when somebody is about to flush, and when nobody is.
+constexpr std::size_t kGatheredBytes = std::size_t{16} << 10;
+constexpr std::chrono::microseconds kFlushPatience{500};
+constexpr std::chrono::microseconds kBurstPatience{50};
+// Frames that follow each other so closely are a burst, once there are so many. What comes after a pause goes at once;
+// if that was short, the burst goes on behind it.
+constexpr std::chrono::microseconds kBurstPause{20};
+constexpr std::chrono::microseconds kLongPause{1'000};
+constexpr unsigned kBurstFrames = 8;
+// Pause before a write is tried again that the kernel had no memory for, or no room for descriptors on their way.
 constexpr std::chrono::milliseconds kRetryPause{10};
 constexpr std::size_t kReadBytes = std::size_t{64} << 10;
-constexpr std::size_t kSmallReadBytes = std::size_t{8} << 10;
 // Writes before others have their turn.
 constexpr unsigned kTurnWrites = 16;
 
@@ -40,6 +56,40 @@ bool isPassing(int error) {
 bool meansGone(int error) {
   return error == EPIPE || error == ECONNRESET || error == ENOTCONN;
 }
+
+// Frames that are delivered together. Needs no memory besides.
+class FrameBatch {
+ public:
+  FrameBatch() = default;
+  FrameBatch(const FrameBatch&) = delete;
+  FrameBatch& operator=(const FrameBatch&) = delete;
+  ~FrameBatch() { clear(); }
+
+  // False when there are none.
+  bool take(wire::FrameReader& reader) {
+    while (count_ < kMost) {
+      auto frame = reader.next();
+      if (!frame) break;
+      new (place(count_)) wire::Frame(std::move(*frame));
+      ++count_;
+    }
+    return count_ > 0;
+  }
+  std::span<wire::Frame> frames() noexcept { return {std::launder(place(0)), count_}; }
+  void clear() noexcept {
+    std::destroy_n(place(0), count_);
+    count_ = 0;
+  }
+
+ private:
+  static constexpr std::size_t kMost = 16;
+
+  wire::Frame* place(std::size_t index) noexcept { return reinterpret_cast<wire::Frame*>(bytes_) + index; }
+
+  std::size_t count_ = 0;
+  // Not initialised.
+  alignas(wire::Frame) std::byte bytes_[kMost * sizeof(wire::Frame)];
+};
 
 }  // namespace
 
@@ -55,16 +105,8 @@ Channel::~Channel() {
   holding_->setDescriptors(Holding::Place::input, 0);
 }
 
-Channel::Output::Output(wire::Frame sent) : frame(std::move(sent)) {
-  const std::size_t size = frame.size();
-  header = wire::FrameHeader{static_cast<std::uint32_t>(size), frame.type,
-                             static_cast<std::uint16_t>(frame.descriptors.size())}
-               .encode();
-  remaining = header.size() + size;
-}
-
 bool Channel::Output::gather(std::span<iovec> parts, std::size_t& count) const noexcept {
-  std::size_t written = header.size() + frame.size() - remaining;
+  std::size_t written = size() - remaining;
   const auto add = [&](std::span<const std::uint8_t> piece) {
     const std::size_t skipped = std::min(written, piece.size());
     written -= skipped;
@@ -75,12 +117,25 @@ bool Channel::Output::gather(std::span<iovec> parts, std::size_t& count) const n
   };
   const std::span<const std::uint8_t> body(frame.body);
   std::size_t position = 0;
-  if (!add(header)) return false;
+  if (!add(std::span(header).first(headerBytes))) return false;
   for (const wire::Enclosure& each : frame.enclosures) {
     if (!add(body.subspan(position, each.position - position)) || !add(each.bytes)) return false;
     position = each.position;
   }
   return add(body.subspan(position));
+}
+
+std::size_t Channel::Output::consume(std::size_t count) noexcept {
+  remaining -= count;
+  if (!isBatch()) return remaining == 0 ? 1 : 0;
+  std::size_t whole = 0;
+  const std::size_t written = frame.body.size() - remaining;
+  while (boundary <= written) {
+    ++whole;
+    if (boundary == frame.body.size()) break;
+    boundary += wire::FrameHeader::kBytes + wire::FrameHeader::bodyLengthIn(frame.body.data() + boundary);
+  }
+  return whole;
 }
 
 bool Channel::start() {
@@ -91,24 +146,137 @@ bool Channel::start() {
   return identifier_ != 0;
 }
 
-std::uint64_t Channel::send(wire::Frame frame) {
+std::uint64_t Channel::send(wire::Frame frame, Haste haste) {
   MutexLock lock(mutex_);
   const std::uint64_t number = ++sent_;
   if (!socket_ || outputBroken_ || finishing_) return number;
-  Output output(std::move(frame));
-  waitingBytes_ += output.remaining;
-  const bool mustWait = !output_.empty();
-  output_.push_back(std::move(output));
-  if (!mustWait) writeQueued();
-  // What waits takes no more memory than it needs: encoding leaves as much again unused.
-  if (!output_.empty()) output_.back().frame.body.releaseUnused();
+  const bool waitsForRoom = !output_.empty() && !gathers_;
+  const bool waits = waitsForRoom || gathers(haste, frame.size());
+  enqueue(std::move(frame), waits || gathers_);
+  if (!waits) writeQueued();
+  // What writing took is none of the sender's pause.
+  if (!waits && haste == Haste::inBurst) lastOfBurst_ = Clock::now();
   stateOutput();
   return number;
+}
+
+void Channel::enqueue(wire::Frame&& frame, bool mayBatch) {
+  const std::size_t size = frame.size();
+  const auto header = wire::FrameHeader{static_cast<std::uint32_t>(size), frame.type,
+                                        static_cast<std::uint16_t>(frame.descriptors.size())}
+                          .encode();
+  const std::size_t all = header.size() + size;
+  if (mayBatch && all <= kSmallFrame && frame.enclosures.empty() && frame.descriptors.empty()) {
+    addToBatch(header, frame);
+  } else {
+    Output added;
+    added.header = header;
+    added.headerBytes = header.size();
+    added.frame = std::move(frame);
+    added.remaining = all;
+    // What waits takes no more memory than it needs: encoding leaves as much again unused.
+    if (mayBatch) added.frame.body.releaseUnused();
+    output_.push_back(std::move(added));
+  }
+  waitingBytes_ += all;
+}
+
+void Channel::addToBatch(std::span<const std::uint8_t> header, const wire::Frame& frame) {
+  const std::size_t all = header.size() + frame.body.size();
+  if (output_.empty() || !output_.back().isBatch() || output_.back().frame.body.size() + all > kBatchBytes) {
+    if (!output_.empty()) output_.back().frame.body.releaseUnused();
+    output_.emplace_back().boundary = all;
+  }
+  Output& batch = output_.back();
+  wire::ByteBuffer& bytes = batch.frame.body;
+  const std::size_t needed = bytes.size() + all;
+  try {
+    if (bytes.capacity() < needed) bytes.reserve(std::max(2 * bytes.size(), needed));
+  } catch (const std::bad_alloc&) {
+    if (bytes.empty()) output_.pop_back();
+    throw;
+  }
+  bytes.append(header);
+  bytes.append(frame.body);
+  batch.remaining += all;
+}
+
+bool Channel::gathers(Haste haste, std::size_t bytes) {
+  if (haste == Haste::now) return false;
+  if (haste == Haste::inBurst && !isBurst()) return false;
+  if (waitingBytes_ + bytes > kGatheredBytes || !Gathering::isAllowed()) return false;
+  if (haste == Haste::afterNext) {
+    if (!gathers_) flushDue_ = kNoTime;
+    return gathers_ = true;
+  }
+  if (haste == Haste::inBurst) return bringFlush(lastOfBurst_, kBurstPatience);
+  // Whoever has set a time is as hasty.
+  return (gathers_ && flushDue_ != kNoTime) || bringFlush(Clock::now(), kFlushPatience);
+}
+
+bool Channel::isBurst() {
+  const auto now = Clock::now();
+  const auto pause = now - std::exchange(lastOfBurst_, now);
+  if (pause >= kBurstPause) {
+    burst_ = pause < kLongPause ? burst_ / 2 : 0;
+    return false;
+  }
+  burst_ = std::min(burst_ + 1, 2 * kBurstFrames);
+  return burst_ >= kBurstFrames;
+}
+
+bool Channel::bringFlush(Clock::time_point now, Clock::duration patience) {
+  const auto due = now + patience;
+  flushDue_ = gathers_ ? std::min(flushDue_, due) : due;
+  gathers_ = true;
+  if (flushTimer_ <= flushDue_ || setFlushTimer(patience)) return true;
+  gathers_ = false;
+  return false;
+}
+
+// False when there is no memory.
+bool Channel::setFlushTimer(Clock::duration delay) {
+  try {
+    system::perProcess<Gathering>().add(*this);
+    Reactor::shared().timers().add(delay, [weak = weak_from_this()] {
+      if (const auto channel = weak.lock()) channel->flushIsDue();
+    });
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  flushTimer_ = flushDue_;
+  return true;
+}
+
+// The timer stays as long as it finds something: it is set once for many frames.
+void Channel::flushIsDue() {
+  MutexLock lock(mutex_);
+  flushTimer_ = kNoTime;
+  const auto now = Clock::now();
+  if (gathers_ && flushDue_ != kNoTime && flushDue_ > now && setFlushTimer(flushDue_ - now)) return;
+  writeGathered();
+  system::perProcess<Gathering>().remove(*this);
+}
+
+void Channel::flush() noexcept {
+  MutexLock lock(mutex_);
+  try {
+    writeGathered();
+  } catch (const std::bad_alloc&) {
+    // The kernel could not be asked to tell of room, or nobody be reminded: who sends next tries again.
+  }
+}
+
+void Channel::writeGathered() {
+  if (!gathers_ || !socket_ || output_.empty()) return;
+  writeQueued();
+  stateOutput();
 }
 
 void Channel::finish() {
   std::shared_ptr<ChannelReceiver> released;
   MutexLock lock(mutex_);
+  writeGathered();
   finishing_ = true;
   released = closeIfFinished();
 }
@@ -116,6 +284,8 @@ void Channel::finish() {
 void Channel::abort() {
   std::shared_ptr<ChannelReceiver> released;
   MutexLock lock(mutex_);
+  // As if it had been written when it was handed over.
+  writeGathered();
   released = close();
 }
 
@@ -129,6 +299,7 @@ std::shared_ptr<ChannelReceiver> Channel::close() {
   socket_.reset();
   place_.reset();
   output_.clear();
+  gathers_ = false;
   waitingBytes_ = 0;
   stateOutput();
   return std::exchange(receiver_, nullptr);
@@ -280,9 +451,10 @@ Channel::Read Channel::readOnce(Turn& turn) {
   if (!socket) return Read::ended;
   // What is left of a connection that is over is little, and must be read for its end to be found.
   if (holding_->mustWait() && !hungUp_) return Read::drained;
-  // Of small frames few at once, so that the turn is short; of a large one as much as there is.
+  // Of small frames few at once, so that the turn is short, but more where more come; of a large one as much as there
+  // is.
   const auto whole = reader_.prepare(kReadBytes);
-  const auto room = whole.first(std::min(whole.size(), std::max(kSmallReadBytes, reader_.missing())));
+  const auto room = whole.first(std::min(whole.size(), std::max(readBytes_, reader_.missing())));
   Received received = receiveWithDescriptors(socket->get(), room);
   if (received.error == EAGAIN && !endsWhenDrained_) return drained();
   if (received.error != 0 && received.error != EAGAIN && received.error != ECONNRESET) {
@@ -307,16 +479,21 @@ Channel::Read Channel::readOnce(Turn& turn) {
   reader_.keepDescriptors(claimableDescriptors_);
   reader_.received(received.count, std::move(received.descriptors));
   turn.bytes += received.count;
+  if (received.count == room.size()) {
+    readBytes_ = std::min(2 * readBytes_, kReadBytes);
+  } else if (received.count < readBytes_ / 4) {
+    readBytes_ = std::max(readBytes_ / 2, kSmallReadBytes);
+  }
   if (!deliverFrames(turn)) return Read::ended;
   return mayHaveMore ? Read::more : drained();
 }
 
 bool Channel::deliverFrames(Turn& turn) {
-  while (auto frame = reader_.next()) {
-    ++turn.frames;
+  for (FrameBatch batch; batch.take(reader_); batch.clear()) {
+    turn.frames += batch.frames().size();
     const auto listener = receiver();
     if (!listener) return false;
-    listener->frameArrived(std::move(*frame));
+    listener->framesArrived(batch.frames());
   }
   if (!reader_.failed()) return true;
   end(reader_.reason());
@@ -374,6 +551,7 @@ void Channel::end(const std::string& reason) {
 }
 
 void Channel::writeQueued() {
+  gathers_ = false;
   Attempt attempt = Attempt::done;
   unsigned writes = 0;
   while (!output_.empty() && attempt == Attempt::done && writes++ < kTurnWrites) attempt = writeOnce();
@@ -386,7 +564,7 @@ void Channel::writeQueued() {
 }
 
 Channel::Attempt Channel::writeOnce() {
-  std::array<iovec, 2 * kGatheredFrames> parts;
+  std::array<iovec, 2 * kGatheredOutputs> parts;
   std::size_t count = 0;
   const Output& first = output_.front();
   for (const Output& output : output_) {
@@ -394,7 +572,7 @@ Channel::Attempt Channel::writeOnce() {
     if (&output != &first && !output.frame.descriptors.empty()) break;
     if (!output.gather(parts, count)) break;
   }
-  const bool isBegun = first.remaining < first.header.size() + first.frame.size();
+  const bool isBegun = first.remaining < first.size();
   const auto& descriptors = isBegun ? std::vector<system::SharedDescriptor>() : first.frame.descriptors;
   const ssize_t written = sendWithDescriptors(socket_->get(), {parts.data(), count}, descriptors);
   if (written >= 0) {
@@ -412,16 +590,16 @@ void Channel::consume(std::size_t count) {
   while (!output_.empty()) {
     Output& first = output_.front();
     const std::size_t part = std::min(count, first.remaining);
-    first.remaining -= part;
     count -= part;
+    written_.fetch_add(first.consume(part), std::memory_order_release);
     if (first.remaining > 0) return;
     output_.pop_front();
-    written_.fetch_add(1, std::memory_order_release);
   }
 }
 
 void Channel::giveUpWriting() {
   outputBroken_ = true;
+  gathers_ = false;
   output_.clear();
   waitingBytes_ = 0;
   stateOutput();

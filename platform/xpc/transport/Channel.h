@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -26,7 +27,8 @@ namespace velto::transport {
 class ChannelReceiver {
  public:
   virtual ~ChannelReceiver() = default;
-  virtual void frameArrived(wire::Frame frame) = 0;
+  // In order; what they held may be taken out of them.
+  virtual void framesArrived(std::span<wire::Frame> frames) = 0;
   // The stream is over: the other end closed it (then the reason is empty) or it broke (then the reason says how).
   virtual void channelEnded(const std::string& reason) = 0;
   // Everything that had to wait for room in the socket is written. May come during the other two, from any thread.
@@ -52,12 +54,24 @@ class SleepingReader {
 };
 
 // A connected socket that carries frames both ways. A frame is written by the thread that sends it when the socket has
-// room and nothing is queued before it, and in the background otherwise. Reading never waits for anybody, but it takes
-// turns: after some frames others are read first. It rests only while the process holds too much (see Holding).
+// room and nothing is queued before it, and in the background otherwise. If the sender says so it may be gathered
+// first, and written together with what follows. Reading never waits for anybody, but it takes turns: after some frames
+// others are read first. It rests only while the process holds too much (see Holding).
 //
 // Thread-safe.
-class Channel final : public EventSource, public std::enable_shared_from_this<Channel> {
+class Channel final : public EventSource, public Aftermath, public std::enable_shared_from_this<Channel> {
  public:
+  // Whether a frame may wait for those that follow.
+  enum class Haste : std::uint8_t {
+    now,
+    // The next is handed over at once.
+    afterNext,
+    // Somebody is about to flush.
+    beforeFlush,
+    // It is one of a burst, if others have just gone before it.
+    inBurst,
+  };
+
   // The receiver is held until the channel has ended. What the channel holds for it is stated there. It
   // need not have a place.
   Channel(system::Descriptor socket, std::shared_ptr<ChannelReceiver> receiver, std::shared_ptr<Holding> holding,
@@ -78,7 +92,10 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
   void readOn();
 
   // Hands a frame over, behind all before it. Returns its number: frames are counted from 1.
-  std::uint64_t send(wire::Frame frame);
+  std::uint64_t send(wire::Frame frame, Haste haste = Haste::now);
+  // Writes what is gathered.
+  void flush() noexcept;
+  void tasksPause() noexcept override { flush(); }
   // Frames written to the socket so far, whole.
   std::uint64_t framesWritten() const noexcept { return written_.load(std::memory_order_acquire); }
   // Bytes that wait for room in the socket.
@@ -104,15 +121,23 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
   void eventsArrived(std::uint32_t events) override;
 
  private:
+  using Clock = std::chrono::steady_clock;
+  // A frame, or small ones one behind the other.
   struct Output {
-    explicit Output(wire::Frame frame);
-
+    // Ahead of the bytes, which in a batch hold the headers.
+    std::array<std::uint8_t, wire::FrameHeader::kBytes> header{};
+    std::size_t headerBytes = 0;
     wire::Frame frame;
-    std::array<std::uint8_t, wire::FrameHeader::kBytes> header;
-    std::size_t remaining;  // bytes of header and frame together that are not written
+    std::size_t remaining = 0;  // bytes of header and frame together that are not written
+    // Of a batch: where the first frame ends that is not written whole; 0 when this is none.
+    std::size_t boundary = 0;
 
+    std::size_t size() const noexcept { return headerBytes + frame.size(); }
+    bool isBatch() const noexcept { return boundary > 0; }
     // Gathers what remains, piece by piece, as far as there are parts for it. False when there were too few.
     bool gather(std::span<iovec> parts, std::size_t& count) const noexcept;
+    // Bytes were written. Returns how many frames are whole by that.
+    std::size_t consume(std::size_t count) noexcept;
   };
   enum class Attempt { done, full, retry, broken };
   enum class Read { more, drained, turnIsOver, ended };
@@ -146,6 +171,15 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
   void unfinishedIsLate(std::uint64_t number);
   void stateInput();
 
+  void enqueue(wire::Frame&& frame, bool mayBatch) VELTO_REQUIRES(mutex_);
+  void addToBatch(std::span<const std::uint8_t> header, const wire::Frame& frame) VELTO_REQUIRES(mutex_);
+  // Whether a frame is to wait for more.
+  bool gathers(Haste haste, std::size_t bytes) VELTO_REQUIRES(mutex_);
+  bool isBurst() VELTO_REQUIRES(mutex_);
+  bool bringFlush(Clock::time_point now, Clock::duration patience) VELTO_REQUIRES(mutex_);
+  bool setFlushTimer(Clock::duration delay) VELTO_REQUIRES(mutex_);
+  void flushIsDue();
+  void writeGathered() VELTO_REQUIRES(mutex_);
   void writeQueued() VELTO_REQUIRES(mutex_);
   void stateOutput() VELTO_REQUIRES(mutex_);
   Attempt writeOnce() VELTO_REQUIRES(mutex_);
@@ -173,6 +207,9 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
 
   // Of the thread that reads.
   wire::FrameReader reader_;
+  // Read at once, unless a frame lacks more.
+  static constexpr std::size_t kSmallReadBytes = std::size_t{8} << 10;
+  std::size_t readBytes_ = kSmallReadBytes;
   TimerQueue::Identifier unfinishedTimer_ = 0;
   std::uint64_t watchedFrame_ = 0;
   // The number of the frame that is late, counted from 1; 0 when none is.
@@ -187,6 +224,15 @@ class Channel final : public EventSource, public std::enable_shared_from_this<Ch
   bool watchesForRoom_ VELTO_GUARDED_BY(mutex_) = false;
   // Reads in place of the reactor.
   SleepingReader* ownReader_ VELTO_GUARDED_BY(mutex_) = nullptr;
+  // What is queued has not been tried to write, and is to be written by then, for which a timer may be set; or with the
+  // next frame.
+  bool gathers_ VELTO_GUARDED_BY(mutex_) = false;
+  static constexpr Clock::time_point kNoTime = Clock::time_point::max();
+  Clock::time_point flushDue_ VELTO_GUARDED_BY(mutex_) = kNoTime;
+  Clock::time_point flushTimer_ VELTO_GUARDED_BY(mutex_) = kNoTime;
+  // Frames that came one soon after the other.
+  Clock::time_point lastOfBurst_ VELTO_GUARDED_BY(mutex_);
+  unsigned burst_ VELTO_GUARDED_BY(mutex_) = 0;
   bool finishing_ VELTO_GUARDED_BY(mutex_) = false;
   bool outputBroken_ VELTO_GUARDED_BY(mutex_) = false;
   std::shared_ptr<ChannelPlace> place_ VELTO_GUARDED_BY(mutex_);

@@ -240,16 +240,21 @@ void Holding::isOver() {
 
 void Holding::setBytes(Place place, std::size_t bytes) {
   const auto now = static_cast<std::int64_t>(bytes);
-  const std::int64_t before = bytesIn_[static_cast<std::size_t>(place)].exchange(now, std::memory_order_relaxed);
+  // One thread at a time states a place.
+  auto& stated = bytesIn_[static_cast<std::size_t>(place)];
+  const std::int64_t before = stated.load(std::memory_order_relaxed);
   if (now == before) return;
+  stated.store(now, std::memory_order_relaxed);
   const std::int64_t sum = bytes_.fetch_add(now - before, std::memory_order_relaxed) + now - before;
   if (isWorthStating(sum, statedBytes_.load(std::memory_order_relaxed))) holdings_.state(*this);
 }
 
 void Holding::setDescriptors(Place place, std::size_t descriptors) {
   const auto now = static_cast<std::int64_t>(descriptors);
-  const std::int64_t before = descriptorsIn_[static_cast<std::size_t>(place)].exchange(now, std::memory_order_relaxed);
+  auto& stated = descriptorsIn_[static_cast<std::size_t>(place)];
+  const std::int64_t before = stated.load(std::memory_order_relaxed);
   if (now == before) return;
+  stated.store(now, std::memory_order_relaxed);
   descriptors_.fetch_add(now - before, std::memory_order_relaxed);
   holdings_.state(*this);
 }

@@ -19,9 +19,10 @@ namespace {
 constexpr unsigned kTurn = 4;
 
 // A callback of the user's that raises must not end the process that a peer can make call it.
-void run(const SerialQueue::Task& task) {
+template <class Call>
+void contained(const Call& call) {
   try {
-    task();
+    call();
   } catch (const std::exception& exception) {
     VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A callback raised an exception, which is ignored: %s",
                   exception.what());
@@ -34,12 +35,32 @@ void run(const SerialQueue::Task& task) {
 
 class SerialQueue::Drainer final : public WaitObserver {
  public:
-  explicit Drainer(SerialQueue& queue) : queue_(queue), before_(WaitObserver::install(this)) {}
-  ~Drainer() { WaitObserver::install(before_); }
+  explicit Drainer(SerialQueue& queue)
+      : queue_(queue), before_(WaitObserver::install(this)), outer_(std::exchange(current, this)) {}
+  ~Drainer() {
+    pause();
+    current = outer_;
+    WaitObserver::install(before_);
+  }
   Drainer(const Drainer&) = delete;
   Drainer& operator=(const Drainer&) = delete;
 
+  // Of the current thread; null while it drains nothing.
+  static thread_local Drainer* current;
+
+  bool drains(const SerialQueue& queue) const noexcept { return &queue_ == &queue; }
+  bool leave(const std::shared_ptr<Aftermath>& aftermath) {
+    if (!leavesMore) return false;
+    if (!aftermath_) aftermath_ = aftermath;
+    return aftermath_ == aftermath;
+  }
+  void pause() noexcept {
+    if (const auto told = std::exchange(aftermath_, nullptr)) told->tasksPause();
+  }
+
   void threadWillWait() noexcept override {
+    pause();
+    leavesMore = false;
     bool schedules = false;
     {
       MutexLock lock(queue_.mutex_);
@@ -63,10 +84,22 @@ class SerialQueue::Drainer final : public WaitObserver {
     ++queue_.running_;
   }
 
+  // Whether tasks wait behind the one that runs.
+  bool leavesMore = false;
+
  private:
   SerialQueue& queue_;
   WaitObserver* const before_;
+  Drainer* const outer_;
+  std::shared_ptr<Aftermath> aftermath_;
 };
+
+thread_local SerialQueue::Drainer* SerialQueue::Drainer::current = nullptr;
+
+bool SerialQueue::leaves(const std::shared_ptr<Aftermath>& aftermath) {
+  Drainer* const drainer = Drainer::current;
+  return drainer != nullptr && drainer->drains(*this) && drainer->leave(aftermath);
+}
 
 bool SerialQueue::mayTake() const {
   return running_ == 0 && waking_ == 0 && !tasks_.empty() && (sleeping_ == 0 || isUrgent());
@@ -87,7 +120,19 @@ void SerialQueue::taskEnds() {
 void SerialQueue::add(Task task) {
   {
     MutexLock lock(mutex_);
-    tasks_.push_back(std::move(task));
+    tasks_.emplace_back().task = std::move(task);
+    if (!mustSchedule()) return;
+  }
+  runner_.schedule(shared_from_this());
+}
+
+void SerialQueue::add(std::shared_ptr<Repeatable> work, unsigned kind, std::size_t turns) {
+  {
+    MutexLock lock(mutex_);
+    Entry& added = tasks_.emplace_back();
+    added.work = std::move(work);
+    added.kind = kind;
+    added.turns = turns;
     if (!mustSchedule()) return;
   }
   runner_.schedule(shared_from_this());
@@ -108,7 +153,7 @@ bool SerialQueue::hasSleeper() {
   return sleeping_ > 0;
 }
 
-bool SerialQueue::takeNext(bool afterTask, Task& task) {
+bool SerialQueue::takeNext(bool afterTask, Entry& next, bool& leavesMore) {
   MutexLock lock(mutex_);
   if (afterTask) {
     taskEnds();
@@ -117,8 +162,17 @@ bool SerialQueue::takeNext(bool afterTask, Task& task) {
   }
   if (!mayTake()) return false;
   ++running_;
-  task = std::move(tasks_.front());
+  Entry& first = tasks_.front();
+  if (first.turns > 1) {
+    --first.turns;
+    next.work = first.work;
+    next.kind = first.kind;
+    leavesMore = true;
+    return true;
+  }
+  next = std::move(first);
   tasks_.pop_front();
+  leavesMore = !tasks_.empty();
   return true;
 }
 
@@ -137,11 +191,12 @@ bool SerialQueue::giveWay() {
 
 void SerialQueue::drain() {
   Drainer drainer(*this);
-  Task task;
+  Entry next;
   unsigned count = 0;
-  while (takeNext(count > 0, task)) {
-    run(task);
-    task = nullptr;
+  while (takeNext(count > 0, next, drainer.leavesMore)) {
+    contained([&next] { next.work ? next.work->takeTurn(next.kind) : next.task(); });
+    next.task = nullptr;
+    next.work = nullptr;
     if (++count % kTurn == 0 && giveWay()) return;
   }
 }

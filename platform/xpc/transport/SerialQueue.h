@@ -33,6 +33,20 @@ class QueueRunner {
   ~QueueRunner() = default;
 };
 
+// What can be done again and again: a turn of it in a queue needs no memory of its own.
+class Repeatable {
+ public:
+  virtual ~Repeatable() = default;
+  virtual void takeTurn(unsigned kind) = 0;
+};
+
+// Something that tasks leave to be done once for many of them.
+class Aftermath {
+ public:
+  virtual ~Aftermath() = default;
+  virtual void tasksPause() noexcept = 0;
+};
+
 // Runs tasks one at a time, in the order in which they were added, on whichever thread drains it.
 //
 // One exception keeps a dead connection from stranding a thread: after letOvertake(), tasks no longer wait behind one
@@ -50,6 +64,8 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
 
   // Adds a task. Nothing runs on the calling thread: the queue is scheduled when nobody drains it already.
   void add(Task task);
+  // Adds so many turns of this kind.
+  void add(std::shared_ptr<Repeatable> work, unsigned kind, std::size_t turns);
   // Runs tasks until none is left, or, after a turn, until it is scheduled again behind others that wait. Called only
   // by whom the runner brought it to.
   void drain();
@@ -60,17 +76,27 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
   bool overtakes() const noexcept { return overtakes_.load(std::memory_order_acquire); }
   // For a task: whether it has overtaken one that sleeps.
   bool hasSleeper();
+  // For a task of this queue: whether others wait behind it. Then the aftermath is told as soon as none does, and
+  // before the thread does anything but run them, or sleeps in an NSCondition. One at a time: false for another.
+  bool leaves(const std::shared_ptr<Aftermath>& aftermath);
 
  private:
   friend class QueueList;
   // Follows one thread through one drain.
   class Drainer;
+  // A task, or turns.
+  struct Entry {
+    Task task;
+    std::shared_ptr<Repeatable> work;
+    unsigned kind = 0;
+    std::size_t turns = 1;
+  };
 
   bool mayTake() const VELTO_REQUIRES(mutex_);
   // Whether the caller is to schedule the queue: it counts as scheduled from then on.
   bool mustSchedule() VELTO_REQUIRES(mutex_);
   void taskEnds() VELTO_REQUIRES(mutex_);
-  bool takeNext(bool afterTask, Task& task);
+  bool takeNext(bool afterTask, Entry& next, bool& leavesMore);
   bool giveWay();
 
   QueueRunner& runner_;
@@ -79,7 +105,7 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
 
   Mutex mutex_;
   std::condition_variable atRest_;
-  Fifo<Task> tasks_ VELTO_GUARDED_BY(mutex_);
+  Fifo<Entry> tasks_ VELTO_GUARDED_BY(mutex_);
   // Brought, or about to be, to a thread that has not begun to drain.
   bool scheduled_ VELTO_GUARDED_BY(mutex_) = false;
   // Tasks that have begun: awake, asleep, and awake again but not going on yet.

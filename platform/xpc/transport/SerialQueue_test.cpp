@@ -202,5 +202,68 @@ TEST(SerialQueue, ASleeperThatWakesDoesNotWaitForEverForOneThatNeedsALockOfIts) 
   const std::lock_guard last(ofTheUser);
 }
 
+// Puts its turns, and the word that tasks pause, into the list.
+class Worker final : public Repeatable, public Aftermath {
+ public:
+  explicit Worker(Inbox<std::string>& events) : events_(events) {}
+  void takeTurn(unsigned kind) override {
+    if (onTurn) onTurn();
+    events_.put("turn " + std::to_string(kind));
+  }
+  void tasksPause() noexcept override { events_.put("pause"); }
+
+  std::function<void()> onTurn;
+
+ private:
+  Inbox<std::string>& events_;
+};
+
+TEST(SerialQueue, TurnsAreTakenInTheirPlaceAmongTheTasks) {
+  const auto queue = Reactor::shared().makeQueue();
+  Inbox<std::string> events;
+  const auto worker = std::make_shared<Worker>(events);
+  std::promise<void> begin;
+  queue->add([begun = begin.get_future().share()] { begun.wait(); });
+  queue->add(worker, 1, 2);
+  queue->add([&] { events.put("task"); });
+  queue->add(worker, 2, 1);
+  begin.set_value();
+  EXPECT_EQ(events.waitFor(4), (std::vector<std::string>{"turn 1", "turn 1", "task", "turn 2"}));
+}
+
+TEST(SerialQueue, WhatTasksLeaveIsDoneOnceWhenNoneWaits) {
+  const auto queue = Reactor::shared().makeQueue();
+  Inbox<std::string> events;
+  const auto worker = std::make_shared<Worker>(events);
+  EXPECT_FALSE(queue->leaves(worker)) << "outside of a task";
+  Inbox<bool> left;
+  worker->onTurn = [&] { left.put(queue->leaves(worker)); };
+  std::promise<void> begin;
+  queue->add([begun = begin.get_future().share()] { begun.wait(); });
+  queue->add(worker, 1, 3);
+  begin.set_value();
+  EXPECT_EQ(events.waitFor(4), (std::vector<std::string>{"turn 1", "turn 1", "turn 1", "pause"}));
+  EXPECT_EQ(left.soFar(), (std::vector<bool>{true, true, false})) << "the last has nobody behind it";
+}
+
+TEST(SerialQueue, WhatTasksLeaveIsDoneBeforeOneSleeps) {
+  Sleeper sleeper;
+  const auto worker = std::make_shared<Worker>(sleeper.events);
+  std::promise<void> begin;
+  sleeper.queue->add([begun = begin.get_future().share()] { begun.wait(); });
+  worker->onTurn = [&] { sleeper.queue->leaves(worker); };
+  sleeper.queue->add(worker, 1, 1);
+  sleeper.addSleep();
+  sleeper.queue->add([] {});
+  begin.set_value();
+  EXPECT_EQ(sleeper.events.waitFor(3), (std::vector<std::string>{"turn 1", "sleeps", "pause"}));
+  {
+    const ConditionLock lock(sleeper.condition);
+    sleeper.signalled = true;
+    sleeper.condition.signal();
+  }
+  EXPECT_EQ(sleeper.events.waitFor(4).back(), "woke");
+}
+
 }  // namespace
 }  // namespace velto::transport

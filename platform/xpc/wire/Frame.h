@@ -59,6 +59,11 @@ struct FrameHeader {
   std::uint16_t descriptorCount = 0;
 
   std::array<std::uint8_t, kBytes> encode() const;
+  // Of a header that encode() has made.
+  static std::uint32_t bodyLengthIn(const std::uint8_t* bytes) noexcept {
+    return std::uint32_t{bytes[0]} | std::uint32_t{bytes[1]} << 8 | std::uint32_t{bytes[2]} << 16 |
+           std::uint32_t{bytes[3]} << 24;
+  }
   // Nothing, and the reason, when the header is not one of this protocol or breaks a limit.
   static std::optional<FrameHeader> decode(const std::uint8_t* bytes, std::string& reason);
 };

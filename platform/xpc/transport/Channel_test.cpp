@@ -1,0 +1,190 @@
+// What a channel writes, and when: frames that go at once, and those that are gathered.
+#include "platform/xpc/transport/Channel.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <random>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "platform/xpc/testing/Support.h"
+
+namespace velto::transport {
+namespace {
+
+using Haste = Channel::Haste;
+using testing::eventually;
+using testing::Inbox;
+
+// Whose frames have their number as their first bytes.
+wire::Frame frameOf(std::uint32_t number, std::size_t bytes) {
+  wire::Frame frame;
+  frame.type = wire::FrameType::call;
+  frame.body.resize(std::max(bytes, sizeof number));
+  std::memcpy(frame.body.data(), &number, sizeof number);
+  return frame;
+}
+
+class Numbers final : public ChannelReceiver {
+ public:
+  Inbox<std::uint32_t> numbers;
+  Inbox<std::string> ends;
+
+  void framesArrived(std::span<wire::Frame> frames) override {
+    for (const wire::Frame& frame : frames) {
+      std::uint32_t number = 0;
+      std::memcpy(&number, frame.body.data(), sizeof number);
+      numbers.put(number);
+    }
+  }
+  void channelEnded(const std::string& reason) override { ends.put(reason); }
+  void outputDrained() override {}
+};
+
+class ChannelPair : public ::testing::Test {
+ protected:
+  ChannelPair() {
+    auto [here, there] = testing::socketPair();
+    sender = channelOf(std::move(here), std::make_shared<Numbers>());
+    receiver = channelOf(std::move(there), received);
+  }
+  ~ChannelPair() override {
+    sender->abort();
+    receiver->abort();
+  }
+
+  static std::shared_ptr<Channel> channelOf(system::Descriptor socket, std::shared_ptr<ChannelReceiver> listener) {
+    return std::make_shared<Channel>(std::move(socket), std::move(listener),
+                                     std::make_shared<Holding>(std::weak_ptr<HoldingOwner>()), nullptr);
+  }
+
+  const std::shared_ptr<Numbers> received = std::make_shared<Numbers>();
+  std::shared_ptr<Channel> sender;
+  std::shared_ptr<Channel> receiver;
+};
+
+TEST_F(ChannelPair, WhatIsGatheredGoesWithWhatIsHasty) {
+  sender->send(frameOf(0, 10), Haste::afterNext);
+  sender->send(frameOf(1, 3000), Haste::afterNext);
+  sender->send(frameOf(2, 10), Haste::afterNext);
+  EXPECT_EQ(sender->framesWritten(), 0U);
+  EXPECT_EQ(sender->waitingBytes(), 3020U + 3 * wire::FrameHeader::kBytes);
+  sender->send(frameOf(3, 10));
+  EXPECT_EQ(sender->framesWritten(), 4U);
+  EXPECT_EQ(sender->waitingBytes(), 0U);
+  receiver->start();
+  EXPECT_EQ(received->numbers.waitFor(4), (std::vector<std::uint32_t>{0, 1, 2, 3}));
+}
+
+TEST_F(ChannelPair, WhatIsGatheredIsWrittenOnceItIsMuch) {
+  std::uint64_t sent = 0;
+  while (sender->framesWritten() == 0) sent = sender->send(frameOf(0, 1000), Haste::afterNext);
+  EXPECT_EQ(sender->framesWritten(), sent);
+  EXPECT_LE(sent, 20U);
+}
+
+TEST_F(ChannelPair, WhatIsGatheredIsWrittenInTimeIfNobodyFlushes) {
+  receiver->start();
+  sender->send(frameOf(7, 10), Haste::beforeFlush);
+  EXPECT_EQ(received->numbers.waitFor(1).front(), 7U);
+}
+
+TEST_F(ChannelPair, WhatFollowsOnesThatWaitForItIsWrittenInTimeToo) {
+  receiver->start();
+  sender->send(frameOf(1, 10), Haste::afterNext);
+  sender->send(frameOf(2, 10), Haste::beforeFlush);
+  EXPECT_EQ(received->numbers.waitFor(2).back(), 2U);
+  for (std::uint32_t number = 0; number < 20; ++number) sender->send(frameOf(number, 10), Haste::inBurst);
+  sender->send(frameOf(20, 10), Haste::afterNext);
+  sender->send(frameOf(21, 10), Haste::inBurst);
+  EXPECT_EQ(received->numbers.waitFor(24).back(), 21U);
+  // The process's timers go on.
+  Inbox<int> due;
+  Reactor::shared().timers().add(std::chrono::milliseconds(1), [&due] { due.put(1); });
+  due.waitFor(1);
+}
+
+TEST_F(ChannelPair, ABurstArrivesWholeIfItsSenderStops) {
+  receiver->start();
+  constexpr std::uint32_t kMany = 100;
+  for (std::uint32_t number = 0; number < kMany; ++number) sender->send(frameOf(number, 10), Haste::inBurst);
+  EXPECT_EQ(received->numbers.waitFor(kMany).back(), kMany - 1);
+}
+
+TEST_F(ChannelPair, TheFirstFramesOfABurstGoAtOnce) {
+  for (std::uint32_t number = 0; number < 4; ++number) {
+    const std::uint64_t sent = sender->send(frameOf(number, 10), Haste::inBurst);
+    EXPECT_EQ(sender->framesWritten(), sent);
+  }
+}
+
+TEST_F(ChannelPair, WhatIsGatheredIsWrittenBeforeTheEnd) {
+  receiver->start();
+  sender->send(frameOf(1, 10), Haste::afterNext);
+  sender->finish();
+  EXPECT_EQ(received->ends.waitFor(1).front(), "");
+  EXPECT_EQ(received->numbers.soFar(), std::vector<std::uint32_t>{1});
+}
+
+TEST_F(ChannelPair, WhatIsGatheredIsWrittenBeforeAnAbort) {
+  receiver->start();
+  sender->send(frameOf(1, 10), Haste::afterNext);
+  sender->abort();
+  EXPECT_EQ(received->ends.waitFor(1).front(), "");
+  EXPECT_EQ(received->numbers.soFar(), std::vector<std::uint32_t>{1});
+}
+
+// Sizes on both sides of what is copied, through a socket that is full again and again.
+TEST_F(ChannelPair, FramesOfAllSizesAndHastesArriveInTheirOrder) {
+  constexpr std::uint32_t kMany = 5000;
+  constexpr Haste kHastes[] = {Haste::now, Haste::afterNext, Haste::beforeFlush, Haste::inBurst};
+  std::mt19937 random(11);
+  sender->start();
+  std::thread starts([this] { receiver->start(); });
+  for (std::uint32_t number = 0; number < kMany; ++number) {
+    const std::size_t bytes = random() % 50 == 0 ? random() % 20'000 : random() % 300;
+    sender->send(frameOf(number, bytes), kHastes[random() % 4]);
+  }
+  sender->flush();
+  const auto numbers = received->numbers.waitFor(kMany);
+  for (std::uint32_t number = 0; number < kMany; ++number) ASSERT_EQ(numbers[number], number);
+  starts.join();
+  EXPECT_TRUE(eventually([this] { return sender->framesWritten() == kMany && sender->waitingBytes() == 0; }));
+}
+
+// Which frames were written whole is counted within what is gathered, too: nobody reads here.
+TEST_F(ChannelPair, FramesThatFoundNoRoomAreNotCountedAsWritten) {
+  sender->start();
+  std::uint64_t sent = 0;
+  while (sender->waitingBytes() < 100'000) sent = sender->send(frameOf(0, 100), Haste::afterNext);
+  const std::uint64_t written = sender->framesWritten();
+  EXPECT_LT(written, sent);
+  EXPECT_EQ((sent - written) * 108 / 1000, sender->waitingBytes() / 1000);
+}
+
+// The child makes everything anew; the timer is not waited for.
+TEST(Channel, WhatIsGatheredIsWrittenWhenTheProcessExits) {
+  int ends[2] = {-1, -1};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const auto channel = std::make_shared<Channel>(system::Descriptor(ends[1]), std::make_shared<Numbers>(),
+                                                   std::make_shared<Holding>(std::weak_ptr<HoldingOwner>()), nullptr);
+    channel->send(frameOf(1, 10), Haste::beforeFlush);
+    std::exit(0);
+  }
+  ::close(ends[1]);
+  char bytes[100];
+  EXPECT_EQ(::recv(ends[0], bytes, sizeof bytes, MSG_WAITALL), 18);
+  ::close(ends[0]);
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status));
+}
+
+}  // namespace
+}  // namespace velto::transport
