@@ -79,6 +79,9 @@ inline constexpr std::size_t kMostSilentConnections = 1024;
 // is left, the process that has the most connections loses the one that has been silent for the longest to one that has
 // fewer.
 inline constexpr std::size_t kPartKeptFree = 8;
+// What the kernel may keep on the way to an end that large frames are sent to, from when the first is: with less, the
+// two ends take turns far too often. Other connections keep what the kernel gives them.
+inline constexpr int kLargeSendBufferBytes = 1 << 20;
 // Connections waiting in the kernel to be accepted.
 inline constexpr int kBacklog = 4096;
 

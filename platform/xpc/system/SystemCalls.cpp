@@ -133,6 +133,10 @@ int SystemCalls::awaitReadable(int descriptor, int other, std::uint64_t nanoseco
   return result < 0 && errno == EINTR ? 0 : result;
 }
 
+int SystemCalls::setSendBuffer(int socket, int bytes) {
+  return ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+}
+
 ssize_t SystemCalls::sendMessage(int socket, const msghdr& message) {
   return uninterrupted([&] { return ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT); });
 }

@@ -38,6 +38,8 @@ class SystemCalls {
   virtual int isReadable(int descriptor);
   // Sleeps until one of the two has something to be read, or has ended; or for so long: 0 then, and after a signal.
   virtual int awaitReadable(int descriptor, int other, std::uint64_t nanoseconds);
+  // How many bytes the kernel keeps for the other end to read; as many as it allows, if those are fewer.
+  virtual int setSendBuffer(int socket, int bytes);
   virtual ssize_t sendMessage(int socket, const msghdr& message);
   virtual ssize_t receiveMessage(int socket, msghdr& message);
 

@@ -46,6 +46,8 @@ constexpr unsigned kBurstFrames = 8;
 // Pause before a write is tried again that the kernel had no memory for, or no room for descriptors on their way.
 constexpr std::chrono::milliseconds kRetryPause{10};
 constexpr std::size_t kReadBytes = std::size_t{64} << 10;
+// A frame from this size on does not fit into the socket's buffer as the kernel makes it.
+constexpr std::size_t kLargeBytes = std::size_t{128} << 10;
 // Writes before others have their turn.
 constexpr unsigned kTurnWrites = 16;
 
@@ -152,6 +154,7 @@ std::uint64_t Channel::send(wire::Frame frame, Haste haste) {
   if (!socket_ || outputBroken_ || finishing_) return number;
   const bool waitsForRoom = !output_.empty() && !gathers_;
   const bool waits = waitsForRoom || gathers(haste, frame.size());
+  makeRoomFor(frame.size());
   enqueue(std::move(frame), waits || gathers_);
   if (!waits) writeQueued();
   // What writing took is none of the sender's pause.
@@ -271,6 +274,13 @@ void Channel::writeGathered() {
   if (!gathers_ || !socket_ || output_.empty()) return;
   writeQueued();
   stateOutput();
+}
+
+// Without it everything arrives as well, only later.
+void Channel::makeRoomFor(std::size_t bytes) {
+  if (hasLargeBuffer_ || bytes < kLargeBytes) return;
+  hasLargeBuffer_ = true;
+  system::systemCalls().setSendBuffer(socket_->get(), limits::kLargeSendBufferBytes);
 }
 
 void Channel::finish() {

@@ -181,6 +181,7 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   void flushIsDue();
   void writeGathered() VELTO_REQUIRES(mutex_);
   void writeQueued() VELTO_REQUIRES(mutex_);
+  void makeRoomFor(std::size_t bytes) VELTO_REQUIRES(mutex_);
   void stateOutput() VELTO_REQUIRES(mutex_);
   Attempt writeOnce() VELTO_REQUIRES(mutex_);
   void consume(std::size_t count) VELTO_REQUIRES(mutex_);
@@ -221,6 +222,7 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   Reactor::Identifier identifier_ VELTO_GUARDED_BY(mutex_) = 0;
   std::shared_ptr<ChannelReceiver> receiver_ VELTO_GUARDED_BY(mutex_);
   Fifo<Output> output_ VELTO_GUARDED_BY(mutex_);
+  bool hasLargeBuffer_ VELTO_GUARDED_BY(mutex_) = false;
   bool watchesForRoom_ VELTO_GUARDED_BY(mutex_) = false;
   // Reads in place of the reactor.
   SleepingReader* ownReader_ VELTO_GUARDED_BY(mutex_) = nullptr;
