@@ -59,7 +59,9 @@ class PlainReader {
     const unsigned type = bytes_[4];
     const bool mayCarry = type == 2 || type == 3;
     if (type < 1 || type > 8) return fail("unknown type " + std::to_string(type));
-    if (bytes_[5] != 0) return fail("reserved byte is " + std::to_string(bytes_[5]));
+    const unsigned regions = bytes_[5];
+    const bool areRegions = regions >= 18 && regions <= 30 && count > 0;
+    if (regions != 0 && !areRegions) return fail("byte of regions is " + std::to_string(regions));
     if (length > limits::kMaximumFrameBytes) return fail(limit(length, limits::kMaximumFrameBytes));
     if (count > limits::kMaximumDescriptors) return fail(limit(count, limits::kMaximumDescriptors));
     if (count > 0 && !mayCarry) return fail(limit(count, 0));
@@ -67,6 +69,7 @@ class PlainReader {
     if (descriptors_.size() < count) return fail("only " + std::to_string(descriptors_.size()) + " came");
     frame = {};
     frame.type = static_cast<wire::FrameType>(type);
+    frame.regions = static_cast<std::uint8_t>(regions);
     const auto body = bytes_.begin() + FrameHeader::kBytes;
     frame.body = std::vector<std::uint8_t>(body, body + static_cast<std::ptrdiff_t>(length));
     bytes_.erase(bytes_.begin(), body + static_cast<std::ptrdiff_t>(length));

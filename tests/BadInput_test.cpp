@@ -112,7 +112,7 @@ void expectTooLarge(const NSError& error) {
 }
 
 NSDictionary tooLarge() {
-  return {{"data", NSData::dataWithVector(std::vector<std::uint8_t>(limits::kMaximumFrameBytes + 1))}};
+  return {{"text", NSString(std::string(limits::kMaximumFrameBytes + 1, 'x'))}};
 }
 
 TEST_F(BadInput, AMessageOverTheLimitIsReportedAndTheConnectionGoesOn) {

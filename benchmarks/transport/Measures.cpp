@@ -6,8 +6,14 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <span>
 #include <stdexcept>
 #include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "benchmarks/transport/Peer.h"
 #include "benchmarks/transport/Timing.h"
@@ -98,13 +104,14 @@ Figures outstanding(const Arrangement& given) {
   return figures;
 }
 
-Figures data(const Arrangement& given) {
-  const auto size = static_cast<std::size_t>(given.amount);
-  const std::vector<std::uint8_t> bytes(size, 7);
+// `carry` makes the round trip of a request.
+template <class Carry>
+Figures dataCarried(const Arrangement& given, std::span<const std::uint8_t> bytes, const Carry& carry) {
+  const std::size_t size = bytes.size();
   const auto link = connect(given.address);
   warmUp(*link);
   const auto transfer = [&] {
-    if (link->roundTrip({.number = kAcknowledge, .data = bytes}) != static_cast<double>(size)) {
+    if (carry(*link, {.number = kAcknowledge, .data = bytes}) != static_cast<double>(size)) {
       throw std::runtime_error("data has been lost");
     }
   };
@@ -120,6 +127,45 @@ Figures data(const Arrangement& given) {
   Figures figures{{"MiB per second", mebibytes / secondsSince(start)}};
   meter.per(mebibytes, figures);
   return figures;
+}
+
+Figures data(const Arrangement& given) {
+  const std::vector<std::uint8_t> bytes(static_cast<std::size_t>(given.amount), 7);
+  return dataCarried(given, bytes, [](Link& link, const Request& request) { return link.roundTrip(request); });
+}
+
+// Sealed memory with bytes in it, and mapped.
+class SealedMemory {
+ public:
+  explicit SealedMemory(const std::vector<std::uint8_t>& bytes)
+      : descriptor_(::memfd_create("benchmark", MFD_CLOEXEC | MFD_ALLOW_SEALING)), size_(bytes.size()) {
+    const bool isWritten = ::write(descriptor_, bytes.data(), size_) == static_cast<ssize_t>(size_);
+    const int seals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE;
+    if (!isWritten || ::fcntl(descriptor_, F_ADD_SEALS, seals) != 0) throw std::runtime_error("there is no memory");
+    address_ = ::mmap(nullptr, size_, PROT_READ, MAP_SHARED | MAP_POPULATE, descriptor_, 0);
+    if (address_ == MAP_FAILED) throw std::runtime_error("memory cannot be mapped");
+  }
+  ~SealedMemory() {
+    ::munmap(address_, size_);
+    ::close(descriptor_);
+  }
+  SealedMemory(const SealedMemory&) = delete;
+  SealedMemory& operator=(const SealedMemory&) = delete;
+
+  int descriptor() const noexcept { return descriptor_; }
+  std::span<const std::uint8_t> bytes() const noexcept { return {static_cast<const std::uint8_t*>(address_), size_}; }
+
+ private:
+  const int descriptor_;
+  const std::size_t size_;
+  void* address_ = nullptr;
+};
+
+Figures sharedData(const Arrangement& given) {
+  const SealedMemory memory(std::vector<std::uint8_t>(static_cast<std::size_t>(given.amount), 7));
+  return dataCarried(given, memory.bytes(), [&memory](Link& link, const Request& request) {
+    return link.roundTripOfMemory(memory.descriptor(), request);
+  });
 }
 
 Figures life(const Arrangement& given) {
@@ -147,7 +193,7 @@ Figures measure(const std::string& name, const Arrangement& arrangement) {
   static const std::map<std::string, Figures (*)(const Arrangement&)> measures{
       {"round trip", roundTrip},    {"stepwise", stepwise}, {"flood", flood},
       {"outstanding", outstanding}, {"data", data},         {"life", life},
-      {"clients", clients},         {"growth", growth}};
+      {"shared data", sharedData},  {"clients", clients},   {"growth", growth}};
   const auto found = measures.find(name);
   if (found == measures.end()) throw std::invalid_argument("there is no measure of that name");
   return found->second(arrangement);

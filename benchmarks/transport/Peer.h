@@ -70,7 +70,14 @@ class Link {
   // A round trip of a request that has so many keys more. From several threads at a time, like roundTrip(), where the
   // transport is measured so.
   virtual void roundTripOfKeys(int keys);
+  // A round trip of data that lies in sealed memory, and is mapped from there. It is sent like any other where the
+  // transport knows no difference.
+  virtual double roundTripOfMemory(int memory, const Request& request);
 };
+
+inline double Link::roundTripOfMemory(int, const Request& request) {
+  return roundTrip(request);
+}
 
 inline void Link::roundTripOfKeys(int) {
   throw Unsupported("is not measured by keys");

@@ -45,12 +45,17 @@ class VeltoLink final : public Link {
   ~VeltoLink() override { connection_->close(); }
 
   double roundTrip(const Request& request) override {
-    if (request.data.size() >= limits::kMaximumFrameBytes) throw Unsupported("is more than one message may hold");
+    if (request.data.size() > limits::kMaximumRegionBytes) throw Unsupported("is more than one message may hold");
     return roundTripOf(benchmarks::requestOfValues(request));
   }
 
-  // Nothing tells who awaits no reply how far the server is, and what waits for it is bounded. So each so many calls one
-  // is answered, and few of those are on the way.
+  double roundTripOfMemory(int memory, const Request& request) override {
+    const NSData data = NSData::dataMappingDescriptor(memory, request.data.size());
+    return roundTripOf(benchmarks::requestOfValues(request, data));
+  }
+
+  // A call that nobody awaits counts among those that wait for a reply until the server has let go of it. So each so
+  // many calls one is answered, and few of those are on the way.
   void send(const Request& request) override {
     start(benchmarks::requestOfValues(request), {});
     if (++sent_ % kBetweenMarks != 0) return;

@@ -27,7 +27,8 @@ std::size_t descriptorCount(Bytes header) {
 bool isSound(Bytes header) {
   const unsigned type = header[4];
   const std::size_t most = type == 2 || type == 3 ? limits::kMaximumDescriptors : 0;
-  return type >= 1 && type <= 8 && header[5] == 0 && bodyLength(header) <= limits::kMaximumFrameBytes &&
+  const bool areRegions = header[5] >= 18 && header[5] <= 30 && descriptorCount(header) > 0;
+  return type >= 1 && type <= 8 && (header[5] == 0 || areRegions) && bodyLength(header) <= limits::kMaximumFrameBytes &&
          descriptorCount(header) <= most;
 }
 
@@ -39,6 +40,7 @@ std::uint64_t sumOf(std::uint64_t left, std::uint64_t right) {
 Frame frameOf(Bytes bytes) {
   Frame frame;
   frame.type = static_cast<FrameType>(bytes[4]);
+  frame.regions = bytes[5];
   frame.body.append(std::span(bytes).subspan(kHeaderBytes));
   return frame;
 }
@@ -76,7 +78,7 @@ class Checker {
       case FrameType::call:
         require(wire::decodeCallHeader(decoder, reason).has_value(), "a call has a head");
         ++words_.calls;
-        words_.callBytes += frame.body.size();
+        words_.callBytes += frame.credit();
         break;
       case FrameType::reply: {
         const auto identifier = decoder.nextUnsigned();
@@ -100,6 +102,11 @@ class Checker {
       case FrameType::credit: {
         const auto credit = wire::Credit::decode(frame, reason);
         require(credit.has_value(), "credit is two numbers");
+        if (credit->calls == 0) {
+          readRegions_ = sumOf(readRegions_, credit->bytes);
+          require(readRegions_ <= peer_.replyRegions, "regions are acknowledged that came");
+          break;
+        }
         creditedBytes_ = sumOf(creditedBytes_, credit->bytes);
         creditedCalls_ = sumOf(creditedCalls_, credit->calls);
         require(creditedBytes_ <= peer_.callBytes && creditedCalls_ <= peer_.callCount,
@@ -131,6 +138,7 @@ class Checker {
   LibraryWords& words_;
   bool isFirst_ = true;
   bool isUnderCredit_ = false;
+  std::uint64_t readRegions_ = 0;
   std::uint64_t creditedBytes_ = 0;
   std::uint64_t creditedCalls_ = 0;
   std::map<std::uint64_t, unsigned> answers_;
@@ -184,15 +192,16 @@ void PeerWords::frameSaid(const Frame& frame) {
   std::string reason;
   if (frame.type == FrameType::hello && !hello) hello = wire::Hello::decode(frame, reason);
   if (const auto credit = frame.type == FrameType::credit ? wire::Credit::decode(frame, reason) : std::nullopt) {
-    freed.bytes = sumOf(freed.bytes, credit->bytes);
+    if (credit->calls > 0) freed.bytes = sumOf(freed.bytes, credit->bytes);
     freed.calls = sumOf(freed.calls, credit->calls);
   }
   if (frame.type == FrameType::replyDropped) {
     if (const auto identifier = wire::decodeReplyDropped(frame, reason)) dropped.insert(*identifier);
   }
+  if (frame.type == FrameType::reply) replyRegions += frame.regionWeight();
   if (frame.type != FrameType::call) return;
   ++callCount;
-  callBytes += frame.body.size();
+  callBytes += frame.credit();
   wire::ValueDecoder decoder(frame);
   const auto header = wire::decodeCallHeader(decoder, reason);
   if (!header) return;

@@ -38,6 +38,7 @@ class PeerWords {
   std::set<std::uint64_t> dropped;
   std::uint64_t callCount = 0;
   std::uint64_t callBytes = 0;
+  std::uint64_t replyRegions = 0;
 
  private:
   void frameSaid(const wire::Frame& frame);

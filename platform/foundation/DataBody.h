@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/foundation/MappedMemory.h"
 #include "platform/foundation/NSObject.h"
 #include "platform/foundation/Region.h"
 
@@ -31,6 +32,8 @@ class DataBody final : public Body {
   std::span<const std::uint8_t> bytes() const noexcept { return {bytes_, length_}; }
   bool isBorrowed() const noexcept { return bytes_ != reinterpret_cast<const std::uint8_t*>(this + 1); }
   bool isLent() const noexcept { return isLent_; }
+  // The descriptor of the sealed memory that the bytes are all of, borrowed from this; -1 when there is none.
+  int descriptor() const noexcept;
   void dismantle() const noexcept;
 
  private:
@@ -75,6 +78,12 @@ inline std::span<const std::uint8_t> bytesOf(const Value& value) noexcept {
   if (value.tag() == Tag::data) return static_cast<const DataBody&>(value.body()).bytes();
   if (value.tag() == Tag::mutableData) return static_cast<const MutableDataBody&>(value.body()).bytes();
   return {};
+}
+
+inline int DataBody::descriptor() const noexcept {
+  if (!isBorrowed() || isLent()) return -1;
+  const auto* const keeper = reinterpret_cast<const std::function<void()>*>(this + 1)->target<MappedMemory>();
+  return keeper == nullptr ? -1 : keeper->descriptor;
 }
 
 inline void DataBody::dismantle() const noexcept {

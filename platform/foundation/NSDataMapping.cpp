@@ -9,15 +9,20 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
+#include <unistd.h>
 
 #include "platform/foundation/Class.h"
 #include "platform/foundation/DataBody.h"
 #include "platform/foundation/NSData.h"
 #include "platform/foundation/NSError.h"
 
+using velto::Value;
+
 namespace {
 
 constexpr int kNeededSeals = F_SEAL_SHRINK | F_SEAL_WRITE;
+// What cannot grow either holds no more than is seen, and so can be passed on as it is.
+constexpr int kSealsOfWhatIsPassedOn = kNeededSeals | F_SEAL_GROW;
 
 struct Refusal {
   int code;
@@ -42,6 +47,14 @@ Refusal refusalOf(int descriptor, std::size_t length) {
   return {0, {}};
 }
 
+// -1 when it cannot be passed on, or no descriptor is to be had: then its bytes are.
+int descriptorToPassOn(int descriptor, std::size_t length) {
+  struct stat status {};
+  if ((fcntl(descriptor, F_GET_SEALS) & kSealsOfWhatIsPassedOn) != kSealsOfWhatIsPassedOn) return -1;
+  if (fstat(descriptor, &status) != 0 || static_cast<std::size_t>(status.st_size) != length) return -1;
+  return fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+}
+
 NSData refuse(int descriptor, std::size_t length, const Refusal& refusal, NSError* error) {
   if (error == nullptr) return nil;
   const std::string text = "cannot map " + std::to_string(length) + " bytes of descriptor " +
@@ -52,11 +65,36 @@ NSData refuse(int descriptor, std::size_t length, const Refusal& refusal, NSErro
 
 }  // namespace
 
+void velto::MappedMemory::operator()() const noexcept {
+  munmap(address, length);
+  if (descriptor >= 0) close(descriptor);
+}
+
+namespace {
+
+Value map(int borrowedDescriptor, std::size_t length, bool keepsDescriptor, Refusal& refusal) {
+  refusal = refusalOf(borrowedDescriptor, length);
+  if (refusal.code != 0) return {};
+  void* address = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, borrowedDescriptor, 0);
+  if (address == MAP_FAILED) {
+    refusal = {errno, "the kernel refused"};
+    return {};
+  }
+  const int kept = keepsDescriptor ? descriptorToPassOn(borrowedDescriptor, length) : -1;
+  return velto::DataBody::borrow(address, length, velto::MappedMemory{address, length, kept});
+}
+
+}  // namespace
+
 NSData NSData::dataMappingDescriptor(int borrowedDescriptor, std::size_t length, NSError* error) {
   if (length == 0) return dataWithVector({});
-  const Refusal refusal = refusalOf(borrowedDescriptor, length);
-  if (refusal.code != 0) return refuse(borrowedDescriptor, length, refusal, error);
-  void* address = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, borrowedDescriptor, 0);
-  if (address == MAP_FAILED) return refuse(borrowedDescriptor, length, {errno, "the kernel refused"}, error);
-  return NSData(velto::DataBody::borrow(address, length, [address, length] { munmap(address, length); }));
+  Refusal refusal;
+  const Value mapped = map(borrowedDescriptor, length, true, refusal);
+  return refusal.code == 0 ? NSData(mapped) : refuse(borrowedDescriptor, length, refusal, error);
+}
+
+NSData velto::mapForeignMemory(int borrowedDescriptor, std::size_t length, NSError& error) {
+  Refusal refusal;
+  const NSObject mapped = NSObject::adopt(map(borrowedDescriptor, length, false, refusal));
+  return refusal.code == 0 ? mapped.as<NSData>() : refuse(borrowedDescriptor, length, refusal, &error);
 }

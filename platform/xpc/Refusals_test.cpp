@@ -65,8 +65,8 @@ TEST_F(Refusals, AClassThatWasAddedToTheSetIsAdmitted) {
 }
 
 TEST_F(Refusals, ACallOverTheSizeLimitIsNotSentAndSaysHowLargeItIs) {
-  const std::vector<std::uint8_t> large(limits::kMaximumFrameBytes + 1);
-  client().proxy->call<&Greeter::tell>(NSDictionary{{"data", NSData(large)}});
+  const std::string large(limits::kMaximumFrameBytes + 1, 'x');
+  client().proxy->call<&Greeter::tell>(NSDictionary{{"text", large}});
   const NSError error = refusal();
   EXPECT_EQ(error.code(), NSXPCLimitExceeded);
   expectText(error, "tell: was not sent: argument 0");

@@ -3,6 +3,10 @@
 
 #include <algorithm>
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include "platform/xpc/NSXPCError.h"
 #include "platform/xpc/contract/Limits.h"
 #include "tests/limits/Ends.h"
@@ -15,6 +19,44 @@ class Calls : public LimitTest {
   const std::shared_ptr<Service> service = Service::start();
 };
 
+// The same message, with text that is as long in place of the data.
+NSDictionary asText(const NSDictionary& message) {
+  return {{"text", NSString(std::string(message["data"].as<NSData>().length(), 'x'))}};
+}
+
+NSData mappedData(std::size_t bytes) {
+  const int memory = ::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  EXPECT_EQ(::ftruncate(memory, static_cast<off_t>(bytes)), 0);
+  EXPECT_EQ(::fcntl(memory, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE), 0);
+  const NSData data = NSData::dataMappingDescriptor(memory, bytes);
+  ::close(memory);
+  return data;
+}
+
+TEST_F(Calls, WithTheMostDataBesideTheirFrameArriveInBothDirectionsAndOneByteMoreIsRefused) {
+  Client client(service->endpoint());
+  service->exported->onMessage([](const NSDictionary& message, const VeltoReplyHandler& reply) {
+    const std::size_t length = message["data"].as<NSData>().length();
+    reply({{"length", length}, {"data", mappedData(message["wanted"].unsignedIntegerValue())}});
+  });
+  for (int round = 0; round < 4; ++round) {
+    auto greatest =
+        client.ask({{"data", mappedData(limits::kMaximumRegionBytes)}, {"wanted", limits::kMaximumRegionBytes}});
+    const NSDictionary reply = finish(greatest);
+    EXPECT_EQ(reply["length"].unsignedIntegerValue(), limits::kMaximumRegionBytes);
+    EXPECT_EQ(reply["data"].as<NSData>().length(), limits::kMaximumRegionBytes);
+  }
+  client.tell({{"data", mappedData(limits::kMaximumRegionBytes + 1)}});
+  expectRefusal(client.error(), NSXPCLimitExceeded,
+                "bytes of data beside a frame: 1073741825 or more, maximum 1073741824");
+  auto over = client.ask({{"wanted", limits::kMaximumRegionBytes + 1}});
+  EXPECT_TRUE(finish(over).isNil());
+  expectRefusal(client.error(2), NSXPCLimitExceeded,
+                "bytes of data beside a frame: 1073741825 or more, maximum 1073741824");
+  service->exported->echo();
+  EXPECT_TRUE(client.works());
+}
+
 TEST_F(Calls, OfTheGreatestSizeArriveAndOneByteMoreIsRefused) {
   Client client(service->endpoint());
   const auto arrived = std::make_shared<std::promise<std::size_t>>();
@@ -25,7 +67,7 @@ TEST_F(Calls, OfTheGreatestSizeArriveAndOneByteMoreIsRefused) {
   client.tell(greatest);
   auto length = arrived->get_future();
   EXPECT_EQ(finish(length), greatest["data"].as<NSData>().length());
-  client.tell(client.messageOfBodyBytes(limits::kMaximumFrameBytes + 1, false));
+  client.tell(asText(client.messageOfBodyBytes(limits::kMaximumFrameBytes + 1, false)));
   expectRefusal(client.error(), NSXPCLimitExceeded, "bytes of a frame: 16777217 or more, maximum 16777216");
   service->exported->echo();
   EXPECT_TRUE(client.works());
@@ -41,11 +83,14 @@ TEST_F(Calls, WhoseRepliesHaveTheGreatestSizeAreAnsweredAndOneByteMoreIsRefused)
   const std::size_t number = 1;
   const std::size_t most = limits::kMaximumFrameBytes - around - number;
   service->exported->onMessage([](const NSDictionary& message, const VeltoReplyHandler& reply) {
-    reply(dataOf(message["bytes"].unsignedIntegerValue()));
+    const NSDictionary data = dataOf(message["bytes"].unsignedIntegerValue());
+    reply(message["as text"].boolValue() ? asText(data) : data);
   });
   auto greatest = client.ask({{"bytes", most}});
   EXPECT_EQ(finish(greatest)["data"].as<NSData>().length(), most);
-  auto over = client.ask({{"bytes", most + 1}});
+  auto beside = client.ask({{"bytes", most + 1}});
+  EXPECT_EQ(finish(beside)["data"].as<NSData>().length(), most + 1);
+  auto over = client.ask({{"bytes", most + 1}, {"as text", true}});
   EXPECT_TRUE(finish(over).isNil());
   expectRefusal(client.error(), NSXPCLimitExceeded, "bytes of a frame: 16777217 or more, maximum 16777216");
   auto again = client.ask({{"bytes", 1}});

@@ -85,6 +85,8 @@ MEASURES = (
     Measure("data-64M", "64 MiB of data, acknowledged", "data", _DATA, amount=64 << 20, is_rate=True),
     Measure("data-1G", "1 GiB of data, acknowledged", "data", _DATA, amount=1 << 30, settings=("free",), is_rate=True,
             is_quick=False),
+    Measure("data-shared", "64 MiB of data that lies in sealed memory, acknowledged", "shared data", _DATA,
+            amount=64 << 20, is_rate=True),
     Measure("life", "The life of a connection, µs", "life",
             (Column("whole", "whole"), Column("ready", "ready"), Column("first reply", "first reply"),
              Column("close", "close"), Column("cpu", "CPU µs"))),

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "platform/xpc/interface/Errors.h"
+#include "platform/xpc/wire/SharedMemory.h"
 
 namespace velto::xpc {
 
@@ -23,33 +24,43 @@ void Arrivals::swapObject(const Protocol& protocol, std::shared_ptr<void>& objec
   std::swap(object_, object);
 }
 
-std::size_t Arrivals::learnClaimable(std::size_t byReplies) {
-  claimableByCalls_ = interface_ ? interface_->claimableDescriptors(false) : 0;
-  claimableByReplies_ = byReplies;
+std::size_t Arrivals::learnClaimable(std::size_t byReplies, bool repliesHoldData) {
+  claimableByCalls_ = {interface_ ? interface_->claimableDescriptors(false) : 0,
+                       interface_ && interface_->admitsData(false)};
+  claimableByReplies_ = {byReplies, repliesHoldData};
   for (wire::Frame& frame : calls_) {
     descriptors_ -= frame.descriptors.size();
     keepClaimable(frame, claimableByCalls_);
     descriptors_ += frame.descriptors.size();
   }
-  return std::max(claimableByCalls_, claimableByReplies_);
+  return std::max(claimableByCalls_.descriptors, claimableByReplies_.descriptors);
 }
 
-bool Arrivals::keepClaimable(wire::Frame& frame, std::size_t most) noexcept {
-  if (most == 0) frame.descriptors.clear();
-  return frame.descriptors.size() <= most;
+std::string Arrivals::keepClaimable(wire::Frame& frame, const Claimable& most) {
+  if (frame.regions == 0 || !most.data) {
+    if (most.descriptors == 0) frame.descriptors.clear();
+    return frame.descriptors.size() <= most.descriptors ? "" : "more descriptors than any method takes";
+  }
+  std::size_t others = 0;
+  std::string problem = wire::problemOfRegions(frame, others);
+  if (problem.empty() && others > most.descriptors) problem = "more descriptors than any method takes";
+  // Who cheats is not even kept waiting.
+  if (!problem.empty()) frame.descriptors.clear();
+  return problem;
 }
 
 Arrivals::CallArrival Arrivals::callArrived(wire::Frame&& frame) {
   if (silenced_) return {};
-  const bool isClaimable = keepClaimable(frame, claimableByCalls_);
-  const std::size_t bytes = frame.size();
+  const std::string problem = keepClaimable(frame, claimableByCalls_);
+  const Size size = sizeOf(frame);
   const std::size_t descriptors = frame.descriptors.size();
   calls_.push_back(std::move(frame));
-  callBytes_ += bytes;
+  callBytes_ += size.credit;
+  callBytesBeyond_ += size.beyond;
   ++callCount_;
   ++callsSoFar_;
   descriptors_ += descriptors;
-  if (!isClaimable) return {true, "a call with more descriptors than any method takes"};
+  if (!problem.empty()) return {true, "a call with " + problem};
   std::string excess;
   if (callBytes_ > limits::kUndeliveredBytes) {
     excess = overLimit("bytes of undelivered calls", callBytes_, limits::kUndeliveredBytes);
@@ -77,11 +88,12 @@ std::optional<Arrivals::Turn> Arrivals::takeCall() {
   return turn;
 }
 
-void Arrivals::dealtWith(std::size_t bytes, bool isOwedReply) noexcept {
+void Arrivals::dealtWith(Size call, bool isOwedReply) noexcept {
   if (!isOwedReply) replySettled();
-  callBytes_ -= bytes;
+  callBytes_ -= call.credit;
+  callBytesBeyond_ -= call.beyond;
   --callCount_;
-  credit_.bytes += bytes;
+  credit_.bytes += call.credit;
   ++credit_.calls;
 }
 
@@ -94,7 +106,7 @@ std::optional<wire::Credit> Arrivals::takeCredit(std::size_t waitingToBeSent) no
 }
 
 std::string Arrivals::replyArrived(OutgoingCall&& call, wire::Frame&& frame) {
-  const std::size_t bytes = frame.size();
+  const std::size_t bytes = frame.weight();
   const std::size_t descriptors = frame.descriptors.size();
   // Without memory the call stays with the caller.
   Reply& reply = replies_.emplace_back();
@@ -111,7 +123,7 @@ Arrivals::Reply Arrivals::takeReply() {
   Reply reply = std::move(replies_.front());
   replies_.pop_front();
   if (reply.frame) {
-    replyBytes_ -= reply.frame->size();
+    replyBytes_ -= reply.frame->weight();
     descriptors_ -= reply.frame->descriptors.size();
   }
   return reply;
@@ -119,7 +131,8 @@ Arrivals::Reply Arrivals::takeReply() {
 
 void Arrivals::dropCalls() noexcept {
   for (const wire::Frame& frame : calls_) {
-    callBytes_ -= frame.size();
+    callBytes_ -= frame.credit();
+    callBytesBeyond_ -= sizeOf(frame).beyond;
     descriptors_ -= frame.descriptors.size();
   }
   callCount_ -= calls_.size();
@@ -142,7 +155,7 @@ bool Arrivals::isStuck() const noexcept {
 }
 
 std::size_t Arrivals::heldByCalls() const noexcept {
-  return callBytes_ + callCount_ * kKeepingBytes;
+  return callBytes_ + callBytesBeyond_ + callCount_ * kKeepingBytes;
 }
 
 std::size_t Arrivals::heldByReplies() const noexcept {

@@ -30,7 +30,7 @@ class Arrivals {
   // How many descriptors a call may carry that anybody here claims follows from the interface, for replies it is given;
   // until then it is as many as there may be. Calls that have come before let go of theirs if nobody claims any.
   // Returns the greater of both.
-  std::size_t learnClaimable(std::size_t byReplies);
+  std::size_t learnClaimable(std::size_t byReplies, bool repliesHoldData = false);
 
   // A call has come. It is kept even when something is wrong with it, but for one that is over the credit: then none is
   // kept. What comes after silence() is not even looked at.
@@ -52,13 +52,19 @@ class Arrivals {
   // Nothing when the calls were dropped.
   std::optional<Turn> takeCall();
   // That call has been dealt with. If it is owed a reply, replySettled() is due later.
-  void dealtWith(std::size_t bytes, bool isOwedReply) noexcept;
+  struct Size {
+    std::size_t credit = 0;
+    std::size_t beyond = 0;  // what it counts for besides
+  };
+  static Size sizeOf(const wire::Frame& call) noexcept { return {call.credit(), call.weight() - call.credit()}; }
+  void dealtWith(Size call, bool isOwedReply) noexcept;
   void replySettled() noexcept { --owedReplies_; }
   // The credit that is worth giving back to an end for which so many bytes wait to be sent; nothing while it is not.
   std::optional<wire::Credit> takeCredit(std::size_t waitingToBeSent) noexcept;
 
-  // Lets go of the descriptors of a reply that nobody can claim. False when only a peer that cheats sends so many.
-  bool keepClaimable(wire::Frame& reply) const noexcept { return keepClaimable(reply, claimableByReplies_); }
+  // Lets go of the descriptors of a reply that nobody can claim. Says what only a peer that cheats sends; "" when
+  // nothing is wrong.
+  std::string keepClaimable(wire::Frame& reply) const { return keepClaimable(reply, claimableByReplies_); }
   // A reply has come whose turn has not. Says what is over a limit; "" when nothing is: it is kept all the same.
   std::string replyArrived(OutgoingCall&& call, wire::Frame&& frame);
   // Without its frame when that was dropped.
@@ -88,15 +94,19 @@ class Arrivals {
   std::size_t heldDescriptors() const noexcept { return descriptors_; }
 
  private:
-  static bool keepClaimable(wire::Frame& frame, std::size_t most) noexcept;
+  struct Claimable {
+    std::size_t descriptors = limits::kMaximumDescriptors;
+    bool data = true;  // which may come in regions
+  };
+  static std::string keepClaimable(wire::Frame& frame, const Claimable& most);
 
   std::shared_ptr<NSXPCInterface> interface_;
   const Protocol* protocol_ = nullptr;
   std::shared_ptr<void> object_;
   bool silenced_ = false;
 
-  std::size_t claimableByCalls_ = limits::kMaximumDescriptors;
-  std::size_t claimableByReplies_ = limits::kMaximumDescriptors;
+  Claimable claimableByCalls_;
+  Claimable claimableByReplies_;
   Fifo<wire::Frame> calls_;
   Fifo<Reply> replies_;
   std::size_t descriptors_ = 0;
@@ -105,6 +115,7 @@ class Arrivals {
   std::uint64_t turnsAtLastLook_ = 0;
   // Of the calls that have not been dealt with: those that wait, and the one whose turn it is.
   std::size_t callBytes_ = 0;
+  std::size_t callBytesBeyond_ = 0;  // of their credit
   std::size_t callCount_ = 0;
   std::uint64_t callsSoFar_ = 0;
   std::size_t replyBytes_ = 0;

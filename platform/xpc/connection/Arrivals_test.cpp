@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/xpc/testing/Greeter.h"
+#include "platform/xpc/wire/SharedMemory.h"
 
 namespace velto::xpc {
 namespace {
@@ -36,7 +37,7 @@ void expectKept(Arrivals& arrivals, wire::Frame frame) {
 std::size_t deliverOne(Arrivals& arrivals) {
   const auto turn = arrivals.takeCall();
   if (!turn) return 0;
-  arrivals.dealtWith(turn->frame.size(), false);
+  arrivals.dealtWith(Arrivals::sizeOf(turn->frame), false);
   return turn->frame.size();
 }
 
@@ -99,7 +100,7 @@ TEST(Arrivals, ACallCountsUntilItHasBeenDealtWith) {
   EXPECT_GT(held, 100U);
   const auto turn = arrivals.takeCall();
   EXPECT_EQ(arrivals.heldByCalls(), held);
-  arrivals.dealtWith(turn->frame.size(), false);
+  arrivals.dealtWith(Arrivals::sizeOf(turn->frame), false);
   EXPECT_EQ(arrivals.heldByCalls(), 0U);
 }
 
@@ -127,11 +128,11 @@ TEST(Arrivals, ACallIsOwedAReplyUntilItIsDealtWithWithoutOneOrItsReplyIsSettled)
   Arrivals arrivals;
   for (int count = 0; count < 4; ++count) expectKept(arrivals, frameOf(1));
   EXPECT_EQ(arrivals.takeCall()->owedReplies, 1U);
-  arrivals.dealtWith(1, false);
+  arrivals.dealtWith({1, 0}, false);
   EXPECT_EQ(arrivals.takeCall()->owedReplies, 1U);
-  arrivals.dealtWith(1, true);
+  arrivals.dealtWith({1, 0}, true);
   EXPECT_EQ(arrivals.takeCall()->owedReplies, 2U);
-  arrivals.dealtWith(1, true);
+  arrivals.dealtWith({1, 0}, true);
   arrivals.replySettled();
   arrivals.replySettled();
   EXPECT_EQ(arrivals.takeCall()->owedReplies, 1U);
@@ -146,7 +147,7 @@ TEST(Arrivals, DescriptorsThatNobodyClaimsAreLetGoOfOnceThatIsKnown) {
   expectKept(arrivals, frameOf(1, 3));
   EXPECT_EQ(arrivals.heldDescriptors(), 0U);
   wire::Frame reply = frameOf(1, 3);
-  EXPECT_TRUE(arrivals.keepClaimable(reply));
+  EXPECT_EQ(arrivals.keepClaimable(reply), "");
   EXPECT_TRUE(reply.descriptors.empty());
 }
 
@@ -158,9 +159,84 @@ TEST(Arrivals, AsManyDescriptorsAsOneMethodTakesMayComeAndOneMoreIsAnOffence) {
   expectKept(arrivals, frameOf(1, 2));
   EXPECT_EQ(arrivals.callArrived(frameOf(1, 3)).offence, "a call with more descriptors than any method takes");
   wire::Frame reply = frameOf(1, 4);
-  EXPECT_TRUE(arrivals.keepClaimable(reply));
+  EXPECT_EQ(arrivals.keepClaimable(reply), "");
   reply.descriptors.resize(5);
-  EXPECT_FALSE(arrivals.keepClaimable(reply));
+  EXPECT_EQ(arrivals.keepClaimable(reply), "more descriptors than any method takes");
+}
+
+wire::Frame frameWithRegion(std::size_t bytes, std::size_t declared) {
+  std::string reason;
+  wire::Frame frame = frameOf(10);
+  frame.descriptors.push_back(wire::makeRegion(std::vector<std::uint8_t>(bytes), reason));
+  frame.regions = wire::sizeOfRegions(declared);
+  return frame;
+}
+
+TEST(Arrivals, RegionsCountForAnEighthUntilTheirCallHasBeenDealtWith) {
+  Arrivals arrivals;
+  expectKept(arrivals, frameWithRegion(1 << 20, 1 << 20));
+  EXPECT_GE(arrivals.heldByCalls(), 10U + (1U << 17));
+  EXPECT_EQ(arrivals.heldDescriptors(), 1U);
+  // What is over the credit counts as well.
+  wire::Frame greatest = frameWithRegion(1 << 20, limits::kMaximumRegionBytes);
+  expectKept(arrivals, std::move(greatest));
+  EXPECT_GE(arrivals.heldByCalls(), limits::kMaximumRegionBytes / limits::kRegionBytesPerByte);
+  deliverOne(arrivals);
+  deliverOne(arrivals);
+  EXPECT_EQ(arrivals.heldByCalls(), 0U);
+  EXPECT_EQ(arrivals.heldDescriptors(), 0U);
+  const auto credit = arrivals.takeCredit(0);
+  ASSERT_TRUE(credit);
+  EXPECT_EQ(credit->bytes, 10 + (1U << 17) + limits::kMaximumFrameBytes);
+}
+
+TEST(Arrivals, AsManyBytesInRegionsAsTheCreditAllowsAreKeptAndMoreIsAnOffence) {
+  Arrivals arrivals;
+  const auto next = [] { return frameWithRegion(limits::kLeastRegionBytes, limits::kMaximumRegionBytes); };
+  expectKept(arrivals, next());
+  expectKept(arrivals, next());
+  EXPECT_EQ(arrivals.callArrived(next()).offence,
+            "bytes of undelivered calls: 50331648, the maximum is " + std::to_string(limits::kUndeliveredBytes));
+  EXPECT_EQ(arrivals.heldDescriptors(), 0U);
+}
+
+TEST(Arrivals, RegionsOfRepliesAreBoundedLikeTheirBytes) {
+  Arrivals arrivals;
+  const auto next = [] { return frameWithRegion(limits::kLeastRegionBytes, limits::kMaximumRegionBytes); };
+  EXPECT_EQ(arrivals.replyArrived(numbered(1), next()), "");
+  EXPECT_NE(arrivals.replyArrived(numbered(2), next()), "");
+  EXPECT_GE(arrivals.heldByReplies(), 2 * limits::kMaximumRegionBytes / limits::kRegionBytesPerByte);
+  arrivals.takeReply();
+  arrivals.takeReply();
+  EXPECT_EQ(arrivals.heldByReplies(), 0U);
+}
+
+TEST(Arrivals, RegionsThatAreNotWhatTheirFrameSaysAreAnOffenceAndLetGoOf) {
+  Arrivals arrivals;
+  EXPECT_TRUE(arrivals.callArrived(frameWithRegion(1 << 20, 1 << 19)).offence.starts_with("a call with bytes of a"));
+  wire::Frame withOther = frameWithRegion(1 << 20, 1 << 20);
+  withOther.descriptors.resize(2);
+  auto interface = NSXPCInterface::interfaceWithProtocol<Greeter>();
+  arrivals.swapInterface(interface);
+  arrivals.learnClaimable(0);
+  EXPECT_EQ(arrivals.heldDescriptors(), 0U);
+  withOther.descriptors.resize(4);
+  EXPECT_EQ(arrivals.callArrived(std::move(withOther)).offence, "a call with more descriptors than any method takes");
+  EXPECT_EQ(arrivals.heldDescriptors(), 0U);
+}
+
+TEST(Arrivals, RegionsThatNoInterfaceAsksForAreLetGoOf) {
+  Arrivals arrivals;
+  arrivals.learnClaimable(0, false);
+  expectKept(arrivals, frameWithRegion(1 << 20, 1 << 20));
+  EXPECT_EQ(arrivals.heldDescriptors(), 0U);
+  wire::Frame reply = frameWithRegion(1 << 20, 1 << 20);
+  EXPECT_EQ(arrivals.keepClaimable(reply), "");
+  EXPECT_TRUE(reply.descriptors.empty());
+  arrivals.learnClaimable(0, true);
+  reply = frameWithRegion(1 << 20, 1 << 20);
+  EXPECT_EQ(arrivals.keepClaimable(reply), "");
+  EXPECT_EQ(reply.descriptors.size(), 1U);
 }
 
 TEST(Arrivals, RepliesHaveTheirTurnsInTheOrderInWhichTheyCame) {
@@ -220,7 +296,7 @@ TEST(Arrivals, AreStuckWhenMuchOfThemHasHadNoTurnSinceTheLastLook) {
   EXPECT_FALSE(arrivals.isStuck());
   arrivals.look();
   EXPECT_TRUE(arrivals.isStuck());
-  arrivals.dealtWith(turn->frame.size(), false);
+  arrivals.dealtWith(Arrivals::sizeOf(turn->frame), false);
   EXPECT_FALSE(arrivals.isStuck());
   expectKept(arrivals, frameOf(1, 1));
   EXPECT_TRUE(arrivals.isStuck());

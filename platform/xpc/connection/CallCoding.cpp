@@ -43,8 +43,8 @@ void decodeArguments(wire::ValueDecoder& decoder, const NSXPCInterface& interfac
 }  // namespace
 
 EncodedCall encodeCall(std::uint64_t identifier, const Method& method, std::span<const NSObject> arguments,
-                       bool wantsReply) {
-  wire::ValueEncoder encoder(wire::FrameType::call);
+                       bool wantsReply, bool passesRegionsOn) {
+  wire::ValueEncoder encoder(wire::FrameType::call, passesRegionsOn);
   wire::encodeCallHeader(encoder, {identifier, method.selector, wantsReply});
   std::string where;
   for (std::size_t index = 0; index < arguments.size() && !encoder.failed(); ++index) {
@@ -57,8 +57,8 @@ EncodedCall encodeCall(std::uint64_t identifier, const Method& method, std::span
   return {{}, makeError(code, where + encoder.reason())};
 }
 
-EncodedReply encodeReply(std::uint64_t identifier, const NSObject& value) {
-  wire::ValueEncoder encoder(wire::FrameType::reply);
+EncodedReply encodeReply(std::uint64_t identifier, const NSObject& value, bool passesRegionsOn) {
+  wire::ValueEncoder encoder(wire::FrameType::reply, passesRegionsOn);
   encoder.addUnsigned(identifier);
   encoder.add(value);
   encoder.finish();

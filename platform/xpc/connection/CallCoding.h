@@ -15,7 +15,7 @@
 
 namespace velto::xpc {
 
-// Calls and replies as frames, and back. Pure: what is wrong is returned.
+// Calls and replies as frames, and back. Pure: what is wrong is returned. For `passesRegionsOn` see ValueEncoder.
 
 struct EncodedCall {
   wire::Frame frame;
@@ -23,7 +23,7 @@ struct EncodedCall {
   NSError failure;
 };
 EncodedCall encodeCall(std::uint64_t identifier, const Method& method, std::span<const NSObject> arguments,
-                       bool wantsReply);
+                       bool wantsReply, bool passesRegionsOn = false);
 inline EncodedCall encodeCall(std::uint64_t identifier, const Method& method, std::initializer_list<NSObject> arguments,
                               bool wantsReply) {
   return encodeCall(identifier, method, std::span(arguments.begin(), arguments.size()), wantsReply);
@@ -35,7 +35,7 @@ struct EncodedReply {
   std::string reason;
   std::uint64_t code = 0;
 };
-EncodedReply encodeReply(std::uint64_t identifier, const NSObject& value);
+EncodedReply encodeReply(std::uint64_t identifier, const NSObject& value, bool passesRegionsOn = false);
 
 // What has become of a frame that came: it can be used, or is refused, or its bytes break the protocol.
 enum class Reading { ready, refused, broken };

@@ -28,10 +28,10 @@ constexpr std::size_t kFewAwaited = 4;
 // Gives the credit of a call back even if its callback raises.
 class ConnectionCore::CreditAtEnd {
  public:
-  CreditAtEnd(ConnectionCore& core, std::size_t bytes) : core_(core), bytes_(bytes) {}
+  CreditAtEnd(ConnectionCore& core, Arrivals::Size call) : core_(core), call_(call) {}
   ~CreditAtEnd() {
     try {
-      core_.dealtWith(bytes_, isOwedReply);
+      core_.dealtWith(call_, isOwedReply);
     } catch (const std::bad_alloc&) {
       // The other end would wait for its credit for ever.
       core_.giveUp();
@@ -44,7 +44,7 @@ class ConnectionCore::CreditAtEnd {
 
  private:
   ConnectionCore& core_;
-  const std::size_t bytes_;
+  const Arrivals::Size call_;
 };
 
 void ConnectionCore::call(const Method& method, std::span<const NSObject> arguments, ReplyBlock reply,
@@ -52,7 +52,7 @@ void ConnectionCore::call(const Method& method, std::span<const NSObject> argume
   if (isInherited()) return;
   if (reply.isIgnored) reply = {};
   const std::uint64_t identifier = ++lastIdentifier_;
-  EncodedCall encoded = encodeCall(identifier, method, arguments, static_cast<bool>(reply));
+  EncodedCall encoded = encodeCall(identifier, method, arguments, static_cast<bool>(reply), peerTakesRegions_);
   if (encoded.failure) return postNotSent(errorHandler, method, encoded.failure);
   OutgoingCall outgoing{identifier, &method, std::move(reply), errorHandler, 0};
   NSError failure;
@@ -149,7 +149,7 @@ void ConnectionCore::deliver() {
     hasEnded = life_.hasEnded();
   }
   if (!turn) return;
-  CreditAtEnd credit(*this, turn->frame.size());
+  CreditAtEnd credit(*this, Arrivals::sizeOf(turn->frame));
   // The end is on its way, past a callback that sleeps, or through the last threads: nothing but it may pass there.
   if (hasEnded && (queue_->hasSleeper() || !transport::Reactor::shared().mayLinger())) return;
   bool called = false;
@@ -203,9 +203,9 @@ void ConnectionCore::refuse(std::uint64_t identifier, std::uint64_t code, const 
   sendOrCutOff(wire::Refusal{identifier, code, reason}.encode(wire::FrameType::refusal), false);
 }
 
-void ConnectionCore::dealtWith(std::size_t bytes, bool isOwedReply) {
+void ConnectionCore::dealtWith(Arrivals::Size call, bool isOwedReply) {
   MutexLock lock(mutex_);
-  arrivals_.dealtWith(bytes, isOwedReply);
+  arrivals_.dealtWith(call, isOwedReply);
   stateArrived();
   giveCredit();
 }
@@ -258,7 +258,7 @@ void ConnectionCore::finishCall(const OutgoingCall& call, const wire::Frame& fra
 void ConnectionCore::sendReply(std::uint64_t identifier, const Method& method, const NSObject& value) {
   EncodedReply reply;
   try {
-    reply = encodeReply(identifier, value);
+    reply = encodeReply(identifier, value, peerTakesRegions_);
   } catch (const std::bad_alloc&) {
     replySettled();
     throw;
@@ -269,8 +269,11 @@ void ConnectionCore::sendReply(std::uint64_t identifier, const Method& method, c
     if (reply.reason.empty()) {
       reply.code = wire::kLimitExceeded;
       reply.reason = outgoing_.overPeerLimits(reply.frame);
+      if (reply.reason.empty()) reply.reason = outgoing_.overUnread(reply.frame);
+      const std::size_t regions = reply.frame.regionWeight();
       const std::size_t waiting = reply.reason.empty() ? sendControl(std::move(reply.frame)) : 0;
       if (waiting > 0) reply.reason = overLimit("bytes that wait to be sent", waiting, limits::kWaitingBytes);
+      if (reply.reason.empty()) outgoing_.replySent(regions);
     }
   }
   if (reply.reason.empty()) return;

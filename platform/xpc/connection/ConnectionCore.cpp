@@ -134,7 +134,8 @@ bool ConnectionCore::connectAgain() {
 
 void ConnectionCore::learnClaimable() {
   const auto& called = outgoing_.interface();
-  const std::size_t most = arrivals_.learnClaimable(called ? called->claimableDescriptors(true) : 0);
+  const std::size_t most =
+      arrivals_.learnClaimable(called ? called->claimableDescriptors(true) : 0, called && called->admitsData(true));
   if (channel_) channel_->setClaimableDescriptors(most);
 }
 

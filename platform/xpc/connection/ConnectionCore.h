@@ -150,7 +150,7 @@ class ConnectionCore final : public transport::ChannelReceiver,
   void deliver(Arrivals::Turn& turn, bool& isOwedReply, bool& called);
   void invoke(const DecodedCall& call, void* object, std::size_t owedReplies, bool& isOwedReply, bool& called);
   void refuse(std::uint64_t identifier, std::uint64_t code, const std::string& reason);
-  void dealtWith(std::size_t bytes, bool isOwedReply);
+  void dealtWith(Arrivals::Size call, bool isOwedReply);
   void giveCredit() VELTO_REQUIRES(mutex_);
   void deliverReply();
   void finishCall(const OutgoingCall& call, const wire::Frame& frame, const NSXPCInterface& interface);
@@ -166,6 +166,7 @@ class ConnectionCore final : public transport::ChannelReceiver,
   std::shared_ptr<transport::Holding> holding_;  // made with the connection, and then read only
   std::atomic<std::uint64_t> lastIdentifier_{0};
   std::atomic<const Protocol*> remoteProtocol_{nullptr};
+  std::atomic<bool> peerTakesRegions_{false};
 
   Mutex mutex_;
   std::shared_ptr<transport::Channel> channel_ VELTO_GUARDED_BY(mutex_);

@@ -126,6 +126,7 @@ void ConnectionCore::helloArrived(const wire::Frame& frame, Due& due) {
     return;
   }
   due.refused = outgoing_.helloArrived(*hello);
+  peerTakesRegions_ = outgoing_.peerTakesRegions();
   if (life_.isClosing()) sayFarewell();
   if (life_.maySendCalls()) sendWaiting();
   stateWaiting();
@@ -134,7 +135,7 @@ void ConnectionCore::helloArrived(const wire::Frame& frame, Due& due) {
 void ConnectionCore::creditArrived(const wire::Frame& frame, Due& due) {
   const auto credit = wire::Credit::decode(frame, due.offence);
   if (!credit) return;
-  if (credit->calls == 0) {
+  if (credit->calls == 0 && credit->bytes == 0) {
     due.offence = "credit for nothing";
     return;
   }
@@ -164,14 +165,18 @@ void ConnectionCore::replyArrived(wire::Frame& frame, Due& due) {
   }
   // What was asked before invalidate() may be answered after it.
   if (life_.isClosing()) return;
-  const bool isClaimable = arrivals_.keepClaimable(frame);
+  const std::size_t regions = frame.regionWeight();
+  const std::string problem = arrivals_.keepClaimable(frame);
+  const bool isClaimable = problem.empty();
   due.settled = outgoing_.takeAwaitingReply(*identifier);
   if (!due.settled) {
     due.offence = "a reply to no call: " + std::to_string(*identifier);
     return;
   }
   OutgoingCall& call = *due.settled;
-  if (!isClaimable) due.offence = "a reply with more descriptors than any takes";
+  if (!isClaimable) due.offence = "a reply with " + problem;
+  // Whoever sent them may forget them now.
+  if (regions > 0) sendControl(wire::Credit{regions, 0}.encode());
   if (!call.reply.neverBlocks) {
     std::string excess = arrivals_.replyArrived(std::move(call), std::move(frame));
     due.settled.reset();
@@ -180,8 +185,7 @@ void ConnectionCore::replyArrived(wire::Frame& frame, Due& due) {
   } else if (isClaimable) {
     due.answered = outgoing_.interface();
   } else {
-    due.error = makeError(NSXPCReplyRefused,
-                          "the reply to " + call.method->selector + " was refused: more descriptors than any takes");
+    due.error = makeError(NSXPCReplyRefused, "the reply to " + call.method->selector + " was refused: " + problem);
   }
 }
 

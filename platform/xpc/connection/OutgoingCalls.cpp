@@ -14,12 +14,17 @@ std::string OutgoingCalls::overPeerLimits(const wire::Frame& frame) const {
   if (frame.size() > peerMaximumBytes_) {
     return overLimit("bytes of a frame to this peer", frame.size(), peerMaximumBytes_);
   }
+  const std::size_t regions = frame.regions == 0 ? 0 : std::size_t{1} << frame.regions;
+  if (regions > peerMaximumRegionBytes_.value_or(limits::kMaximumRegionBytes)) {
+    return overLimit("bytes of a frame with its data to this peer", frame.size() + regions,
+                     peerMaximumBytes_ + *peerMaximumRegionBytes_);
+  }
   if (frame.descriptors.size() > peerMaximumDescriptors_) {
     return overLimit("descriptors of a frame to this peer", frame.descriptors.size(), peerMaximumDescriptors_);
   }
   if (frame.type != wire::FrameType::call) return {};
-  if (frame.size() > windowBytes_) {
-    return overLimit("bytes of a call that this peer keeps", frame.size(), windowBytes_);
+  if (frame.credit() > windowBytes_) {
+    return overLimit("bytes of a call that this peer keeps", frame.credit(), windowBytes_);
   }
   return windowCalls_ == 0 ? overLimit("calls that this peer keeps", 1, 0) : std::string();
 }
@@ -30,15 +35,19 @@ NSError OutgoingCalls::refusalToKeep(const wire::Frame& frame, bool wantsReply, 
     return makeError(NSXPCLimitExceeded,
                      overLimit("calls that wait for their replies", pendingReplies_ + 1, limits::kPendingReplies));
   }
-  const std::size_t waiting = waitingBytes_ + waitingInChannel + frame.size();
-  if (waiting <= limits::kWaitingBytes) return nil;
+  const std::size_t before = waitingBytes_ + waitingInChannel;
+  const std::size_t waiting = before + frame.weight();
+  // Of regions, as much as one call may have can always wait.
+  const bool isAlone = frame.regions != 0 && before + frame.size() <= limits::kWaitingBytes && waitingRegions_ == 0;
+  if (waiting <= limits::kWaitingBytes || isAlone) return nil;
   return makeError(NSXPCLimitExceeded, overLimit("bytes that wait to be sent", waiting, limits::kWaitingBytes));
 }
 
 void OutgoingCalls::add(OutgoingCall&& call, wire::Frame&& frame) {
   const std::uint64_t identifier = call.identifier;
   const bool wantsReply = static_cast<bool>(call.reply);
-  const std::size_t bytes = frame.size();
+  const std::size_t bytes = frame.weight();
+  const std::size_t regions = frame.regionWeight();
   waiting_.push_back({identifier, std::move(frame)});
   try {
     calls_.add(std::move(call));
@@ -48,15 +57,19 @@ void OutgoingCalls::add(OutgoingCall&& call, wire::Frame&& frame) {
   }
   if (wantsReply) ++pendingReplies_;
   waitingBytes_ += bytes;
+  waitingRegions_ += regions;
 }
 
 std::optional<OutgoingCalls::Sendable> OutgoingCalls::takeSendable() {
   if (waiting_.empty() || uncredited_.size() >= windowCalls_) return std::nullopt;
-  const std::size_t bytes = waiting_.front().frame.size();
+  const wire::Frame& next = waiting_.front().frame;
+  if (next.regions != 0 && !peerMaximumRegionBytes_) return std::nullopt;
+  const std::size_t bytes = next.credit();
   if (usedBytes_ + bytes > windowBytes_) return std::nullopt;
+  waitingBytes_ -= next.weight();
+  waitingRegions_ -= next.regionWeight();
   Sendable sendable{waiting_.front().identifier, std::move(waiting_.front().frame)};
   waiting_.pop_front();
-  waitingBytes_ -= bytes;
   usedBytes_ += bytes;
   uncredited_.push_back({sendable.identifier, bytes});
   return sendable;
@@ -68,13 +81,27 @@ void OutgoingCalls::sent(std::uint64_t identifier, std::uint64_t frameNumber) {
 
 std::vector<OutgoingCalls::Refused> OutgoingCalls::helloArrived(const wire::Hello& hello) {
   peerMaximumBytes_ = std::min<std::uint64_t>(hello.maximumFrameBytes, limits::kMaximumFrameBytes);
+  const std::uint64_t beyond = hello.maximumFrameBytes - peerMaximumBytes_;
+  peerMaximumRegionBytes_ = std::min<std::uint64_t>(beyond, limits::kMaximumRegionBytes);
   peerMaximumDescriptors_ = std::min<std::uint64_t>(hello.maximumDescriptors, limits::kMaximumDescriptors);
   windowBytes_ = std::min<std::uint64_t>(hello.undeliveredBytes, limits::kUndeliveredBytes);
   windowCalls_ = std::min<std::uint64_t>(hello.undeliveredCalls, limits::kUndeliveredCalls);
   return takeRefused();
 }
 
+std::string OutgoingCalls::overUnread(const wire::Frame& reply) const {
+  const std::size_t unread = unreadRegions_ + reply.regionWeight();
+  // One may always go.
+  if (reply.regions == 0 || unreadRegions_ == 0 || unread <= limits::kWaitingBytes) return {};
+  return overLimit("bytes that wait to be sent", unread, limits::kWaitingBytes);
+}
+
 bool OutgoingCalls::creditArrived(const wire::Credit& credit) {
+  if (credit.calls == 0) {
+    if (credit.bytes > unreadRegions_) return false;
+    unreadRegions_ -= credit.bytes;
+    return true;
+  }
   if (credit.calls > uncredited_.size() || credit.bytes > usedBytes_) return false;
   std::uint64_t bytes = 0;
   for (std::uint64_t count = 0; count < credit.calls; ++count) {
@@ -100,7 +127,8 @@ std::vector<OutgoingCalls::Refused> OutgoingCalls::takeRefused() {
   waiting_.eraseIf([&](const Waiting& waiting) {
     std::string objection = overPeerLimits(waiting.frame);
     if (objection.empty()) return false;
-    waitingBytes_ -= waiting.frame.size();
+    waitingBytes_ -= waiting.frame.weight();
+    waitingRegions_ -= waiting.frame.regionWeight();
     if (auto call = take(waiting.identifier)) refused.push_back({std::move(*call), std::move(objection)});
     return true;
   });
@@ -135,6 +163,7 @@ std::vector<OutgoingCall> OutgoingCalls::takeAllUnsettled(std::uint64_t framesWr
   waiting_.clear();
   uncredited_.clear();
   waitingBytes_ = 0;
+  waitingRegions_ = 0;
   pendingReplies_ = 0;
   usedBytes_ = 0;
   forgotten_ = std::move(forgotten);

@@ -28,7 +28,10 @@ class OutgoingCalls {
   void swapInterface(std::shared_ptr<NSXPCInterface>& interface) noexcept { std::swap(interface_, interface); }
   const std::shared_ptr<NSXPCInterface>& interface() const noexcept { return interface_; }
 
-  // What of a frame is more than the other end has stated to take; "" when nothing is.
+  // Whether the other end has said that it takes data in regions.
+  bool peerTakesRegions() const noexcept { return peerMaximumRegionBytes_.value_or(0) > 0; }
+  // What of a frame is more than the other end has stated to take; "" when nothing is. Before it has stated anything a
+  // frame with regions waits.
   std::string overPeerLimits(const wire::Frame& frame) const;
   // Why a call cannot be kept until it may go, when the channel has so many bytes waiting; nil when it can.
   NSError refusalToKeep(const wire::Frame& frame, bool wantsReply, std::size_t waitingInChannel) const;
@@ -41,6 +44,11 @@ class OutgoingCalls {
   };
   std::optional<Sendable> takeSendable();
   void sent(std::uint64_t identifier, std::uint64_t frameNumber);
+
+  // The regions of replies are on their way until the other end says that it has read so much of them. Says what is
+  // over a limit with those of one more; "" when nothing is.
+  std::string overUnread(const wire::Frame& reply) const;
+  void replySent(std::size_t regionWeight) noexcept { unreadRegions_ += regionWeight; }
 
   // What the other end states counts up to what it would be allowed here. Returns, in order, the calls that wait here
   // and are over it, removed.
@@ -90,8 +98,11 @@ class OutgoingCalls {
   // Sent, and neither dealt with nor known to be.
   Fifo<Uncredited> uncredited_;
   std::size_t waitingBytes_ = 0;
+  std::size_t waitingRegions_ = 0;
   std::size_t pendingReplies_ = 0;
   std::size_t peerMaximumBytes_ = limits::kMaximumFrameBytes;
+  std::optional<std::size_t> peerMaximumRegionBytes_;
+  std::size_t unreadRegions_ = 0;
   std::size_t peerMaximumDescriptors_ = limits::kMaximumDescriptors;
   // What the other end keeps at most for a receiver that is busy: a call over it could never be sent.
   std::uint64_t windowBytes_ = limits::kInitialBytes;

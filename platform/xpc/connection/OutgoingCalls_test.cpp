@@ -50,6 +50,88 @@ TEST(OutgoingCalls, ThoseThatAreOverWhatTheOtherEndStatesAreTakenOutInOrderAndTh
   EXPECT_FALSE(calls.takeSendable());
 }
 
+void addWithRegions(OutgoingCalls& calls, std::uint64_t identifier, std::uint8_t regions) {
+  OutgoingCall call;
+  call.identifier = identifier;
+  call.method = &kMethod;
+  wire::Frame frame = callOf(10);
+  frame.regions = regions;
+  calls.add(std::move(call), std::move(frame));
+}
+
+TEST(OutgoingCalls, WithRegionsWaitUntilTheOtherEndHasSaidThatItTakesThem) {
+  OutgoingCalls calls;
+  addWithRegions(calls, 1, 20);
+  add(calls, 2, 10);
+  EXPECT_FALSE(calls.peerTakesRegions());
+  EXPECT_FALSE(calls.takeSendable());
+  EXPECT_EQ(calls.waitingBytes(), 20U + (1U << 17));
+  EXPECT_TRUE(calls.helloArrived(wire::Hello::ours()).empty());
+  EXPECT_TRUE(calls.peerTakesRegions());
+  EXPECT_EQ(calls.takeSendable()->identifier, 1U);
+  EXPECT_EQ(calls.takeSendable()->identifier, 2U);
+  EXPECT_EQ(calls.waitingBytes(), 0U);
+  EXPECT_TRUE(calls.creditArrived({.bytes = 20 + (1U << 17), .calls = 2}));
+}
+
+TEST(OutgoingCalls, WithRegionsAreRefusedToAnEndThatTakesNoneOrFewer) {
+  OutgoingCalls calls;
+  addWithRegions(calls, 1, 24);
+  wire::Hello hello = wire::Hello::ours();
+  hello.maximumFrameBytes = limits::kMaximumFrameBytes;
+  const auto refused = calls.helloArrived(hello);
+  ASSERT_EQ(refused.size(), 1U);
+  EXPECT_EQ(refused[0].objection, "bytes of a frame with its data to this peer: 16777226, the maximum is 16777216");
+  EXPECT_EQ(calls.waitingBytes(), 0U);
+  hello.maximumFrameBytes += limits::kMaximumFrameBytes;
+  calls.helloArrived(hello);
+  wire::Frame frame = callOf(1);
+  frame.regions = 24;
+  EXPECT_EQ(calls.overPeerLimits(frame), "");
+  frame.regions = 25;
+  EXPECT_NE(calls.overPeerLimits(frame), "");
+}
+
+TEST(OutgoingCalls, RegionsTakeCreditButNoMoreThanAGreatestFrame) {
+  OutgoingCalls calls;
+  calls.helloArrived(wire::Hello::ours());
+  for (const std::uint64_t identifier : {1U, 2U, 3U}) addWithRegions(calls, identifier, 30);
+  EXPECT_TRUE(calls.takeSendable());
+  EXPECT_TRUE(calls.takeSendable());
+  EXPECT_FALSE(calls.takeSendable());
+  EXPECT_TRUE(calls.creditArrived({.bytes = limits::kMaximumFrameBytes, .calls = 1}));
+  EXPECT_TRUE(calls.takeSendable());
+}
+
+TEST(OutgoingCalls, OneCallWithRegionsCanAlwaysWaitAndAnotherIsRefused) {
+  OutgoingCalls calls;
+  wire::Frame frame = callOf(10);
+  frame.regions = 30;
+  EXPECT_TRUE(calls.refusalToKeep(frame, false, 0).isNil());
+  addWithRegions(calls, 1, 30);
+  EXPECT_TRUE(textOf(calls.refusalToKeep(frame, false, 0)).find("bytes that wait to be sent: 268435476") !=
+              std::string::npos);
+  calls.helloArrived(wire::Hello::ours());
+  EXPECT_TRUE(calls.takeSendable());
+  EXPECT_TRUE(calls.refusalToKeep(frame, false, 0).isNil());
+  EXPECT_FALSE(calls.refusalToKeep(frame, false, limits::kWaitingBytes).isNil());
+}
+
+TEST(OutgoingCalls, RegionsOfRepliesThatTheOtherEndHasNotReadAreBounded) {
+  OutgoingCalls calls;
+  wire::Frame reply = callOf(10);
+  reply.type = wire::FrameType::reply;
+  reply.regions = 30;
+  EXPECT_EQ(calls.overUnread(reply), "");
+  calls.replySent(reply.regionWeight());
+  EXPECT_NE(calls.overUnread(reply), "");
+  EXPECT_EQ(calls.overUnread(callOf(10)), "");
+  EXPECT_FALSE(calls.creditArrived({.bytes = reply.regionWeight() + 1, .calls = 0}));
+  EXPECT_TRUE(calls.creditArrived({.bytes = reply.regionWeight(), .calls = 0}));
+  EXPECT_EQ(calls.overUnread(reply), "");
+  EXPECT_FALSE(calls.creditArrived({.bytes = 1, .calls = 0}));
+}
+
 TEST(OutgoingCalls, GoOutUpToTheCreditThatTheOtherEndHasStated) {
   OutgoingCalls calls;
   wire::Hello hello = wire::Hello::ours();

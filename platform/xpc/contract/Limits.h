@@ -13,6 +13,16 @@ namespace velto::limits {
 // Bytes of one call or one reply, its header not counted. Room for any sensible message; larger data belongs into files
 // or shared memory.
 inline constexpr std::size_t kMaximumFrameBytes = std::size_t{16} << 20;
+// Data that a frame has no room for comes beside it, in regions of shared memory that the other end has filled and
+// sealed and that are mapped here, not copied: so much of it with one call or reply, each region of a size that is
+// worth a mapping, and so many of them.
+inline constexpr std::size_t kMaximumRegionBytes = std::size_t{1} << 30;
+inline constexpr std::size_t kLeastRegionBytes = std::size_t{256} << 10;
+inline constexpr std::size_t kMaximumRegions = 8;
+// Wherever bytes are bounded those of regions count for an eighth, since their memory is made by whoever sends them;
+// but for the credit of a call for no more than a greatest frame. So a connection keeps 2 GiB of them at most, and all
+// together 4 GiB.
+inline constexpr std::size_t kRegionBytesPerByte = 8;
 // Levels of containers inside one argument. JSON parsers of this kind stop between 100 and 1000.
 inline constexpr std::size_t kMaximumDepth = 128;
 // Objects in all values of one call or reply. An object takes far more memory than the single byte it can come in; this
@@ -107,6 +117,7 @@ inline constexpr std::size_t kSpareWorkers = 3;
 inline constexpr std::size_t kMaximumNameBytes = 255;
 
 static_assert(kUndeliveredBytes >= kMaximumFrameBytes && kInitialBytes >= kMaximumFrameBytes);
-static_assert(kMaximumDescriptors <= 253);
+static_assert(kMaximumDescriptors <= 253 && kMaximumRegions < kMaximumDescriptors);
+static_assert(kMaximumRegionBytes / kRegionBytesPerByte <= kUndeliveredReplyBytes);
 
 }  // namespace velto::limits

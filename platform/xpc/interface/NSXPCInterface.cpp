@@ -156,6 +156,12 @@ std::size_t NSXPCInterface::claimableDescriptors(bool ofReply) const {
   return most;
 }
 
+bool NSXPCInterface::admitsData(bool ofReply) const {
+  return std::any_of(entries_.begin(), entries_.end(), [&](const auto& each) {
+    return std::get<2>(each.first) == ofReply && each.second.admitted.admits(velto::wire::PlainClass::data);
+  });
+}
+
 const velto::wire::ClassSet& NSXPCInterface::admitted(const Method& method, std::size_t argumentIndex,
                                                       bool ofReply) const {
   return table_->find({&method, argumentIndex, ofReply})->admitted;

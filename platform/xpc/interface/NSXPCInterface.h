@@ -44,6 +44,8 @@ class VELTO_EXPORT NSXPCInterface {
 
   // How many descriptors one call, or one reply, can carry that anybody claims.
   std::size_t claimableDescriptors(bool ofReply) const;
+  // Whether any call, or any reply, can carry data.
+  bool admitsData(bool ofReply) const;
 
  private:
   explicit NSXPCInterface(const velto::xpc::Protocol& protocol);

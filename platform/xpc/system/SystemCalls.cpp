@@ -15,6 +15,7 @@
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/timerfd.h>
@@ -222,6 +223,18 @@ ssize_t SystemCalls::read(int descriptor, void* bytes, std::size_t length) {
 
 ssize_t SystemCalls::write(int descriptor, const void* bytes, std::size_t length) {
   return uninterrupted([&] { return ::write(descriptor, bytes, length); });
+}
+
+int SystemCalls::makeMemory() {
+  return ::memfd_create("velto", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+}
+
+int SystemCalls::addSeals(int memory, int seals) {
+  return ::fcntl(memory, F_ADD_SEALS, seals);
+}
+
+int SystemCalls::seals(int descriptor) {
+  return ::fcntl(descriptor, F_GET_SEALS);
 }
 
 // Not repeated on EINTR: Linux has closed the descriptor by then, and the number may be somebody else's.

@@ -67,6 +67,11 @@ class SystemCalls {
   virtual int setTimer(int timer, std::uint64_t nanoseconds);
   virtual ssize_t read(int descriptor, void* bytes, std::size_t length);
   virtual ssize_t write(int descriptor, const void* bytes, std::size_t length);
+  // Memory without a name that can be sealed, of no bytes yet.
+  virtual int makeMemory();
+  virtual int addSeals(int memory, int seals);
+  // -1 for what has none.
+  virtual int seals(int descriptor);
   virtual int close(int descriptor);
   // A thread that nobody waits for, with all signals blocked. 0, or what is wrong.
   virtual int startThread(void* (*run)(void*), void* argument);

@@ -166,7 +166,7 @@ std::uint64_t Channel::send(wire::Frame frame, Haste haste) {
 void Channel::enqueue(wire::Frame&& frame, bool mayBatch) {
   const std::size_t size = frame.size();
   const auto header = wire::FrameHeader{static_cast<std::uint32_t>(size), frame.type,
-                                        static_cast<std::uint16_t>(frame.descriptors.size())}
+                                        static_cast<std::uint16_t>(frame.descriptors.size()), frame.regions}
                           .encode();
   const std::size_t all = header.size() + size;
   if (mayBatch && all <= kSmallFrame && frame.enclosures.empty() && frame.descriptors.empty()) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "platform/foundation/NSObject.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/Descriptor.h"
 #include "platform/xpc/wire/ByteBuffer.h"
 
@@ -41,6 +43,18 @@ struct Frame {
   ByteBuffer body;
   std::vector<Enclosure> enclosures;
   std::vector<system::SharedDescriptor> descriptors;
+  // Data lies in regions, which are among the descriptors and have at most 2 to this power bytes together; 0 when none
+  // does.
+  std::uint8_t regions = 0;
+
+  // What the regions count for where bytes are bounded.
+  std::size_t regionWeight() const noexcept {
+    return regions == 0 ? 0 : (std::size_t{1} << regions) / limits::kRegionBytesPerByte;
+  }
+  // What all of it counts for.
+  std::size_t weight() const noexcept { return size() + regionWeight(); }
+  // What a call takes of its sender's credit.
+  std::size_t credit() const noexcept { return regions == 0 ? size() : std::min(weight(), limits::kMaximumFrameBytes); }
 
   // Bytes of the CBOR sequence.
   std::size_t size() const noexcept {
@@ -50,13 +64,15 @@ struct Frame {
   }
 };
 
-// The fixed header: length of the body (32 bits), type (8), reserved (8, zero), descriptor count (16), little-endian.
+// The fixed header: length of the body (32 bits), type (8), regions (8), descriptor count (16), little-endian.
 struct FrameHeader {
   static constexpr std::size_t kBytes = 8;
 
   std::uint32_t bodyLength = 0;
   FrameType type = FrameType::goodbye;
   std::uint16_t descriptorCount = 0;
+  // See Frame.
+  std::uint8_t regions = 0;
 
   std::array<std::uint8_t, kBytes> encode() const;
   // Of a header that encode() has made.

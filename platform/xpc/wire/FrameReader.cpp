@@ -81,7 +81,7 @@ void FrameReader::received(std::size_t count, std::vector<system::SharedDescript
   if (failed()) return;
   end_ += count;
   for (system::SharedDescriptor& descriptor : descriptors) {
-    const bool kept = descriptors_.size() < keptDescriptors_;
+    const bool kept = descriptors_.size() < keptDescriptors_ + limits::kMaximumRegions;
     descriptors_.push_back(kept ? std::move(descriptor) : nullptr);
   }
 }
@@ -99,6 +99,7 @@ std::optional<Frame> FrameReader::next() {
     fail(std::move(reason));
     return std::nullopt;
   }
+  dropUnclaimable(*header);
   const std::size_t length = FrameHeader::kBytes + header->bodyLength;
   if (held() < length) {
     missing_ = length - held();
@@ -116,6 +117,7 @@ std::optional<Frame> FrameReader::next() {
 Frame FrameReader::takeFrame(const FrameHeader& header) {
   Frame frame;
   frame.type = header.type;
+  frame.regions = header.regions;
   // First all that needs memory: without it, nothing is taken.
   frame.descriptors.reserve(header.descriptorCount);
   frame.body = takeBody(header.bodyLength);
@@ -147,6 +149,12 @@ ByteBuffer FrameReader::giveAway(std::size_t length) {
   begin_ = 0;
   end_ = buffer_.size();
   return body;
+}
+
+void FrameReader::dropUnclaimable(const FrameHeader& header) noexcept {
+  if (header.regions != 0) return;
+  const std::size_t end = std::min<std::size_t>(descriptors_.size(), header.descriptorCount);
+  for (std::size_t index = keptDescriptors_; index < end; ++index) descriptors_[index].reset();
 }
 
 void FrameReader::checkDescriptors(std::size_t claimable) {

@@ -33,7 +33,8 @@ class FrameReader {
   void received(std::size_t count, std::vector<system::SharedDescriptor> descriptors);
 
   // How many descriptors an unfinished frame may make this hold; what comes beyond them is closed at once and only
-  // counted, so that its frame holds an empty place for it. At first as many as a frame may carry.
+  // counted, so that its frame holds an empty place for it. At first as many as a frame may carry. A frame with regions
+  // may have theirs besides.
   void keepDescriptors(std::size_t most) noexcept { keptDescriptors_ = most; }
   // The next complete frame, or nothing: then failed() tells whether the stream is broken or just not there yet. To be
   // called until it gives nothing, after each received().
@@ -50,7 +51,10 @@ class FrameReader {
   // Bytes of memory held for the stream.
   std::size_t capacity() const noexcept { return buffer_.capacity(); }
   // Descriptors held for the unfinished frame.
-  std::size_t heldDescriptors() const noexcept { return std::min(descriptors_.size(), keptDescriptors_); }
+  std::size_t heldDescriptors() const noexcept {
+    return descriptors_.size() -
+           static_cast<std::size_t>(std::count(descriptors_.begin(), descriptors_.end(), nullptr));
+  }
   // Frames that were complete so far.
   std::uint64_t framesTaken() const noexcept { return framesTaken_; }
 
@@ -64,6 +68,8 @@ class FrameReader {
   Frame takeFrame(const FrameHeader& header);
   ByteBuffer takeBody(std::size_t length);
   ByteBuffer giveAway(std::size_t length);
+  // Of a frame whose header is known.
+  void dropUnclaimable(const FrameHeader& header) noexcept;
   // No more descriptors than the frame at the end may still claim.
   void checkDescriptors(std::size_t claimable);
   void fail(std::string reason);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/testing/WireTesting.h"
 
 namespace velto::wire {
@@ -38,8 +39,28 @@ TEST(FrameHeader, AnUnknownTypeIsRefused) {
   EXPECT_EQ(problemOf(hex("00 00 00 00 ff 00 00 00")), "a frame of unknown type 255");
 }
 
-TEST(FrameHeader, AReservedByteThatIsSetIsRefused) {
-  EXPECT_EQ(problemOf(hex("00 00 00 00 02 80 00 00")), "a frame whose reserved byte is 128, not 0");
+TEST(FrameHeader, RegionsHaveASizeBetweenTheLeastAndTheGreatestAndComeWithDescriptors) {
+  for (const char* size : {"12", "18", "1e"}) {
+    EXPECT_EQ(problemOf(hex("00 00 00 00 02") + hex(size) + hex("01 00")), "") << size;
+  }
+  for (const char* size : {"01", "11", "1f", "40", "80", "ff"}) {
+    EXPECT_TRUE(contains(problemOf(hex("00 00 00 00 02") + hex(size) + hex("01 00")), "byte of regions is ")) << size;
+  }
+  EXPECT_EQ(problemOf(hex("00 00 00 00 02 80 00 00")), "a frame whose byte of regions is 128, with 0 descriptors");
+  EXPECT_EQ(problemOf(hex("00 00 00 00 02 12 00 00")), "a frame whose byte of regions is 18, with 0 descriptors");
+  EXPECT_NE(problemOf(hex("00 00 00 00 07 12 01 00")), "");
+}
+
+TEST(FrameHeader, RegionsCountForAnEighthAndACallTakesNoMoreCreditThanAGreatestFrame) {
+  Frame frame{FrameType::call, Bytes(100), {}, {}, 20};
+  EXPECT_EQ(frame.weight(), 100U + (1U << 17));
+  EXPECT_EQ(frame.credit(), frame.weight());
+  frame.regions = 30;
+  EXPECT_EQ(frame.weight(), 100U + (1U << 27));
+  EXPECT_EQ(frame.credit(), limits::kMaximumFrameBytes);
+  frame.regions = 0;
+  EXPECT_EQ(frame.weight(), 100U);
+  EXPECT_EQ(frame.credit(), 100U);
 }
 
 TEST(FrameHeader, TheGreatestBodyPassesAndOneByteMoreDoesNot) {

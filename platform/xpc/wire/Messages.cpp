@@ -37,7 +37,7 @@ bool isWhole(const char* frame, const ValueDecoder& decoder, bool read, std::str
 
 Hello Hello::ours() {
   Hello hello;
-  hello.maximumFrameBytes = limits::kMaximumFrameBytes;
+  hello.maximumFrameBytes = limits::kMaximumFrameBytes + limits::kMaximumRegionBytes;
   hello.maximumDescriptors = limits::kMaximumDescriptors;
   hello.undeliveredBytes = limits::kUndeliveredBytes;
   hello.undeliveredCalls = limits::kUndeliveredCalls;

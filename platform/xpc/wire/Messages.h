@@ -19,6 +19,7 @@ inline constexpr std::uint64_t kProtocolVersion = 1;
 // What an end says first. The numbers are what it is ready to receive.
 struct Hello {
   std::uint64_t version = kProtocolVersion;
+  // With its data in regions. An end that states no more than a frame may have takes none.
   std::uint64_t maximumFrameBytes = 0;
   std::uint64_t maximumDescriptors = 0;
   std::uint64_t undeliveredBytes = 0;

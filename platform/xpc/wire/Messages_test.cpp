@@ -33,7 +33,7 @@ void expectExact(const Frame& frame, const std::string& name, const Decodes& dec
 TEST(Hello, OursStatesOurLimits) {
   const Hello hello = Hello::ours();
   EXPECT_EQ(hello.version, kProtocolVersion);
-  EXPECT_EQ(hello.maximumFrameBytes, limits::kMaximumFrameBytes);
+  EXPECT_EQ(hello.maximumFrameBytes, limits::kMaximumFrameBytes + limits::kMaximumRegionBytes);
   EXPECT_EQ(hello.maximumDescriptors, limits::kMaximumDescriptors);
   EXPECT_EQ(hello.undeliveredBytes, limits::kUndeliveredBytes);
   EXPECT_EQ(hello.undeliveredCalls, limits::kUndeliveredCalls);
@@ -42,7 +42,7 @@ TEST(Hello, OursStatesOurLimits) {
 TEST(Hello, HasTheBytesThatTheDocumentShows) {
   const Frame frame = Hello::ours().encode();
   EXPECT_EQ(frame.type, FrameType::hello);
-  EXPECT_EQ(frame.body, hex("01 1a 01000000 18 40 1a 02000000 19 1000"));
+  EXPECT_EQ(frame.body, hex("01 1a 41000000 18 40 1a 02000000 19 1000"));
 }
 
 TEST(Hello, ComesBackAsItWas) {

@@ -119,11 +119,16 @@ class ValueDecoder {
   Step url();
   Step uuid();
   Step object();
+  Step dataInRegion();
+  // Whether what is read next is a part of what will be hashed and compared.
+  bool isInKey() noexcept;
   Step error(std::uint64_t items);
   Step coded(CodedClass aClass, std::uint64_t items);
   Step withDescriptors(const DescriptorClass& aClass, std::uint64_t items);
   // Descriptors that the next item, a list of their indices, names.
   bool takeDescriptors(std::vector<system::SharedDescriptor>& taken);
+  // The descriptor of this index.
+  bool takeDescriptor(std::uint64_t index, std::vector<system::SharedDescriptor>& taken);
 
   // The memory of small messages; null for large ones, whose bodies are on the heap.
   Region* region() { return region_ != nullptr ? region_ : makeRegion(); }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/foundation/Foundation.h"
+#include "platform/foundation/MappedMemory.h"
 #include "platform/foundation/NSCoding.h"
 #include "platform/foundation/Ownership.h"
 #include "platform/foundation/PlainBodies.h"
@@ -33,6 +34,8 @@ ValueDecoder::Step ValueDecoder::tagged(std::uint64_t tag) {
     case kSetTag:
       if (!expect(Type::array, item, "the list of a set")) return Step::broken;
       return container<Kind::set>(PlainClass::set, item.number);
+    case kRegionTag:
+      return dataInRegion();
     case kUnsignedTag:
       if (!expect(Type::unsignedInteger, item, "an unsigned number")) return Step::broken;
       if (!mayHold(PlainClass::number)) return Step::refused;
@@ -154,21 +157,60 @@ bool ValueDecoder::takeDescriptors(std::vector<system::SharedDescriptor>& taken)
   if (!expect(Type::array, list, "a list of descriptors")) return false;
   for (std::uint64_t left = list.number; left > 0; --left) {
     if (!expect(Type::unsignedInteger, index, "the index of a descriptor")) return false;
-    const auto position = static_cast<std::size_t>(index.number);
-    if (position >= frame_.descriptors.size() || position >= taken_.size()) {
-      breakOff("descriptor " + std::to_string(position) + " of a frame that carries " +
-               std::to_string(frame_.descriptors.size()));
-      return false;
-    }
-    // Each stands for one thing: a peer cannot have one checked a million times.
-    if (taken_.test(position)) {
-      breakOff("descriptor " + std::to_string(position) + " named twice");
-      return false;
-    }
-    taken_.set(position);
-    taken.push_back(frame_.descriptors[position]);
+    if (!takeDescriptor(index.number, taken)) return false;
   }
   return true;
+}
+
+bool ValueDecoder::takeDescriptor(std::uint64_t index, std::vector<system::SharedDescriptor>& taken) {
+  const auto position = static_cast<std::size_t>(index);
+  if (position >= frame_.descriptors.size() || position >= taken_.size()) {
+    breakOff("descriptor " + std::to_string(position) + " of a frame that carries " +
+             std::to_string(frame_.descriptors.size()));
+    return false;
+  }
+  // Each stands for one thing: a peer cannot have one checked a million times.
+  if (taken_.test(position)) {
+    breakOff("descriptor " + std::to_string(position) + " named twice");
+    return false;
+  }
+  taken_.set(position);
+  taken.push_back(frame_.descriptors[position]);
+  return true;
+}
+
+bool ValueDecoder::isInKey() noexcept {
+  for (std::size_t index = 0; index < depth_; ++index) {
+    const Level& each = level(index);
+    const bool hasKeys = each.kind == Kind::dictionary || each.kind == Kind::error;
+    if (each.kind == Kind::set || (hasKeys && each.itemsLeft % 2 == 0)) return true;
+  }
+  return false;
+}
+
+// It is mapped, not copied. Its seals are looked at when its frame comes, and again when it is mapped.
+ValueDecoder::Step ValueDecoder::dataInRegion() {
+  Item list, index, length;
+  if (!expect(Type::array, list, "a list for data in a region")) return Step::broken;
+  if (list.number != 2) return breakOff("data in a region in " + std::to_string(list.number) + " items, not 2");
+  if (!expect(Type::unsignedInteger, index, "the index of a descriptor")) return Step::broken;
+  if (!expect(Type::unsignedInteger, length, "the length of a region")) return Step::broken;
+  if (frame_.regions == 0) return breakOff("data in a region of a frame without regions");
+  if (length.number < limits::kLeastRegionBytes) {
+    return breakOff("data in a region of " + std::to_string(length.number) + " bytes, fewer than " +
+                    std::to_string(limits::kLeastRegionBytes));
+  }
+  if (!mayHold(PlainClass::data)) return Step::refused;
+  // A region may have no memory behind it: to hash or compare what cost its sender nothing would cost too much here.
+  if (isInKey()) return refuse("holds data in a region in a key of a dictionary or in a set");
+  std::vector<system::SharedDescriptor> region;
+  if (!takeDescriptor(index.number, region)) return Step::broken;
+  if (!region.front()) return refuse("holds data in a region that did not come");
+  NSError error;
+  const NSData mapped = mapForeignMemory(region.front()->get(), length.number, error);
+  if (mapped.isNil()) return refuse("holds data in a region: " + error.localizedDescription().string());
+  take(mapped);
+  return Step::complete;
 }
 
 }  // namespace velto::wire

@@ -20,6 +20,7 @@
 #include "platform/foundation/Walk.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/wire/DescriptorCoding.h"
+#include "platform/xpc/wire/SharedMemory.h"
 #include "platform/xpc/wire/Tags.h"
 #include "platform/xpc/wire/Text.h"
 
@@ -28,6 +29,15 @@ namespace {
 
 // From this size on a copy costs more than what the kernel takes for one more piece to gather.
 constexpr std::size_t kEnclosedBytes = std::size_t{16} << 10;
+
+// Ahead of data that is worth a region.
+constexpr std::size_t kHeadBytes = 5;
+// What data leaves in a frame for what comes after it, if it may as well go beside it.
+constexpr std::size_t kRoomForOthers = std::size_t{64} << 10;
+
+int descriptorOf(const Value& data) {
+  return data.tag() == Tag::data ? static_cast<const DataBody&>(data.body()).descriptor() : -1;
+}
 
 constexpr const char* kChanged = "holds a container that was changed while it was encoded";
 
@@ -45,7 +55,7 @@ class Level {
 
 }  // namespace
 
-ValueEncoder::ValueEncoder(FrameType type) {
+ValueEncoder::ValueEncoder(FrameType type, bool passesRegionsOn) : passesRegionsOn_(passesRegionsOn) {
   frame_.type = type;
 }
 
@@ -213,6 +223,11 @@ bool ValueEncoder::encodeString(const NSObject& object) {
 bool ValueEncoder::encodeData(const NSObject& object) {
   const Value& value = object.value();
   const std::span<const std::uint8_t> bytes = bytesOf(value);
+  if (bytes.size() >= limits::kLeastRegionBytes) {
+    const bool isPassedOn = passesRegionsOn_ && regionCount_ < limits::kMaximumRegions && descriptorOf(value) >= 0;
+    const std::size_t most = limits::kMaximumFrameBytes - (passesRegionsOn_ ? kRoomForOthers : kHeadBytes);
+    if (isPassedOn || lengthWith(bytes.size()) > most) return encodeRegion(value, bytes);
+  }
   if (!hasRoomFor(bytes.size())) return false;
   // What others lend is given back by whoever sends it, and not by a thread that writes in the background.
   const bool stays = value.tag() == Tag::data && !static_cast<const DataBody&>(value.body()).isLent();
@@ -222,6 +237,32 @@ bool ValueEncoder::encodeData(const NSObject& object) {
     writer_.addBytesHead(bytes.size());
     enclose(object, bytes);
   }
+  return true;
+}
+
+// Whoever lets go of the value need not be waited for: the frame has a descriptor of its own.
+bool ValueEncoder::encodeRegion(const Value& value, std::span<const std::uint8_t> bytes) {
+  const std::size_t together = regionBytes_ + bytes.size();
+  if (together > limits::kMaximumRegionBytes) {
+    failOverLimit("bytes of data beside a frame", together, limits::kMaximumRegionBytes, true);
+    return false;
+  }
+  if (regionCount_ == limits::kMaximumRegions || frame_.descriptors.size() == limits::kMaximumDescriptors) {
+    failOverLimit("data beside a frame", regionCount_ + 1, limits::kMaximumRegions, true);
+    return false;
+  }
+  std::string problem;
+  system::SharedDescriptor region = shareMemory(descriptorOf(value));
+  if (!region) region = makeRegion(bytes, problem);
+  if (!region) return refuse("could not be encoded: " + problem);
+  ++regionCount_;
+  regionBytes_ = together;
+  frame_.regions = sizeOfRegions(together);
+  writer_.addTag(kRegionTag);
+  writer_.addArray(2);
+  writer_.addUnsigned(frame_.descriptors.size());
+  writer_.addUnsigned(bytes.size());
+  frame_.descriptors.push_back(std::move(region));
   return true;
 }
 

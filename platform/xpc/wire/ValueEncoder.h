@@ -25,7 +25,9 @@ namespace velto::wire {
 // A container that changes while it is written fails like everything else: nothing is raised.
 class ValueEncoder {
  public:
-  explicit ValueEncoder(FrameType type);
+  // Data that the frame has no room for goes in regions. If they are known to be welcome, so does what lies in memory
+  // that can be passed on.
+  explicit ValueEncoder(FrameType type, bool passesRegionsOn = false);
   ValueEncoder(const ValueEncoder&) = delete;
   ValueEncoder& operator=(const ValueEncoder&) = delete;
 
@@ -55,6 +57,7 @@ class ValueEncoder {
   bool encodeOther(const NSObject& object);
   bool encodeString(const NSObject& object);
   bool encodeData(const NSObject& object);
+  bool encodeRegion(const Value& value, std::span<const std::uint8_t> bytes);
   bool encodeObject(const NSObject& object);
   bool encodeContainer(const NSObject& object);
   bool encodeDate(const NSObject& object);
@@ -64,8 +67,9 @@ class ValueEncoder {
   bool encodeCoded(const NSObject& object, const ClassBody& aClass, bool& found);
   bool encodeDescriptors(const NSObject& object, const ClassBody& aClass, bool& found);
   bool startObject(const std::string& className);
+  std::size_t lengthWith(std::size_t bytes) const { return writer_.written() + enclosedBytes_ + bytes; }
   bool hasRoomFor(std::size_t bytes) {
-    const std::size_t length = writer_.written() + enclosedBytes_ + bytes;
+    const std::size_t length = lengthWith(bytes);
     return length <= limits::kMaximumFrameBytes || refuseLength(length);
   }
   bool refuseLength(std::size_t length);
@@ -77,6 +81,9 @@ class ValueEncoder {
   Frame frame_;
   ItemWriter writer_;
   std::size_t enclosedBytes_ = 0;
+  const bool passesRegionsOn_;
+  std::size_t regionCount_ = 0;
+  std::size_t regionBytes_ = 0;
   std::size_t depth_ = 0;
   std::size_t objects_ = 0;
   std::string reason_;

@@ -213,13 +213,13 @@ TEST(ValueEncoder, TheGreatestFramePassesAndOneByteMoreDoesNot) {
   const Frame frame = frameOf(NSData(Bytes(limits::kMaximumFrameBytes - head, 1)));
   EXPECT_EQ(frame.body.size(), limits::kMaximumFrameBytes);
   ValueEncoder encoder(FrameType::call);
-  encoder.add(NSData(Bytes(limits::kMaximumFrameBytes - head + 1, 1)));
+  encoder.add(NSString(std::string(limits::kMaximumFrameBytes - head + 1, 'x')));
   EXPECT_TRUE(encoder.exceededLimit());
   EXPECT_EQ(encoder.reason(), "exceeds a limit: bytes of a frame: 16777217 or more, maximum 16777216");
 }
 
 TEST(ValueEncoder, ValuesTogetherAreBoundedToo) {
-  const NSData half = NSData(Bytes(limits::kMaximumFrameBytes / 2, 1));
+  const NSString half = NSString(std::string(limits::kMaximumFrameBytes / 2, 'x'));
   ValueEncoder encoder(FrameType::call);
   encoder.add(half);
   EXPECT_FALSE(encoder.failed());

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstddef>
+
+class NSData;
+class NSError;
+
+namespace velto {
+
+// What keeps the bytes of data that is mapped memory.
+struct MappedMemory {
+  void* address;
+  std::size_t length;
+  // Of its own, of memory that others may be given as it is; -1 when there is none.
+  int descriptor;
+
+  // Lets go of it.
+  void operator()() const noexcept;
+};
+
+// As NSData::dataMappingDescriptor(), for memory that has come from another process: nothing is kept of the descriptor.
+NSData mapForeignMemory(int borrowedDescriptor, std::size_t length, NSError& error);
+
+}  // namespace velto
