@@ -12,7 +12,7 @@ namespace velto {
 
 const VeltoReplyHandler& emptyReplyHandler() {
   // Never destroyed, since messages may be on their way until the process has ended. The platform knows that it does
-  // nothing, and has no reply sent for it.
+  // nothing.
   static const auto& handler = *new VeltoReplyHandler(IgnoredReply<NSDictionary>());
   return handler;
 }

@@ -7,6 +7,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/contract/Limits.h"
@@ -45,7 +47,7 @@ class RawPeer {
   // With a count of descriptors in the header that need not be true.
   void sendAs(const Frame& frame, std::size_t declared) {
     const auto header = wire::FrameHeader{static_cast<std::uint32_t>(frame.body.size()), frame.type,
-                                          static_cast<std::uint16_t>(declared)}
+                                          static_cast<std::uint16_t>(declared), frame.regions}
                             .encode();
     std::vector<std::uint8_t> bytes(header.begin(), header.end());
     bytes.insert(bytes.end(), frame.body.begin(), frame.body.end());
@@ -99,6 +101,13 @@ system::SharedDescriptor openFile(const char* path, int flags) {
   return std::make_shared<const system::Descriptor>(system::Descriptor(::open(path, flags | O_CLOEXEC)));
 }
 
+system::SharedDescriptor memoryOf(std::size_t bytes, int seals) {
+  const int descriptor = ::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  EXPECT_EQ(::ftruncate(descriptor, static_cast<off_t>(bytes)), 0);
+  EXPECT_EQ(::fcntl(descriptor, F_ADD_SEALS, seals), 0);
+  return std::make_shared<const system::Descriptor>(system::Descriptor(descriptor));
+}
+
 class HostilePeer : public ::testing::Test {
  protected:
   HostilePeer() {
@@ -148,6 +157,23 @@ class AcceptanceSystemCalls final : public system::SystemCalls {
   std::atomic<int> readByAcceptor{0};
   std::atomic<std::thread::id> acceptor;
 };
+
+TEST_F(HostilePeer, RegionsThatCanStillChangeOrAreMoreThanTheyShouldBeEndTheConnection) {
+  constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE;
+  const auto expectEnd = [this](system::SharedDescriptor region, const std::string& words) {
+    RawPeer peer(listener->endpoint());
+    peer.greet();
+    Frame call = callFrame("tell:", false, {NSDictionary{{"news", "none"}}});
+    call.descriptors.push_back(std::move(region));
+    call.regions = 18;
+    peer.send(call);
+    expectCutOff(peer, words);
+  };
+  const std::size_t least = limits::kLeastRegionBytes;
+  expectEnd(memoryOf(least, F_SEAL_SHRINK | F_SEAL_GROW), "a call with a region that is not sealed");
+  expectEnd(memoryOf(least + 1, kSeals), "bytes of a frame's regions: 262145, maximum 262144");
+  expectEnd(memoryOf(least - 1, kSeals), "a region of 262143 bytes, fewer than 262144");
+}
 
 // Bytes that the fuzzer of connections found: a hello with small limits, then a call whose answer is over them.
 TEST_F(HostilePeer, AReplyOverWhatThePeerHasStatedIsRefusedWithTheLimit) {

@@ -23,6 +23,11 @@ namespace {
 // Calls under way of which the sender may await each.
 constexpr std::size_t kFewAwaited = 4;
 
+// By the thread that makes it, which then sleeps until it is answered.
+bool mayBeAwaitedHere(const OutgoingCall& call) {
+  return call.reply.neverBlocks && !call.reply.isIgnored;
+}
+
 }  // namespace
 
 // Gives the credit of a call back even if its callback raises.
@@ -50,7 +55,6 @@ class ConnectionCore::CreditAtEnd {
 void ConnectionCore::call(const Method& method, std::span<const NSObject> arguments, ReplyBlock reply,
                           const ErrorHandler& errorHandler) {
   if (isInherited()) return;
-  if (reply.isIgnored) reply = {};
   const std::uint64_t identifier = ++lastIdentifier_;
   EncodedCall encoded = encodeCall(identifier, method, arguments, static_cast<bool>(reply), peerTakesRegions_);
   if (encoded.failure) return postNotSent(errorHandler, method, encoded.failure);
@@ -62,7 +66,7 @@ void ConnectionCore::call(const Method& method, std::span<const NSObject> argume
                   ? life_.endError()
                   : outgoing_.refusalToKeep(encoded.frame, static_cast<bool>(outgoing.reply), waitingInChannel());
     if (!failure) {
-      if (outgoing.reply.neverBlocks && channel_) transport::OwnReading::expect(channel_);
+      if (mayBeAwaitedHere(outgoing) && channel_) transport::OwnReading::expect(channel_);
       const auto haste = hasteOf(outgoing);
       outgoing_.add(std::move(outgoing), std::move(encoded.frame));
       if (life_.maySendCalls()) sendWaiting(haste);
@@ -86,11 +90,11 @@ transport::Channel::Haste ConnectionCore::hasteHere() {
 // as a call.
 transport::Channel::Haste ConnectionCore::hasteOf(const OutgoingCall& call) {
   using Haste = transport::Channel::Haste;
-  if (call.reply.neverBlocks) return Haste::now;
+  if (mayBeAwaitedHere(call)) return Haste::now;
   const std::uint64_t seen = std::exchange(callsSeen_, arrivals_.callsSoFar());
   const bool isAnswered = seen != callsSeen_;
   if (const Haste here = hasteHere(); here != Haste::now) return here;
-  const bool isAwaited = call.reply ? outgoing_.pendingReplies() < kFewAwaited : isAnswered;
+  const bool isAwaited = call.reply && !call.reply.isIgnored ? outgoing_.pendingReplies() < kFewAwaited : isAnswered;
   return isAwaited ? Haste::now : Haste::inBurst;
 }
 

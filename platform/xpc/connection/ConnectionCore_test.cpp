@@ -148,12 +148,13 @@ TEST_F(Core, ManyFramesAtOnceAreDealtWithInTheirOrder) {
   EXPECT_EQ(told.waitFor(2 * kMany), expected);
 }
 
-TEST_F(Core, ACallWhoseReplyIsIgnoredIsOneThatNobodyMayAnswer) {
+TEST_F(Core, ACallWhoseReplyIsIgnoredIsAnsweredOnceLikeAnyOther) {
   core->resume();
   channel->send(wire::Hello::ours().encode());
   greetFrom("Ada", ReplyBlock::ignored());
   other->frames.waitFor(2);
   channel->send(encodeReply(1, NSString("hello Ada")).frame);
+  channel->send(encodeReply(1, NSString("hello again")).frame);
   EXPECT_EQ(lines.waitFor(1), Texts{"a test is cut off: a reply to no call: 1"});
 }
 

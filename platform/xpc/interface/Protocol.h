@@ -68,8 +68,8 @@ struct NonBlockingReply {
   void operator()(Argument argument) const { block(std::move(argument)); }
 };
 
-// A reply block that does nothing, and says so: the call then goes out as one that wants no reply, so that none is sent
-// back. Give it where a std::function is asked for.
+// A reply block that does nothing, and says so: nobody waits for the reply, so the call may be gathered with others. Give
+// it where a std::function is asked for.
 template <class Argument>
 struct IgnoredReply {
   void operator()(const Argument&) const noexcept {}
@@ -88,11 +88,11 @@ enum class Way { twoWay, oneWay };
 struct ReplyBlock {
   std::function<void(const NSObject&)> block;
   bool neverBlocks = false;
-  // It does nothing: nobody need call it.
+  // It does nothing.
   bool isIgnored = false;
 
   static ReplyBlock ignored() {
-    return {[](const NSObject&) {}, false, true};
+    return {[](const NSObject&) {}, true, true};
   }
   explicit operator bool() const noexcept { return static_cast<bool>(block); }
 };
