@@ -32,6 +32,8 @@ class Fifo {
   T& front() noexcept { return items_[first_]; }
   const T& front() const noexcept { return items_[first_]; }
   T& back() noexcept { return items_.back(); }
+  T& operator[](std::size_t index) noexcept { return items_[first_ + index]; }
+  const T& operator[](std::size_t index) const noexcept { return items_[first_ + index]; }
 
   void push_back(T item) { emplace_back(std::move(item)); }
   // Raises std::bad_alloc, and changes nothing, when there is no memory.

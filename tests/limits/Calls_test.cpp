@@ -19,11 +19,6 @@ class Calls : public LimitTest {
   const std::shared_ptr<Service> service = Service::start();
 };
 
-// The same message, with text that is as long in place of the data.
-NSDictionary asText(const NSDictionary& message) {
-  return {{"text", NSString(std::string(message["data"].as<NSData>().length(), 'x'))}};
-}
-
 NSData mappedData(std::size_t bytes) {
   const int memory = ::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING);
   EXPECT_EQ(::ftruncate(memory, static_cast<off_t>(bytes)), 0);

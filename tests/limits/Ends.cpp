@@ -157,4 +157,8 @@ NSDictionary dataOf(std::size_t bytes) {
   return {{"data", NSData::dataWithVector(std::vector<std::uint8_t>(bytes))}};
 }
 
+NSDictionary asText(const NSDictionary& message) {
+  return {{"text", NSString(std::string(message["data"].as<NSData>().length(), 'x'))}};
+}
+
 }  // namespace velto::testing

@@ -123,6 +123,8 @@ void expectRefusal(const NSError& error, std::int64_t code, const std::string& w
 // The body of a call of the message, as every end encodes it.
 std::size_t bodyBytes(std::uint64_t identifier, const NSDictionary& message, bool wantsReply);
 NSDictionary dataOf(std::size_t bytes);
+// The same message, with text that is as long in place of the data.
+NSDictionary asText(const NSDictionary& message);
 
 // A gate that callbacks wait at. A handle: give callbacks a copy, since they may outlive their test.
 class Gate {

@@ -42,7 +42,7 @@ TEST_F(Waiting, AsManyBytesOfCallsAsMayWaitDoAndOneCallMoreIsRefusedUntilThereIs
   // The first call holds the credit; these have none.
   constexpr std::size_t kCalls = limits::kWaitingBytes / limits::kMaximumFrameBytes;
   for (std::size_t call = 0; call < kCalls; ++call) {
-    client.tell(client.messageOfBodyBytes(limits::kMaximumFrameBytes, false));
+    client.tell(asText(client.messageOfBodyBytes(limits::kMaximumFrameBytes, false)));
   }
   const std::size_t small = bodyBytes(6, {{"one", "more"}}, false);
   EXPECT_TRUE(client.errors.all().empty());

@@ -10,6 +10,7 @@
 #include "platform/xpc/connection/ConnectRetries.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/interface/Errors.h"
+#include "platform/xpc/transport/OwnReading.h"
 #include "platform/xpc/wire/Messages.h"
 
 namespace velto::xpc {
@@ -150,6 +151,7 @@ void ConnectionCore::attach(std::shared_ptr<transport::Channel> channel) {
 
 void ConnectionCore::open(system::Descriptor socket, std::shared_ptr<transport::PeerProcess> peer,
                           std::shared_ptr<AcceptedConnections::Place> place) {
+  transport::OwnReading::prepare();
   auto channel =
       std::make_shared<transport::Channel>(std::move(socket), shared_from_this(), holding_, std::move(place));
   {

@@ -157,8 +157,9 @@ std::size_t NSXPCInterface::claimableDescriptors(bool ofReply) const {
 }
 
 bool NSXPCInterface::admitsData(bool ofReply) const {
-  return std::any_of(entries_.begin(), entries_.end(), [&](const auto& each) {
-    return std::get<2>(each.first) == ofReply && each.second.admitted.admits(velto::wire::PlainClass::data);
+  const auto mayBeData = [](const Entry& entry) { return entry.admitted.admits(velto::wire::PlainClass::data); };
+  return std::ranges::any_of(table_->entries, [&](const Table::Entries& ofMethod) {
+    return std::ranges::any_of(ofReply ? ofMethod.ofReply : ofMethod.ofArguments, mayBeData);
   });
 }
 

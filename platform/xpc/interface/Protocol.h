@@ -68,8 +68,8 @@ struct NonBlockingReply {
   void operator()(Argument argument) const { block(std::move(argument)); }
 };
 
-// A reply block that does nothing, and says so: nobody waits for the reply, so the call may be gathered with others. Give
-// it where a std::function is asked for.
+// A reply block that does nothing, and says so: nobody waits for the reply, so the call may be gathered with others.
+// Give it where a std::function is asked for.
 template <class Argument>
 struct IgnoredReply {
   void operator()(const Argument&) const noexcept {}

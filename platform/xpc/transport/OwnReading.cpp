@@ -83,11 +83,14 @@ OwnReading& OwnReading::ofThread() noexcept {
   return own;
 }
 
+void OwnReading::prepare() {
+  bells();
+}
+
 void OwnReading::expect(const std::shared_ptr<Channel>& channel) noexcept {
   OwnReading& own = ofThread();
   own.expected_ = channel;
   own.generation_ = system::forkGeneration();
-  bells();
   WaitingWork::install(&own);
 }
 

@@ -17,6 +17,8 @@ namespace velto::transport {
 // One per thread.
 class OwnReading final : public WaitingWork, public SleepingReader {
  public:
+  // What threads need to wait: made with the first connection, so that a process has all its descriptors from then on.
+  static void prepare();
   // The current thread has asked something over this channel, and the thread that reads the answer will deal with it:
   // if its next sleep is for that, it reads.
   static void expect(const std::shared_ptr<Channel>& channel) noexcept;
