@@ -53,6 +53,8 @@ Bells& bells() {
   return system::perProcess<Bells>();
 }
 
+constinit thread_local bool hasEnded = false;
+
 // What the current thread reads, from construction to destruction.
 class Reading {
  public:
@@ -78,9 +80,15 @@ class Reading {
 
 }  // namespace
 
-OwnReading& OwnReading::ofThread() noexcept {
+// Null once the thread is ending, on which others that end with it may still ask and wait.
+OwnReading* OwnReading::ofThread() noexcept {
   static thread_local OwnReading own;
-  return own;
+  return hasEnded ? nullptr : &own;
+}
+
+OwnReading::~OwnReading() {
+  hasEnded = true;
+  WaitingWork::install(nullptr);
 }
 
 void OwnReading::prepare() {
@@ -88,10 +96,11 @@ void OwnReading::prepare() {
 }
 
 void OwnReading::expect(const std::shared_ptr<Channel>& channel) noexcept {
-  OwnReading& own = ofThread();
-  own.expected_ = channel;
-  own.generation_ = system::forkGeneration();
-  WaitingWork::install(&own);
+  OwnReading* const own = ofThread();
+  if (own == nullptr) return;
+  own->expected_ = channel;
+  own->generation_ = system::forkGeneration();
+  WaitingWork::install(own);
 }
 
 void OwnReading::work(const ConditionSleep& sleep) noexcept {

@@ -28,7 +28,9 @@ class OwnReading final : public WaitingWork, public SleepingReader {
   void wakeUp() noexcept override;
 
  private:
-  static OwnReading& ofThread() noexcept;
+  OwnReading() = default;
+  ~OwnReading();
+  static OwnReading* ofThread() noexcept;
   void read(Channel& channel, const ConditionSleep& sleep);
   // False when it is better to sleep in the condition.
   bool await(Channel& channel, const ConditionSleep& sleep);

@@ -30,8 +30,14 @@ constexpr std::size_t kStayingBytes = kRoomBytes;
 // What is unfinished and smaller than this moves to memory of its own size while its stream rests.
 constexpr std::size_t kMovedBytes = std::size_t{8} << 10;
 
-// Room that no stream on this thread uses just now.
-thread_local ByteBuffer spareRoom;
+// Room that no stream on this thread uses just now. What ends with the thread may still read after it is gone.
+constinit thread_local bool spareRoomIsGone = false;
+struct SpareRoom {
+  ~SpareRoom() { spareRoomIsGone = true; }
+
+  ByteBuffer room;
+};
+thread_local SpareRoom spare;
 
 std::size_t roundUp(std::size_t bytes) {
   return (bytes + kRoomBytes - 1) / kRoomBytes * kRoomBytes;
@@ -51,10 +57,10 @@ std::span<std::uint8_t> FrameReader::prepare(std::size_t wanted) {
 }
 
 bool FrameReader::takeSpareRoom(std::size_t wanted) noexcept {
-  if (spareRoom.capacity() < wanted) return false;
-  std::swap(buffer_, spareRoom);
-  if (held() > 0) std::memcpy(buffer_.data(), spareRoom.data() + begin_, held());
-  spareRoom = ByteBuffer();
+  if (spareRoomIsGone || spare.room.capacity() < wanted) return false;
+  std::swap(buffer_, spare.room);
+  if (held() > 0) std::memcpy(buffer_.data(), spare.room.data() + begin_, held());
+  spare.room = ByteBuffer();
   end_ = held();
   begin_ = 0;
   return true;
@@ -74,7 +80,7 @@ void FrameReader::rest() noexcept {
   end_ = held();
   begin_ = 0;
   std::swap(buffer_, kept);
-  if (kept.capacity() <= kKeptBytes && kept.capacity() >= kRoomBytes) spareRoom = std::move(kept);
+  if (kept.capacity() <= kKeptBytes && kept.capacity() >= kRoomBytes && !spareRoomIsGone) spare.room = std::move(kept);
 }
 
 void FrameReader::received(std::size_t count, std::vector<system::SharedDescriptor> descriptors) {
