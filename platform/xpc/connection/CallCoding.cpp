@@ -74,7 +74,7 @@ DecodedCall decodeCall(const wire::Frame& frame, const NSXPCInterface* interface
     call.reading = Reading::broken;
     return call;
   }
-  call.header = std::move(*header);
+  call.header = *header;
   const Method* method = interface ? interface->protocol().methodForSelector(call.header.selector) : nullptr;
   if (method == nullptr) {
     call.reading = Reading::refused;

@@ -155,8 +155,14 @@ std::uint64_t Channel::send(wire::Frame frame, Haste haste) {
   const bool waitsForRoom = !output_.empty() && !gathers_;
   const bool waits = waitsForRoom || gathers(haste, frame.size());
   makeRoomFor(frame.size());
-  enqueue(std::move(frame), waits || gathers_);
-  if (!waits) writeQueued();
+  try {
+    enqueue(std::move(frame), waits || gathers_);
+  } catch (const std::bad_alloc&) {
+    gathers_ = gathers_ && !output_.empty();
+    throw;
+  }
+  // The process may have begun to end meanwhile.
+  if (!waits || (gathers_ && !Gathering::isAllowed())) writeQueued();
   // What writing took is none of the sender's pause.
   if (!waits && haste == Haste::inBurst) lastOfBurst_ = Clock::now();
   stateOutput();
@@ -263,15 +269,12 @@ void Channel::flushIsDue() {
 
 void Channel::flush() noexcept {
   MutexLock lock(mutex_);
-  try {
-    writeGathered();
-  } catch (const std::bad_alloc&) {
-    // The kernel could not be asked to tell of room, or nobody be reminded: who sends next tries again.
-  }
+  writeGathered();
 }
 
 void Channel::writeGathered() {
-  if (!gathers_ || !socket_ || output_.empty()) return;
+  gathers_ = gathers_ && socket_ && !output_.empty();
+  if (!gathers_) return;
   writeQueued();
   stateOutput();
 }
@@ -404,8 +407,16 @@ void Channel::giveReadingUp() {
     MutexLock lock(mutex_);
     wasWatched = std::exchange(ownReader_, nullptr) == nullptr;
   }
-  if (!wasWatched) watchAgain();
-  if (readEvents_.fetch_sub(1) != 1) readPending();
+  bool isWatched = true;
+  try {
+    if (!wasWatched) watchAgain();
+  } catch (const std::bad_alloc&) {
+    // The kernel has refused, and nobody can be reminded of it.
+    isWatched = false;
+    giveUp();
+  }
+  if (readEvents_.fetch_sub(1) != 1) return readPending();
+  if (!isWatched) read();
 }
 
 void Channel::watchAgain() {
@@ -566,11 +577,17 @@ void Channel::writeQueued() {
   unsigned writes = 0;
   while (!output_.empty() && attempt == Attempt::done && writes++ < kTurnWrites) attempt = writeOnce();
   if (attempt == Attempt::broken) giveUpWriting();
-  if (attempt == Attempt::retry) retryLater();
-  // The kernel is asked anew when there may be room still: it tells so behind all others that it has something to tell
-  // of.
-  const bool turnIsOver = !output_.empty() && attempt == Attempt::done;
-  watchForRoom(turnIsOver || attempt == Attempt::full, turnIsOver);
+  try {
+    if (attempt == Attempt::retry) retryLater();
+    // The kernel is asked anew when there may be room still: it tells so behind all others that it has something to
+    // tell of.
+    const bool turnIsOver = !output_.empty() && attempt == Attempt::done;
+    watchForRoom(turnIsOver || attempt == Attempt::full, turnIsOver);
+  } catch (const std::bad_alloc&) {
+    // Nobody can be reminded of the rest.
+    writeError_ = ENOMEM;
+    giveUpWriting();
+  }
 }
 
 Channel::Attempt Channel::writeOnce() {
@@ -626,9 +643,13 @@ void Channel::giveUp() noexcept {
 
 void Channel::endSoon() {
   endsWhenDrained_ = true;
-  Reactor::shared().timers().add({}, [weak = weak_from_this()] {
-    if (const auto channel = weak.lock()) channel->eventsArrived(EPOLLHUP);
-  });
+  try {
+    Reactor::shared().timers().add({}, [weak = weak_from_this()] {
+      if (const auto channel = weak.lock()) channel->eventsArrived(EPOLLHUP);
+    });
+  } catch (const std::bad_alloc&) {
+    // Whatever comes next ends it.
+  }
 }
 
 void Channel::watchForRoom(bool wanted, bool anew) {

@@ -120,9 +120,11 @@ void OwnReading::work(const ConditionSleep& sleep) noexcept {
 void OwnReading::read(Channel& channel, const ConditionSleep& sleep) {
   const Reading reading(channel, *this);
   if (!reading) return;
+  auto end = Clock::now() + kLongest;
+  if (sleep.deadline()) end = std::min(end, *sleep.deadline());
   bool looks = polling_.begin();
   while (!sleep.isOver()) {
-    if (!looks && !await(channel, sleep)) break;
+    if (!looks && !await(channel, sleep, end)) break;
     if (!channel.readOwn()) break;
     if (looks && !sleep.isOver()) looks = polling_.goOn();
   }
@@ -130,25 +132,24 @@ void OwnReading::read(Channel& channel, const ConditionSleep& sleep) {
   if (bell_) bells().giveBack(std::move(bell_));
 }
 
-bool OwnReading::await(Channel& channel, const ConditionSleep& sleep) {
+bool OwnReading::await(Channel& channel, const ConditionSleep& sleep, Clock::time_point end) {
   auto& calls = system::systemCalls();
   if (!bell_) bell_ = bells().take();
-  auto time = std::chrono::nanoseconds(kLongest);
-  if (sleep.deadline()) time = std::min(time, *sleep.deadline() - Clock::now());
+  const auto time = std::chrono::nanoseconds(end - Clock::now());
   if (!bell_ || time.count() <= 0) return false;
-  sleeps_ = true;
+  state_ = State::asleep;
   // What comes before this is seen here, what comes later wakes.
   const auto socket = channel.mayAwait();
   int found = 1;
   if (socket && !sleep.isOver()) {
     found = calls.awaitReadable(socket->get(), bell_.get(), static_cast<std::uint64_t>(time.count()));
   }
-  if (sleeps_.exchange(false)) return found > 0;
-  // Whoever wakes this thread has the bell in hand, and rings it.
+  State asleep = State::asleep;
+  if (state_.compare_exchange_strong(asleep, State::awake)) return found > 0;
+  // Whoever wakes this thread has the bell in hand, and waits for nobody.
+  while (state_ != State::awake) std::this_thread::yield();
   std::uint64_t rung = 0;
-  for (int tries = 0; calls.read(bell_.get(), &rung, sizeof(rung)) < 0 && tries < kTries; ++tries) {
-    std::this_thread::yield();
-  }
+  calls.read(bell_.get(), &rung, sizeof(rung));
   return true;
 }
 
@@ -157,11 +158,13 @@ void OwnReading::interrupt() noexcept {
 }
 
 void OwnReading::wakeUp() noexcept {
-  if (!sleeps_.exchange(false)) return;
+  State asleep = State::asleep;
+  if (!state_.compare_exchange_strong(asleep, State::rung)) return;
   const std::uint64_t one = 1;
   for (int tries = 0; system::systemCalls().write(bell_.get(), &one, sizeof(one)) < 0 && tries < kTries; ++tries) {
     std::this_thread::yield();
   }
+  state_ = State::awake;
 }
 
 }  // namespace velto::transport

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <memory>
 
 #include "platform/foundation/NSCondition.h"
@@ -33,13 +35,14 @@ class OwnReading final : public WaitingWork, public SleepingReader {
   static OwnReading* ofThread() noexcept;
   void read(Channel& channel, const ConditionSleep& sleep);
   // False when it is better to sleep in the condition.
-  bool await(Channel& channel, const ConditionSleep& sleep);
+  bool await(Channel& channel, const ConditionSleep& sleep, std::chrono::steady_clock::time_point end);
 
   std::weak_ptr<Channel> expected_;
   unsigned generation_ = 0;
   Polling polling_;
-  // The thread sleeps in the kernel, or is about to. Who finds so, and says that it does not, rings the bell.
-  std::atomic<bool> sleeps_{false};
+  // Asleep: in the kernel, or about to be. Who finds it so makes it `rung`, rings the bell, and makes it awake.
+  enum class State : std::uint8_t { awake, asleep, rung };
+  std::atomic<State> state_{State::awake};
   system::Descriptor bell_;
 };
 

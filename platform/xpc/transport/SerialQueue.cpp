@@ -10,6 +10,7 @@
 
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/contract/Limits.h"
+#include "platform/xpc/system/Descriptor.h"
 
 namespace velto::transport {
 
@@ -55,7 +56,9 @@ class SerialQueue::Drainer final : public WaitObserver {
     return aftermath_ == aftermath;
   }
   void pause() noexcept {
-    if (const auto told = std::exchange(aftermath_, nullptr)) told->tasksPause();
+    // In the child of a fork it is its parent's.
+    const auto told = std::exchange(aftermath_, nullptr);
+    if (told && generation_ == system::forkGeneration()) told->tasksPause();
   }
 
   void threadWillWait() noexcept override {
@@ -91,6 +94,7 @@ class SerialQueue::Drainer final : public WaitObserver {
   SerialQueue& queue_;
   WaitObserver* const before_;
   Drainer* const outer_;
+  const unsigned generation_ = system::forkGeneration();
   std::shared_ptr<Aftermath> aftermath_;
 };
 
