@@ -114,7 +114,7 @@ TEST_F(HoldingsTest, DescriptorsAreBoundedByThoseThatTheProcessMayOpen) {
   struct Hundred final : system::SystemCalls {
     std::size_t descriptorLimit() override { return 800; }
   };
-  auto& calls = *new Hundred;
+  static auto& calls = *new Hundred;
   system::replaceSystemCalls(&calls);
   const auto small = Owner::make();
   const auto big = Owner::make();

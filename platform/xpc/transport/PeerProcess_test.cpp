@@ -64,6 +64,10 @@ class AlteredKernel final : public system::SystemCalls {
     ++waits;
     return SystemCalls::epollWait(epoll, events, capacity);
   }
+  int epollLook(int epoll, epoll_event* events, int capacity) override {
+    ++waits;
+    return SystemCalls::epollLook(epoll, events, capacity);
+  }
 
  private:
   static bool fails(const std::atomic<int>& error) {
