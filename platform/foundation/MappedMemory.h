@@ -18,7 +18,8 @@ struct MappedMemory {
   void operator()() const noexcept;
 };
 
-// As NSData::dataMappingDescriptor(), for memory that has come from another process: nothing is kept of the descriptor.
+// As NSData::dataMappingDescriptor(), for memory that has come from another process: it must have exactly so many
+// bytes, and all of them their memory; nothing is kept of the descriptor.
 NSData mapForeignMemory(int borrowedDescriptor, std::size_t length, NSError& error);
 
 }  // namespace velto

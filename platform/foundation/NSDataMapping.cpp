@@ -35,15 +35,25 @@ bool isPlainSharedMemory(int descriptor) {
   return fstatfs(descriptor, &system) == 0 && system.f_type == TMPFS_MAGIC;
 }
 
-Refusal refusalOf(int descriptor, std::size_t length) {
+// Pages that are not there yet would be made for whoever reads them first.
+bool hasAllItsMemory(const struct stat& status) {
+  constexpr off_t kBlockBytes = 512;
+  return status.st_blocks >= status.st_size / kBlockBytes;
+}
+
+// The seals first: of a descriptor that has none nothing is asked that somebody else would have to answer.
+Refusal refusalOf(int descriptor, std::size_t length, bool isForeign) {
   struct stat status {};
-  if (fstat(descriptor, &status) != 0) return {errno, "it is no open descriptor"};
   const int seals = fcntl(descriptor, F_GET_SEALS);
+  if (seals < 0 && errno == EBADF) return {EBADF, "it is no open descriptor"};
   if (seals < 0 || !isPlainSharedMemory(descriptor)) return {EINVAL, "it is not a region of shared memory"};
   if ((seals & kNeededSeals) != kNeededSeals) return {EPERM, "it is not sealed against shrinking and writing"};
-  if (static_cast<std::size_t>(status.st_size) < length) {
-    return {EINVAL, "it holds only " + std::to_string(status.st_size) + " bytes"};
-  }
+  if (fstat(descriptor, &status) != 0) return {errno, "its size cannot be told"};
+  const auto size = static_cast<std::size_t>(status.st_size);
+  if (size < length) return {EINVAL, "it holds only " + std::to_string(size) + " bytes"};
+  if (!isForeign) return {0, {}};
+  if (size > length) return {EINVAL, "it holds " + std::to_string(size) + " bytes"};
+  if (!hasAllItsMemory(status)) return {EINVAL, "it has less memory than bytes"};
   return {0, {}};
 }
 
@@ -52,6 +62,7 @@ int descriptorToPassOn(int descriptor, std::size_t length) {
   struct stat status {};
   if ((fcntl(descriptor, F_GET_SEALS) & kSealsOfWhatIsPassedOn) != kSealsOfWhatIsPassedOn) return -1;
   if (fstat(descriptor, &status) != 0 || static_cast<std::size_t>(status.st_size) != length) return -1;
+  if (!hasAllItsMemory(status)) return -1;
   return fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
 }
 
@@ -72,16 +83,22 @@ void velto::MappedMemory::operator()() const noexcept {
 
 namespace {
 
-Value map(int borrowedDescriptor, std::size_t length, bool keepsDescriptor, Refusal& refusal) {
-  refusal = refusalOf(borrowedDescriptor, length);
+Value map(int borrowedDescriptor, std::size_t length, bool isForeign, Refusal& refusal) {
+  refusal = refusalOf(borrowedDescriptor, length, isForeign);
   if (refusal.code != 0) return {};
   void* address = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, borrowedDescriptor, 0);
   if (address == MAP_FAILED) {
     refusal = {errno, "the kernel refused"};
     return {};
   }
-  const int kept = keepsDescriptor ? descriptorToPassOn(borrowedDescriptor, length) : -1;
-  return velto::DataBody::borrow(address, length, velto::MappedMemory{address, length, kept});
+  const int kept = isForeign ? -1 : descriptorToPassOn(borrowedDescriptor, length);
+  const velto::MappedMemory memory{address, length, kept};
+  try {
+    return velto::DataBody::borrow(address, length, memory);
+  } catch (...) {
+    memory();
+    throw;
+  }
 }
 
 }  // namespace
@@ -89,12 +106,12 @@ Value map(int borrowedDescriptor, std::size_t length, bool keepsDescriptor, Refu
 NSData NSData::dataMappingDescriptor(int borrowedDescriptor, std::size_t length, NSError* error) {
   if (length == 0) return dataWithVector({});
   Refusal refusal;
-  const Value mapped = map(borrowedDescriptor, length, true, refusal);
+  const Value mapped = map(borrowedDescriptor, length, false, refusal);
   return refusal.code == 0 ? NSData(mapped) : refuse(borrowedDescriptor, length, refusal, error);
 }
 
 NSData velto::mapForeignMemory(int borrowedDescriptor, std::size_t length, NSError& error) {
   Refusal refusal;
-  const NSObject mapped = NSObject::adopt(map(borrowedDescriptor, length, false, refusal));
+  const NSObject mapped = NSObject::adopt(map(borrowedDescriptor, length, true, refusal));
   return refusal.code == 0 ? mapped.as<NSData>() : refuse(borrowedDescriptor, length, refusal, &error);
 }

@@ -21,7 +21,7 @@ class Calls : public LimitTest {
 
 NSData mappedData(std::size_t bytes) {
   const int memory = ::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-  EXPECT_EQ(::ftruncate(memory, static_cast<off_t>(bytes)), 0);
+  EXPECT_EQ(::posix_fallocate(memory, 0, static_cast<off_t>(bytes)), 0);
   EXPECT_EQ(::fcntl(memory, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE), 0);
   const NSData data = NSData::dataMappingDescriptor(memory, bytes);
   ::close(memory);

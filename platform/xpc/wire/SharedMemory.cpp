@@ -19,6 +19,8 @@
 namespace velto::wire {
 namespace {
 
+// In which the kernel counts the memory of a file.
+constexpr std::uint64_t kBlockBytes = 512;
 constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE;
 
 system::SharedDescriptor shared(system::Descriptor descriptor) {
@@ -59,6 +61,7 @@ std::string problemOfRegions(const Frame& frame, std::size_t& others) {
   others = 0;
   std::size_t count = 0;
   std::uint64_t bytes = 0;
+  bool hasAllItsMemory = true;
   for (const system::SharedDescriptor& each : frame.descriptors) {
     struct stat status {};
     const int seals = each ? system::systemCalls().seals(each->get()) : -1;
@@ -71,11 +74,14 @@ std::string problemOfRegions(const Frame& frame, std::size_t& others) {
     if (size < limits::kLeastRegionBytes) {
       return "a region of " + std::to_string(size) + " bytes, fewer than " + std::to_string(limits::kLeastRegionBytes);
     }
+    if (static_cast<std::uint64_t>(status.st_blocks) < size / kBlockBytes) hasAllItsMemory = false;
     bytes += std::min<std::uint64_t>(size, limits::kMaximumRegionBytes + 1);
     if (++count > limits::kMaximumRegions) return overLimit("regions of a frame", count, limits::kMaximumRegions);
   }
   const std::uint64_t declared = std::uint64_t{1} << frame.regions;
-  return bytes > declared ? overLimit("bytes of a frame's regions", bytes, declared) : std::string();
+  if (bytes > declared) return overLimit("bytes of a frame's regions", bytes, declared);
+  // Whoever reads it would pay for what its sender has not.
+  return hasAllItsMemory ? "" : "a region with less memory than bytes";
 }
 
 }  // namespace velto::wire

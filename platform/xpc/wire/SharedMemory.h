@@ -21,8 +21,8 @@ system::SharedDescriptor shareMemory(int borrowedDescriptor);
 std::uint8_t sizeOfRegions(std::size_t bytes);
 
 // What is wrong with the regions of a frame that has come: memory that is not sealed, more bytes or more regions than
-// there may be, fewer bytes than make one worth it; "" when nothing is. Descriptors of anything else, and places that
-// are empty, are no concern of this; `others` says how many there are.
+// there may be, fewer bytes than make one worth it, bytes without memory; "" when nothing is. Descriptors of anything
+// else, and places that are empty, are no concern of this; `others` says how many there are.
 std::string problemOfRegions(const Frame& frame, std::size_t& others);
 
 }  // namespace velto::wire

@@ -18,10 +18,13 @@ using system::SharedDescriptor;
 constexpr std::size_t kLeast = limits::kLeastRegionBytes;
 constexpr int kAllSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE;
 
-// Of zeros, with no memory behind it.
-SharedDescriptor memoryOf(std::size_t bytes, int seals = kAllSeals) {
+// Of zeros, with memory behind them or without.
+SharedDescriptor memoryOf(std::size_t bytes, int seals = kAllSeals, bool isSparse = false) {
   const int descriptor = ::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING);
   EXPECT_EQ(::ftruncate(descriptor, static_cast<off_t>(bytes)), 0);
+  if (!isSparse && bytes > 0) {
+    EXPECT_EQ(::posix_fallocate(descriptor, 0, static_cast<off_t>(bytes)), 0);
+  }
   EXPECT_EQ(::fcntl(descriptor, F_ADD_SEALS, seals), 0);
   return std::make_shared<const system::Descriptor>(system::Descriptor(descriptor));
 }
@@ -83,9 +86,16 @@ TEST(SharedMemory, OfMoreThanWasDeclaredIsFound) {
   EXPECT_EQ(problemOf(frameWith({memoryOf(kLeast), memoryOf(kLeast)}, 2 * kLeast)), "");
   EXPECT_TRUE(contains(problemOf(frameWith({memoryOf(kLeast), memoryOf(kLeast + 1)}, 2 * kLeast)),
                        "bytes of a frame's regions: 524289"));
-  const SharedDescriptor endless = memoryOf(std::size_t{1} << 62);
+  const SharedDescriptor endless = memoryOf(std::size_t{1} << 62, kAllSeals, true);
   EXPECT_TRUE(contains(problemOf(frameWith({endless, endless, endless, endless}, limits::kMaximumRegionBytes)),
                        "bytes of a frame's regions"));
+}
+
+TEST(SharedMemory, ThatHasLessMemoryThanBytesIsFound) {
+  EXPECT_EQ(problemOf(frameWith({memoryOf(kLeast), memoryOf(kLeast, kAllSeals, true)}, 2 * kLeast)),
+            "a region with less memory than bytes");
+  // Of a last page of which only a part is used too.
+  EXPECT_EQ(problemOf(frameWith({memoryOf(kLeast + 1)}, kLeast + 1)), "");
 }
 
 TEST(SharedMemory, OfTooFewBytesOrInTooManyRegionsIsFound) {
@@ -162,8 +172,9 @@ TEST(Regions, SealedMemoryThatDataMapsIsPassedOnAndNotCopied) {
   EXPECT_EQ(journey.value, data);
 }
 
-TEST(Regions, MemoryThatCouldGrowOrIsLargerThanItsDataIsCopied) {
-  for (const SharedDescriptor& memory : {memoryOf(kLeast, F_SEAL_SHRINK | F_SEAL_WRITE), memoryOf(kLeast + 1)}) {
+TEST(Regions, MemoryThatCouldGrowOrIsLargerThanItsDataOrNotThereYetIsCopied) {
+  for (const SharedDescriptor& memory :
+       {memoryOf(kLeast, F_SEAL_SHRINK | F_SEAL_WRITE), memoryOf(kLeast + 1), memoryOf(kLeast, kAllSeals, true)}) {
     Journey journey(NSData::dataMappingDescriptor(memory->get(), kLeast), true);
     EXPECT_EQ(journey.frame.regions, 0);
     EXPECT_GT(journey.frame.size(), kLeast);
@@ -175,7 +186,8 @@ TEST(Regions, AsManyBytesAsMayGoBesideAFrameDoAndMoreIsRefused) {
   EXPECT_EQ(most.reason, "");
   ASSERT_EQ(most.decode(), Outcome::value) << most.reason;
   EXPECT_EQ(most.value.as<NSData>().length(), limits::kMaximumRegionBytes);
-  Journey over(mappedData(limits::kMaximumRegionBytes + 1), true);
+  const std::size_t more = limits::kMaximumRegionBytes + 1;
+  Journey over(NSData::dataMappingDescriptor(memoryOf(more, kAllSeals, true)->get(), more), true);
   EXPECT_TRUE(over.exceededLimit);
   EXPECT_EQ(over.reason, "exceeds a limit: bytes of data beside a frame: 1073741825 or more, maximum 1073741824");
 }
@@ -228,12 +240,18 @@ TEST(Regions, WhoseItemsAreOthersAreBroken) {
   }
 }
 
-TEST(Regions, ThatAreShorterThanTheirLengthOrNoneAreRefused) {
+TEST(Regions, ThatHaveNotTheirLengthOrNotItsMemoryOrAreNoneAreRefused) {
   for (const char* length : {"1a00040001", "1b0000000100000000", "1bffffffffffffffff"}) {
     Foreign region(std::string("d9ead6 82 00 ") + length, {memoryOf(kLeast)});
     EXPECT_EQ(region.decode(), Outcome::refused) << length;
     EXPECT_TRUE(contains(region.reason, "it holds only 262144 bytes")) << region.reason;
   }
+  Foreign longer(kItem, {memoryOf(kLeast + 1)}, 19);
+  EXPECT_EQ(longer.decode(), Outcome::refused);
+  EXPECT_TRUE(contains(longer.reason, "it holds 262145 bytes")) << longer.reason;
+  Foreign sparse(kItem, {memoryOf(kLeast, kAllSeals, true)});
+  EXPECT_EQ(sparse.decode(), Outcome::refused);
+  EXPECT_TRUE(contains(sparse.reason, "it has less memory than bytes")) << sparse.reason;
   EXPECT_EQ(Foreign(kItem, {newPipe()}).decode(), Outcome::refused);
   EXPECT_EQ(Foreign(kItem, {nullptr}).decode(), Outcome::refused);
   EXPECT_EQ(Foreign(kItem, {memoryOf(kLeast, F_SEAL_SHRINK)}).decode(), Outcome::refused);

@@ -263,7 +263,8 @@ ValueDecoder::Outcome ValueDecoder::stepOver(std::size_t start) {
 }
 
 Region* ValueDecoder::makeRegion() {
-  if (frame_.body.size() <= kRegionFrameBytes) {
+  // Whoever keeps a small value would keep the data that came with it.
+  if (frame_.body.size() <= kRegionFrameBytes && frame_.regions == 0) {
     region_ = Region::make(kRegionFactor * frame_.body.size() + kRegionRoom);
   }
   return region_;
