@@ -37,16 +37,37 @@ std::size_t Arrivals::learnClaimable(std::size_t byReplies, bool repliesHoldData
 }
 
 std::string Arrivals::keepClaimable(wire::Frame& frame, const Claimable& most) {
-  if (frame.regions == 0 || !most.data) {
-    if (most.descriptors == 0) frame.descriptors.clear();
-    return frame.descriptors.size() <= most.descriptors ? "" : "more descriptors than any method takes";
+  const bool mayHoldRegions = frame.regions != 0 && most.data;
+  if (most.descriptors == 0 && !mayHoldRegions) drop(frame.descriptors);
+  std::size_t others = frame.descriptors.size();
+  std::string problem;
+  if (mayHoldRegions) {
+    problem = wire::problemOfRegions(frame, others);
+  } else if (frame.regions != 0) {
+    others = dropRegions(frame);
   }
-  std::size_t others = 0;
-  std::string problem = wire::problemOfRegions(frame, others);
   if (problem.empty() && others > most.descriptors) problem = "more descriptors than any method takes";
   // Who cheats is not even kept waiting.
-  if (!problem.empty()) frame.descriptors.clear();
+  if (!problem.empty()) drop(frame.descriptors);
   return problem;
+}
+
+void Arrivals::drop(std::vector<system::SharedDescriptor>& descriptors) {
+  if (dropped_.empty()) return dropped_.swap(descriptors);
+  dropped_.insert(dropped_.end(), descriptors.begin(), descriptors.end());
+  descriptors.clear();
+}
+
+std::size_t Arrivals::dropRegions(wire::Frame& frame) {
+  std::size_t others = 0;
+  for (system::SharedDescriptor& each : frame.descriptors) {
+    if (wire::isRegion(each)) {
+      dropped_.push_back(std::move(each));
+    } else if (each) {
+      ++others;
+    }
+  }
+  return others;
 }
 
 Arrivals::CallArrival Arrivals::callArrived(wire::Frame&& frame) {

@@ -6,12 +6,14 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/foundation/Fifo.h"
 #include "platform/xpc/connection/OutgoingCalls.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/interface/NSXPCInterface.h"
 #include "platform/xpc/interface/Protocol.h"
+#include "platform/xpc/system/Descriptor.h"
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/Messages.h"
 
@@ -64,7 +66,7 @@ class Arrivals {
 
   // Lets go of the descriptors of a reply that nobody can claim. Says what only a peer that cheats sends; "" when
   // nothing is wrong.
-  std::string keepClaimable(wire::Frame& reply) const { return keepClaimable(reply, claimableByReplies_); }
+  std::string keepClaimable(wire::Frame& reply) { return keepClaimable(reply, claimableByReplies_); }
   // A reply has come whose turn has not. Says what is over a limit; "" when nothing is: it is kept all the same.
   std::string replyArrived(OutgoingCall&& call, wire::Frame&& frame);
   // Without its frame when that was dropped.
@@ -74,6 +76,9 @@ class Arrivals {
   };
   // There is one.
   Reply takeReply();
+
+  // The descriptors that nobody can claim, to be let go of without the lock: one may be the last of much memory.
+  std::vector<system::SharedDescriptor> takeDropped() noexcept { return std::exchange(dropped_, {}); }
 
   // Calls are no longer delivered.
   void silence() noexcept { silenced_ = true; }
@@ -98,7 +103,10 @@ class Arrivals {
     std::size_t descriptors = limits::kMaximumDescriptors;
     bool data = true;  // which may come in regions
   };
-  static std::string keepClaimable(wire::Frame& frame, const Claimable& most);
+  std::string keepClaimable(wire::Frame& frame, const Claimable& most);
+  void drop(std::vector<system::SharedDescriptor>& descriptors);
+  // Leaves their places empty. Returns how many descriptors are left.
+  std::size_t dropRegions(wire::Frame& frame);
 
   std::shared_ptr<NSXPCInterface> interface_;
   const Protocol* protocol_ = nullptr;
@@ -107,6 +115,7 @@ class Arrivals {
 
   Claimable claimableByCalls_;
   Claimable claimableByReplies_;
+  std::vector<system::SharedDescriptor> dropped_;
   Fifo<wire::Frame> calls_;
   Fifo<Reply> replies_;
   std::size_t descriptors_ = 0;

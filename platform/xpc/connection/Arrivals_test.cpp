@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/xpc/testing/Greeter.h"
+#include "platform/xpc/testing/WireTesting.h"
 #include "platform/xpc/wire/SharedMemory.h"
 
 namespace velto::xpc {
@@ -233,10 +234,24 @@ TEST(Arrivals, RegionsThatNoInterfaceAsksForAreLetGoOf) {
   wire::Frame reply = frameWithRegion(1 << 20, 1 << 20);
   EXPECT_EQ(arrivals.keepClaimable(reply), "");
   EXPECT_TRUE(reply.descriptors.empty());
+  EXPECT_EQ(arrivals.takeDropped().size(), 2U);
   arrivals.learnClaimable(0, true);
   reply = frameWithRegion(1 << 20, 1 << 20);
   EXPECT_EQ(arrivals.keepClaimable(reply), "");
   EXPECT_EQ(reply.descriptors.size(), 1U);
+}
+
+TEST(Arrivals, OfRegionsThatNoInterfaceAsksForOnlyTheOtherDescriptorsCount) {
+  Arrivals arrivals;
+  arrivals.learnClaimable(1, false);
+  wire::Frame reply = frameWithRegion(1 << 20, 1 << 20);
+  reply.descriptors.push_back(wire::testing::newPipe());
+  EXPECT_EQ(arrivals.keepClaimable(reply), "");
+  ASSERT_EQ(reply.descriptors.size(), 2U);
+  EXPECT_FALSE(reply.descriptors[0]);
+  EXPECT_TRUE(reply.descriptors[1]);
+  reply.descriptors.push_back(wire::testing::newPipe());
+  EXPECT_EQ(arrivals.keepClaimable(reply), "more descriptors than any method takes");
 }
 
 TEST(Arrivals, RepliesHaveTheirTurnsInTheOrderInWhichTheyCame) {

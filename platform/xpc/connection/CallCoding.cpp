@@ -83,14 +83,14 @@ DecodedCall decodeCall(const wire::Frame& frame, const NSXPCInterface* interface
     return call;
   }
   call.method = method;
-  const transport::LongWork turn(frame.size());
+  const transport::LongWork turn(frame.weight());
   decodeArguments(decoder, *interface, *method, call);
   return call;
 }
 
 DecodedReply decodeReply(const wire::Frame& frame, const NSXPCInterface& interface, const Method& method) {
   DecodedReply reply;
-  const transport::LongWork turn(frame.size());
+  const transport::LongWork turn(frame.weight());
   wire::ValueDecoder decoder(frame);
   decoder.nextUnsigned();
   const Class& declared = method.replyParameters.front().classObject;

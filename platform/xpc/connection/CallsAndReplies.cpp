@@ -172,6 +172,8 @@ void ConnectionCore::deliver(Arrivals::Turn& turn, bool& isOwedReply, bool& call
   const DecodedCall call = decodeCall(turn.frame, interface.get());
   if (call.reading == Reading::broken) return breakProtocol(call.reason);
   if (call.reading == Reading::refused) return refuse(call.header.identifier, call.code, call.reason);
+  // What is mapped needs them no more, and what runs now may take its time.
+  turn.frame.descriptors.clear();
   invoke(call, object.get(), turn.owedReplies, isOwedReply, called);
 }
 
@@ -221,6 +223,15 @@ void ConnectionCore::giveCredit() {
   }
 }
 
+void ConnectionCore::acknowledgeRegions(const wire::Frame& reply) {
+  if (reply.regions == 0 || !channel_ || !life_.isOpen()) return;
+  try {
+    channel_->send(wire::Credit{reply.regionWeight(), 0}.encode(), hasteHere());
+  } catch (const std::bad_alloc&) {
+    channel_->giveUp();
+  }
+}
+
 void ConnectionCore::takeTurn(unsigned kind) {
   kind == kCallsTurn ? deliver() : deliverReply();
 }
@@ -236,6 +247,7 @@ void ConnectionCore::deliverReply() {
   {
     MutexLock lock(mutex_);
     reply = arrivals_.takeReply();
+    if (reply.frame) acknowledgeRegions(*reply.frame);
     interface = outgoing_.interface();
     stateArrived();
   }
@@ -246,13 +258,14 @@ void ConnectionCore::deliverReply() {
                                                                        "ended, and a callback was in its way"));
 }
 
-void ConnectionCore::finishCall(const OutgoingCall& call, const wire::Frame& frame, const NSXPCInterface& interface) {
+void ConnectionCore::finishCall(const OutgoingCall& call, wire::Frame& frame, const NSXPCInterface& interface) {
   DecodedReply reply;
   try {
     reply = decodeReply(frame, interface, *call.method);
   } catch (const std::bad_alloc&) {
     reply = {Reading::refused, nil, "there is no memory for it"};
   }
+  frame.descriptors.clear();
   if (reply.reading == Reading::ready) return call.reply.block(reply.value);
   const std::string text = "the reply to " + call.method->selector + " was refused: " + reply.reason;
   postFailure(call.errorHandler, makeError(NSXPCReplyRefused, text));

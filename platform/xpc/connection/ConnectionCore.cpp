@@ -101,10 +101,12 @@ void ConnectionCore::resume() {
   if (isInherited()) return;
   std::optional<Ending> ending;
   std::size_t kept = 0;
+  std::vector<system::SharedDescriptor> dropped;
   {
     MutexLock lock(mutex_);
     if (!life_.resume(ConnectionLife::Clock::now())) return;
     learnClaimable();
+    dropped = arrivals_.takeDropped();
     stateArrived();
     kept = arrivals_.waitingCalls();
     ending = life_.takeKeptEnding();

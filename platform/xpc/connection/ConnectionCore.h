@@ -131,7 +131,7 @@ class ConnectionCore final : public transport::ChannelReceiver,
   void refusalArrived(const wire::Frame& frame, Due& due) VELTO_REQUIRES(mutex_);
   void creditArrived(const wire::Frame& frame, Due& due) VELTO_REQUIRES(mutex_);
   void carryOut(Due& due);
-  void finishOnReader(const OutgoingCall& call, const wire::Frame& frame, const NSXPCInterface& interface);
+  void finishOnReader(const OutgoingCall& call, wire::Frame& frame, const NSXPCInterface& interface);
 
   // CallsAndReplies.cpp
   void postNotSent(const ErrorHandler& handler, const Method& method, const NSError& reason);
@@ -152,8 +152,10 @@ class ConnectionCore final : public transport::ChannelReceiver,
   void refuse(std::uint64_t identifier, std::uint64_t code, const std::string& reason);
   void dealtWith(Arrivals::Size call, bool isOwedReply);
   void giveCredit() VELTO_REQUIRES(mutex_);
+  // Of a reply, which does not wait for its turn any more: whoever sent it may send others.
+  void acknowledgeRegions(const wire::Frame& reply) VELTO_REQUIRES(mutex_);
   void deliverReply();
-  void finishCall(const OutgoingCall& call, const wire::Frame& frame, const NSXPCInterface& interface);
+  void finishCall(const OutgoingCall& call, wire::Frame& frame, const NSXPCInterface& interface);
   // What this makes the process hold.
   void stateWaiting() VELTO_REQUIRES(mutex_);
   void stateArrived() VELTO_REQUIRES(mutex_);

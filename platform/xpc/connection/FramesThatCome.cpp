@@ -35,6 +35,7 @@ struct ConnectionCore::Due {
   std::shared_ptr<NSXPCInterface> answered;
   std::vector<OutgoingCalls::Refused> refused;
   std::vector<OutgoingCall> forgotten;
+  std::vector<system::SharedDescriptor> dropped;
   // How the other end has broken the protocol; "" when it has not.
   std::string offence;
   NSXPCErrorCode code = NSXPCConnectionInterrupted;
@@ -55,6 +56,7 @@ void ConnectionCore::framesArrived(std::span<wire::Frame> frames) {
       MutexLock lock(mutex_);
       if (life_.hasEnded() || !channel_) return;
       frames = dispatchSome(frames, due);
+      due.dropped = arrivals_.takeDropped();
       stateArrived();
     }
     carryOut(due);
@@ -165,7 +167,6 @@ void ConnectionCore::replyArrived(wire::Frame& frame, Due& due) {
   }
   // What was asked before invalidate() may be answered after it.
   if (life_.isClosing()) return;
-  const std::size_t regions = frame.regionWeight();
   const std::string problem = arrivals_.keepClaimable(frame);
   const bool isClaimable = problem.empty();
   due.settled = outgoing_.takeAwaitingReply(*identifier);
@@ -175,8 +176,7 @@ void ConnectionCore::replyArrived(wire::Frame& frame, Due& due) {
   }
   OutgoingCall& call = *due.settled;
   if (!isClaimable) due.offence = "a reply with " + problem;
-  // Whoever sent them may forget them now.
-  if (regions > 0) sendControl(wire::Credit{regions, 0}.encode());
+  if (call.reply.neverBlocks) acknowledgeRegions(frame);
   if (!call.reply.neverBlocks) {
     std::string excess = arrivals_.replyArrived(std::move(call), std::move(frame));
     due.settled.reset();
@@ -214,9 +214,8 @@ void ConnectionCore::refusalArrived(const wire::Frame& frame, Due& due) {
 }
 
 // The reply block never blocks, but what a peer sends may take its time to be read.
-void ConnectionCore::finishOnReader(const OutgoingCall& call, const wire::Frame& frame,
-                                    const NSXPCInterface& interface) {
-  if (frame.size() >= kMayTakeLong) transport::Reactor::shared().standIn();
+void ConnectionCore::finishOnReader(const OutgoingCall& call, wire::Frame& frame, const NSXPCInterface& interface) {
+  if (frame.weight() >= kMayTakeLong || !frame.descriptors.empty()) transport::Reactor::shared().standIn();
   try {
     finishCall(call, frame, interface);
   } catch (const std::exception& exception) {

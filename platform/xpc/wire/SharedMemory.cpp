@@ -53,6 +53,10 @@ system::SharedDescriptor shareMemory(int borrowedDescriptor) {
   return another ? shared(std::move(another)) : nullptr;
 }
 
+bool isRegion(const system::SharedDescriptor& descriptor) {
+  return descriptor && system::systemCalls().seals(descriptor->get()) >= 0;
+}
+
 std::uint8_t sizeOfRegions(std::size_t bytes) {
   return static_cast<std::uint8_t>(std::bit_width(std::max(bytes, limits::kLeastRegionBytes) - 1));
 }

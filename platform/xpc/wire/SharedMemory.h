@@ -17,6 +17,9 @@ system::SharedDescriptor makeRegion(std::span<const std::uint8_t> bytes, std::st
 // One more descriptor of the same memory; none without a descriptor, or when the kernel has none to give.
 system::SharedDescriptor shareMemory(int borrowedDescriptor);
 
+// Whether it is of memory that can be sealed, as nothing else that travels is.
+bool isRegion(const system::SharedDescriptor& descriptor);
+
 // What a frame says of so many bytes in regions: the power of two that they do not exceed.
 std::uint8_t sizeOfRegions(std::size_t bytes);
 
