@@ -1,6 +1,7 @@
 // Data that is a mapped region of shared memory. The descriptor may come from a peer who means harm: only memory whose
 // seals forbid shrinking and writing is mapped, since a region that shrinks kills whoever reads it, and one that
 // changes is checked in vain.
+#include <atomic>
 #include <cerrno>
 #include <string>
 
@@ -23,6 +24,8 @@ namespace {
 constexpr int kNeededSeals = F_SEAL_SHRINK | F_SEAL_WRITE;
 // What cannot grow either holds no more than is seen, and so can be passed on as it is.
 constexpr int kSealsOfWhatIsPassedOn = kNeededSeals | F_SEAL_GROW;
+
+std::atomic<std::size_t> foreignMappings{0};
 
 struct Refusal {
   int code;
@@ -79,6 +82,7 @@ NSData refuse(int descriptor, std::size_t length, const Refusal& refusal, NSErro
 void velto::MappedMemory::operator()() const noexcept {
   munmap(address, length);
   if (descriptor >= 0) close(descriptor);
+  if (isForeign) --foreignMappings;
 }
 
 namespace {
@@ -92,7 +96,8 @@ Value map(int borrowedDescriptor, std::size_t length, bool isForeign, Refusal& r
     return {};
   }
   const int kept = isForeign ? -1 : descriptorToPassOn(borrowedDescriptor, length);
-  const velto::MappedMemory memory{address, length, kept};
+  const velto::MappedMemory memory{address, length, kept, isForeign};
+  if (isForeign) ++foreignMappings;
   try {
     return velto::DataBody::borrow(address, length, memory);
   } catch (...) {
@@ -110,7 +115,11 @@ NSData NSData::dataMappingDescriptor(int borrowedDescriptor, std::size_t length,
   return refusal.code == 0 ? NSData(mapped) : refuse(borrowedDescriptor, length, refusal, error);
 }
 
-NSData velto::mapForeignMemory(int borrowedDescriptor, std::size_t length, NSError& error) {
+NSData velto::mapForeignMemory(int borrowedDescriptor, std::size_t length, std::size_t most, NSError& error) {
+  // Several threads may pass here at once: then it is a few more.
+  if (foreignMappings >= most) {
+    return refuse(borrowedDescriptor, length, {ENOMEM, std::to_string(most) + " regions are mapped already"}, &error);
+  }
   Refusal refusal;
   const NSObject mapped = NSObject::adopt(map(borrowedDescriptor, length, true, refusal));
   return refusal.code == 0 ? mapped.as<NSData>() : refuse(borrowedDescriptor, length, refusal, &error);

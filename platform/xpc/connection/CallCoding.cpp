@@ -57,8 +57,9 @@ EncodedCall encodeCall(std::uint64_t identifier, const Method& method, std::span
   return {{}, makeError(code, where + encoder.reason())};
 }
 
-EncodedReply encodeReply(std::uint64_t identifier, const NSObject& value, bool passesRegionsOn) {
-  wire::ValueEncoder encoder(wire::FrameType::reply, passesRegionsOn);
+EncodedReply encodeReply(std::uint64_t identifier, const NSObject& value, bool passesRegionsOn,
+                         std::size_t roomForRegions) {
+  wire::ValueEncoder encoder(wire::FrameType::reply, passesRegionsOn, roomForRegions);
   encoder.addUnsigned(identifier);
   encoder.add(value);
   encoder.finish();

@@ -35,7 +35,8 @@ struct EncodedReply {
   std::string reason;
   std::uint64_t code = 0;
 };
-EncodedReply encodeReply(std::uint64_t identifier, const NSObject& value, bool passesRegionsOn = false);
+EncodedReply encodeReply(std::uint64_t identifier, const NSObject& value, bool passesRegionsOn = false,
+                         std::size_t roomForRegions = limits::kMaximumRegionBytes);
 
 // What has become of a frame that came: it can be used, or is refused, or its bytes break the protocol.
 enum class Reading { ready, refused, broken };

@@ -135,6 +135,7 @@ void ConnectionCore::sendOrCutOff(wire::Frame frame, bool settlesReply) {
 
 void ConnectionCore::stateWaiting() {
   holding_->setBytes(transport::Holding::Place::waiting, outgoing_.heldByWaiting());
+  roomForRegions_ = outgoing_.roomForRegions();
 }
 
 void ConnectionCore::stateArrived() {
@@ -275,7 +276,7 @@ void ConnectionCore::finishCall(const OutgoingCall& call, wire::Frame& frame, co
 void ConnectionCore::sendReply(std::uint64_t identifier, const Method& method, const NSObject& value) {
   EncodedReply reply;
   try {
-    reply = encodeReply(identifier, value, peerTakesRegions_);
+    reply = encodeReply(identifier, value, peerTakesRegions_, roomForRegions_);
   } catch (const std::bad_alloc&) {
     replySettled();
     throw;
@@ -290,7 +291,10 @@ void ConnectionCore::sendReply(std::uint64_t identifier, const Method& method, c
       const std::size_t regions = reply.frame.regionWeight();
       const std::size_t waiting = reply.reason.empty() ? sendControl(std::move(reply.frame)) : 0;
       if (waiting > 0) reply.reason = overLimit("bytes that wait to be sent", waiting, limits::kWaitingBytes);
-      if (reply.reason.empty()) outgoing_.replySent(regions);
+      if (reply.reason.empty() && regions > 0) {
+        outgoing_.replySent(regions);
+        stateWaiting();
+      }
     }
   }
   if (reply.reason.empty()) return;

@@ -169,6 +169,7 @@ class ConnectionCore final : public transport::ChannelReceiver,
   std::atomic<std::uint64_t> lastIdentifier_{0};
   std::atomic<const Protocol*> remoteProtocol_{nullptr};
   std::atomic<bool> peerTakesRegions_{false};
+  std::atomic<std::size_t> roomForRegions_{limits::kMaximumRegionBytes};
 
   Mutex mutex_;
   std::shared_ptr<transport::Channel> channel_ VELTO_GUARDED_BY(mutex_);

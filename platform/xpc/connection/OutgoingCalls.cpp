@@ -4,6 +4,7 @@
 #include "platform/xpc/connection/OutgoingCalls.h"
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
 #include "platform/xpc/interface/Errors.h"
@@ -96,6 +97,13 @@ std::string OutgoingCalls::overUnread(const wire::Frame& reply) const {
   return overLimit("bytes that wait to be sent", unread, limits::kWaitingBytes);
 }
 
+std::size_t OutgoingCalls::roomForRegions() const noexcept {
+  if (unreadRegions_ == 0) return limits::kMaximumRegionBytes;
+  if (unreadRegions_ >= limits::kWaitingBytes) return 0;
+  // They will count for the power of two that they do not exceed.
+  return std::bit_floor((limits::kWaitingBytes - unreadRegions_) * limits::kRegionBytesPerByte);
+}
+
 bool OutgoingCalls::creditArrived(const wire::Credit& credit) {
   if (credit.calls == 0) {
     if (credit.bytes > unreadRegions_) return false;
@@ -164,6 +172,7 @@ std::vector<OutgoingCall> OutgoingCalls::takeAllUnsettled(std::uint64_t framesWr
   uncredited_.clear();
   waitingBytes_ = 0;
   waitingRegions_ = 0;
+  unreadRegions_ = 0;
   pendingReplies_ = 0;
   usedBytes_ = 0;
   forgotten_ = std::move(forgotten);

@@ -48,6 +48,8 @@ class OutgoingCalls {
   // The regions of replies are on their way until the other end says that it has read so much of them. Says what is
   // over a limit with those of one more; "" when nothing is.
   std::string overUnread(const wire::Frame& reply) const;
+  // How many bytes of regions the next reply may have, known before they are made.
+  std::size_t roomForRegions() const noexcept;
   void replySent(std::size_t regionWeight) noexcept { unreadRegions_ += regionWeight; }
 
   // What the other end states counts up to what it would be allowed here. Returns, in order, the calls that wait here
@@ -73,8 +75,11 @@ class OutgoingCalls {
 
   bool hasWaiting() const noexcept { return !waiting_.empty(); }
   std::size_t waitingBytes() const noexcept { return waitingBytes_; }
-  // What those that wait here make the process hold: their bytes, and what is kept about each.
-  std::size_t heldByWaiting() const noexcept { return waitingBytes_ + waiting_.size() * kKeepingBytes; }
+  // What those that wait here make the process hold: their bytes, and what is kept about each; and what has been made
+  // for replies and is not read yet.
+  std::size_t heldByWaiting() const noexcept {
+    return waitingBytes_ + unreadRegions_ + waiting_.size() * kKeepingBytes;
+  }
   std::size_t pendingReplies() const noexcept { return pendingReplies_; }
 
  private:

@@ -125,11 +125,19 @@ TEST(OutgoingCalls, RegionsOfRepliesThatTheOtherEndHasNotReadAreBounded) {
   EXPECT_EQ(calls.overUnread(reply), "");
   calls.replySent(reply.regionWeight());
   EXPECT_NE(calls.overUnread(reply), "");
+  EXPECT_EQ(calls.roomForRegions(), 0U);
+  EXPECT_GE(calls.heldByWaiting(), reply.regionWeight());
   EXPECT_EQ(calls.overUnread(callOf(10)), "");
   EXPECT_FALSE(calls.creditArrived({.bytes = reply.regionWeight() + 1, .calls = 0}));
   EXPECT_TRUE(calls.creditArrived({.bytes = reply.regionWeight(), .calls = 0}));
   EXPECT_EQ(calls.overUnread(reply), "");
   EXPECT_FALSE(calls.creditArrived({.bytes = 1, .calls = 0}));
+  EXPECT_EQ(calls.roomForRegions(), limits::kMaximumRegionBytes);
+  // What is left after a few is what goes, rounded as a header rounds it.
+  calls.replySent(limits::kWaitingBytes / 4);
+  reply.regions = 28;
+  EXPECT_EQ(calls.roomForRegions(), std::size_t{1} << reply.regions);
+  EXPECT_EQ(calls.overUnread(reply), "");
 }
 
 TEST(OutgoingCalls, GoOutUpToTheCreditThatTheOtherEndHasStated) {

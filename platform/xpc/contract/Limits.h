@@ -19,9 +19,13 @@ inline constexpr std::size_t kMaximumFrameBytes = std::size_t{16} << 20;
 inline constexpr std::size_t kMaximumRegionBytes = std::size_t{1} << 30;
 inline constexpr std::size_t kLeastRegionBytes = std::size_t{256} << 10;
 inline constexpr std::size_t kMaximumRegions = 8;
+// Regions that are mapped in the whole process, whoever keeps their data: the kernel allows a process 65530 mappings,
+// of which memory and threads want some too. What comes with one more is refused.
+inline constexpr std::size_t kMappedRegions = 4096;
 // Wherever bytes are bounded those of regions count for an eighth, since their memory is made by whoever sends them;
-// but for the credit of a call for no more than a greatest frame. So a connection keeps 2 GiB of them at most, and all
-// together 4 GiB.
+// but for the credit of a call for no more than a greatest frame. So what waits for its turn is 2 GiB of them at most
+// in the calls of a connection and as much in its replies, and in all together 4 GiB. What callbacks were given, and
+// keep, counts no more.
 inline constexpr std::size_t kRegionBytesPerByte = 8;
 // Levels of containers inside one argument. JSON parsers of this kind stop between 100 and 1000.
 inline constexpr std::size_t kMaximumDepth = 128;

@@ -268,6 +268,11 @@ std::size_t SystemCalls::descriptorLimit() {
   return limit.rlim_cur;
 }
 
+std::uint64_t SystemCalls::fileSizeLimit() {
+  rlimit limit{};
+  return ::getrlimit(RLIMIT_FSIZE, &limit) == 0 ? limit.rlim_cur : RLIM_INFINITY;
+}
+
 SystemCalls& systemCalls() noexcept {
   SystemCalls* calls = replacement.load(std::memory_order_acquire);
   return calls != nullptr ? *calls : kernel();

@@ -79,6 +79,8 @@ class SystemCalls {
   virtual void giveMemoryBack();
   // How many descriptors this process may have open.
   virtual std::size_t descriptorLimit();
+  // How many bytes a file that it writes may have: one byte more, and a signal ends it.
+  virtual std::uint64_t fileSizeLimit();
 };
 
 // What the process uses: the kernel, unless a test has put its own in place.

@@ -93,6 +93,10 @@ class FrameBatch {
   alignas(wire::Frame) std::byte bytes_[kMost * sizeof(wire::Frame)];
 };
 
+std::size_t regionsOfCall(const wire::Frame& frame) noexcept {
+  return frame.type == wire::FrameType::call ? frame.regionWeight() : 0;
+}
+
 }  // namespace
 
 Channel::Channel(system::Descriptor socket, std::shared_ptr<ChannelReceiver> receiver, std::shared_ptr<Holding> holding,
@@ -185,7 +189,9 @@ void Channel::enqueue(wire::Frame&& frame, bool mayBatch) {
     added.remaining = all;
     // What waits takes no more memory than it needs: encoding leaves as much again unused.
     if (mayBatch) added.frame.body.releaseUnused();
+    const std::size_t regions = regionsOfCall(added.frame);
     output_.push_back(std::move(added));
+    waitingRegions_ += regions;
   }
   waitingBytes_ += all;
 }
@@ -314,6 +320,7 @@ std::shared_ptr<ChannelReceiver> Channel::close() {
   output_.clear();
   gathers_ = false;
   waitingBytes_ = 0;
+  waitingRegions_ = 0;
   stateOutput();
   return std::exchange(receiver_, nullptr);
 }
@@ -559,7 +566,7 @@ void Channel::stateInput() {
 
 // Room for what is kept about each frame, of which small ones take the most for their bytes.
 void Channel::stateOutput() {
-  holding_->setBytes(Holding::Place::output, 4 * waitingBytes_);
+  holding_->setBytes(Holding::Place::output, 4 * waitingBytes_ + waitingRegions_);
 }
 
 void Channel::end(const std::string& reason) {
@@ -620,6 +627,7 @@ void Channel::consume(std::size_t count) {
     count -= part;
     written_.fetch_add(first.consume(part), std::memory_order_release);
     if (first.remaining > 0) return;
+    waitingRegions_ -= regionsOfCall(first.frame);
     output_.pop_front();
   }
 }
@@ -629,6 +637,7 @@ void Channel::giveUpWriting() {
   gathers_ = false;
   output_.clear();
   waitingBytes_ = 0;
+  waitingRegions_ = 0;
   stateOutput();
   // What has arrived can still be read; after it comes the end, even from an end that only stopped reading.
   if (system::systemCalls().shutdown(socket_->get()) != 0) endSoon();

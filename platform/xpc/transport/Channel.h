@@ -242,6 +242,8 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   std::uint64_t sent_ VELTO_GUARDED_BY(mutex_) = 0;
   std::atomic<std::uint64_t> written_{0};
   std::atomic<std::size_t> waitingBytes_{0};
+  // What the regions of calls count for; those of replies count until they are read.
+  std::size_t waitingRegions_ VELTO_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace velto::transport

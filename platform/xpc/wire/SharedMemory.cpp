@@ -39,6 +39,10 @@ bool writeAll(int memory, std::span<const std::uint8_t> bytes) {
 }  // namespace
 
 system::SharedDescriptor makeRegion(std::span<const std::uint8_t> bytes, std::string& reason) {
+  if (bytes.size() > system::systemCalls().fileSizeLimit()) {
+    reason = "there is no memory to share: it would be larger than a file may be";
+    return nullptr;
+  }
   system::Descriptor memory(system::systemCalls().makeMemory());
   if (memory && writeAll(memory.get(), bytes) && system::systemCalls().addSeals(memory.get(), kSeals) == 0) {
     return shared(std::move(memory));

@@ -207,7 +207,7 @@ ValueDecoder::Step ValueDecoder::dataInRegion() {
   if (!takeDescriptor(index.number, region)) return Step::broken;
   if (!region.front()) return refuse("holds data in a region that did not come");
   NSError error;
-  const NSData mapped = mapForeignMemory(region.front()->get(), length.number, error);
+  const NSData mapped = mapForeignMemory(region.front()->get(), length.number, limits::kMappedRegions, error);
   if (mapped.isNil()) return refuse("holds data in a region: " + error.localizedDescription().string());
   take(mapped);
   return Step::complete;

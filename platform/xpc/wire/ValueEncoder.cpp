@@ -55,7 +55,8 @@ class Level {
 
 }  // namespace
 
-ValueEncoder::ValueEncoder(FrameType type, bool passesRegionsOn) : passesRegionsOn_(passesRegionsOn) {
+ValueEncoder::ValueEncoder(FrameType type, bool passesRegionsOn, std::size_t roomForRegions)
+    : passesRegionsOn_(passesRegionsOn), roomForRegions_(roomForRegions) {
   frame_.type = type;
 }
 
@@ -245,6 +246,10 @@ bool ValueEncoder::encodeRegion(const Value& value, std::span<const std::uint8_t
   const std::size_t together = regionBytes_ + bytes.size();
   if (together > limits::kMaximumRegionBytes) {
     failOverLimit("bytes of data beside a frame", together, limits::kMaximumRegionBytes, true);
+    return false;
+  }
+  if (together > roomForRegions_) {
+    failOverLimit("bytes of data beside frames that are not read", together, roomForRegions_, true);
     return false;
   }
   if (regionCount_ == limits::kMaximumRegions || frame_.descriptors.size() == limits::kMaximumDescriptors) {

@@ -27,7 +27,9 @@ class ValueEncoder {
  public:
   // Data that the frame has no room for goes in regions. If they are known to be welcome, so does what lies in memory
   // that can be passed on.
-  explicit ValueEncoder(FrameType type, bool passesRegionsOn = false);
+  // `roomForRegions`: bytes that may go beside the frame at most.
+  explicit ValueEncoder(FrameType type, bool passesRegionsOn = false,
+                        std::size_t roomForRegions = limits::kMaximumRegionBytes);
   ValueEncoder(const ValueEncoder&) = delete;
   ValueEncoder& operator=(const ValueEncoder&) = delete;
 
@@ -82,6 +84,7 @@ class ValueEncoder {
   ItemWriter writer_;
   std::size_t enclosedBytes_ = 0;
   const bool passesRegionsOn_;
+  const std::size_t roomForRegions_;
   std::size_t regionCount_ = 0;
   std::size_t regionBytes_ = 0;
   std::size_t depth_ = 0;
