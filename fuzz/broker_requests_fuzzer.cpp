@@ -283,7 +283,9 @@ void Play::registerName(Link& link, Input& input) {
   const bool isBroken = !isWrong && !isValidUTF8(name.text);
   require(!isBroken || !link.isAlive(), "a name that is not UTF-8 breaks the protocol");
   if (!isTaken) return;
-  const bool mayBe = kind == 0 || kind > 4;
+  // A pipe that is watched for another name need not be watched anew.
+  const bool isWatched = std::ranges::any_of(names_, [&](const auto& each) { return each.second.endpoint == index; });
+  const bool mayBe = kind == 0 || kind > 4 || (kind > 2 && isWatched);
   if (mayBe && mayRegister(link, name)) {
     require(answers.empty(), "a registration is taken without a word");
     makeRoomForName(link, name);

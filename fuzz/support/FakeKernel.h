@@ -11,7 +11,7 @@
 namespace velto::fuzzing {
 
 // What a descriptor stands for.
-enum class ObjectKind : std::uint8_t { stream, listening, handle, readEnd, writeEnd, file, process };
+enum class ObjectKind : std::uint8_t { stream, listening, handle, readEnd, writeEnd, file, process, events };
 
 struct KernelObject;
 using SharedObject = std::shared_ptr<KernelObject>;
@@ -94,6 +94,8 @@ class FakeKernel final : public system::SystemCalls {
   int openPeerProcess(int socket) override;
   int openProcess(pid_t process) override;
   int isReadable(int descriptor) override;
+  int awaitReadable(int descriptor, int other, std::uint64_t nanoseconds) override;
+  int setSendBuffer(int socket, int bytes) override;
   ssize_t sendMessage(int socket, const msghdr& message) override;
   ssize_t receiveMessage(int socket, msghdr& message) override;
   int openAt(int directory, const char* name, int flags) override;
@@ -109,11 +111,15 @@ class FakeKernel final : public system::SystemCalls {
   int epollCreate() override;
   int epollControl(int epoll, int operation, int descriptor, epoll_event& event) override;
   int epollWait(int epoll, epoll_event* events, int capacity) override;
+  int epollLook(int epoll, epoll_event* events, int capacity) override;
   int eventCounter() override;
   int timer() override;
   int setTimer(int timer, std::uint64_t nanoseconds) override;
   ssize_t read(int descriptor, void* bytes, std::size_t length) override;
   ssize_t write(int descriptor, const void* bytes, std::size_t length) override;
+  int makeMemory() override;
+  int addSeals(int memory, int seals) override;
+  int seals(int descriptor) override;
   int close(int descriptor) override;
 
  private:

@@ -11,6 +11,7 @@
 
 #include "fuzz/support/FakeKernel.h"
 #include "fuzz/support/Require.h"
+#include "platform/xpc/transport/OwnReading.h"
 #include "platform/xpc/transport/Reactor.h"
 
 namespace velto::fuzzing {
@@ -33,6 +34,8 @@ void ReactorDriver::takeOver() {
   reactor.threads_ = kThreads;
   // Nobody has to wait for a processor.
   reactor.passes_ = SIZE_MAX;
+  // What stays for good is there before anything is counted.
+  transport::OwnReading::prepare();
 }
 
 void ReactorDriver::runUntilIdle() {

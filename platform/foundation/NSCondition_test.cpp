@@ -300,9 +300,8 @@ TEST(NSCondition, WorkThatRunsOutLeavesTheThreadAsleepUntilASignalOrTheDate) {
   const ConditionLock lock(condition);
   EXPECT_FALSE(condition.waitUntilDate(NSDate::dateWithTimeIntervalSinceNow(0.001)));
   EXPECT_TRUE(work.hasDeadline);
-  std::thread signaller([condition] { condition.signal(); });
+  work.begin = [condition] { signalOnAnotherThread(condition); };
   EXPECT_TRUE(condition.waitUntilDate(patience()));
-  signaller.join();
   WaitingWork::install(nullptr);
   EXPECT_EQ(work.works, 2);
 }

@@ -60,9 +60,9 @@ class VELTO_EXPORT NSXPCRefusal : public NSException {
 
 namespace velto {
 
-// Marks a reply block as one that never blocks, nor takes a lock that is held for long: it runs at once on the thread that
-// reads its connection, which may be one that waits for another reply, ahead of what waits in the connection's queue.
-// Give it where a std::function is asked for.
+// Marks a reply block as one that never blocks, nor takes a lock that is held for long: it runs at once on the thread
+// that reads its connection, which may be one that waits for another reply, ahead of what waits in the connection's
+// queue. Give it where a std::function is asked for.
 template <class Argument>
 struct NonBlockingReply {
   std::function<void(Argument)> block;

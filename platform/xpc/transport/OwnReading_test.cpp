@@ -46,11 +46,16 @@ class Question {
   const std::shared_ptr<Answer> answer_ = std::make_shared<Answer>();
 };
 
-// Counts the threads that sleep until a socket can be read.
+// Counts the threads that sleep until a socket can be read. Never destroyed: a thread may be in one of its calls.
 class SleepCounter final : public system::SystemCalls {
  public:
-  SleepCounter() { system::replaceSystemCalls(this); }
-  ~SleepCounter() override { system::replaceSystemCalls(nullptr); }
+  static SleepCounter& start() {
+    static auto& made = *new SleepCounter;
+    made.refusals = 0;
+    made.fails = false;
+    system::replaceSystemCalls(&made);
+    return made;
+  }
 
   int awaitReadable(int descriptor, int other, std::uint64_t nanoseconds) override {
     if (fails) return errno = ENOMEM, -1;
@@ -77,6 +82,7 @@ class OwnReading : public ::testing::Test {
     client = std::make_unique<GreeterClient>(NSXPCConnection::initWithListenerEndpoint(listener->endpoint()));
     client->greet("first");
   }
+  ~OwnReading() override { system::replaceSystemCalls(nullptr); }
   // Answers to greetings wait until they are let go.
   void holdAnswers() {
     service->greeter->onGreet = [this](const NSString& name, const std::function<void(NSString)>& reply) {
@@ -89,7 +95,7 @@ class OwnReading : public ::testing::Test {
   const std::shared_ptr<NSXPCListener> listener = NSXPCListener::anonymousListener();
   std::unique_ptr<GreeterClient> client;
   Inbox<std::function<void()>> held;
-  SleepCounter kernel;
+  SleepCounter& kernel = SleepCounter::start();
 };
 
 TEST_F(OwnReading, AnAnswerIsReadByTheThreadThatWaitsForIt) {
