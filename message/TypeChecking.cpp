@@ -10,10 +10,18 @@
 
 namespace {
 
-template <class T>
-bool isKindOf(const NSObject& value) {
-  return value.is<T>() || value.isKindOfClass(T::classObject());
+// Of an object with a body of its own, which only a class can tell.
+template <class... Ts>
+bool isOfKind(const NSObject& value) {
+  return value.body() != nullptr && (value.isKindOfClass(Ts::classObject()) || ...);
 }
+
+// The entries of a dictionary, where they lie.
+class Entries : public velto::ObjectIterator {
+ public:
+  using ObjectIterator::ObjectIterator;
+  using ObjectIterator::value;
+};
 
 // One check of one message.
 class TypeCheck {
@@ -24,8 +32,11 @@ class TypeCheck {
     const velto::WalkBound::Level level(bound_);
     if (!level) return refuseDepth();
     if (!dictionary.is<NSMutableDictionary>()) {
-      return std::ranges::all_of(dictionary.pairs(),
-                                 [this](const auto& pair) { return acceptsAt(pair.key, pair.value); });
+      const Entries end(dictionary, Entries::Place::end);
+      for (Entries each(dictionary, Entries::Place::begin); each != end; ++each) {
+        if (!acceptsAt(*each, each.value())) return false;
+      }
+      return true;
     }
     // One that can change is walked by the keys that it has now.
     return std::ranges::all_of(dictionary.allKeys(),
@@ -62,10 +73,10 @@ class TypeCheck {
   }
 
   bool isPlain(const NSObject& value) {
-    if (isKindOf<NSString>(value) || isKindOf<NSNumber>(value)) return true;
-    if (isKindOf<NSDictionary>(value)) return dictionary(value.as<NSDictionary>());
-    if (isKindOf<NSArray>(value)) return array(value.as<NSArray>());
-    return isKindOf<NSData>(value);
+    if (value.is<NSString>() || value.is<NSNumber>()) return true;
+    if (value.is<NSDictionary>()) return dictionary(value.as<NSDictionary>());
+    if (value.is<NSArray>()) return array(value.as<NSArray>());
+    return value.is<NSData>() || isOfKind<NSString, NSNumber, NSDictionary, NSArray, NSData>(value);
   }
 
   static bool refuseClass(const NSObject& value) {
