@@ -1,6 +1,7 @@
 // Frames that come. What one brings about is noted under the lock, which is taken once, and done after it.
 
 #include <exception>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -17,6 +18,8 @@ namespace {
 
 // Bytes of a reply that can hold what is dear to make.
 constexpr std::size_t kMayTakeLong = 256;
+// About as many frames come together.
+constexpr std::size_t kFewForgotten = 16;
 
 }  // namespace
 
@@ -41,10 +44,13 @@ struct ConnectionCore::Due {
   NSXPCErrorCode code = NSXPCConnectionInterrupted;
   bool saidGoodbye = false;
 
-  // Whether there is nothing but turns of one kind.
+  // Whether there is nothing but turns of one kind, and calls to be let go of.
   bool isPlain() const noexcept {
-    return !called && !accept && !settled && !answered && refused.empty() && forgotten.empty() && offence.empty() &&
-           !saidGoodbye;
+    return !called && !accept && !settled && !answered && refused.empty() && offence.empty() && !saidGoodbye;
+  }
+  void forget(std::vector<OutgoingCall>&& calls) {
+    if (forgotten.empty()) return forgotten.swap(calls);
+    forgotten.insert(forgotten.end(), std::move_iterator(calls.begin()), std::move_iterator(calls.end()));
   }
 };
 
@@ -142,7 +148,7 @@ void ConnectionCore::creditArrived(const wire::Frame& frame, Due& due) {
     return;
   }
   const bool isValid = outgoing_.creditArrived(*credit);
-  due.forgotten = outgoing_.takeForgotten();
+  due.forget(outgoing_.takeForgotten());
   if (!isValid) due.offence = "credit for calls that were never sent";
   if (isValid && life_.isClosing()) sayFarewell();
   if (isValid && life_.maySendCalls()) sendWaiting();
@@ -192,9 +198,10 @@ void ConnectionCore::replyArrived(wire::Frame& frame, Due& due) {
 void ConnectionCore::replyDroppedArrived(const wire::Frame& frame, Due& due) {
   const auto identifier = wire::decodeReplyDropped(frame, due.offence);
   if (!identifier) return;
-  due.settled = outgoing_.takeAwaitingReply(*identifier);
-  if (due.settled || life_.isClosing()) return;
-  due.offence = "a dropped reply to no call: " + std::to_string(*identifier);
+  if (due.forgotten.capacity() == due.forgotten.size()) due.forgotten.reserve(due.forgotten.size() + kFewForgotten);
+  auto settled = outgoing_.takeAwaitingReply(*identifier);
+  if (settled) return due.forgotten.push_back(std::move(*settled));
+  if (!life_.isClosing()) due.offence = "a dropped reply to no call: " + std::to_string(*identifier);
 }
 
 void ConnectionCore::refusalArrived(const wire::Frame& frame, Due& due) {
