@@ -27,9 +27,17 @@ class VELTO_EXPORT ObjectIterator {
   // Of a dictionary, array or set; nil has nothing to walk.
   ObjectIterator(const NSObject& container, Place place) noexcept;
 
-  const NSObject& operator*() const;
+  const NSObject& operator*() const {
+    if (mustCheck()) check();
+    return *at_;
+  }
   const NSObject* operator->() const { return &**this; }
-  ObjectIterator& operator++();
+  ObjectIterator& operator++() {
+    if (mustCheck() && !mayAdvance()) return *this;
+    at_ += stride_;
+    skipEmpty();
+    return *this;
+  }
   ObjectIterator operator++(int) {
     ObjectIterator before = *this;
     ++*this;
@@ -42,8 +50,13 @@ class VELTO_EXPORT ObjectIterator {
   const NSObject& value() const { return (&**this)[1]; }
 
  private:
-  void skipEmpty() noexcept;
-  void requireUnchanged() const;
+  // Of what can change, and at the end.
+  bool mustCheck() const noexcept { return changes_ != nullptr || at_ == end_; }
+  void check() const;
+  bool mayAdvance() const;
+  void skipEmpty() noexcept {
+    while (at_ != end_ && at_->isNil()) at_ += stride_;
+  }
 
   const NSObject* at_ = nullptr;
   const NSObject* end_ = nullptr;

@@ -41,29 +41,16 @@ ObjectIterator::ObjectIterator(const NSObject& container, Place place) noexcept
   }
 }
 
-void ObjectIterator::skipEmpty() noexcept {
-  while (at_ != end_ && at_->isNil()) at_ += stride_;
-}
-
-void ObjectIterator::requireUnchanged() const {
-  if (changes_ == nullptr || *changes_ == changesAtStart_) return;
-  throw NSException("ContainerChangedException", "a container was changed while it was walked");
-}
-
-const NSObject& ObjectIterator::operator*() const {
-  requireUnchanged();
+bool ObjectIterator::mayAdvance() const {
+  if (changes_ != nullptr && *changes_ != changesAtStart_) {
+    throw NSException("ContainerChangedException", "a container was changed while it was walked");
+  }
   if (at_ == nullptr) raiseInvalidArgument("an iterator that belongs to no container was used");
-  if (at_ == end_) raiseInvalidArgument("an iterator was used past the end");
-  return *at_;
+  return at_ != end_;
 }
 
-ObjectIterator& ObjectIterator::operator++() {
-  requireUnchanged();
-  if (at_ == nullptr) raiseInvalidArgument("an iterator that belongs to no container was used");
-  if (at_ == end_) return *this;
-  at_ += stride_;
-  skipEmpty();
-  return *this;
+void ObjectIterator::check() const {
+  if (!mayAdvance()) raiseInvalidArgument("an iterator was used past the end");
 }
 
 }  // namespace velto
