@@ -48,9 +48,9 @@ struct ConnectionCore::Due {
   bool isPlain() const noexcept {
     return !called && !accept && !settled && !answered && refused.empty() && offence.empty() && !saidGoodbye;
   }
-  void forget(std::vector<OutgoingCall>&& calls) {
-    if (forgotten.empty()) return forgotten.swap(calls);
-    forgotten.insert(forgotten.end(), std::move_iterator(calls.begin()), std::move_iterator(calls.end()));
+  void forget(std::vector<OutgoingCall>&& more) {
+    if (forgotten.empty()) return forgotten.swap(more);
+    forgotten.insert(forgotten.end(), std::move_iterator(more.begin()), std::move_iterator(more.end()));
   }
 };
 
