@@ -121,6 +121,7 @@ class FakeKernel final : public system::SystemCalls {
   int addSeals(int memory, int seals) override;
   int seals(int descriptor) override;
   int close(int descriptor) override;
+  void yield() override {}
 
  private:
   struct Slot {

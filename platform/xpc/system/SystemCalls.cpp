@@ -12,6 +12,7 @@
 #include <malloc.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
@@ -240,6 +241,10 @@ int SystemCalls::seals(int descriptor) {
 // Not repeated on EINTR: Linux has closed the descriptor by then, and the number may be somebody else's.
 int SystemCalls::close(int descriptor) {
   return ::close(descriptor);
+}
+
+void SystemCalls::yield() {
+  sched_yield();
 }
 
 int SystemCalls::startThread(void* (*run)(void*), void* argument) {

@@ -75,6 +75,7 @@ class SystemCalls {
   virtual int close(int descriptor);
   // A thread that nobody waits for, with all signals blocked. 0, or what is wrong.
   virtual int startThread(void* (*run)(void*), void* argument);
+  virtual void yield();
   // Gives memory that is free, but still the process's, back to the system, if the allocator can do so.
   virtual void giveMemoryBack();
   // How many descriptors this process may have open.

@@ -48,6 +48,8 @@ constexpr std::chrono::milliseconds kRetryPause{10};
 constexpr std::size_t kReadBytes = std::size_t{64} << 10;
 // A frame from this size on does not fit into the socket's buffer as the kernel makes it.
 constexpr std::size_t kLargeBytes = std::size_t{128} << 10;
+// Where so many frames come at once, more will.
+constexpr std::size_t kManyFrames = 4;
 // Writes before others have their turn.
 constexpr unsigned kTurnWrites = 16;
 
@@ -465,6 +467,7 @@ Channel::Read Channel::readTurn() {
     end(std::string("what arrives cannot be dealt with: ") + exception.what());
     return Read::ended;
   }
+  if (turn.frames >= kManyFrames) Reactor::shared().foundMuch();
   stateInput();
   return result;
 }

@@ -74,12 +74,19 @@ int Events::lead(epoll_event& event, bool isShut) {
 
 int Events::await(epoll_event& event) {
   auto& calls = system::systemCalls();
-  for (bool looks = polling_.begin(); looks; looks = polling_.goOn()) {
+  for (bool looks = mayLook() && polling_.begin(); looks; looks = polling_.goOn()) {
     const int count = calls.epollLook(events_.get(), &event, 1);
     if (count > 0) polling_.hasPaid();
     if (count != 0) return count;
   }
   return calls.epollWait(events_.get(), &event, 1);
+}
+
+bool Events::mayLook() noexcept {
+  const unsigned plenty = plenty_.load(std::memory_order_relaxed);
+  if (plenty == 0) return true;
+  plenty_.store(plenty - 1, std::memory_order_relaxed);
+  return !polling_.sharesProcessor();
 }
 
 // Opened while there is an event, it lets one pass at once.

@@ -37,10 +37,14 @@ class Events {
   bool isOpen() const noexcept { return !stuck_.load(std::memory_order_relaxed); }
   // One that waits returns. False when the kernel refuses.
   bool wakeOne();
+  // An event has brought much at once. Who shares its processor with whoever sends so much only keeps it from becoming
+  // more by looking for it: the next waits are slept through.
+  void foundMuch() noexcept { plenty_.store(kPlenty, std::memory_order_relaxed); }
 
  private:
   int lead(epoll_event& event, bool isShut);
   int await(epoll_event& event);
+  bool mayLook() noexcept;
   bool turnGate(bool open);
 
   Mutex setUpMutex_;
@@ -54,6 +58,9 @@ class Events {
 
   std::atomic<bool> isLed_{false};
   std::atomic<bool> stuck_{false};
+  // Waits for which what has come in plenty is taken to go on.
+  static constexpr unsigned kPlenty = 16;
+  std::atomic<unsigned> plenty_{0};
   // Of the thread that leads.
   Polling polling_;
 };

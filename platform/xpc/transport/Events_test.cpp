@@ -56,11 +56,21 @@ class WatchedKernel final : public system::SystemCalls {
   }
   int epollLook(int epoll, epoll_event* events, int capacity) override {
     if (looksFail) return errno = EINVAL, -1;
+    ++looks;
+    // As if nothing were there yet.
+    if (blindLooks.fetch_sub(1) > 0) return 0;
     return SystemCalls::epollLook(epoll, events, capacity);
   }
   int epollControl(int epoll, int operation, int descriptor, epoll_event& event) override {
     if (operation == EPOLL_CTL_MOD && refuses) return errno = ENOMEM, -1;
     return SystemCalls::epollControl(epoll, operation, descriptor, event);
+  }
+
+  // Others have the processor for a while.
+  void yield() override {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(20);
+    while (std::chrono::steady_clock::now() < end) {
+    }
   }
 
   // Threads that sleep, and how often one has been let pass.
@@ -69,6 +79,8 @@ class WatchedKernel final : public system::SystemCalls {
   std::atomic<int> passed{0};
   std::atomic<bool> refuses{false};
   std::atomic<bool> looksFail{false};
+  std::atomic<int> looks{0};
+  std::atomic<int> blindLooks{0};
 
  private:
   std::atomic<int> events_{-1};
@@ -172,6 +184,29 @@ TEST(Events, WakeNoneOfThoseWhoStandBy) {
     EXPECT_TRUE(velto::testing::eventually([&] { return kernel.lead + kernel.standBy == left - 1; }));
   }
   for (std::thread& thread : threads) thread.join();
+}
+
+TEST(Events, WhereMuchComesOverASharedProcessorTheNextWaitsAreSleptThrough) {
+  WatchedKernel kernel;
+  Events events;
+  ASSERT_TRUE(events.setUp());
+  const Bell bell;
+  ASSERT_TRUE(events.add(bell.descriptor(), EPOLLIN, kFirst));
+  const auto looksOfNext = [&] {
+    const int before = kernel.looks;
+    bell.ring();
+    EXPECT_EQ(numberOfNext(events), kFirst);
+    return kernel.looks - before;
+  };
+  events.foundMuch();
+  EXPECT_EQ(looksOfNext(), 1) << "the processor is not known to be shared";
+  kernel.blindLooks = 1;
+  EXPECT_EQ(looksOfNext(), 2);
+  events.foundMuch();
+  int sleptThrough = 0;
+  while (sleptThrough < 1'000 && looksOfNext() == 0) ++sleptThrough;
+  EXPECT_GE(sleptThrough, 8);
+  EXPECT_LT(sleptThrough, 1'000);
 }
 
 TEST(Events, AFailureToLookIsToldAndTheNextWaitIsWhole) {

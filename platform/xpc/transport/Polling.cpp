@@ -1,7 +1,8 @@
 #include "platform/xpc/transport/Polling.h"
 
 #include <algorithm>
-#include <thread>
+
+#include "platform/xpc/system/SystemCalls.h"
 
 namespace velto::transport {
 
@@ -11,6 +12,8 @@ namespace {
 constexpr std::chrono::microseconds kLongest{25};
 // Who gets the processor back later than this shares it with somebody who works.
 constexpr std::chrono::microseconds kLongestAway{200};
+// Nobody wanted it who gave it back sooner.
+constexpr std::chrono::microseconds kAway{3};
 // Waits: after a look in vain, after the processor was gone, and at most.
 constexpr unsigned kPause = 1;
 constexpr unsigned kPauseWhenShared = 64;
@@ -33,8 +36,10 @@ bool Polling::goOn() noexcept {
     giveUp(kPause);
     return false;
   }
-  std::this_thread::yield();
-  if (Clock::now() - before < kLongestAway) return true;
+  system::systemCalls().yield();
+  const auto away = Clock::now() - before;
+  sharesProcessor_ = away >= kAway;
+  if (away < kLongestAway) return true;
   giveUp(kPauseWhenShared);
   return false;
 }

@@ -18,6 +18,8 @@ class Polling {
   bool goOn() noexcept;
   // There was something.
   void hasPaid() noexcept { pause_ = 0; }
+  // Whether others used the processor when it was last given away between two looks.
+  bool sharesProcessor() const noexcept { return sharesProcessor_; }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -28,6 +30,7 @@ class Polling {
   // Waits that are slept through at the next failure, and those left of the last.
   unsigned pause_ = 0;
   unsigned left_ = 0;
+  bool sharesProcessor_ = false;
 };
 
 }  // namespace velto::transport

@@ -56,6 +56,8 @@ class Reactor final : public QueueRunner {
   // For a thread of the reactor that reads and has found long work: makes sure that another stands ready to read, if
   // that can be.
   void standIn() noexcept;
+  // The same for one that has read much at once.
+  void foundMuch() noexcept { events_.foundMuch(); }
 
   // For a task that may block and can be left undone: whether it should run. False when its queue is urgent, and the
   // threads that are left are needed for the ends of others.
