@@ -14,7 +14,8 @@ if(VELTO_SANITIZE)
 endif()
 
 # With VELTO_PRECOMPILE_HEADERS, what nearly every file includes is compiled once per program. It hides a missing include,
-# so only builds that are not the first to compile a file use it.
+# so only builds that are not the first to compile a file use it. The same builds compile the modules' files six at a time
+# (CMAKE_UNITY_BUILD): names in a module's unnamed namespaces differ.
 function(velto_precompile target)
   if(VELTO_PRECOMPILE_HEADERS)
     target_precompile_headers(${target} PRIVATE ${ARGN})

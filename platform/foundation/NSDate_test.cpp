@@ -13,8 +13,8 @@ namespace {
 
 using std::chrono::steady_clock;
 
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
-constexpr double kNotANumber = std::numeric_limits<double>::quiet_NaN();
+constexpr double kNever = std::numeric_limits<double>::infinity();
+constexpr double kNoTime = std::numeric_limits<double>::quiet_NaN();
 constexpr double kHundredYears = 3155760000;
 
 TEST(NSDate, RelativeDatesMeasureByTheSteadyClock) {
@@ -46,14 +46,14 @@ TEST(NSDate, CalendarDatesKeepTheirSeconds) {
 }
 
 TEST(NSDate, NotANumberIsNoIntervalAtAll) {
-  EXPECT_LE(NSDate::dateWithTimeIntervalSinceNow(kNotANumber).timeIntervalSinceNow(), 0);
-  const auto time = NSDate::dateWithTimeIntervalSinceNow(kNotANumber).steadyTime();
+  EXPECT_LE(NSDate::dateWithTimeIntervalSinceNow(kNoTime).timeIntervalSinceNow(), 0);
+  const auto time = NSDate::dateWithTimeIntervalSinceNow(kNoTime).steadyTime();
   EXPECT_LE(time, steady_clock::now());
-  EXPECT_EQ(NSDate::dateWithTimeIntervalSince1970(kNotANumber).timeIntervalSince1970(), 0);
+  EXPECT_EQ(NSDate::dateWithTimeIntervalSince1970(kNoTime).timeIntervalSince1970(), 0);
 }
 
 TEST(NSDate, HugeIntervalsSaturateSoThatTheyCanBeWaitedFor) {
-  for (const double interval : {1e10, 1e18, 1e300, kInfinity}) {
+  for (const double interval : {1e10, 1e18, 1e300, kNever}) {
     for (const NSDate& date :
          {NSDate::dateWithTimeIntervalSinceNow(interval), NSDate::dateWithTimeIntervalSince1970(interval)}) {
       EXPECT_GT(date.steadyTime(), steady_clock::now() + std::chrono::hours(24 * 365 * 50));
@@ -70,7 +70,7 @@ TEST(NSDate, DatesLongPastCanBeWaitedFor) {
   std::mutex mutex;
   std::condition_variable condition;
   std::unique_lock<std::mutex> lock(mutex);
-  for (const double interval : {-0.5, -1e6, -1e300, -kInfinity}) {
+  for (const double interval : {-0.5, -1e6, -1e300, -kNever}) {
     const NSDate date = NSDate::dateWithTimeIntervalSinceNow(interval);
     EXPECT_GE(date.steadyTime().time_since_epoch().count(), 0);
     EXPECT_EQ(condition.wait_until(lock, date.steadyTime()), std::cv_status::timeout);

@@ -38,13 +38,13 @@ std::string writtenBy(const std::string& text) {
 
 // The timer that the sink is offered: fires when the test says so.
 void (*askedFor)() = nullptr;
-int timesAsked = 0;
+int timersAsked = 0;
 std::chrono::milliseconds askedDelay{0};
 
 void askTimer(std::chrono::milliseconds delay, void (*function)()) {
   askedFor = function;
   askedDelay = delay;
-  ++timesAsked;
+  ++timersAsked;
 }
 
 // Standard error is a pipe, and there is a timer.
@@ -52,7 +52,7 @@ class StandardErrorSinkAtAPipe : public testing::Test {
  protected:
   StandardErrorSinkAtAPipe() {
     askedFor = nullptr;
-    timesAsked = 0;
+    timersAsked = 0;
     velto::setLogTimer(askTimer);
   }
   ~StandardErrorSinkAtAPipe() override {
@@ -136,7 +136,7 @@ TEST_F(StandardErrorSinkAtAPipe, ALineThatWasCutDoesNotRunIntoTheNext) {
 TEST_F(StandardErrorSinkAtAPipe, WhatHasNoRoomIsToldByATimerThatIsAskedForLessAndLess) {
   fill();
   for (int each = 0; each < 2; ++each) write(newPlace(), "lost");
-  EXPECT_EQ(timesAsked, 1);
+  EXPECT_EQ(timersAsked, 1);
   EXPECT_EQ(askedDelay.count(), 1000);
   for (const int delay : {2000, 4000, 8000, 16000, 32000, 64000, 64000}) {
     fire();
@@ -151,7 +151,7 @@ TEST_F(StandardErrorSinkAtAPipe, WhatHasNoRoomIsToldByATimerThatIsAskedForLessAn
 TEST_F(StandardErrorSinkAtAPipe, NobodyIsAskedForATimerBecauseOfAReaderThatHasGone) {
   pipe_.closeReadingEnd();
   write(newPlace(), "lost");
-  EXPECT_EQ(timesAsked, 0);
+  EXPECT_EQ(timersAsked, 0);
   const velto::testing::StandardErrorPipe another;
   write(newPlace(), "seen");
   EXPECT_EQ(another.readSome(), "VeltoIPC: 1 line was lost\nVeltoIPC: seen\n");
@@ -161,7 +161,7 @@ TEST_F(StandardErrorSinkAtAPipe, ALineThatRepeatsIsToldInOneOnceItsSecondIsOver)
   const VKTLogAnchor place = newPlace();
   for (int each = 0; each < 1000; ++each) write(place, "a\x1b");
   EXPECT_EQ(pipe_.readSome(), "VeltoIPC: a \n");
-  EXPECT_EQ(timesAsked, 1);
+  EXPECT_EQ(timersAsked, 1);
   EXPECT_LE(askedDelay.count(), 1000);
   // Too early, it asks again.
   std::string told;

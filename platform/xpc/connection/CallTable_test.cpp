@@ -8,10 +8,10 @@
 namespace velto::xpc {
 namespace {
 
-const Method kMethod{};
+const Method kAnyMethod{};
 
 OutgoingCall callNumbered(std::uint64_t identifier, std::uint64_t frameNumber = 0) {
-  return {identifier, &kMethod, {}, nullptr, frameNumber};
+  return {identifier, &kAnyMethod, {}, nullptr, frameNumber};
 }
 
 // Beside a map, through all sizes and with stragglers.

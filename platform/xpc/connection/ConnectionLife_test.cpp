@@ -17,7 +17,7 @@ Ending endingOf(const std::string& text) {
   return {makeError(NSXPCConnectionInterrupted, text), true};
 }
 
-std::string textOf(const NSError& error) {
+std::string sentenceOf(const NSError& error) {
   return error.localizedDescription().string();
 }
 
@@ -65,7 +65,7 @@ TEST(ConnectionLife, ClosesWhenThereIsOrWillBeSomebodyToSayGoodbyeTo) {
   ConnectionLife idle({});
   idle.invalidate(false, makeError(NSXPCConnectionInvalid, "invalidated"));
   EXPECT_TRUE(idle.hasEnded());
-  EXPECT_EQ(textOf(idle.endError()), "invalidated");
+  EXPECT_EQ(sentenceOf(idle.endError()), "invalidated");
 
   ConnectionLife connecting({});
   connecting.resume({});
@@ -90,7 +90,7 @@ TEST(ConnectionLife, AnEndIsToldOnceAndLaterCallsAreToldTheSame) {
   EXPECT_EQ(life.end(endingOf("vanished")), Telling::now);
   EXPECT_TRUE(life.hasEnded());
   EXPECT_EQ(life.end(endingOf("again")), Telling::never);
-  EXPECT_EQ(textOf(life.endError()), "vanished");
+  EXPECT_EQ(sentenceOf(life.endError()), "vanished");
 }
 
 TEST(ConnectionLife, AnEndBeforeResumeIsKeptForItAndTheFirstOfThemCounts) {
@@ -102,7 +102,7 @@ TEST(ConnectionLife, AnEndBeforeResumeIsKeptForItAndTheFirstOfThemCounts) {
   life.resume({});
   const auto kept = life.takeKeptEnding();
   ASSERT_TRUE(kept);
-  EXPECT_EQ(textOf(kept->error), "first");
+  EXPECT_EQ(sentenceOf(kept->error), "first");
   EXPECT_FALSE(life.takeKeptEnding());
   EXPECT_EQ(life.end(*kept), Telling::now);
 }
@@ -115,7 +115,7 @@ TEST(ConnectionLife, AnEndDuringTheFarewellIsNotToldAndEndsIt) {
   life.invalidate(true, makeError(NSXPCConnectionInvalid, "invalidated"));
   EXPECT_EQ(life.end(endingOf("vanished")), Telling::never);
   EXPECT_TRUE(life.hasEnded());
-  EXPECT_EQ(textOf(life.endError()), "invalidated");
+  EXPECT_EQ(sentenceOf(life.endError()), "invalidated");
 }
 
 TEST(ConnectionLife, HandlersAreTakenOnceAndTheOneBeforeComesBack) {

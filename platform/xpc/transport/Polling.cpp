@@ -9,7 +9,7 @@ namespace velto::transport {
 namespace {
 
 // About what it costs to be woken on another processor.
-constexpr std::chrono::microseconds kLongest{25};
+constexpr std::chrono::microseconds kLongestLook{25};
 // Who gets the processor back later than this shares it with somebody who works.
 constexpr std::chrono::microseconds kLongestAway{200};
 // Nobody wanted it who gave it back sooner.
@@ -26,7 +26,7 @@ bool Polling::begin() noexcept {
     --left_;
     return false;
   }
-  end_ = Clock::now() + kLongest;
+  end_ = Clock::now() + kLongestLook;
   return true;
 }
 

@@ -41,7 +41,7 @@ class FewThreads final : public system::SystemCalls {
 
 // A queue whose first task sleeps until the end of the queue is told, which a later task does. What the tasks use lives
 // as long as they do: the one that ends it may still be leaving when everybody has woken.
-struct Sleeper {
+struct SleepingTask {
   struct State {
     const NSCondition condition = NSCondition::condition();
     bool ended = false;
@@ -72,11 +72,11 @@ TEST(Reactor, WhatIsUrgentRunsThoughEveryThreadThatMaySleepDoesAndTheKernelRefus
   // Never destroyed: threads of the reactor go on using it.
   auto& kernel = *new FewThreads(6);
   Inbox<std::string> events;
-  std::vector<Sleeper> sleepers(20);
-  for (Sleeper& sleeper : sleepers) sleeper.sleep(events);
+  std::vector<SleepingTask> sleepers(20);
+  for (SleepingTask& sleeper : sleepers) sleeper.sleep(events);
   // All but those that read and end.
   events.waitFor(4);
-  for (Sleeper& sleeper : sleepers) sleeper.end();
+  for (SleepingTask& sleeper : sleepers) sleeper.end();
   events.waitFor(2 * sleepers.size());
   EXPECT_GT(kernel.refusals, 0);
 }
@@ -84,8 +84,8 @@ TEST(Reactor, WhatIsUrgentRunsThoughEveryThreadThatMaySleepDoesAndTheKernelRefus
 TEST(Reactor, ShortOfThreadsDoesNotSpin) {
   auto& kernel = *new FewThreads(6);
   Inbox<std::string> events;
-  std::vector<Sleeper> sleepers(20);
-  for (Sleeper& sleeper : sleepers) sleeper.sleep(events);
+  std::vector<SleepingTask> sleepers(20);
+  for (SleepingTask& sleeper : sleepers) sleeper.sleep(events);
   events.waitFor(4);
   const int waits = kernel.waits;
   const int refusals = kernel.refusals;
@@ -94,19 +94,19 @@ TEST(Reactor, ShortOfThreadsDoesNotSpin) {
   EXPECT_LE(kernel.waits - waits, 60);
   EXPECT_LE(kernel.refusals - refusals, 20);
   EXPECT_EQ(events.soFar().size(), 4U);
-  for (Sleeper& sleeper : sleepers) sleeper.end();
+  for (SleepingTask& sleeper : sleepers) sleeper.end();
   events.waitFor(2 * sleepers.size());
 }
 
 TEST(Reactor, TakesUpWhatWaitsOnceTheKernelHasThreadsAgain) {
   auto& kernel = *new FewThreads(4);
   Inbox<std::string> events;
-  std::vector<Sleeper> sleepers(10);
-  for (Sleeper& sleeper : sleepers) sleeper.sleep(events);
+  std::vector<SleepingTask> sleepers(10);
+  for (SleepingTask& sleeper : sleepers) sleeper.sleep(events);
   events.waitFor(2);
   kernel.left = 100;
   events.waitFor(sleepers.size());
-  for (Sleeper& sleeper : sleepers) sleeper.end();
+  for (SleepingTask& sleeper : sleepers) sleeper.end();
   events.waitFor(2 * sleepers.size());
 }
 

@@ -15,7 +15,7 @@ const char* const kErrorHead = "d8 1b 84 67 4e534572726f72";
 const char* const kPointHead = "d8 1b 82 69 57697265506f696e74";
 const char* const kPortHead = "d8 1b 82 68 57697265506f7274";
 
-void expectBroken(const Bytes& bytes, const char* reason = "") {
+void expectBrokenTag(const Bytes& bytes, const char* reason = "") {
   const Decoded decoded = decodeBytes(bytes);
   EXPECT_EQ(decoded.outcome, Outcome::broken);
   EXPECT_TRUE(contains(decoded.reason, reason)) << decoded.reason;
@@ -41,16 +41,16 @@ TEST(ValueTags, AnUnknownTagIsRefusedByNumber) {
 }
 
 TEST(ValueTags, AnUnknownTagOverBrokenBytesIsBroken) {
-  expectBroken(hex("c9"), "truncated");
-  expectBroken(hex("c9 ff"));
-  expectBroken(hex("c9 82 00"), "truncated");
-  expectBroken(hex("c9 61 ff"), "not UTF-8");
+  expectBrokenTag(hex("c9"), "truncated");
+  expectBrokenTag(hex("c9 ff"));
+  expectBrokenTag(hex("c9 82 00"), "truncated");
+  expectBrokenTag(hex("c9 61 ff"), "not UTF-8");
 }
 
 TEST(ValueTags, AMillionTagsOnTopOfEachOtherAreNoTrouble) {
   EXPECT_EQ(decodeBytes(repeated(hex("c9"), 1'000'000) + hex("00")).outcome, Outcome::refused);
   for (const char* tag : {"c1", "d8 20", "d8 25", "d8 1b", "d9 0102", "d9 ead5"}) {
-    expectBroken(repeated(hex(tag), 100'000) + hex("00"), "another item where");
+    expectBrokenTag(repeated(hex(tag), 100'000) + hex("00"), "another item where");
   }
 }
 
@@ -70,41 +70,41 @@ TEST(ValueTags, EachKnownTagTakesOnlyItsOwnContents) {
 }
 
 TEST(ValueTags, ADateMustBeFinite) {
-  expectBroken(hex("c1 fb 7ff0000000000000"), "a date that is not finite");
-  expectBroken(hex("c1 fb 7ff8000000000000"), "a date that is not finite");
-  expectBroken(hex("c1 f9 7c00"), "a date that is not finite");
+  expectBrokenTag(hex("c1 fb 7ff0000000000000"), "a date that is not finite");
+  expectBrokenTag(hex("c1 fb 7ff8000000000000"), "a date that is not finite");
+  expectBrokenTag(hex("c1 f9 7c00"), "a date that is not finite");
   EXPECT_EQ(decodeBytes(hex("c1 f9 3c00")).value, NSObject(NSDate::dateWithTimeIntervalSince1970(1)));
 }
 
 TEST(ValueTags, AUrlMustBeOne) {
   expectRefused(frameOfBytes(hex("d8 20 60")), "holds a URL that is none: ");
   expectRefused(frameOfBytes(hex("d8 20 63 610a62")), "holds a URL that is none: a?b");
-  expectBroken(hex("d8 20 61 ff"), "not UTF-8");
-  expectBroken(hex("d8 20 41 61"), "another item where the text of a URL is due");
+  expectBrokenTag(hex("d8 20 61 ff"), "not UTF-8");
+  expectBrokenTag(hex("d8 20 41 61"), "another item where the text of a URL is due");
 }
 
 TEST(ValueTags, AUuidHasSixteenBytes) {
-  expectBroken(hex("d8 25 4f") + Bytes(15, 0), "a UUID of 15 bytes, not 16");
-  expectBroken(hex("d8 25 51") + Bytes(17, 0), "a UUID of 17 bytes, not 16");
-  expectBroken(hex("d8 25 70") + Bytes(16, 'a'), "another item");
+  expectBrokenTag(hex("d8 25 4f") + Bytes(15, 0), "a UUID of 15 bytes, not 16");
+  expectBrokenTag(hex("d8 25 51") + Bytes(17, 0), "a UUID of 17 bytes, not 16");
+  expectBrokenTag(hex("d8 25 70") + Bytes(16, 'a'), "another item");
   EXPECT_EQ(decodeBytes(hex("d8 25 50") + Bytes(16, 0)).outcome, Outcome::value);
 }
 
 TEST(ValueTags, AnElementThatComesTwiceInASetIsBroken) {
-  expectBroken(hex("d9 0102 82 01 01"), "comes twice");
-  expectBroken(hex("d9 0102 82 01 f5"), "comes twice");
+  expectBrokenTag(hex("d9 0102 82 01 01"), "comes twice");
+  expectBrokenTag(hex("d9 0102 82 01 f5"), "comes twice");
   EXPECT_EQ(decodeBytes(hex("82 01 01")).outcome, Outcome::value);
 }
 
 TEST(ValueTags, AnUnsignedNumberOfAnySizeMayCarryTheTag) {
   EXPECT_EQ(decodeBytes(hex("d9 ead5 1b ffffffffffffffff")).value, NSObject(UINT64_MAX));
-  expectBroken(hex("d9 ead5 20"), "another item where an unsigned number is due");
+  expectBrokenTag(hex("d9 ead5 20"), "another item where an unsigned number is due");
 }
 
 TEST(ValueTags, AnObjectMustNameItsClass) {
   for (const char* bytes : {"d8 1b 80", "d8 1b 81 61 61", "d8 1b 82 00 00", "d8 1b 82 41 61 00", "d8 1b 82 61 ff 00",
                             "d8 1b a1 61 61 00", "d8 1b 82 61 61"}) {
-    expectBroken(hex(bytes));
+    expectBrokenTag(hex(bytes));
   }
 }
 
@@ -121,17 +121,17 @@ TEST(ValueTags, AnErrorMustBeWhole) {
   const auto error = [](const char* rest) { return hex(kErrorHead) + hex(rest); };
   EXPECT_EQ(decodeBytes(error("61 64 02 a0")).value, NSObject(NSError::errorWithDomain("d", 2, nil)));
   EXPECT_EQ(decodeBytes(error("61 64 3b 7fffffffffffffff a0")).outcome, Outcome::value);
-  expectBroken(error("02 02 a0"), "the domain of an error");
-  expectBroken(error("61 ff 02 a0"), "not UTF-8");
-  expectBroken(error("61 64 61 32 a0"), "no signed number");
-  expectBroken(error("61 64 fb 3ff0000000000000 a0"), "no signed number");
-  expectBroken(error("61 64 1b 8000000000000000 a0"), "no signed number");
-  expectBroken(error("61 64 3b 8000000000000000 a0"), "no signed number");
-  expectBroken(error("61 64 d9 ead5 02 a0"), "no signed number");
-  expectBroken(error("61 64 02 80"), "the user info of an error");
-  expectBroken(error("61 64 02 a2 00 00 00 00"), "comes twice");
-  expectBroken(hex("d8 1b 83 67 4e534572726f72 61 64 02"), "an error of 3 items, not 4");
-  expectBroken(hex("d8 1b 85 67 4e534572726f72 61 64 02 a0 00"), "an error of 5 items, not 4");
+  expectBrokenTag(error("02 02 a0"), "the domain of an error");
+  expectBrokenTag(error("61 ff 02 a0"), "not UTF-8");
+  expectBrokenTag(error("61 64 61 32 a0"), "no signed number");
+  expectBrokenTag(error("61 64 fb 3ff0000000000000 a0"), "no signed number");
+  expectBrokenTag(error("61 64 1b 8000000000000000 a0"), "no signed number");
+  expectBrokenTag(error("61 64 3b 8000000000000000 a0"), "no signed number");
+  expectBrokenTag(error("61 64 d9 ead5 02 a0"), "no signed number");
+  expectBrokenTag(error("61 64 02 80"), "the user info of an error");
+  expectBrokenTag(error("61 64 02 a2 00 00 00 00"), "comes twice");
+  expectBrokenTag(hex("d8 1b 83 67 4e534572726f72 61 64 02"), "an error of 3 items, not 4");
+  expectBrokenTag(hex("d8 1b 85 67 4e534572726f72 61 64 02 a0 00"), "an error of 5 items, not 4");
 }
 
 TEST(ValueTags, AnErrorNeedsItsClassAndThoseInItsUserInfoButNoMore) {
@@ -165,8 +165,8 @@ TEST(ValueTags, AUsersClassThatRefusesItsContentsIsRefused) {
 
 TEST(ValueTags, AUsersClassHasOneItemOfContents) {
   Point::classObject();
-  expectBroken(hex("d8 1b 83 69 57697265506f696e74 82 01 02 00"), "in 3 items, not 2");
-  expectBroken(hex(kPointHead), "truncated");
+  expectBrokenTag(hex("d8 1b 83 69 57697265506f696e74 82 01 02 00"), "in 3 items, not 2");
+  expectBrokenTag(hex(kPointHead), "truncated");
 }
 
 TEST(ValueTags, ADecodingThatRaisesIsRefusedAndTheNextItemIsRead) {

@@ -12,7 +12,7 @@ namespace {
 
 using namespace testing;
 
-const char* const kTooDeep = "exceeds a limit: levels of nesting: 129 or more, maximum 128";
+const char* const kNestsTooDeep = "exceeds a limit: levels of nesting: 129 or more, maximum 128";
 
 void expectBroken(const Bytes& bytes, const char* reason, const ClassSet& admitted = everything()) {
   const Decoded decoded = decodeBytes(bytes, admitted);
@@ -124,19 +124,19 @@ TEST(ValueDecoder, FloatsOfEveryLengthAreDoubles) {
 
 TEST(ValueDecoder, TheDeepestValuePassesAndOneLevelMoreIsOnlyRefused) {
   EXPECT_EQ(decodeBytes(nested(limits::kMaximumDepth)).outcome, Outcome::value);
-  expectRefused(nested(limits::kMaximumDepth + 1), kTooDeep);
-  expectRefused(nested(1'000'000), kTooDeep);
+  expectRefused(nested(limits::kMaximumDepth + 1), kNestsTooDeep);
+  expectRefused(nested(1'000'000), kNestsTooDeep);
 }
 
 TEST(ValueDecoder, EveryKindOfContainerCountsAsALevel) {
   Point::classObject();
   const Bytes deepest = nested(limits::kMaximumDepth);
-  expectRefused(hex("81") + deepest, kTooDeep);
-  expectRefused(hex("a1 00") + deepest, kTooDeep);
-  expectRefused(hex("a1") + deepest + hex("00"), kTooDeep);
-  expectRefused(hex("d9 0102 81") + deepest, kTooDeep);
-  expectRefused(hex("d8 1b 84 67 4e534572726f72 60 00 a1 00") + deepest, kTooDeep);
-  expectRefused(hex("d8 1b 82 69 57697265506f696e74") + deepest, kTooDeep);
+  expectRefused(hex("81") + deepest, kNestsTooDeep);
+  expectRefused(hex("a1 00") + deepest, kNestsTooDeep);
+  expectRefused(hex("a1") + deepest + hex("00"), kNestsTooDeep);
+  expectRefused(hex("d9 0102 81") + deepest, kNestsTooDeep);
+  expectRefused(hex("d8 1b 84 67 4e534572726f72 60 00 a1 00") + deepest, kNestsTooDeep);
+  expectRefused(hex("d8 1b 82 69 57697265506f696e74") + deepest, kNestsTooDeep);
 }
 
 TEST(ValueDecoder, AMillionNestedArraysWithoutAnEndAreBroken) {
