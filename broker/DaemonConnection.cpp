@@ -6,27 +6,32 @@
 
 #include "message/DelegateCalls.h"
 #include "message/Errors.h"
-#include "platform/logging/VeltoLogging.h"
+#include "platform/logging/OrderlyEnd.h"
 
 namespace {
 
-std::function<void()> reportingTo(const std::weak_ptr<VeltoIPCDelegate>& weakDelegate, const char* text) {
-  return [weakDelegate, text] {
-    VKTLoggingLog(VKTLogGetAnchor(), 0, "%s", text);
+using Callbacks = std::shared_ptr<const velto::CallbackDelivery>;
+
+std::function<void()> reportingTo(const std::weak_ptr<VeltoIPCDelegate>& weakDelegate, const Callbacks& callbacks,
+                                  const char* text) {
+  return [weakDelegate, callbacks, text] {
+    velto::logEnd(VKTLogGetAnchor(), 0, "%s", text);
     const NSError error = velto::makeError(VeltoIPCConnectionError, text);
-    velto::tellError(weakDelegate.lock(), nil, error);
+    if (!callbacks) return velto::tellError(weakDelegate.lock(), nil, error);
+    callbacks->run([weakDelegate, error] { velto::tellError(weakDelegate.lock(), nil, error); });
   };
 }
 
 }  // namespace
 
-std::shared_ptr<NSXPCConnection> setupDaemonConnection(const std::shared_ptr<VeltoIPCDelegate>& delegate) {
+std::shared_ptr<NSXPCConnection> setupDaemonConnection(const std::shared_ptr<VeltoIPCDelegate>& delegate,
+                                                       const Callbacks& callbacks) {
   const auto interface = NSXPCInterface::interfaceWithProtocol<VeltoIPCDaemonProtocol>();
   auto connection = NSXPCConnection::initWithServiceName(VeltoIPCDaemonServiceName);
   connection->setRemoteObjectInterface(interface);
   const std::weak_ptr<VeltoIPCDelegate> weakDelegate = delegate;
-  connection->setInterruptionHandler(reportingTo(weakDelegate, "Daemon connection interrupted"));
-  connection->setInvalidationHandler(reportingTo(weakDelegate, "Daemon connection invalidated"));
+  connection->setInterruptionHandler(reportingTo(weakDelegate, callbacks, "Daemon connection interrupted"));
+  connection->setInvalidationHandler(reportingTo(weakDelegate, callbacks, "Daemon connection invalidated"));
   connection->resume();
   VKTLoggingLog(VKTLogGetAnchor(), 2, "DaemonConnection Created");
   return connection;

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "broker/VeltoIPCNamesProtocol.h"
 #include "message/CapturedLog.h"
 #include "message/Errors.h"
 #include "platform/xpc/NSXPCError.h"
@@ -103,4 +104,30 @@ TEST(VeltoIPCDaemonProtocol, HasThreeRequiredMethodsOfWhichOneReplies) {
   }
   EXPECT_THAT(selectors, ElementsAre("sendListenerConnection:withName:", "findListenerEndpointForName:handle:",
                                      "killListenerConnection:"));
+}
+
+TEST(VeltoIPCNamesProtocol, IsTheOlderOneAndBehindItWhatAnOlderBrokerMayLack) {
+  const auto& older = velto::xpc::protocolOf<VeltoIPCDaemonProtocol>().methods();
+  const auto& methods = velto::xpc::protocolOf<VeltoIPCNamesProtocol>().methods();
+  ASSERT_EQ(methods.size(), older.size() + 4);
+  for (std::size_t each = 0; each < methods.size(); ++each) {
+    const bool isOld = each < older.size();
+    if (isOld) {
+      EXPECT_EQ(methods[each].selector, older[each].selector);
+    }
+    EXPECT_EQ(methods[each].requirement, isOld ? velto::xpc::Requirement::required : velto::xpc::Requirement::optional);
+  }
+}
+
+TEST(NameAnswer, SurvivesItsDictionary) {
+  const velto::NameAnswer stands = velto::nameAnswerIn(velto::dictionaryOf(velto::NameAnswer{{3, 4711}, false, ""}));
+  EXPECT_TRUE(stands.stands());
+  EXPECT_EQ(stands.state, (velto::NameState{3, 4711}));
+  EXPECT_TRUE(velto::nameAnswerIn(velto::dictionaryOf(velto::NameAnswer{{3, 4711}, true, ""})).isTaken);
+  EXPECT_EQ(velto::nameAnswerIn(velto::dictionaryOf(velto::NameAnswer{{}, false, "why"})).refusal, "why");
+  // What no broker sends.
+  for (const NSDictionary& odd : {NSDictionary(), NSDictionary{{"registration", "x"}, {"process", -1e300}}}) {
+    EXPECT_FALSE(velto::nameAnswerIn(odd).stands());
+    EXPECT_EQ(velto::nameStateIn(odd), velto::NameState());
+  }
 }

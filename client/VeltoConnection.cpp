@@ -6,15 +6,18 @@
 #include <utility>
 
 #include "broker/DaemonConnection.h"
+#include "client/PromptPeer.h"
+#include "message/CallbackDelivery.h"
 #include "message/DelegateCalls.h"
 #include "message/Errors.h"
 #include "message/InstanceBody.h"
 #include "message/PeerProtocol.h"
-#include "platform/logging/VeltoLogging.h"
+#include "platform/logging/OrderlyEnd.h"
 
 VeltoConnection::VeltoConnection()
     : NSObject(new velto::InstanceBody(classObject())),
       _serviceName(""),
+      _isReadyUntold(false),
       _strictMessageTypeSet(true),
       _connectionCondition(NSCondition::condition()),
       _connectionSuccess(false) {}
@@ -33,19 +36,23 @@ std::shared_ptr<VeltoConnection> VeltoConnection::init() {
 std::shared_ptr<VeltoConnection> VeltoConnection::initWithServiceName(
     const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate) {
   const auto made = init();
-  made->_serviceName = serviceName;
-  made->_messageConditions.set(NSMutableDictionary::dictionary());
-  made->setDelegate(withDelegate);
-  made->setDaemonConnection(setupDaemonConnection(withDelegate));
-  made->lookUp(serviceName);
+  made->start(serviceName, withDelegate);
   return made;
+}
+
+void VeltoConnection::start(const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate) {
+  _serviceName = serviceName;
+  _messageConditions.set(NSMutableDictionary::dictionary());
+  setDelegate(withDelegate);
+  setDaemonConnection(setupDaemonConnection(withDelegate, _callbacks));
+  lookUp(serviceName);
 }
 
 void VeltoConnection::lookUp(const NSString& serviceName) {
   const auto broker = daemonConnection()->remoteObjectProxyWithErrorHandler<VeltoIPCDaemonProtocol>(
       [weakSelf = weak_from_this()](const NSError& error) {
-        VKTLoggingLog(VKTLogGetAnchor(), 0, "Velto lost connection with VeltoIPCDaemon %@", error);
-        if (const auto self = weakSelf.lock()) self->connectionError(error);
+        velto::logEnd(VKTLogGetAnchor(), 0, "Velto lost connection with VeltoIPCDaemon %@", error);
+        if (const auto self = weakSelf.lock()) self->lookUpFailed(error);
       });
   VKTLoggingLog(VKTLogGetAnchor(), 2, "Getting ListenerEndpoint");
   broker->call<&VeltoIPCDaemonProtocol::findListenerEndpointForName>(
@@ -54,9 +61,17 @@ void VeltoConnection::lookUp(const NSString& serviceName) {
           self->configure(endpoint);
         } else {
           VKTLoggingLog(VKTLogGetAnchor(), 0, "Endpoint for %@ is Nill", serviceName);
-          self->connectionError(velto::makeError(VeltoIPCConnectionError, "Listener not available"));
+          self->lookUpFailed(velto::makeError(VeltoIPCConnectionError, "Listener not available"));
         }
       });
+}
+
+void VeltoConnection::lookUpFailed(const NSError& error) {
+  if (!_callbacks) return connectionError(error);
+  record(error);
+  _callbacks->run([weakSelf = weak_from_this(), error] {
+    if (const auto self = weakSelf.lock()) velto::tellError(self->delegate(), self->getID(), error);
+  });
 }
 
 void VeltoConnection::configure(const NSXPCListenerEndpoint& endpoint) {
@@ -67,6 +82,7 @@ void VeltoConnection::configure(const NSXPCListenerEndpoint& endpoint) {
   if (const auto connection = listenerConnection()) {
     velto::configureClientEnd(*connection, interface, shared_from_this());
     installHandlers(*connection);
+    if (_callbacks) deliverElsewhere(*connection);
     connection->resume();
     setListenerProxyObject(makeListenerProxy(*connection));
   }
@@ -91,34 +107,65 @@ void VeltoConnection::installHandlers(NSXPCConnection& connection) {
   });
 }
 
+// Its end is told in its turn, but those who wait hear of it at once.
+void VeltoConnection::deliverElsewhere(NSXPCConnection& connection) {
+  _callbacks->adopt(connection, [weakSelf = weak_from_this()] {
+    const auto self = weakSelf.lock();
+    if (!self) return;
+    self->record(velto::makeError(VeltoIPCConnectionError, "Listener connection invalidated"));
+    self->close();
+  });
+  const auto identified = [weakSelf = weak_from_this()](const NSString& identifier) {
+    if (const auto self = weakSelf.lock()) self->becomeReadyElsewhere(identifier);
+  };
+  connection.setExportedInterface(NSXPCInterface::interfaceWithProtocol<velto::PromptPeer>());
+  connection.setExportedObject(std::make_shared<velto::PromptPeer>(shared_from_this(), identified));
+}
+
+void VeltoConnection::becomeReadyElsewhere(const NSString& identifier) {
+  becomeReady(identifier);
+  const auto connection = listenerConnection();
+  // A listener that says it again and again fills no queue.
+  if (!connection || _isReadyUntold.exchange(true)) return;
+  _callbacks->perform(*connection, [weakSelf = weak_from_this()] {
+    const auto self = weakSelf.lock();
+    if (!self) return;
+    self->_isReadyUntold = false;
+    velto::tellReady(self->delegate(), self->getID());
+  });
+}
+
 std::shared_ptr<velto::PeerProxy> VeltoConnection::makeListenerProxy(NSXPCConnection& connection) {
   return connection.remoteObjectProxyWithErrorHandler<VeltoCommunicationMessageProtocol>(
       [weakSelf = weak_from_this()](const NSError& error) {
-        VKTLoggingLog(VKTLogGetAnchor(), 0, "Remote Proxy Error %@", error);
+        velto::logEnd(VKTLogGetAnchor(), 0, "Remote Proxy Error %@", error);
         if (const auto self = weakSelf.lock()) self->connectionError(error);
       });
 }
 
 void VeltoConnection::connectionUUID(NSString connectionID) {
+  becomeReady(connectionID);
+  velto::tellReady(delegate(), connectionID);
+}
+
+void VeltoConnection::becomeReady(const NSString& connectionID) {
   VKTLoggingLog(VKTLogGetAnchor(), 2, "Connection ID received %@", connectionID);
   _connectionUUID.set(connectionID);
-  {
-    const velto::ConditionLock lock(_connectionCondition);
-    _connectionSuccess = true;
-    _connectionCondition.signal();
-  }
-  velto::tellReady(delegate(), connectionID);
+  const velto::ConditionLock lock(_connectionCondition);
+  _connectionSuccess = true;
+  _connectionCondition.signal();
 }
 
 void VeltoConnection::connectionError(NSError error) {
   if (!error) error = velto::makeError(VeltoIPCUnknownError, "Unknown error sent from listener");
-  {
-    NSError former = error;
-    const velto::ConditionLock lock(_connectionCondition);
-    std::swap(_connectionError, former);
-    _connectionCondition.signal();
-  }
+  record(error);
   velto::tellError(delegate(), getID(), error);
+}
+
+void VeltoConnection::record(NSError error) {
+  const velto::ConditionLock lock(_connectionCondition);
+  std::swap(_connectionError, error);
+  _connectionCondition.signal();
 }
 
 bool VeltoConnection::waitUntilReady(double timeout, NSError* error) {

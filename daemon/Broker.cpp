@@ -3,6 +3,8 @@
 // it, because a listener may close its link and listen on.
 #include "daemon/Broker.h"
 
+#include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "platform/logging/VeltoLogging.h"
@@ -11,11 +13,13 @@ namespace velto {
 namespace {
 
 // What one client calls.
-class Link final : public VeltoIPCDaemonProtocol {
+class Link final : public VeltoIPCNamesProtocol {
  public:
   Link(std::shared_ptr<Registry> registry, std::shared_ptr<Ledger> ledger, const Holder& holder)
       : registry_(std::move(registry)), ledger_(std::move(ledger)), registrant_(Registry::makeRegistrant(holder)) {}
 
+  // Nobody is there any more to be told what it waits for.
+  void end() { registry_->leave(registrant_); }
   // As what it is kept; before the first call.
   void setItem(Ledger::Item item) { item_ = item; }
   Ledger::Item item() const { return item_; }
@@ -38,7 +42,55 @@ class Link final : public VeltoIPCDaemonProtocol {
     if (registry_->drop(name)) VKTLoggingLog(VKTLogGetAnchor(), 2, "Dropped %@ as asked", name);
   }
 
+  void registerName(NSString name, NSXPCListenerEndpoint endpoint, bool takingOver, Answer answer) override {
+    ledger_->use(item_);
+    const NameAnswer given = tryToRegister(name, endpoint, takingOver);
+    VKTLoggingLog(VKTLogGetAnchor(), 2, "%s %@", given.stands() ? "Registered" : "Did not register", name);
+    if (answer) answer(dictionaryOf(given));
+  }
+
+  void giveBackName(NSString name, NSNumber registration) override {
+    ledger_->use(item_);
+    if (!registry_->giveBack(name, registration.to<std::uint64_t>().value_or(0), registrant_)) return;
+    VKTLoggingLog(VKTLogGetAnchor(), 2, "%@ was given back", name);
+  }
+
+  void waitForName(NSString name, NSNumber seconds, std::function<void(NSXPCListenerEndpoint)> handle) override {
+    ledger_->use(item_);
+    if (!handle) return;
+    registry_->wait(name, 0, timeOf(seconds), registrant_,
+                    [handle = std::move(handle)](const std::optional<Standing>& standing) {
+                      handle(standing ? standing->endpoint : NSXPCListenerEndpoint());
+                    });
+  }
+
+  void waitForChangeOfName(NSString name, NSNumber knownRegistration, Answer answer) override {
+    ledger_->use(item_);
+    if (!answer) return;
+    registry_->wait(name, knownRegistration.to<std::uint64_t>().value_or(0), std::nullopt, registrant_,
+                    [answer = std::move(answer)](const std::optional<Standing>& standing) {
+                      answer(standing ? dictionaryOf(standing->state) : NSDictionary());
+                    });
+  }
+
  private:
+  NameAnswer tryToRegister(const NSString& name, const NSXPCListenerEndpoint& endpoint, bool takingOver) {
+    try {
+      const NameAnswer given = registry_->add(name, endpoint, registrant_, takingOver);
+      return given.state.registration != 0 ? given : NameAnswer{{}, false, "the listener is gone"};
+    } catch (const NSXPCRefusal& refusal) {
+      return {{}, false, refusal.reason()};
+    }
+  }
+
+  // None for what is no time.
+  static std::optional<std::chrono::nanoseconds> timeOf(const NSNumber& seconds) {
+    constexpr double kLongest = 1e9;
+    const double asked = seconds.doubleValue();
+    if (!seconds || std::isnan(asked)) return std::nullopt;
+    return std::chrono::nanoseconds(static_cast<std::int64_t>(std::clamp(asked, 0.0, kLongest) * 1e9));
+  }
+
   const std::shared_ptr<Registry> registry_;
   const std::shared_ptr<Ledger> ledger_;
   const std::shared_ptr<Registrant> registrant_;
@@ -50,7 +102,7 @@ class Link final : public VeltoIPCDaemonProtocol {
 Broker::Broker(const BrokerLimits& limits)
     : ledger_(Ledger::make(limits)),
       registry_(Registry::make(limits, ledger_)),
-      interface_(NSXPCInterface::interfaceWithProtocol<VeltoIPCDaemonProtocol>()) {}
+      interface_(NSXPCInterface::interfaceWithProtocol<VeltoIPCNamesProtocol>()) {}
 
 std::shared_ptr<Broker> Broker::make(const BrokerLimits& limits) {
   return std::shared_ptr<Broker>(new Broker(limits));
@@ -61,8 +113,9 @@ bool Broker::listener(const std::shared_ptr<NSXPCListener>&,
   const Holder holder = Holder::of(shouldAcceptNewConnection->peer());
   const auto link = std::make_shared<Link>(registry_, ledger_, holder);
   shouldAcceptNewConnection->setExportedInterface(interface_);
-  shouldAcceptNewConnection->setExportedObject<VeltoIPCDaemonProtocol>(link);
+  shouldAcceptNewConnection->setExportedObject<VeltoIPCNamesProtocol>(link);
   shouldAcceptNewConnection->setInvalidationHandler([weakSelf = weak_from_this(), link] {
+    link->end();
     if (const auto self = weakSelf.lock()) self->takeOut(link->item());
   });
   link->setItem(keep(shouldAcceptNewConnection, holder));

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "broker/VeltoIPCDaemonProtocol.h"
+#include "broker/VeltoIPCNamesProtocol.h"
 #include "daemon/Ledger.h"
 #include "daemon/Registry.h"
 #include "platform/xpc/NSXPCConnection.h"
@@ -29,6 +29,7 @@ class Broker final : public NSXPCListenerDelegate, public std::enable_shared_fro
 
   std::size_t linkCount() const;
   std::size_t nameCount() const { return registry_->count(); }
+  std::size_t waiterCount() const { return registry_->waiterCount(); }
 
  private:
   using Links = std::map<Ledger::Item, std::shared_ptr<NSXPCConnection>>;

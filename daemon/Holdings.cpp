@@ -9,12 +9,14 @@
 namespace velto {
 
 std::size_t Holdings::descriptorsOf(Kind kind) {
+  if (kind == Kind::waiter) return 0;
   return kind == Kind::link ? 1 : limits::kBrokerDescriptorsOfOneName;
 }
 
 Holdings::Amounts Holdings::Account::amounts() const {
-  const std::size_t descriptors = links.size() * descriptorsOf(Kind::link) + names.size() * descriptorsOf(Kind::name);
-  return {links.size(), names.size(), descriptors};
+  const std::size_t links = of(Kind::link).size(), names = of(Kind::name).size();
+  const std::size_t descriptors = links * descriptorsOf(Kind::link) + names * descriptorsOf(Kind::name);
+  return {links, names, descriptors, of(Kind::waiter).size()};
 }
 
 Holdings::Accounts::iterator Holdings::open(Holder holder) {
@@ -30,7 +32,7 @@ Holdings::Accounts::iterator Holdings::open(Holder holder) {
 }
 
 void Holdings::closeIfEmpty(Accounts::iterator account) {
-  if (!account->second.links.empty() || !account->second.names.empty()) return;
+  if (account->second.amounts() != Amounts{}) return;
   for (auto& ranking : rankings_) ranking.erase({0, account->first});
   accounts_.erase(account);
 }
@@ -86,12 +88,12 @@ void Holdings::use(Item item) {
 
 void Holdings::giveNames(Holder from, Holder to) {
   const auto giver = accounts_.find(from);
-  if (giver == accounts_.end() || giver->second.names.empty()) return;
+  if (giver == accounts_.end() || giver->second.of(Kind::name).empty()) return;
   const auto taker = open(to);
   const Amounts ofGiver = giver->second.amounts();
   const Amounts ofTaker = taker->second.amounts();
-  for (const auto& [lastUse, item] : giver->second.names) entries_.find(item)->second.holder = to;
-  taker->second.names.merge(giver->second.names);
+  for (const auto& [lastUse, item] : giver->second.of(Kind::name)) entries_.find(item)->second.holder = to;
+  taker->second.of(Kind::name).merge(giver->second.of(Kind::name));
   rerank(giver, ofGiver);
   rerank(taker, ofTaker);
   closeIfEmpty(giver);
@@ -109,8 +111,8 @@ Holdings::Amounts Holdings::of(Holder holder) const {
 }
 
 Holdings::Item Holdings::nextToGo(Holder holder, Kind kind) const {
-  const Account& account = accounts_.find(holder)->second;
-  return kind == Kind::link ? account.links.begin()->second : std::prev(account.names.end())->second;
+  const Items& items = accounts_.find(holder)->second.of(kind);
+  return kind == Kind::link ? items.begin()->second : std::prev(items.end())->second;
 }
 
 }  // namespace velto

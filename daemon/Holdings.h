@@ -20,9 +20,9 @@ class Holdings {
   // Numbers; what they stand for is the user's. An item that is greater is newer.
   using Holder = std::uint64_t;
   using Item = std::uint64_t;
-  enum class Kind { link, name };
-  // By what holders are compared: how many links, how many names, how many descriptors of both.
-  enum Measure : std::size_t { kLinks, kNames, kDescriptors, kMeasures };
+  enum class Kind { link, name, waiter };
+  // By what holders are compared: how many links, how many names, how many descriptors of both, how many waiters.
+  enum Measure : std::size_t { kLinks, kNames, kDescriptors, kWaiters, kMeasures };
   using Amounts = std::array<std::size_t, kMeasures>;
 
   struct Entry {
@@ -46,19 +46,21 @@ class Holdings {
   std::size_t holders() const noexcept { return accounts_.size(); }
   // Who has the most by a measure; some holder must have something.
   Holder greatest(Measure measure) const { return rankings_[measure].rbegin()->second; }
-  // Its newest name, or the link that it has not used for the longest time; it must have one.
+  // Its newest name or waiter, or the link that it has not used for the longest time; it must have one.
   Item nextToGo(Holder holder, Kind kind) const;
 
   static std::size_t descriptorsOf(Kind kind);
 
  private:
   using Items = std::map<std::uint64_t, Item>;  // in the order of their last use
-  struct Account {
-    Items links;
-    Items names;
-
-    Items& of(Kind kind) { return kind == Kind::link ? links : names; }
+  class Account {
+   public:
+    Items& of(Kind kind) { return items_[static_cast<std::size_t>(kind)]; }
+    const Items& of(Kind kind) const { return items_[static_cast<std::size_t>(kind)]; }
     Amounts amounts() const;
+
+   private:
+    std::array<Items, 3> items_;
   };
   using Accounts = std::map<Holder, Account>;
 

@@ -79,8 +79,9 @@ class PlainHoldings {
     Holdings::Amounts amounts{};
     for (const Entry& entry : entries_) {
       if (holder && entry.holder != *holder) continue;
-      ++amounts[entry.kind == Kind::link ? Holdings::kLinks : Holdings::kNames];
-      amounts[Holdings::kDescriptors] += entry.kind == Kind::link ? 1 : 3;
+      ++amounts[std::array{Holdings::kLinks, Holdings::kNames,
+                           Holdings::kWaiters}[static_cast<std::size_t>(entry.kind)]];
+      amounts[Holdings::kDescriptors] += std::array{1U, 3U, 0U}[static_cast<std::size_t>(entry.kind)];
     }
     return amounts;
   }
@@ -105,7 +106,7 @@ void expectSame(const Holdings& holdings, const PlainHoldings& plain, Holdings::
   for (Holdings::Holder holder = 0; holder < holders; ++holder) {
     const auto amounts = plain.of(holder);
     ASSERT_EQ(holdings.of(holder), amounts);
-    holding += amounts[Holdings::kDescriptors] > 0 ? 1 : 0;
+    holding += amounts != Holdings::Amounts{} ? 1 : 0;
     for (std::size_t measure = 0; measure < Holdings::kMeasures; ++measure) {
       most[measure] = std::max(most[measure], amounts[measure]);
     }
@@ -114,6 +115,9 @@ void expectSame(const Holdings& holdings, const PlainHoldings& plain, Holdings::
     }
     if (amounts[Holdings::kNames] > 0) {
       ASSERT_EQ(holdings.nextToGo(holder, Kind::name), plain.nextToGo(holder, Kind::name));
+    }
+    if (amounts[Holdings::kWaiters] > 0) {
+      ASSERT_EQ(holdings.nextToGo(holder, Kind::waiter), plain.nextToGo(holder, Kind::waiter));
     }
   }
   ASSERT_EQ(holdings.ofAll(), plain.of(std::nullopt));
@@ -138,7 +142,7 @@ TEST(Holdings, AreWhatAPlainListSaysWhateverHappens) {
       case 0:
       case 1:
       case 2: {
-        const Kind kind = random() % 2 == 0 ? Kind::link : Kind::name;
+        const Kind kind = std::array{Kind::link, Kind::name, Kind::waiter}[random() % 3];
         holdings.add(++last, kind, holder);
         plain.add(last, kind, holder);
         break;

@@ -50,21 +50,31 @@ void Ledger::enter(Admission& admission, Kind kind, const Holder& holder, GiveWa
 }
 
 std::string Ledger::refusalOfOwn(Kind kind, const Holder& holder, Item inPlaceOf) const {
-  if (kind != Kind::name) return "";
+  if (kind == Kind::link) return "";
+  if (kind == Kind::waiter) {
+    const std::size_t waiting = holdings_.of(holder.number)[Holdings::kWaiters];
+    if (waiting < limits_.waitersOfOneProcess) return "";
+    return overLimit("waiters of one process", waiting + 1, limits_.waitersOfOneProcess);
+  }
   const auto replaced = holdings_.find(inPlaceOf);
   const std::size_t own = holdings_.of(holder.number)[Holdings::kNames];
   if (own < limits_.namesOfOneProcess || (replaced && replaced->holder == holder.number)) return "";
   return overLimit("names of one process", own + 1, limits_.namesOfOneProcess);
 }
 
+Ledger::Total Ledger::totalOf(Kind kind) const {
+  if (kind == Kind::waiter) return {Holdings::kWaiters, "waiters", limits_.waiters};
+  if (kind == Kind::name) return {Holdings::kNames, "names", limits_.names};
+  return {Holdings::kLinks, "links", limits_.links};
+}
+
 std::string Ledger::findRoom(Kind kind, const Holder& holder, Admission& admission) {
-  const auto measure = kind == Kind::link ? Holdings::kLinks : Holdings::kNames;
-  const std::size_t maximum = kind == Kind::link ? limits_.links : limits_.names;
+  const auto [measure, what, maximum] = totalOf(kind);
   const auto own = holdings_.of(holder.number);
   const std::size_t needed = Holdings::descriptorsOf(kind) + (own[Holdings::kDescriptors] == 0 ? 1 : 0);
   while (holdings_.ofAll()[measure] >= maximum) {
     const std::size_t value = holdings_.ofAll()[measure] + 1;
-    const auto limit = overLimit(kind == Kind::link ? "links" : "names", value, maximum);
+    const auto limit = overLimit(what, value, maximum);
     if (!takeFromGreatest(measure, own[measure] + 1 + value - maximum, limit, admission)) return limit;
   }
   while (descriptorsInUse() + needed > limits_.descriptors) {
@@ -77,15 +87,20 @@ std::string Ledger::findRoom(Kind kind, const Holder& holder, Admission& admissi
   return "";
 }
 
+Ledger::Kind Ledger::kindToTake(Holdings::Measure measure, const Holdings::Amounts& held) {
+  if (measure == Holdings::kWaiters) return Kind::waiter;
+  const bool isOfNames = held[Holdings::kNames] * Holdings::descriptorsOf(Kind::name) > held[Holdings::kLinks];
+  const bool takesName = measure == Holdings::kNames || (measure == Holdings::kDescriptors && isOfNames);
+  return takesName ? Kind::name : Kind::link;
+}
+
 bool Ledger::takeFromGreatest(Holdings::Measure measure, std::size_t least, const std::string& limit,
                               Admission& admission) {
   if (holdings_.holders() == 0) return false;
   const auto greatest = holdings_.greatest(measure);
   const auto held = holdings_.of(greatest);
   if (held[measure] < least) return false;
-  const bool isOfNames = held[Holdings::kNames] * Holdings::descriptorsOf(Kind::name) > held[Holdings::kLinks];
-  const bool takesName = measure == Holdings::kNames || (measure == Holdings::kDescriptors && isOfNames);
-  const Item item = holdings_.nextToGo(greatest, takesName ? Kind::name : Kind::link);
+  const Item item = holdings_.nextToGo(greatest, kindToTake(measure, held));
   admission.leaving_.push_back({item, items_.at(item), "its process holds the most, and " + limit});
   takeOut(item);
   return true;

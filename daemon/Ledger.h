@@ -25,9 +25,9 @@ struct Holder {
   NSXPCPeer peer;  // held, so that no other process is given the number
 };
 
-// Whether there is room for one more link or name. At a limit that all processes share, the one that holds the most
-// makes room for one that holds clearly less, with its newest name or the link that it has not used for the longest
-// time.
+// Whether there is room for one more link, name or waiter. At a limit that all processes share, the one that holds the
+// most makes room for one that holds clearly less, with its newest name or waiter, or the link that it has not used for
+// the longest time.
 //
 // A name stays charged to the process that registered it, whatever becomes of that one's links. Once the process is
 // dead, it is charged to the dead, who are one holder together: by their number alone they cannot use up what is meant
@@ -81,7 +81,17 @@ class Ledger : public std::enable_shared_from_this<Ledger> {
   std::size_t descriptors() const;
 
  private:
+  // What all processes share of a kind.
+  struct Total {
+    Holdings::Measure measure;
+    const char* name;
+    std::size_t maximum;
+  };
+
   explicit Ledger(const BrokerLimits& limits) : limits_(limits) {}
+  Total totalOf(Kind kind) const;
+  // Of what one that holds so much has to give by a measure.
+  static Kind kindToTake(Holdings::Measure measure, const Holdings::Amounts& held);
   std::string refusalOfOwn(Kind kind, const Holder& holder, Item inPlaceOf) const VELTO_REQUIRES(mutex_);
   // "" when there is room; what has to make it is taken out.
   std::string findRoom(Kind kind, const Holder& holder, Admission& admission) VELTO_REQUIRES(mutex_);

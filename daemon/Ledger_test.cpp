@@ -44,8 +44,13 @@ class LedgerTest : public ::testing::Test {
   std::vector<Ledger::Item> left;
   std::vector<std::string> reasons;
   std::string reason;
-  const std::shared_ptr<Ledger> ledger =
-      Ledger::make({.names = 6, .namesOfOneProcess = 4, .namesOfOneLink = 9, .links = 5, .descriptors = 100});
+  const std::shared_ptr<Ledger> ledger = Ledger::make({.names = 6,
+                                                       .namesOfOneProcess = 4,
+                                                       .namesOfOneLink = 9,
+                                                       .links = 5,
+                                                       .descriptors = 100,
+                                                       .waiters = 5,
+                                                       .waitersOfOneProcess = 3});
 };
 
 TEST_F(LedgerTest, ChargesOneProcessWhateverItsLinks) {
@@ -157,6 +162,21 @@ TEST_F(LedgerTest, LetsNamesMakeRoomForLinksWhereTheyAreWhatTakesTheDescriptors)
   for (int count = 0; count < 5; ++count) names.push_back(enterThere(Kind::name, 1));
   EXPECT_NE(enterThere(Kind::link, 2), 0U);
   EXPECT_EQ(gone, std::vector{names.back()});
+}
+
+TEST_F(LedgerTest, BoundsTheWaitersOfOneProcessAndOfAllAndTheyTakeNoDescriptor) {
+  const auto waiters = enterMany(Kind::waiter, holder(1), 3);
+  EXPECT_EQ(enter(Kind::waiter, holder(1)), 0U);
+  EXPECT_EQ(reason, "waiters of one process would be 4; the maximum is 3");
+  ledger->leave(waiters.front());
+  enterMany(Kind::waiter, holder(1), 1);
+  enterMany(Kind::waiter, holder(2), 2);
+  EXPECT_NE(enter(Kind::waiter, holder(3)), 0U) << reason;
+  EXPECT_EQ(reasons, std::vector<std::string>{"its process holds the most, and waiters would be 6; the maximum is 5"});
+  EXPECT_EQ(left.front(), waiters.back() + 1) << "the newest of the greatest";
+  EXPECT_EQ(enter(Kind::waiter, holder(2)), 0U) << "as many as the greatest";
+  EXPECT_EQ(ledger->held(1), (Holdings::Amounts{0, 0, 0, 2}));
+  EXPECT_EQ(ledger->descriptors(), 3U) << "the processes'";
 }
 
 TEST_F(LedgerTest, IsEmptyAgainWhenAllHaveLeft) {

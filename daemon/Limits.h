@@ -14,6 +14,8 @@ struct BrokerLimits {
   std::size_t namesOfOneLink = limits::kBrokerNamesOfOneLink;
   std::size_t links = limits::kBrokerLinks;
   std::size_t descriptors = limits::kBrokerDescriptors;
+  std::size_t waiters = limits::kBrokerWaiters;
+  std::size_t waitersOfOneProcess = limits::kBrokerWaitersOfOneProcess;
 };
 
 // Descriptors of the program's own, of connections that have not called yet, and of calls that are being taken.

@@ -13,6 +13,8 @@ TEST(BrokerLimitsInForce, AreTheFullOnesWithEnoughDescriptors) {
     EXPECT_EQ(limits.names, limits::kBrokerNames);
     EXPECT_EQ(limits.namesOfOneProcess, limits::kBrokerNamesOfOneProcess);
     EXPECT_EQ(limits.namesOfOneLink, limits::kBrokerNamesOfOneLink);
+    EXPECT_EQ(limits.waiters, limits::kBrokerWaiters);
+    EXPECT_EQ(limits.waitersOfOneProcess, limits::kBrokerWaitersOfOneProcess);
   }
 }
 

@@ -20,6 +20,7 @@ class Registrant {
   friend class Registry;
 
   std::size_t names_ = 0;
+  bool hasLeft_ = false;
 };
 
 class Registry::Registration {
@@ -64,28 +65,46 @@ std::shared_ptr<Registrant> Registry::makeRegistrant(const Holder& holder) {
   return std::make_shared<Registrant>(holder);
 }
 
-void Registry::add(const NSString& name, const NSXPCListenerEndpoint& endpoint,
-                   const std::shared_ptr<Registrant>& registrant) {
+NameAnswer Registry::add(const NSString& name, const NSXPCListenerEndpoint& endpoint,
+                         const std::shared_ptr<Registrant>& registrant, bool takingOver) {
   refuseUnservable(name);
   if (!endpoint) throw NSXPCRefusal("the endpoint is nil");
   // Let go of after the lock, as is what it replaces; and made before it, so that memory is not wanting half-way.
   Names entry;
   entry.emplace(name.string(), Kept{watched(name.string(), endpoint, registrant), 0});
   std::shared_ptr<Registration> replaced;
+  Waiters::Some hearing;
+  Standing standing;
   Ledger::Admission admission;
   {
     MutexLock lock(mutex_);
-    if (isGone(*entry.begin()->second.registration)) return;
+    if (isGone(*entry.begin()->second.registration)) return {};
     const auto found = names_.find(name.view());
+    if (!takingOver && found != names_.end() && isLeftAlone(found->second, endpoint)) {
+      return {stateOf(found->second), true, ""};
+    }
     enter(admission, entry.begin(), found);
     if (admission.item != 0) {
       if (found != names_.end()) replaced = takeOut(found);
       entry.begin()->second.item = admission.item;
+      standing = {stateOf(entry.begin()->second), endpoint};
       names_.insert(entry.extract(entry.begin()));
       ++namesOf(*registrant);
+      takeOutWaiters(name.view(), hearing);
     }
   }
   if (admission.item == 0) throw NSXPCRefusal(admission.reason);
+  Waiters::tell(hearing, standing);
+  return {standing.state, false, ""};
+}
+
+bool Registry::isLeftAlone(const Kept& standing, const NSXPCListenerEndpoint& endpoint) {
+  const NSXPCListenerEndpoint& other = standing.registration->endpoint;
+  return !(other == endpoint) && !other.isGone();
+}
+
+NameState Registry::stateOf(const Kept& kept) {
+  return {kept.item, kept.registration->registrant->holder.peer.processIdentifier()};
 }
 
 void Registry::enter(Ledger::Admission& admission, Names::const_iterator entry, Names::const_iterator standing) {
@@ -115,24 +134,21 @@ std::shared_ptr<Registry::Registration> Registry::watched(const std::string& nam
 }
 
 void Registry::listenerIsGone(const std::string& name, const std::shared_ptr<Registration>& registration) {
+  Waiters::Some hearing;
   {
     MutexLock lock(mutex_);
     isGone(*registration) = true;
     const auto found = names_.find(name);
     if (found == names_.end() || found->second.registration != registration) return;
     takeOut(found);
+    takeOutWaiters(name, hearing);
   }
   VKTLoggingLog(VKTLogGetAnchor(), 2, "The listener of %@ is gone", NSString(name));
+  Waiters::tell(hearing, Standing());
 }
 
 void Registry::giveWay(const std::string& name, Ledger::Item item, const std::string& why) {
-  std::shared_ptr<Registration> dropped;
-  {
-    MutexLock lock(mutex_);
-    const auto found = names_.find(name);
-    if (found == names_.end() || found->second.item != item) return;
-    dropped = takeOut(found);
-  }
+  if (!dropIf(NSString(name), [item](const Kept& kept) { return kept.item == item; })) return;
   VKTLoggingLog(VKTLogGetAnchor(), 0, "The name %@ makes room: %s", NSString(name), why);
 }
 
@@ -146,17 +162,110 @@ std::shared_ptr<Registry::Registration> Registry::takeOut(Names::iterator found)
 
 NSXPCListenerEndpoint Registry::find(const NSString& name) const {
   MutexLock lock(mutex_);
+  return standingUnder(name).endpoint;
+}
+
+Standing Registry::standingUnder(const NSString& name) const {
   const auto found = names_.find(name.view());
-  return found != names_.end() ? found->second.registration->endpoint : NSXPCListenerEndpoint();
+  return found != names_.end() ? Standing{stateOf(found->second), found->second.registration->endpoint} : Standing();
 }
 
 bool Registry::drop(const NSString& name) {
+  return dropIf(name, [](const Kept&) { return true; });
+}
+
+bool Registry::giveBack(const NSString& name, std::uint64_t registration,
+                        const std::shared_ptr<Registrant>& registrant) {
+  return dropIf(name, [registration, process = registrant->holder.number](const Kept& kept) {
+    return kept.item == registration && kept.registration->registrant->holder.number == process;
+  });
+}
+
+bool Registry::dropIf(const NSString& name, const std::function<bool(const Kept&)>& isMeant) {
   std::shared_ptr<Registration> dropped;
-  MutexLock lock(mutex_);
-  const auto found = names_.find(name.view());
-  if (found == names_.end()) return false;
-  dropped = takeOut(found);
+  Waiters::Some hearing;
+  {
+    MutexLock lock(mutex_);
+    const auto found = names_.find(name.view());
+    if (found == names_.end() || !isMeant(found->second)) return false;
+    dropped = takeOut(found);
+    takeOutWaiters(name.view(), hearing);
+  }
+  Waiters::tell(hearing, Standing());
   return true;
+}
+
+void Registry::wait(const NSString& name, std::uint64_t known, std::optional<std::chrono::nanoseconds> time,
+                    const std::shared_ptr<Registrant>& registrant, Waiters::Answer answer) {
+  refuseUnservable(name);
+  std::optional<Standing> other;
+  Ledger::Admission admission;
+  {
+    MutexLock lock(mutex_);
+    if (hasLeft(*registrant)) return;
+    Standing standing = standingUnder(name);
+    if (standing.state.registration != known) {
+      other = std::move(standing);
+    } else {
+      enterWaiter(admission, name.string(), registrant, answer);
+    }
+  }
+  if (other) return answer(other);
+  if (admission.item == 0) throw NSXPCRefusal(admission.reason);
+  if (time) endWaiterAfter(*time, name.string(), admission.item);
+}
+
+void Registry::enterWaiter(Ledger::Admission& admission, const std::string& name,
+                           const std::shared_ptr<Registrant>& registrant, Waiters::Answer answer) {
+  auto giveWay = [weakSelf = weak_from_this(), name](Ledger::Item item, const std::string& why) {
+    VKTLoggingLog(VKTLogGetAnchor(), 0, "One that waits for %@ makes room: %s", NSString(name), why);
+    if (const auto self = weakSelf.lock()) self->endWaiter(name, item);
+  };
+  ledger_->enter(admission, Ledger::Kind::waiter, registrant->holder, std::move(giveWay));
+  if (admission.item == 0) return;
+  try {
+    waiters_.add(name, admission.item, {std::move(answer), registrant.get()});
+  } catch (...) {
+    ledger_->leave(admission.item);
+    throw;
+  }
+}
+
+void Registry::endWaiter(const std::string& name, Ledger::Item item) {
+  Waiters::Some ended;
+  {
+    MutexLock lock(mutex_);
+    waiters_.takeOut(name, item, ended);
+    ledger_->leave(item);
+  }
+  Waiters::tell(ended, std::nullopt);
+}
+
+// It may be over before the waiter has its clock, which is let go of then.
+void Registry::endWaiterAfter(std::chrono::nanoseconds time, const std::string& name, Ledger::Item item) {
+  auto timeOut = xpc::DelayedCall::after(time, [weakSelf = weak_from_this(), name, item] {
+    if (const auto self = weakSelf.lock()) self->endWaiter(name, item);
+  });
+  MutexLock lock(mutex_);
+  if (Waiters::Waiter* const waiter = waiters_.find(name, item)) waiter->timeOut.swap(timeOut);
+}
+
+void Registry::takeOutWaiters(std::string_view name, Waiters::Some& taken) {
+  waiters_.takeOutOfName(name, taken);
+  for (const auto& [place, waiter] : taken) ledger_->leave(place.second);
+}
+
+void Registry::leave(const std::shared_ptr<Registrant>& registrant) {
+  Waiters::Some left;
+  MutexLock lock(mutex_);
+  hasLeft(*registrant) = true;
+  waiters_.takeOutOfLink(*registrant, left);
+  for (const auto& [place, waiter] : left) ledger_->leave(place.second);
+}
+
+std::size_t Registry::waiterCount() const {
+  MutexLock lock(mutex_);
+  return waiters_.count();
 }
 
 bool& Registry::isGone(Registration& registration) const {
@@ -165,6 +274,10 @@ bool& Registry::isGone(Registration& registration) const {
 
 std::size_t& Registry::namesOf(Registrant& registrant) const {
   return registrant.names_;
+}
+
+bool& Registry::hasLeft(Registrant& registrant) const {
+  return registrant.hasLeft_;
 }
 
 std::size_t Registry::count() const {

@@ -1,23 +1,32 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
+#include "broker/VeltoIPCNamesProtocol.h"
 #include "daemon/Ledger.h"
 #include "daemon/Limits.h"
+#include "daemon/Waiters.h"
 #include "platform/foundation/ThreadAnnotations.h"
 #include "platform/xpc/NSXPCListenerEndpoint.h"
 
 namespace velto {
 
-// Who registers: one per link. It outlives the link for as long as one of its names stands.
+// Who registers and waits: one per link. It outlives the link for as long as one of its names stands.
 class Registrant;
 
-// Which endpoint is kept under which name. The last registration of a name wins; one ends when its listener is gone,
-// when it is replaced, when it is dropped, or when it has to make room for another process's.
+// Which endpoint is kept under which name, and who waits for what becomes of it. The last registration of a name wins,
+// unless it leaves a living listener its name; one ends when its listener is gone, when it is replaced, when it is
+// dropped, or when it has to make room for another process's.
+//
+// A registration's number is that of its item in the ledger.
 //
 // Thread-safe; operations take effect one after the other. Nothing is called and nothing destroyed with the lock held.
 class Registry : public std::enable_shared_from_this<Registry> {
@@ -25,14 +34,27 @@ class Registry : public std::enable_shared_from_this<Registry> {
   static std::shared_ptr<Registry> make(const BrokerLimits& limits, std::shared_ptr<Ledger> ledger);
   static std::shared_ptr<Registrant> makeRegistrant(const Holder& holder);
 
-  // Raises an NSXPCRefusal, and changes nothing, when the endpoint is nil, nobody can serve the name (nil, empty, too
-  // long), or a limit is reached.
-  void add(const NSString& name, const NSXPCListenerEndpoint& endpoint, const std::shared_ptr<Registrant>& registrant);
+  // What stands then: the new registration, that of another which may not be taken over, or none when the listener is
+  // gone already. Raises an NSXPCRefusal, and changes nothing, when the endpoint is nil, nobody can serve the name
+  // (nil, empty, too long), or a limit is reached.
+  NameAnswer add(const NSString& name, const NSXPCListenerEndpoint& endpoint,
+                 const std::shared_ptr<Registrant>& registrant, bool takingOver = true);
   // nil when nothing is kept under the name.
   NSXPCListenerEndpoint find(const NSString& name) const;
   // Whether there was something to drop.
   bool drop(const NSString& name);
+  // The same, if it is of that number, and of the registrant's process.
+  bool giveBack(const NSString& name, std::uint64_t registration, const std::shared_ptr<Registrant>& registrant);
   std::size_t count() const;
+
+  // Calls the answer once what stands under the name is something else than the known registration, 0 for none; at once
+  // when it is already. Without a state when the time, if there is one, is over, or a waiter must make room. Raises an
+  // NSXPCRefusal when nobody can serve the name, or a limit is reached. The answer must not block.
+  void wait(const NSString& name, std::uint64_t known, std::optional<std::chrono::nanoseconds> time,
+            const std::shared_ptr<Registrant>& registrant, Waiters::Answer answer);
+  // Its link has ended: it waits no more.
+  void leave(const std::shared_ptr<Registrant>& registrant);
+  std::size_t waiterCount() const;
 
  private:
   class Registration;
@@ -49,15 +71,29 @@ class Registry : public std::enable_shared_from_this<Registry> {
   void giveWay(const std::string& name, Ledger::Item item, const std::string& why);
   void enter(Ledger::Admission& admission, Names::const_iterator entry, Names::const_iterator standing)
       VELTO_REQUIRES(mutex_);
+  // Whether the name is left to another listener that lives.
+  static bool isLeftAlone(const Kept& standing, const NSXPCListenerEndpoint& endpoint);
+  static NameState stateOf(const Kept& kept);
+  Standing standingUnder(const NSString& name) const VELTO_REQUIRES(mutex_);
+  // Whether there was something to drop.
+  bool dropIf(const NSString& name, const std::function<bool(const Kept&)>& isMeant);
+  void enterWaiter(Ledger::Admission& admission, const std::string& name, const std::shared_ptr<Registrant>& registrant,
+                   Waiters::Answer answer) VELTO_REQUIRES(mutex_);
+  void endWaiter(const std::string& name, Ledger::Item item);
+  void endWaiterAfter(std::chrono::nanoseconds time, const std::string& name, Ledger::Item item);
+  // Those that are to hear of a change of the name.
+  void takeOutWaiters(std::string_view name, Waiters::Some& taken) VELTO_REQUIRES(mutex_);
   // What the lock guards in objects of their own.
   bool& isGone(Registration& registration) const VELTO_REQUIRES(mutex_);
   std::size_t& namesOf(Registrant& registrant) const VELTO_REQUIRES(mutex_);
+  bool& hasLeft(Registrant& registrant) const VELTO_REQUIRES(mutex_);
   std::shared_ptr<Registration> takeOut(Names::iterator found) VELTO_REQUIRES(mutex_);
 
   const BrokerLimits limits_;
   const std::shared_ptr<Ledger> ledger_;
   mutable Mutex mutex_;
   Names names_ VELTO_GUARDED_BY(mutex_);
+  Waiters waiters_ VELTO_GUARDED_BY(mutex_);
 };
 
 }  // namespace velto

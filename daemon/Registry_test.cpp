@@ -1,5 +1,6 @@
 #include "daemon/Registry.h"
 
+#include <mutex>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -31,7 +32,24 @@ class RegistryTest : public ::testing::Test {
     return velto::Registry::makeRegistrant({process, nil});
   }
 
-  static constexpr velto::BrokerLimits kLimits{.names = 3, .namesOfOneProcess = 3, .namesOfOneLink = 2, .links = 1};
+  // What a waiter was told: the process, or that nothing stands, or nothing more will be told.
+  using Told = std::vector<std::string>;
+  void wait(const NSString& name, std::uint64_t known, Told& told, const std::shared_ptr<velto::Registrant>& waiting,
+            std::optional<std::chrono::nanoseconds> time = {}) {
+    registry->wait(name, known, time, waiting, [this, &told](const std::optional<velto::Standing>& standing) {
+      EXPECT_GE(registry->count(), 0U) << "no lock is held";
+      const std::lock_guard lock(tells);
+      told.push_back(!standing ? "no more" : standing->endpoint ? "stands" : "free");
+    });
+  }
+  Told saidBy(const Told& told) {
+    const std::lock_guard lock(tells);
+    return told;
+  }
+
+  static constexpr velto::BrokerLimits kLimits{
+      .names = 3, .namesOfOneProcess = 3, .namesOfOneLink = 2, .links = 1, .waiters = 3, .waitersOfOneProcess = 2};
+  std::mutex tells;
   const std::shared_ptr<velto::Registry> registry = velto::Registry::make(kLimits, velto::Ledger::make(kLimits));
   const std::shared_ptr<velto::Registrant> registrant = registrantOf(1);
   const std::shared_ptr<velto::Registrant> another = registrantOf(2);
@@ -174,4 +192,142 @@ TEST_F(RegistryTest, AtTheLimitTheNewestNameOfWhoHasTheMostMakesRoomForAnother) 
   // What made room is no longer counted over its link.
   registry->drop("a");
   EXPECT_EQ(refusalOf("e", second->endpoint()), "");
+}
+
+TEST_F(RegistryTest, ANameIsLeftToALivingListenerIfItIsNotToBeTakenOver) {
+  const velto::NameAnswer own = registry->add("a", first->endpoint(), registrant, false);
+  EXPECT_TRUE(own.stands());
+  const velto::NameAnswer other = registry->add("a", second->endpoint(), another, false);
+  EXPECT_TRUE(other.isTaken);
+  EXPECT_EQ(other.state, own.state);
+  EXPECT_EQ(registry->find("a"), first->endpoint());
+  // Its own listener's may be registered anew, over whatever link.
+  const velto::NameAnswer again = registry->add("a", first->endpoint(), another, false);
+  EXPECT_TRUE(again.stands());
+  EXPECT_NE(again.state.registration, own.state.registration);
+  first.reset();
+  EXPECT_TRUE(registry->add("a", second->endpoint(), registrant, false).stands()) << "heard of its end or not";
+  EXPECT_EQ(registry->find("a"), second->endpoint());
+}
+
+TEST_F(RegistryTest, ANameIsGivenBackByItsProcessAndForAsLongAsItIsItsOwn) {
+  const auto own = registry->add("a", first->endpoint(), registrant).state.registration;
+  EXPECT_FALSE(registry->giveBack("a", own, another));
+  EXPECT_FALSE(registry->giveBack("b", own, registrant));
+  EXPECT_TRUE(registry->giveBack("a", own, registrantOf(1))) << "over another link of the process";
+  EXPECT_FALSE(registry->find("a"));
+  const auto former = registry->add("a", first->endpoint(), registrant).state.registration;
+  registry->add("a", second->endpoint(), another);
+  EXPECT_FALSE(registry->giveBack("a", former, registrant));
+  EXPECT_EQ(registry->find("a"), second->endpoint());
+}
+
+TEST_F(RegistryTest, WhoWaitsIsToldOnceOfWhatIsNotKnown) {
+  Told free, same, other, elsewhere;
+  wait("a", 0, free, registrant);
+  const auto standing = registry->add("a", first->endpoint(), another).state.registration;
+  EXPECT_EQ(free, Told{"stands"});
+  wait("a", standing, same, registrant);
+  wait("a", 0, other, registrant);
+  wait("ab", 0, elsewhere, another);
+  EXPECT_EQ(other, Told{"stands"}) << "at once";
+  EXPECT_EQ(same, Told{});
+  registry->add("a", second->endpoint(), registrant);
+  EXPECT_EQ(same, Told{"stands"});
+  EXPECT_EQ(free.size() + other.size(), 2U);
+  EXPECT_EQ(elsewhere, Told{});
+  EXPECT_EQ(registry->waiterCount(), 1U);
+}
+
+TEST_F(RegistryTest, WhoWaitsIsToldThatANameIsFreeHoweverItBecameSo) {
+  Told dropped, gone, givenBack, madeRoom;
+  wait("a", registry->add("a", first->endpoint(), registrant).state.registration, dropped, registrant);
+  registry->drop("a");
+  EXPECT_EQ(dropped, Told{"free"});
+  const auto own = registry->add("a", first->endpoint(), registrant).state.registration;
+  wait("a", own, givenBack, another);
+  registry->giveBack("a", own, registrant);
+  EXPECT_EQ(givenBack, Told{"free"});
+  for (const char* name : {"a", "b"}) registry->add(name, first->endpoint(), registrant);
+  wait("c", registry->add("c", first->endpoint(), registrantOf(1)).state.registration, madeRoom, registrant);
+  registry->add("d", second->endpoint(), another);
+  EXPECT_EQ(madeRoom, Told{"free"});
+  registry->drop("a");
+  registry->drop("b");
+  wait("a", registry->add("a", first->endpoint(), registrant).state.registration, gone, another);
+  first.reset();
+  while (saidBy(gone).empty()) std::this_thread::yield();
+  EXPECT_EQ(saidBy(gone), Told{"free"});
+  EXPECT_EQ(registry->waiterCount(), 0U);
+}
+
+TEST_F(RegistryTest, WaitersOfOneProcessAreBoundedAndRecover) {
+  Told told;
+  wait("a", 0, told, registrant);
+  wait("a", 0, told, registrantOf(1));
+  const auto waits = [&] { wait("b", 0, told, registrant); };
+  try {
+    waits();
+    ADD_FAILURE();
+  } catch (const NSXPCRefusal& refusal) {
+    EXPECT_EQ(refusal.reason(), "waiters of one process would be 3; the maximum is 2");
+  }
+  EXPECT_THROW(wait("", 0, told, another), NSXPCRefusal);
+  EXPECT_EQ(registry->waiterCount(), 2U);
+  registry->add("a", first->endpoint(), another);
+  EXPECT_EQ(told, (Told{"stands", "stands"}));
+  waits();
+  EXPECT_EQ(registry->waiterCount(), 1U);
+}
+
+TEST_F(RegistryTest, AtTheLimitTheNewestWaiterOfWhoHasTheMostIsToldToWaitNoMore) {
+  const velto::BrokerLimits limits{.waiters = 3, .waitersOfOneProcess = 3};
+  const auto counting = velto::Registry::make(limits, velto::Ledger::make(limits));
+  std::vector<std::string> told;
+  const auto waitsFor = [&](const NSString& name, const std::shared_ptr<velto::Registrant>& waiting) {
+    counting->wait(name, 0, {}, waiting, [&told, name](const std::optional<velto::Standing>& standing) {
+      EXPECT_FALSE(standing);
+      told.push_back(name.string());
+    });
+  };
+  for (const char* name : {"a", "b", "c"}) waitsFor(name, registrant);
+  waitsFor("d", another);
+  EXPECT_EQ(told, Told{"c"});
+  EXPECT_THROW(waitsFor("e", another), NSXPCRefusal);
+  EXPECT_EQ(counting->waiterCount(), 3U);
+  EXPECT_TRUE(log.waitFor(
+      {0, "One that waits for c makes room: its process holds the most, and waiters would be 4; the maximum is 3"}));
+}
+
+TEST_F(RegistryTest, WhoHasLeftWaitsNoMoreAndIsToldNothing) {
+  Told told, others;
+  wait("a", 0, told, registrant);
+  wait("b", 0, told, registrant);
+  wait("a", 0, others, another);
+  registry->leave(registrant);
+  wait("c", 0, told, registrant);
+  EXPECT_EQ(registry->waiterCount(), 1U);
+  for (const char* name : {"a", "b", "c"}) registry->add(name, first->endpoint(), registrantOf(3));
+  EXPECT_EQ(told, Told{});
+  EXPECT_EQ(others, Told{"stands"});
+  wait("a", 0, told, registrantOf(1));
+}
+
+TEST_F(RegistryTest, AWaitThatTakesTooLongEnds) {
+  Told told, late;
+  wait("a", 0, told, registrant, std::chrono::milliseconds(1));
+  wait("a", 0, late, another, std::chrono::hours(1));
+  while (saidBy(told).empty()) std::this_thread::yield();
+  EXPECT_EQ(saidBy(told), Told{"no more"});
+  EXPECT_EQ(registry->waiterCount(), 1U);
+  EXPECT_EQ(saidBy(late), Told{});
+}
+
+TEST_F(RegistryTest, OneThatCannotBeToldKeepsNobodyElseFromIt) {
+  Told told;
+  registry->wait("a", 0, {}, registrant,
+                 [](const std::optional<velto::Standing>&) { throw NSException("Some", "it would not"); });
+  wait("a", 0, told, another);
+  EXPECT_TRUE(registry->add("a", first->endpoint(), registrant).stands());
+  EXPECT_EQ(told, Told{"stands"});
 }

@@ -1,6 +1,7 @@
 // The broker against a map. Links of two processes call it with names and endpoints of all sorts, end, and send what no
-// client sends; listeners end; the kernel runs out of descriptors. Every answer, and the number of names and links
-// after every step, must be what a plain map says; and so must be which link and which name make room for another.
+// client sends; listeners end; the kernel runs out of descriptors; they wait for what becomes of names. Every answer,
+// and the number of names, links and waiters after every step, must be what a plain map says; and so must be which
+// link, which name and which waiter make room for another, and who is told when.
 //
 // The input is a script: steps, each up to the next separator. A byte says what is done, a byte over which of four
 // links, and the rest is the name, or whatever the step needs.
@@ -42,12 +43,17 @@ constexpr Budget kBudget{
 };
 
 // Small, so that they are met.
-constexpr BrokerLimits kLimits{.names = 5, .namesOfOneProcess = 4, .namesOfOneLink = 3, .links = 3};
+constexpr BrokerLimits kLimits{
+    .names = 5, .namesOfOneProcess = 4, .namesOfOneLink = 3, .links = 3, .waiters = 4, .waitersOfOneProcess = 3};
 constexpr std::size_t kProcesses = 2;
 constexpr unsigned kMaximumSteps = 16;
 constexpr const char* kRegister = "sendListenerConnection:withName:";
 constexpr const char* kLookUp = "findListenerEndpointForName:handle:";
 constexpr const char* kKill = "killListenerConnection:";
+constexpr const char* kRegisterName = "registerName:endpoint:takingOver:answer:";
+constexpr const char* kGiveBack = "giveBackName:registration:";
+constexpr const char* kWaitForName = "waitForName:seconds:handle:";
+constexpr const char* kWaitForChange = "waitForChangeOfName:knownRegistration:answer:";
 
 FakeKernel& kernel() {
   return FakeKernel::shared();
@@ -109,6 +115,17 @@ class Play {
     std::uint64_t link;
     std::size_t process;
     std::uint64_t age;
+    // 0 when it was not told.
+    std::uint64_t registration = 0;
+  };
+  struct Wait {
+    std::uint64_t link;
+    std::size_t process;
+    std::uint64_t call;
+    std::string name;
+    // What it waits for has come; and it was told so.
+    bool isDue = false;
+    bool isTold = false;
   };
 
   Link& linkAt(unsigned slot);
@@ -116,7 +133,16 @@ class Play {
   bool call(Link& link, const char* selector, bool wantsReply, Bytes arguments, std::vector<SharedObject> objects,
             std::vector<wire::Frame>& answers);
   std::vector<wire::Frame> answersOf(Link& link);
-  void registerName(Link& link, Input& input);
+  // By the older method, or by the newer.
+  void registerName(Link& link, Input& input, bool isNewer);
+  void giveBack(Link& link, Input& input);
+  void wait(Link& link, Input& input, bool isForName);
+  // Whoever waits for another state of it is to be told.
+  void changed(const std::string& name);
+  void forget(std::map<std::string, Entry>::iterator entry);
+  // Whether it may wait; then, which other waiter is to make room.
+  bool mayWait(const Link& link, Wait*& leaving);
+  std::size_t waitersOf(std::size_t process) const;
   void lookUp(Link& link, const Name& name);
   void kill(Link& link, const Name& name);
   void callWithAnything(Link& link, const char* selector, Bytes arguments);
@@ -132,7 +158,7 @@ class Play {
   Link* linkToGo(std::size_t process);
   void dropGone();
   std::size_t keptLinks() const;
-  void compare() const;
+  void compare();
 
   std::shared_ptr<Broker> broker_ = Broker::make(kLimits);
   std::array<Link, 4> links_;
@@ -141,7 +167,32 @@ class Play {
   std::uint64_t lastUse_ = 0;
   std::array<Endpoint, 4> endpoints_;
   std::map<std::string, Entry> names_;
+  // In the order in which they came.
+  std::vector<Wait> waits_;
 };
+
+// What a reply holds behind the number of its call.
+NSObject valueOf(const wire::Frame& reply, std::uint64_t& call) {
+  static const wire::ClassSet& plain =
+      *new wire::ClassSet(NSSet{NSString::classObject(), NSNumber::classObject(), NSDictionary::classObject(),
+                                NSXPCListenerEndpoint::classObject()});
+  wire::ValueDecoder decoder(reply);
+  NSObject number, value;
+  decoder.next(plain, number);
+  call = number.to<std::uint64_t>().value_or(0);
+  decoder.next(plain, value);
+  return value;
+}
+
+void addEndpoint(wire::ItemWriter& writer, bool isNil) {
+  if (isNil) return writer.addUndefined();
+  writer.addTag(27);
+  writer.addArray(2);
+  writer.addText("NSXPCListenerEndpoint");
+  writer.addArray(2);
+  writer.addUnsigned(0);
+  writer.addUnsigned(1);
+}
 
 void addName(wire::ItemWriter& writer, const Name& name) {
   name.isNil ? writer.addUndefined() : writer.addText(name.text);
@@ -179,8 +230,19 @@ std::vector<wire::Frame> Play::answersOf(Link& link) {
     wire::Frame frame;
     frame.type = static_cast<wire::FrameType>(left[4]);
     frame.body.append(std::span(left).subspan(8, length - 8));
-    frames.push_back(std::move(frame));
     link.read += length;
+    if (frame.type == wire::FrameType::reply) {
+      std::uint64_t call = 0;
+      valueOf(frame, call);
+      const auto told =
+          std::ranges::find_if(waits_, [&](const Wait& each) { return each.link == link.number && each.call == call; });
+      if (told != waits_.end()) {
+        require(!told->isTold, "who waits is told once");
+        told->isTold = true;
+        continue;
+      }
+    }
+    frames.push_back(std::move(frame));
   }
   return frames;
 }
@@ -247,11 +309,22 @@ void Play::makeRoomForName(const Link& link, const Name& name) {
     if (each->second.process == link.process) continue;
     if (newest == names_.end() || each->second.age > newest->second.age) newest = each;
   }
-  names_.erase(newest);
+  forget(newest);
 }
 
-void Play::registerName(Link& link, Input& input) {
+void Play::changed(const std::string& name) {
+  for (Wait& each : waits_) each.isDue = each.isDue || each.name == name;
+}
+
+void Play::forget(std::map<std::string, Entry>::iterator entry) {
+  if (entry == names_.end()) return;
+  changed(entry->first);
+  names_.erase(entry);
+}
+
+void Play::registerName(Link& link, Input& input, bool isNewer) {
   const unsigned choice = input.byte();
+  const bool takesOver = !isNewer || input.byte() % 2 == 0;
   const std::size_t index = choice % endpoints_.size();
   const Name name = readName(input);
   // 3 bits: which endpoint, or none, or one that is none; or the kernel has nothing left to watch it with.
@@ -260,43 +333,131 @@ void Play::registerName(Link& link, Input& input) {
   std::vector<SharedObject> objects{endpoints_[index].handle, endpoints_[index].pipe};
   if (isWrong) std::swap(objects[0], objects[1]);
   const auto arguments = written([&](wire::ItemWriter& writer) {
-    if (isNil) {
-      writer.addUndefined();
-    } else {
-      writer.addTag(27);
-      writer.addArray(2);
-      writer.addText("NSXPCListenerEndpoint");
-      writer.addArray(2);
-      writer.addUnsigned(0);
-      writer.addUnsigned(1);
-    }
-    addName(writer, name);
+    if (isNewer) addName(writer, name);
+    addEndpoint(writer, isNil);
+    isNewer ? writer.addBool(takesOver) : addName(writer, name);
   });
   // Refused before it is a call.
   link.isVague = link.isVague || isWrong;
   if (kind == 3) kernel().duplicateError = EMFILE;
   if (kind == 4) kernel().watchError = ENOSPC;
   std::vector<wire::Frame> answers;
-  const bool isTaken = call(link, kRegister, false, arguments, isNil ? std::vector<SharedObject>() : objects, answers);
+  const bool isTaken = call(link, isNewer ? kRegisterName : kRegister, isNewer, arguments,
+                            isNil ? std::vector<SharedObject>() : objects, answers);
   kernel().duplicateError = kernel().watchError = 0;
   // Arguments are read one after the other, up to the first that is refused.
-  const bool isBroken = !isWrong && !isValidUTF8(name.text);
+  const bool isBroken = (isNewer || !isWrong) && !isValidUTF8(name.text);
   require(!isBroken || !link.isAlive(), "a name that is not UTF-8 breaks the protocol");
   if (!isTaken) return;
   // A pipe that is watched for another name need not be watched anew.
   const bool isWatched = std::ranges::any_of(names_, [&](const auto& each) { return each.second.endpoint == index; });
   const bool mayBe = kind == 0 || kind > 4 || (kind > 2 && isWatched);
+  const bool isNamed = !name.isNil && !name.text.empty() && name.text.size() <= limits::kMaximumNameBytes;
+  const auto standing = isNamed ? names_.find(name.text) : names_.end();
+  const bool isLeft = !takesOver && standing != names_.end() && standing->second.endpoint != index;
+  const bool isGone = endpoints_[index].pipe->hasHungUp;
+  std::uint64_t number = 0;
+  NSObject answer;
+  if (isNewer && !isWrong) {
+    require(answers.size() == 1 && answers[0].type == wire::FrameType::reply, "who registers is answered");
+    std::uint64_t answered = 0;
+    answer = valueOf(answers[0], answered);
+    require(answered == link.lastCall, "who registers is answered");
+    number = answer["registration"].to<std::uint64_t>().value_or(0);
+  }
+  if (mayBe && isLeft) {
+    require(isGone || answer["taken"].boolValue(), "who registers hears that another has the name");
+    require(number == 0 || standing->second.registration == 0 || standing->second.registration == number,
+            "and which registration it is");
+    return;
+  }
   if (mayBe && mayRegister(link, name)) {
-    require(answers.empty(), "a registration is taken without a word");
+    require(isNewer || answers.empty(), "a registration is taken without a word");
+    require(!isNewer || (number != 0 && answer["taken"].isNil()) || isGone, "who registers hears that it stands");
     makeRoomForName(link, name);
-    names_[name.text] = {index, link.number, link.process, ++lastUse_};
+    changed(name.text);
+    names_[name.text] = {index, link.number, link.process, ++lastUse_, number};
     dropGone();
+    return;
+  }
+  if (isNewer && !isWrong) {
+    require(!answer["refused"].isNil() || isGone, "who registers hears why it is refused");
     return;
   }
   std::string reason;
   require(answers.size() == 1 && answers[0].type == wire::FrameType::refusal, "a registration is refused");
   const auto refusal = wire::Refusal::decode(answers[0], reason);
   require(refusal && refusal->identifier == link.lastCall && !refusal->text.empty(), "a refusal says what and why");
+}
+
+void Play::giveBack(Link& link, Input& input) {
+  const unsigned choice = input.byte();
+  const Name name = readName(input);
+  const auto standing = name.isNil ? names_.end() : names_.find(name.text);
+  const std::uint64_t own = standing != names_.end() ? standing->second.registration : 0;
+  const std::uint64_t number = choice % 2 == 0 ? own : std::uint64_t{1} << 40;
+  std::vector<wire::Frame> answers;
+  const auto arguments = written([&](wire::ItemWriter& writer) {
+    addName(writer, name);
+    writer.addUnsigned(number);
+  });
+  const bool isTaken = call(link, kGiveBack, false, arguments, {}, answers);
+  require(isValidUTF8(name.text) || !link.isAlive(), "a name that is not UTF-8 breaks the protocol");
+  if (!isTaken) return;
+  require(answers.empty(), "a name is given back without a word");
+  const auto now = name.isNil ? names_.end() : names_.find(name.text);
+  if (now != names_.end() && number != 0 && now->second.registration == number && now->second.process == link.process) {
+    forget(now);
+  }
+}
+
+std::size_t Play::waitersOf(std::size_t process) const {
+  return static_cast<std::size_t>(
+      std::ranges::count_if(waits_, [&](const Wait& each) { return each.process == process && !each.isDue; }));
+}
+
+bool Play::mayWait(const Link& link, Wait*& leaving) {
+  const std::size_t own = waitersOf(link.process), others = waitersOf(1 - link.process);
+  if (own >= kLimits.waitersOfOneProcess) return false;
+  if (own + others < kLimits.waiters) return true;
+  for (Wait& each : waits_) {
+    if (each.process != link.process && !each.isDue) leaving = &each;
+  }
+  return others > own + 1;
+}
+
+void Play::wait(Link& link, Input& input, bool isForName) {
+  const unsigned choice = input.byte();
+  const Name name = readName(input);
+  const auto standing = name.isNil ? names_.end() : names_.find(name.text);
+  const std::uint64_t own = standing != names_.end() ? standing->second.registration : 0;
+  const std::uint64_t known = isForName || choice % 4 == 0 ? 0 : choice % 4 == 1 ? std::uint64_t{1} << 40 : own;
+  std::vector<wire::Frame> answers;
+  const auto arguments = written([&](wire::ItemWriter& writer) {
+    addName(writer, name);
+    isForName ? writer.addUndefined() : writer.addUnsigned(known);
+  });
+  const bool isTaken = call(link, isForName ? kWaitForName : kWaitForChange, true, arguments, {}, answers);
+  require(isValidUTF8(name.text) || !link.isAlive(), "a name that is not UTF-8 breaks the protocol");
+  if (!isTaken) return;
+  const bool isNamed = !name.isNil && !name.text.empty() && name.text.size() <= limits::kMaximumNameBytes;
+  // A link that was new may have pushed another out, and its waiters with it.
+  std::erase_if(waits_, [this](const Wait& each) {
+    return std::ranges::none_of(links_, [&](const Link& live) { return live.isAlive() && live.number == each.link; });
+  });
+  const bool stands = names_.contains(name.text);
+  if (isNamed && (stands ? known == 0 || known != own : known != 0)) {
+    require(answers.size() == 1 && answers[0].type == wire::FrameType::reply, "what is so already is told at once");
+    return;
+  }
+  Wait* leaving = nullptr;
+  if (isNamed && mayWait(link, leaving)) {
+    require(answers.empty(), "who waits is told nothing yet");
+    if (leaving != nullptr) leaving->isDue = true;
+    waits_.push_back({link.number, link.process, link.lastCall, name.text});
+    return;
+  }
+  require(answers.size() == 1 && answers[0].type == wire::FrameType::refusal, "a wait is refused");
 }
 
 void Play::lookUp(Link& link, const Name& name) {
@@ -325,7 +486,7 @@ void Play::kill(Link& link, const Name& name) {
   require(isValidUTF8(name.text) || !link.isAlive(), "a name that is not UTF-8 breaks the protocol");
   if (!isTaken) return;
   require(answers.empty(), "a name is dropped without a word");
-  if (!name.isNil) names_.erase(name.text);
+  if (!name.isNil) forget(names_.find(name.text));
 }
 
 void Play::callWithAnything(Link& link, const char* selector, Bytes arguments) {
@@ -340,7 +501,7 @@ void Play::callWithAnything(Link& link, const char* selector, Bytes arguments) {
   wire::ValueDecoder decoder(frame);
   NSObject name;
   if (decoder.next(strings, name) == wire::ValueDecoder::Outcome::value && decoder.atEnd() && !name.isNil()) {
-    names_.erase(name.stringValue());
+    forget(names_.find(std::string(name.stringValue())));
   }
 }
 
@@ -361,7 +522,10 @@ void Play::endListener(std::size_t index) {
 }
 
 void Play::dropGone() {
-  std::erase_if(names_, [this](const auto& each) { return endpoints_[each.second.endpoint].pipe->hasHungUp; });
+  for (auto next = names_.begin(); next != names_.end();) {
+    const auto each = next++;
+    if (endpoints_[each->second.endpoint].pipe->hasHungUp) forget(each);
+  }
 }
 
 std::size_t Play::keptLinks() const {
@@ -370,7 +534,7 @@ std::size_t Play::keptLinks() const {
 }
 
 void Play::step(Input part) {
-  const unsigned what = part.byte() % 11;
+  const unsigned what = part.byte() % 15;
   Link& link = linkAt(part.byte());
   switch (what) {
     case 3:
@@ -398,14 +562,34 @@ void Play::step(Input part) {
     case 10:
       ReactorDriver::letTimePass();
       break;
+    case 11:
+      registerName(link, part, true);
+      break;
+    case 12:
+      giveBack(link, part);
+      break;
+    case 13:
+    case 14:
+      wait(link, part, what == 13);
+      break;
     default:
-      registerName(link, part);
+      registerName(link, part, false);
       break;
   }
   compare();
 }
 
-void Play::compare() const {
+void Play::compare() {
+  for (Link& link : links_) {
+    if (link.isAlive()) require(answersOf(link).empty(), "nobody is told what nobody has asked");
+  }
+  std::erase_if(waits_, [this](const Wait& each) {
+    const bool isThere =
+        std::ranges::any_of(links_, [&](const Link& link) { return link.isAlive() && link.number == each.link; });
+    require(!isThere || each.isDue == each.isTold, "who waits is told when it is so, and not before");
+    return !isThere || each.isDue;
+  });
+  require(broker_->waiterCount() == waits_.size(), "as many wait as are still to be told");
   require(broker_->nameCount() == names_.size(), "as many names stand as were registered");
   require(broker_->linkCount() == keptLinks(), "as many links are kept as live");
 }

@@ -67,7 +67,7 @@ std::vector<NSObject> values() {
           NSError::errorWithDomain("org.velto.VeltoIPC", 3, {{"NSLocalizedDescription", "not today"}, {"why", date}}),
           Box::holding(NSDictionary{{"in", Box::holding("a box")}}),
           VKTLogAnchor::anchorWithFile("file.cpp", 12, "function"),
-          NSArray{newEndpoint(), newEndpoint()},
+          NSArray{newEndpoint(), newFileDescriptor(), newEndpoint()},
           nested};
 }
 
@@ -233,6 +233,13 @@ void makeBrokerSeeds(Folder folder) {
   folder.add(step(3, 0, a) + step(3, 1, a) + step(3, 2, a) + step(3, 0, a) + step(3, 3, a) + step(3, 0, b));
   folder.add(enter(0, 0) + enter(0, 1) + enter(0, 2) + step(6, 0, {}) + enter(0, 3) + enter(0, 4) + enter(1, 5) +
              step(5, 1, {0}) + enter(1, 5));
+  // Taken over, waited for, given back; by two processes, to the limits of those that wait.
+  folder.add(step(13, 1, Seed{0} + a) + step(11, 0, Seed{0, 0} + a) + step(14, 0, Seed{2} + a) +
+             step(11, 3, Seed{1, 1} + a) + step(11, 3, Seed{1, 0} + a) + step(14, 0, Seed{2} + a) +
+             step(12, 0, Seed{0} + a) + step(12, 3, Seed{0} + a));
+  const Seed waits = step(13, 0, Seed{0} + a) + step(13, 0, Seed{0} + b) + step(14, 1, Seed{0} + a);
+  folder.add(waits + step(13, 0, Seed{0} + a) + step(13, 3, Seed{0} + a) + step(13, 3, Seed{0} + b) +
+             step(13, 3, Seed{0} + a) + step(0, 2, Seed{0} + a) + step(6, 0, {}) + step(0, 2, Seed{0} + b));
   for (const Frame& each : messages()) {
     folder.add(step(0, 0, Seed{0} + a) + step(9, 0, Seed{static_cast<std::uint8_t>(each.type)} + each.body) +
                step(3, 0, a));

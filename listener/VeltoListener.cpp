@@ -7,12 +7,13 @@
 #include <utility>
 
 #include "broker/DaemonConnection.h"
+#include "message/CallbackDelivery.h"
 #include "message/DelegateCalls.h"
 #include "message/Errors.h"
 #include "message/InstanceBody.h"
 #include "message/PeerProtocol.h"
 #include "platform/foundation/Box.h"
-#include "platform/logging/VeltoLogging.h"
+#include "platform/logging/OrderlyEnd.h"
 #include "platform/xpc/NSXPCListener.h"
 
 VeltoListener::VeltoListener()
@@ -38,27 +39,37 @@ std::shared_ptr<VeltoListener> VeltoListener::init() {
 std::shared_ptr<VeltoListener> VeltoListener::initWithServiceName(
     const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate) {
   auto made = init();
-  made->storedServiceName = serviceName;
-  made->setDelegate(withDelegate);
-  made->setDaemonConnection(setupDaemonConnection(withDelegate));
-  made->registerEndpoint(serviceName);
-  // Without one (the kernel had nothing left for it) the broker refuses the nil endpoint, and the delegate hears so.
-  if (made->_listener) {
-    made->_listener->setDelegate(made);
-    made->_listener->resume();
-  }
+  made->start(serviceName, withDelegate);
   return made;
+}
+
+void VeltoListener::start(const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate) {
+  storedServiceName = serviceName;
+  setDelegate(withDelegate);
+  setDaemonConnection(setupDaemonConnection(withDelegate, _callbacks));
+  registerEndpoint(serviceName);
+  // Without one (the kernel had nothing left for it) the broker refuses the nil endpoint, and the delegate hears so.
+  if (!_listener) return;
+  _listener->setDelegate(shared_from_this());
+  _listener->resume();
 }
 
 void VeltoListener::registerEndpoint(const NSString& serviceName) {
   const auto broker = daemonConnection()->remoteObjectProxyWithErrorHandler<VeltoIPCDaemonProtocol>(
       [weakSelf = weak_from_this()](const NSError& error) {
-        VKTLoggingLog(VKTLogGetAnchor(), 0, "Velto Remote Proxy Error %@", error);
-        if (const auto self = weakSelf.lock()) self->report(nil, error);
+        velto::logEnd(VKTLogGetAnchor(), 0, "Velto Remote Proxy Error %@", error);
+        if (const auto self = weakSelf.lock()) self->registrationFailed(error);
       });
   VKTLoggingLog(VKTLogGetAnchor(), 2, "Sending ListenerEndpoint");
   const NSXPCListenerEndpoint endpoint = _listener ? _listener->endpoint() : NSXPCListenerEndpoint();
   broker->call<&VeltoIPCDaemonProtocol::sendListenerConnection>(endpoint, serviceName);
+}
+
+void VeltoListener::registrationFailed(const NSError& error) {
+  if (!_callbacks) return report(nil, error);
+  _callbacks->run([weakSelf = weak_from_this(), error] {
+    if (const auto self = weakSelf.lock()) self->report(nil, error);
+  });
 }
 
 bool VeltoListener::listener(const std::shared_ptr<NSXPCListener>&,
@@ -68,12 +79,37 @@ bool VeltoListener::listener(const std::shared_ptr<NSXPCListener>&,
   VKTLoggingLog(VKTLogGetAnchor(), 2, "VeltoListener Setting Up New Connection: %@", identifier);
   velto::configureListenerEnd(connection, shared_from_this());
   installHandlers(connection, identifier);
+  if (_callbacks) {
+    acceptElsewhere(shouldAcceptNewConnection, identifier);
+    return true;
+  }
   connection.resume();
   record(shouldAcceptNewConnection, identifier);
   VKTLoggingLog(VKTLogGetAnchor(), 2, "Sending ConnectionUUID %@", identifier);
   velto::tellReady(delegate(), identifier);
   introduce(connection, identifier);
   return true;
+}
+
+// The client is told how it stands without anything of the user's: it may be waited for by whoever would run that. The
+// delegate's turn comes before all that the client sends, and its end is told in its turn; but those who wait for a
+// reply hear of that at once.
+void VeltoListener::acceptElsewhere(const std::shared_ptr<NSXPCConnection>& connection, const NSString& identifier) {
+  _callbacks->adopt(*connection, [weakSelf = weak_from_this(), identifier] {
+    if (const auto self = weakSelf.lock()) self->close(identifier);
+  });
+  record(connection, identifier);
+  const auto proxy = makeClientProxy(*connection, identifier);
+  proxy->call<&VeltoCommunicationMessageProtocol::setStrictMessageTypesRemote>(strictMessageTypeSet.load());
+  proxy->call<&VeltoCommunicationMessageProtocol::connectionUUID>(identifier);
+  _callbacks->perform(*connection, [weakSelf = weak_from_this(), identifier, boxed = velto::box(proxy)] {
+    const auto self = weakSelf.lock();
+    if (!self) return;
+    velto::tellReady(self->delegate(), identifier);
+    const NSSynchronized monitor(self->connectionConditions());
+    if (self->isConnectionActive_internal(identifier)) self->receivedProxyObjects().setObject(boxed, identifier);
+  });
+  connection->resume();
 }
 
 void VeltoListener::record(const std::shared_ptr<NSXPCConnection>& connection, const NSString& identifier) {
@@ -118,7 +154,7 @@ std::shared_ptr<velto::PeerProxy> VeltoListener::makeClientProxy(NSXPCConnection
                                                                  const NSString& identifier) {
   return connection.remoteObjectProxyWithErrorHandler<VeltoCommunicationMessageProtocol>(
       [weakSelf = weak_from_this(), identifier](const NSError& error) {
-        VKTLoggingLog(VKTLogGetAnchor(), 0, "VeltoIPCListener Remote Proxy Error %@", error);
+        velto::logEnd(VKTLogGetAnchor(), 0, "VeltoIPCListener Remote Proxy Error %@", error);
         if (const auto self = weakSelf.lock()) self->report(identifier, error);
       });
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/NSFileDescriptor.h"
 
 using ::testing::ElementsAre;
 using velto::xpc::Requirement;
@@ -62,6 +63,14 @@ TEST(PeerProtocol, TheDefaultSetsAdmitNoAnchor) {
   const NSString message = "connectionID:withMessage:handler:";
   EXPECT_FALSE(interface->classesForSelector(message, 1, false).containsObject(VKTLogAnchor::classObject()));
   EXPECT_FALSE(interface->classesForSelector(message, 0, true).containsObject(VKTLogAnchor::classObject()));
+}
+
+// So nobody holds the descriptors that a peer puts into a message.
+TEST(PeerProtocol, NoMessageAndNoReplyClaimsADescriptor) {
+  NSFileDescriptor::classObject();
+  const auto interface = velto::makePeerInterface();
+  EXPECT_EQ(interface->claimableDescriptors(false), 0U);
+  EXPECT_EQ(interface->claimableDescriptors(true), 0U);
 }
 
 TEST(PeerProtocol, EveryPlainClassIsAdmittedInMessagesAndReplies) {

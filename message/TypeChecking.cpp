@@ -3,6 +3,7 @@
 #include "message/TypeChecking.h"
 
 #include <algorithm>
+#include <string>
 
 #include "message/ValuePath.h"
 #include "platform/foundation/Foundation.h"
@@ -26,7 +27,9 @@ class Entries : public velto::ObjectIterator {
 // One check of one message.
 class TypeCheck {
  public:
-  explicit TypeCheck(velto::WalkBound& bound) : bound_(bound) {}
+  // A quiet one writes no line.
+  explicit TypeCheck(velto::WalkBound& bound, bool isQuiet = false, const Class& alsoPlain = nil)
+      : bound_(bound), isQuiet_(isQuiet), alsoPlain_(alsoPlain) {}
 
   bool dictionary(const NSDictionary& dictionary) {
     const velto::WalkBound::Level level(bound_);
@@ -59,6 +62,8 @@ class TypeCheck {
 
   // Where what failed lies.
   const velto::ValuePath& place() const noexcept { return place_; }
+  // Of what class it is; or how much there is too much.
+  const std::string& reason() const noexcept { return reason_; }
 
  private:
   bool accepts(const NSObject& value) {
@@ -76,24 +81,32 @@ class TypeCheck {
     if (value.is<NSString>() || value.is<NSNumber>()) return true;
     if (value.is<NSDictionary>()) return dictionary(value.as<NSDictionary>());
     if (value.is<NSArray>()) return array(value.as<NSArray>());
-    return value.is<NSData>() || isOfKind<NSString, NSNumber, NSDictionary, NSArray, NSData>(value);
+    return value.is<NSData>() || isOfKind<NSString, NSNumber, NSDictionary, NSArray, NSData>(value) ||
+           (alsoPlain_ && value.isKindOfClass(alsoPlain_));
   }
 
-  static bool refuseClass(const NSObject& value) {
+  bool refuseClass(const NSObject& value) {
     const Class aClass = value.getClass();
+    // The innermost tells.
+    if (reason_.empty()) reason_ = "is of class " + aClass.name().string();
+    if (isQuiet_) return false;
     VKTLoggingLog(VKTLogGetAnchor(), 0, "Failed Type Checking with the following object %@ with ClassName %@", aClass,
                   NSStringFromClass(aClass));
     return false;
   }
 
-  bool refuseDepth() const {
+  bool refuseDepth() {
+    reason_ = "nests more than " + std::to_string(bound_.maximumDepth()) + " levels deep";
+    if (isQuiet_) return false;
     VKTLoggingLog(VKTLogGetAnchor(), 0,
                   "Failed Type Checking: containers nest %u levels deep, at most %u can be checked",
                   bound_.maximumDepth() + 1, bound_.maximumDepth());
     return false;
   }
 
-  bool refuseCount() const {
+  bool refuseCount() {
+    reason_ = "is one of more than " + std::to_string(bound_.maximumObjects()) + " values";
+    if (isQuiet_) return false;
     VKTLoggingLog(VKTLogGetAnchor(), 0, "Failed Type Checking: the message holds %u values, at most %u can be checked",
                   bound_.maximumObjects() + 1, bound_.maximumObjects());
     return false;
@@ -101,6 +114,9 @@ class TypeCheck {
 
   velto::WalkBound& bound_;
   velto::ValuePath place_;
+  std::string reason_;
+  const bool isQuiet_;
+  const Class alsoPlain_;
 };
 
 }  // namespace
@@ -123,6 +139,14 @@ bool checkDictionaryWithin(WalkBound& bound, const NSDictionary& dictionary) {
 
 bool checkArrayWithin(WalkBound& bound, const NSArray& array) {
   return TypeCheck(bound).array(array);
+}
+
+std::optional<std::string> whyNotPlain(const NSDictionary& message, const Class& alsoPlain) {
+  WalkBound bound;
+  TypeCheck check(bound, true, alsoPlain);
+  if (check.dictionary(message)) return std::nullopt;
+  const std::string place = check.place().object().description().string();
+  return (place.empty() ? "the message" : place) + " " + check.reason();
 }
 
 bool checkMessage(const NSDictionary& message) {

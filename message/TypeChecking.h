@@ -1,5 +1,9 @@
 #pragma once
 
+#include <optional>
+#include <string>
+
+#include "platform/foundation/Class.h"
 #include "platform/foundation/NSArray.h"
 #include "platform/foundation/NSDictionary.h"
 #include "platform/foundation/WalkBound.h"
@@ -21,5 +25,8 @@ bool checkArrayWithin(WalkBound& bound, const NSArray& array);
 // What an end asks before it sends: the same, and behind the check's lines one of level 2 tells where what failed lies:
 // "What is refused lies at orders[2].when".
 bool checkMessage(const NSDictionary& message);
+// The same without any line: nothing, or what lies where, as in "orders[2].when is of class NSDate".
+// Another class may be among what is plain.
+std::optional<std::string> whyNotPlain(const NSDictionary& message, const Class& alsoPlain = nil);
 
 }  // namespace velto

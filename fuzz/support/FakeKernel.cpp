@@ -376,6 +376,11 @@ int FakeKernel::setSendBuffer(int, int) {
 int FakeKernel::socketStream() {
   return open(std::make_shared<KernelObject>(ObjectKind::stream));
 }
+// What a pair says to itself is nobody's input: two streams whose other ends are in the fuzzer's hands, as any.
+int FakeKernel::socketPair(int (&ends)[2]) {
+  for (int& end : ends) end = socketStream();
+  return 0;
+}
 int FakeKernel::epollCreate() {
   return open(std::make_shared<KernelObject>(ObjectKind::events));
 }

@@ -84,6 +84,7 @@ class FakeKernel final : public system::SystemCalls {
   SharedObject connected;
 
   int socketStream() override;
+  int socketPair(int (&ends)[2]) override;
   int bind(int socket, const char* path) override;
   int connect(int socket, const char* path) override;
   int listen(int socket, int backlog) override;

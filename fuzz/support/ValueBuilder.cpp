@@ -86,7 +86,7 @@ class Builder {
       case 24:
         return Box::holding(object(level + 1));
       case 25:
-        return newEndpoint();
+        return input_.byte() % 4 == 3 ? NSObject(newFileDescriptor()) : NSObject(newEndpoint());
       case 26:
         return tower(level);
       case 27:

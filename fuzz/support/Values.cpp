@@ -64,14 +64,15 @@ Class SmallBox::classObject() {
 
 const std::vector<Class>& travellingClasses() {
   static const std::vector<Class>& all =
-      *new std::vector<Class>{NSString::classObject(),     NSNumber::classObject(),
-                              NSDictionary::classObject(), NSArray::classObject(),
-                              NSData::classObject(),       NSDate::classObject(),
-                              NSNull::classObject(),       NSSet::classObject(),
-                              NSUUID::classObject(),       NSURL::classObject(),
-                              NSError::classObject(),      Box::classObject(),
-                              VKTLogAnchor::classObject(), NSXPCListenerEndpoint::classObject(),
-                              SmallBox::classObject(),     NSObject::classObject()};
+      *new std::vector<Class>{NSString::classObject(),        NSNumber::classObject(),
+                              NSDictionary::classObject(),    NSArray::classObject(),
+                              NSData::classObject(),          NSDate::classObject(),
+                              NSNull::classObject(),          NSSet::classObject(),
+                              NSUUID::classObject(),          NSURL::classObject(),
+                              NSError::classObject(),         Box::classObject(),
+                              VKTLogAnchor::classObject(),    NSXPCListenerEndpoint::classObject(),
+                              SmallBox::classObject(),        NSObject::classObject(),
+                              NSFileDescriptor::classObject()};
   return all;
 }
 
@@ -81,11 +82,20 @@ const wire::ClassSet& everything() {
   return all;
 }
 
+namespace {
+
+system::SharedDescriptor owned(ObjectKind kind) {
+  return std::make_shared<const system::Descriptor>(
+      system::Descriptor(FakeKernel::shared().open(std::make_shared<KernelObject>(kind))));
+}
+
+}  // namespace
+
+NSFileDescriptor newFileDescriptor() {
+  return NSFileDescriptor::fileDescriptorWithDescriptor(owned(ObjectKind::readEnd));
+}
+
 NSXPCListenerEndpoint newEndpoint() {
-  const auto owned = [](ObjectKind kind) {
-    return std::make_shared<const system::Descriptor>(
-        system::Descriptor(FakeKernel::shared().open(std::make_shared<KernelObject>(kind))));
-  };
   return NSXPCListenerEndpoint::endpointWithDescriptors(owned(ObjectKind::handle), owned(ObjectKind::readEnd));
 }
 

@@ -7,6 +7,7 @@
 #include "fuzz/support/Input.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/foundation/NSCoding.h"
+#include "platform/xpc/NSFileDescriptor.h"
 #include "platform/xpc/NSXPCListenerEndpoint.h"
 #include "platform/xpc/wire/ClassSet.h"
 #include "platform/xpc/wire/Frame.h"
@@ -37,6 +38,7 @@ const wire::ClassSet& everything();
 
 // A new one, with two descriptors of its own.
 NSXPCListenerEndpoint newEndpoint();
+NSFileDescriptor newFileDescriptor();
 
 // Visits every object for which admission is due, at every depth: not the parts of an error.
 void walk(const NSObject& value, const std::function<void(const NSObject&)>& visit);

@@ -18,6 +18,7 @@
 #include "fuzz/support/Require.h"
 #include "fuzz/support/Values.h"
 #include "platform/foundation/Foundation.h"
+#include "platform/xpc/NSFileDescriptor.h"
 #include "platform/xpc/NSXPCListenerEndpoint.h"
 
 namespace velto::fuzzing {
@@ -123,6 +124,10 @@ class Tree {
     if (const auto box = value.as<Box>(); !box.isNil()) {
       expectText(parts[0], "FuzzBox");
       return expect(parts[1], box.contents());
+    }
+    if (value.is<NSFileDescriptor>()) {
+      expectText(parts[0], "NSFileDescriptor");
+      return expectInteger(list(parts[1], 1)[0], descriptors_++);
     }
     require(value.is<NSXPCListenerEndpoint>(), "what was written is known");
     expectText(parts[0], "NSXPCListenerEndpoint");

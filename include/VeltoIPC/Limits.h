@@ -7,7 +7,7 @@
 
 namespace velto::limits {
 
-// What clients can make the broker hold. The three totals are what all processes share: at one of them, the process
+// What clients can make the broker hold. The four totals are what all processes share: at one of them, the process
 // that holds the most makes room for one that holds less.
 
 // Names that stand at once. Each takes three descriptors.
@@ -19,6 +19,11 @@ inline constexpr std::size_t kBrokerNamesOfOneLink = 64;
 // Links that are open at once: one for every connection and every listener of the library, of all processes. Each takes
 // one descriptor.
 inline constexpr std::size_t kBrokerLinks = 16384;
+// Who waits at once until something becomes of a name: a client for its service, a service for what becomes of its own.
+// None takes a descriptor.
+inline constexpr std::size_t kBrokerWaiters = 16384;
+// Of them those of one process: an eighth. As many as all names of a process, and as many again.
+inline constexpr std::size_t kBrokerWaitersOfOneProcess = 2048;
 // Descriptors of one name: the endpoint's two, and one to watch over its listener.
 inline constexpr std::size_t kBrokerDescriptorsOfOneName = 3;
 // Descriptors that one link can make the broker keep: the link's own, and those of its names.

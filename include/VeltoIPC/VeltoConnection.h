@@ -9,7 +9,11 @@
 #include "platform/foundation/AtomicProperty.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/foundation/ThreadAnnotations.h"
+#include "platform/xpc/contract/Delivery.h"
 
+namespace velto {
+class CallbackDelivery;
+}
 class NSXPCConnection;
 class NSXPCListenerEndpoint;
 template <class P>
@@ -33,6 +37,15 @@ class VELTO_EXPORT VeltoConnection final : public NSObject,
   // waitUntilReady(). The delegate is held weakly and may be null.
   [[nodiscard]] static std::shared_ptr<VeltoConnection> initWithServiceName(
       const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate);
+  // The same, but everything of the user's runs in a loop of his, or by an executor: the delegate, handlers, and what
+  // they hold is let go of there. The thread that runs the loop may wait, in waitUntilReady() and in synchronous sends:
+  // these end as they do elsewhere. Only what itself waits for that loop, such as a reply of the same program's
+  // delegate, cannot come before the wait is over: then it takes its whole time-out, and for ever without one. What
+  // comes and is not run counts against the credit of whoever sends. An end is told when its turn comes, and until then
+  // holds the object (or until the loop is gone); to send is refused at once.
+  [[nodiscard]] static std::shared_ptr<VeltoConnection> initWithServiceName(
+      const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate,
+      const velto::Delivery& delivery);
   // An object without a service name, which never becomes ready.
   [[nodiscard]] static std::shared_ptr<VeltoConnection> init();
   ~VeltoConnection() override;
@@ -93,14 +106,24 @@ class VELTO_EXPORT VeltoConnection final : public NSObject,
  private:
   VeltoConnection();
 
+  void start(const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate);
   void lookUp(const NSString& serviceName);
+  void lookUpFailed(const NSError& error);
   void configure(const NSXPCListenerEndpoint& endpoint);
   void installHandlers(NSXPCConnection& connection);
+  void deliverElsewhere(NSXPCConnection& connection);
+  void becomeReady(const NSString& connectionID);
+  void becomeReadyElsewhere(const NSString& connectionID);
+  void record(NSError error);
   std::shared_ptr<NSXPCProxy<VeltoCommunicationMessageProtocol>> makeListenerProxy(NSXPCConnection& connection);
   // Registers a synchronous send, or with a nil condition takes it out.
   void setMessageCondition(const NSCondition& condition, const NSUUID& key);
 
   NSString _serviceName;
+  // Null where the platform's threads run them.
+  std::shared_ptr<const velto::CallbackDelivery> _callbacks;
+  // Of those, one that is about to tell of readiness.
+  std::atomic<bool> _isReadyUntold;
   std::atomic<bool> _strictMessageTypeSet;
   velto::AtomicProperty<NSString> _connectionUUID;
   NSCondition _connectionCondition;

@@ -15,9 +15,9 @@ using VeltoReplyHandler = std::function<void(NSDictionary reply)>;
 // keep it alive yourself.
 //
 // Threads: every callback runs on a thread of the library's platform, never on yours, and with no lock of the library
-// held. Callbacks about one connection come one at a time, in order; callbacks about different connections, and about
-// the link to the broker, may run at the same time. A callback may call anything on either class, send synchronously
-// and close included.
+// held; or, if the object was made with a velto::Delivery, there and nowhere else. Callbacks about one connection come
+// one at a time, in order; callbacks about different connections, and about the link to the broker, may run at the same
+// time. A callback may call anything on either class, send synchronously and close included.
 //
 // A callback that sleeps, in a synchronous send or in an NSCondition, may be overtaken by the end of its own
 // connection: connectionError() about it then runs meanwhile, on another thread, since the sleeper may be waiting for

@@ -9,7 +9,11 @@
 #include "VeltoIPC/VeltoIPCDelegate.h"
 #include "platform/foundation/AtomicProperty.h"
 #include "platform/foundation/Foundation.h"
+#include "platform/xpc/contract/Delivery.h"
 
+namespace velto {
+class CallbackDelivery;
+}
 class NSOperationQueue;
 class NSXPCConnection;
 class NSXPCListener;
@@ -34,6 +38,11 @@ class VELTO_EXPORT VeltoListener final : public NSObject,
   // null.
   [[nodiscard]] static std::shared_ptr<VeltoListener> initWithServiceName(
       const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate);
+  // The same, but everything of the user's runs in a loop of his, or by an executor, as with VeltoConnection. A client
+  // may be ready before the delegate has heard of it.
+  [[nodiscard]] static std::shared_ptr<VeltoListener> initWithServiceName(
+      const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate,
+      const velto::Delivery& delivery);
   // A listener that is registered nowhere and accepts nothing.
   [[nodiscard]] static std::shared_ptr<VeltoListener> init();
   ~VeltoListener() override;
@@ -94,7 +103,10 @@ class VELTO_EXPORT VeltoListener final : public NSObject,
  private:
   VeltoListener();
 
+  void start(const NSString& serviceName, const std::shared_ptr<VeltoIPCDelegate>& withDelegate);
   void registerEndpoint(const NSString& serviceName);
+  void registrationFailed(const NSError& error);
+  void acceptElsewhere(const std::shared_ptr<NSXPCConnection>& connection, const NSString& identifier);
   void record(const std::shared_ptr<NSXPCConnection>& connection, const NSString& identifier);
   void introduce(NSXPCConnection& connection, const NSString& identifier);
   void installHandlers(NSXPCConnection& connection, const NSString& identifier);
@@ -110,6 +122,8 @@ class VELTO_EXPORT VeltoListener final : public NSObject,
   // In this order they are destroyed, last first.
   std::shared_ptr<NSXPCListener> _listener;
   NSString storedServiceName;
+  // Null where the platform's threads run them.
+  std::shared_ptr<const velto::CallbackDelivery> _callbacks;
   // Never made: the platform's own queues serve.
   std::shared_ptr<NSOperationQueue> listenerQueue;
   std::atomic<bool> strictMessageTypeSet;

@@ -11,12 +11,15 @@
 #include "platform/foundation/NSString.h"
 #include "platform/foundation/ShownText.h"
 #include "platform/foundation/ValueText.h"
+#include "platform/foundation/WalkBound.h"
 
 namespace velto {
 namespace {
 
 // Seconds in a double, rounded from ticks of whatever kind, are closer to them than this.
 constexpr double kSecondsOff = 1e-6;
+// Of an enumeration, for people.
+constexpr std::size_t kNamesTold = 8;
 
 std::string kindOf(const NSObject& found) {
   switch (found.value().tag()) {
@@ -99,6 +102,27 @@ void Mismatch::isOutside(const NSObject& found, std::int64_t minimum, std::uint6
 
 void Mismatch::hasEqualParts(std::string_view parts) {
   reason_ = "has " + std::string(parts) + " that the type does not tell apart";
+}
+
+void Mismatch::isNoneOf(const NSObject& found, std::span<const std::string_view> names) {
+  std::string wanted = "one of ";
+  for (std::size_t at = 0; at < std::min(names.size(), kNamesTold); ++at) {
+    wanted += (at > 0 ? ", " : "") + std::string(names[at]);
+  }
+  isOnly(found, names.size() > kNamesTold ? wanted + ", …" : wanted);
+}
+
+void Mismatch::isNoField() {
+  reason_ = "there is no such field";
+}
+
+bool Mismatch::enterStruct() {
+  if (structs_ == kMaximumNestedStructs) {
+    reason_ = "nests deeper than " + std::to_string(kMaximumNestedStructs) + " structs";
+    return false;
+  }
+  ++structs_;
+  return true;
 }
 
 void Mismatch::inElement(std::size_t index) {

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -29,6 +31,9 @@ class VELTO_EXPORT Mismatch {
   void has(std::size_t count, std::string_view what, std::size_t wanted);
   void isOutside(const NSObject& found, std::int64_t minimum, std::uint64_t maximum);
   void hasEqualParts(std::string_view parts);
+  // "is blue, not one of red, green"
+  void isNoneOf(const NSObject& found, std::span<const std::string_view> names);
+  void isNoField();
   // What was told is about an element of an array, or about the value under a key.
   void inElement(std::size_t index);
   void underKey(const NSObject& key);
@@ -36,7 +41,12 @@ class VELTO_EXPORT Mismatch {
   // "a.b[2]: is a string, not a number", of a value that is found at `place`.
   std::string text(std::string_view place) const;
 
+  // One struct in another, and out again: false, and told, if it is one too many.
+  bool enterStruct();
+  void leaveStruct() noexcept { --structs_; }
+
  private:
+  std::size_t structs_ = 0;
   std::string place_;
   std::string reason_;
 };
@@ -66,6 +76,11 @@ struct PathEnd {
 // Writes what the value is to `into`, and returns true; else says why it is not that, if somebody wants to know.
 template <class T>
 [[nodiscard]] bool comeOut(const NSObject& from, T& into, Mismatch* why);
+// StructOut.h has these two.
+template <class T>
+[[nodiscard]] bool structOut(const NSObject& from, T& into, Mismatch* why);
+template <class T>
+[[nodiscard]] bool nameOut(const NSObject& from, T& into, Mismatch* why);
 
 inline bool isOfNumbers(const NSObject& value) noexcept {
   return value.value().tag() >= Tag::signedInteger && value.value().tag() <= Tag::floatingPoint;
@@ -244,6 +259,13 @@ inline bool isArrayOf(const NSObject& from, std::size_t count, Mismatch* why) {
   return false;
 }
 
+// Memory for so many elements before any has come out: no more than what they have come in takes, or little.
+template <class T>
+std::size_t countToReserve(std::size_t count) {
+  constexpr std::size_t kLittleBytes = 4096;
+  return std::min(count, std::max(count * sizeof(NSObject), kLittleBytes) / sizeof(shape::ElementOf<T>));
+}
+
 template <class T>
 bool arrayOut(const NSObject& from, T& into, Mismatch* why) {
   const Slots elements = slotsOf(from);
@@ -254,7 +276,7 @@ bool arrayOut(const NSObject& from, T& into, Mismatch* why) {
     }
   } else {
     if (!isArrayOf(from, elements.count, why)) return false;
-    if constexpr (requires { into.reserve(elements.count); }) into.reserve(elements.count);
+    if constexpr (requires { into.reserve(elements.count); }) into.reserve(countToReserve<T>(elements.count));
     for (std::size_t at = 0; at < elements.count; ++at) {
       shape::ElementOf<T> element{};
       if (!elementOut(elements.first[at], at, element, why)) return false;
@@ -357,6 +379,8 @@ bool comeOut(const NSObject& from, T& into, Mismatch* why) {
     return handleOut(from, into, why);
   } else if constexpr (kForm == PlainForm::number) {
     return numberOut(from, into, why);
+  } else if constexpr (Named<T>) {
+    return nameOut(from, into, why);
   } else if constexpr (kForm == PlainForm::enumerator) {
     std::underlying_type_t<T> number{};
     if (!numberOut(from, number, why)) return false;
@@ -376,6 +400,8 @@ bool comeOut(const NSObject& from, T& into, Mismatch* why) {
     return setOut(from, into, why);
   } else if constexpr (kForm == PlainForm::array) {
     return arrayOut(from, into, why);
+  } else if constexpr (kForm == PlainForm::structure) {
+    return structOut(from, into, why);
   } else {
     return tupleOut(from, into, why, std::make_index_sequence<std::tuple_size_v<T>>());
   }
@@ -399,3 +425,5 @@ velto::Lookup<T> NSObject::get(std::string_view path) const {
   if (velto::comeOut(end.value, value, &why)) return velto::Lookup<T>(std::move(value));
   return velto::Lookup<T>::failed(why.text(end.place));
 }
+
+#include "platform/foundation/StructOut.h"

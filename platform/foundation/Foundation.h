@@ -2,6 +2,7 @@
 
 // Every value class, and what waits and locks.
 #include "platform/foundation/Class.h"
+#include "platform/foundation/Fields.h"
 #include "platform/foundation/NSArray.h"
 #include "platform/foundation/NSCoding.h"
 #include "platform/foundation/NSCondition.h"

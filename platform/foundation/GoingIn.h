@@ -44,6 +44,11 @@ class VELTO_EXPORT ObjectBuilder {
 
 template <class T>
 [[nodiscard]] Value plainValue(T&& value);
+// StructIn.h has these two.
+template <class T>
+[[nodiscard]] Value structValue(const T& from);
+template <class T>
+[[nodiscard]] Value nameValue(T enumerator);
 
 // As an element of an array, set or tuple, which nil cannot be: an empty optional is the null object.
 template <class T>
@@ -146,7 +151,9 @@ template <class T>
 Value plainValue(T&& value) {
   using Type = std::remove_reference_t<T>;
   constexpr PlainForm kForm = shape::formOf<Type>();
-  if constexpr (kForm == PlainForm::enumerator) {
+  if constexpr (Named<std::remove_cv_t<Type>>) {
+    return nameValue<std::remove_cv_t<Type>>(value);
+  } else if constexpr (kForm == PlainForm::enumerator) {
     return NSObject(static_cast<std::underlying_type_t<Type>>(value)).giveUp();
   } else if constexpr (kForm == PlainForm::text) {
     return textLikeValue(value);
@@ -164,6 +171,8 @@ Value plainValue(T&& value) {
     return setValue(value);
   } else if constexpr (kForm == PlainForm::array) {
     return arrayValue(value);
+  } else if constexpr (kForm == PlainForm::structure) {
+    return structValue<std::remove_cv_t<Type>>(value);
   } else {
     return tupleValue(value, std::make_index_sequence<std::tuple_size_v<std::remove_cv_t<Type>>>());
   }
@@ -174,3 +183,5 @@ Value plainValue(T&& value) {
 template <class T>
 // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): no handle, and so no copy, meets the constraint.
 requires velto::PlainValue<T> NSObject::NSObject(T&& value) : value_(velto::plainValue(std::forward<T>(value))) {}
+
+#include "platform/foundation/StructIn.h"

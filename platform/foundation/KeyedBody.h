@@ -52,6 +52,12 @@ class KeyedBody final : public Body {
       return putAny(std::move(key), std::move(value), filter);
     append<2>(key.giveUp(), value.giveUp());
   }
+  // The same of an entry whose key is known not to be there yet, which nobody looks for.
+  void putNew(NSObject key, NSObject value) {
+    if (key.value().tag() == Tag::mutableString) mayHaveChangingKey_ = true;
+    const std::size_t hash = cellCount() == 0 ? 0 : key.hash();
+    appendIndexed(hash, key.giveUp(), value.giveUp());
+  }
   // The same of either, without a filter.
   void put(NSObject key, NSObject value) {
     TextFilter filter = TextFilter::ofAnything();

@@ -117,7 +117,7 @@ class VELTO_EXPORT NSObject {
   // under "a". A backslash before a dot, a bracket or a backslash makes it a part of the key; "" is this value itself.
   // If there is no such value, or the path is none, the result says where and why.
   template <velto::ComesOutOfObject T>
-  [[nodiscard]] velto::Lookup<T> get(std::string_view path) const;
+  [[nodiscard]] velto::Lookup<T> get(std::string_view path = {}) const;
 
   // Equality by value; nil equals nil only. Containers that nest deeper, or are larger, than a walk may go raise an
   // NSException that says so.

@@ -13,6 +13,10 @@ const NSProcessInfo& NSProcessInfo::processInfo() {
   return made;
 }
 
+std::int32_t NSProcessInfo::processIdentifier() const noexcept {
+  return getpid();
+}
+
 NSString NSProcessInfo::globallyUniqueString() const {
   static std::atomic<std::uint64_t> counter{0};
   return NSUUID::UUID().UUIDString().string() + "-" + std::to_string(getpid()) + "-" +

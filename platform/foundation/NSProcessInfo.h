@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include "platform/foundation/Export.h"
 #include "platform/foundation/NSString.h"
 
@@ -10,4 +12,5 @@ class VELTO_EXPORT NSProcessInfo {
 
   // A new string at every call, unique within this process and between processes.
   [[nodiscard]] NSString globallyUniqueString() const;
+  [[nodiscard]] std::int32_t processIdentifier() const noexcept;
 };

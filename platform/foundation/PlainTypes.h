@@ -8,8 +8,11 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
 #include <utility>
+
+#include "platform/foundation/Description.h"
 
 class NSObject;
 class NSString;
@@ -30,7 +33,7 @@ enum class PlainForm {
   object,      // what NSObject has constructors of its own for, every handle, and what converts to one by itself
   number,      // bool, integers, floating point
   text,        // whatever converts to a string
-  enumerator,  // its underlying integer
+  enumerator,  // its underlying integer, or its name
   interval,    // std::chrono::duration: seconds
   date,        // std::chrono::time_point of the system's clock
   optional,
@@ -39,6 +42,7 @@ enum class PlainForm {
   set,
   array,  // any other range
   tuple,
+  structure,  // a dictionary of its members
 };
 
 namespace shape {
@@ -168,6 +172,8 @@ template <class T>
 constexpr PlainForm formOfClass() {
   if constexpr (ConvertsByItself<T>) {
     return PlainForm::object;
+  } else if constexpr (Described<std::remove_cv_t<T>>) {
+    return PlainForm::structure;
   } else if constexpr (TextLike<T>) {
     return PlainForm::text;
   } else if constexpr (Duration<T>) {
@@ -211,27 +217,57 @@ constexpr PlainForm formOf() {
   }
 }
 
+// What can have the entries of a dictionary that are nobody else's.
 template <class T>
+concept HoldsEntries = std::derived_from<T, NSDictionary> || formOf<T>()
+== PlainForm::dictionary;
+
+// The structs that a question has come through: of one that holds itself, in a vector, it has been asked already.
+template <class... Structs>
+struct Within {};
+template <class T, class Outer>
+inline constexpr bool isWithin = false;
+template <class T, class... Structs>
+inline constexpr bool isWithin<T, Within<Structs...>> = (... || std::same_as<T, Structs>);
+
+template <class T, class Outer = Within<>>
 constexpr bool goesIn();
 
-template <class T, std::size_t... kIndex>
+template <class T, class Outer, std::size_t... kIndex>
 constexpr bool elementsGoIn(std::index_sequence<kIndex...>) {
-  return (... && goesIn<std::tuple_element_t<kIndex, std::remove_cv_t<T>>>());
+  return (... && goesIn<std::tuple_element_t<kIndex, std::remove_cv_t<T>>, Outer>());
 }
 
-template <class T>
+template <class T, class... Structs, class... Fields>
+constexpr bool fieldsGoIn(Within<Structs...>, const std::tuple<Fields...>&) {
+  return (... && goesIn<const typename Fields::Type, Within<Structs..., T>>());
+}
+
+template <class T, class Outer>
+constexpr bool structGoesIn() {
+  if constexpr (isWithin<T, Outer>) {
+    return true;
+  } else {
+    return fieldsGoIn<T>(Outer(), fieldsOf<T>);
+  }
+}
+
+template <class T, class Outer>
 constexpr bool goesIn() {
+  using Bare = std::remove_cv_t<T>;
   constexpr PlainForm kForm = formOf<T>();
   if constexpr (kForm == PlainForm::array) {
-    return goesIn<ElementOf<T>>();
+    return goesIn<ElementOf<T>, Outer>();
   } else if constexpr (kForm == PlainForm::set) {
-    return goesIn<typename std::remove_cv_t<T>::key_type>();
+    return goesIn<typename Bare::key_type, Outer>();
   } else if constexpr (kForm == PlainForm::dictionary) {
-    return goesIn<typename std::remove_cv_t<T>::key_type>() && goesIn<typename std::remove_cv_t<T>::mapped_type>();
+    return goesIn<typename Bare::key_type, Outer>() && goesIn<typename Bare::mapped_type, Outer>();
   } else if constexpr (kForm == PlainForm::optional) {
-    return goesIn<typename std::remove_cv_t<T>::value_type>();
+    return goesIn<typename Bare::value_type, Outer>();
   } else if constexpr (kForm == PlainForm::tuple) {
-    return elementsGoIn<T>(std::make_index_sequence<std::tuple_size_v<std::remove_cv_t<T>>>());
+    return elementsGoIn<T, Outer>(std::make_index_sequence<std::tuple_size_v<Bare>>());
+  } else if constexpr (kForm == PlainForm::structure) {
+    return structGoesIn<Bare, Outer>();
   } else {
     return kForm != PlainForm::none;
   }
@@ -247,31 +283,47 @@ concept GrowingRange = requires(T& range, ElementOf<T> element) {
   range.push_back(std::move(element));
 };
 
-template <class T>
+template <class T, class Outer = Within<>>
 constexpr bool comesOut();
 
-template <class T, std::size_t... kIndex>
+template <class T, class Outer, std::size_t... kIndex>
 constexpr bool elementsComeOut(std::index_sequence<kIndex...>) {
-  return (... && comesOut<std::tuple_element_t<kIndex, T>>());
+  return (... && comesOut<std::tuple_element_t<kIndex, T>, Outer>());
 }
 
-template <class T>
+template <class T, class... Structs, class... Fields>
+constexpr bool fieldsComeOut(Within<Structs...>, const std::tuple<Fields...>&) {
+  return (... && comesOut<typename Fields::Type, Within<Structs..., T>>());
+}
+
+template <class T, class Outer>
+constexpr bool structComesOut() {
+  if constexpr (isWithin<T, Outer>) {
+    return true;
+  } else {
+    return fieldsComeOut<T>(Outer(), fieldsOf<T>);
+  }
+}
+
+template <class T, class Outer>
 constexpr bool partsComeOut() {
   constexpr PlainForm kForm = formOf<T>();
   if constexpr (kForm == PlainForm::interval) {
     return std::is_arithmetic_v<typename T::rep>;
   } else if constexpr (kForm == PlainForm::date) {
-    return partsComeOut<typename T::duration>();
+    return partsComeOut<typename T::duration, Outer>();
   } else if constexpr (kForm == PlainForm::optional) {
-    return comesOut<typename T::value_type>();
+    return comesOut<typename T::value_type, Outer>();
   } else if constexpr (kForm == PlainForm::dictionary) {
-    return comesOut<typename T::key_type>() && comesOut<typename T::mapped_type>();
+    return comesOut<typename T::key_type, Outer>() && comesOut<typename T::mapped_type, Outer>();
   } else if constexpr (kForm == PlainForm::set) {
-    return comesOut<typename T::key_type>();
+    return comesOut<typename T::key_type, Outer>();
   } else if constexpr (kForm == PlainForm::array || kForm == PlainForm::bytes) {
-    return (FixedRange<T> || GrowingRange<T>)&&comesOut<ElementOf<T>>();
+    return (FixedRange<T> || GrowingRange<T>)&&comesOut<ElementOf<T>, Outer>();
   } else if constexpr (kForm == PlainForm::tuple) {
-    return elementsComeOut<T>(std::make_index_sequence<std::tuple_size_v<T>>());
+    return elementsComeOut<T, Outer>(std::make_index_sequence<std::tuple_size_v<T>>());
+  } else if constexpr (kForm == PlainForm::structure) {
+    return structComesOut<T, Outer>();
   } else {
     return kForm == PlainForm::number || kForm == PlainForm::enumerator;
   }
@@ -280,7 +332,7 @@ constexpr bool partsComeOut() {
 template <class T>
 concept CanBeFilled = Complete<T> && !std::is_const_v<T> && std::default_initializable<T> && std::movable<T>;
 
-template <class T>
+template <class T, class Outer>
 constexpr bool comesOut() {
   if constexpr (!CanBeFilled<T>) {
     return false;
@@ -289,20 +341,21 @@ constexpr bool comesOut() {
       T::classObject();
     };
   } else {
-    return std::same_as<T, std::string> || partsComeOut<T>();
+    return std::same_as<T, std::string> || partsComeOut<T, Outer>();
   }
 }
 
 }  // namespace shape
 
 // What becomes an object where an object is expected: bool, numbers, text, handles, enumerators, durations, points in
-// time, and optionals, ranges, maps, sets, pairs and tuples of what does. Pointers do not, but for the text at a
-// `const char*`.
+// time, structs that describe themselves (Fields.h), and optionals, ranges, maps, sets, pairs and tuples of what does.
+// Pointers do not, but for the text at a `const char*`.
 template <class T>
 concept BecomesObject = shape::goesIn<std::remove_reference_t<T>>();
 
 // What an object can be asked for by NSObject::to() and get(): bool, numbers, std::string, handles, enumerators,
-// durations, points in time, and optionals, containers, pairs and tuples of what can be.
+// durations, points in time, structs that describe themselves, and optionals, containers, pairs and tuples of what can
+// be.
 template <class T>
 concept ComesOutOfObject = shape::comesOut<T>();
 
@@ -315,8 +368,8 @@ template <class T>
 concept BecomesArray = BecomesObject<T> &&(shape::formOf<std::remove_reference_t<T>>() == PlainForm::array ||
                                            shape::formOf<std::remove_reference_t<T>>() == PlainForm::tuple);
 template <class T>
-concept BecomesDictionary = BecomesObject<T> && shape::formOf<std::remove_reference_t<T>>()
-== PlainForm::dictionary;
+concept BecomesDictionary = BecomesObject<T> &&(shape::formOf<std::remove_reference_t<T>>() == PlainForm::dictionary ||
+                                                shape::formOf<std::remove_reference_t<T>>() == PlainForm::structure);
 template <class T>
 concept BecomesSet = BecomesObject<T> && shape::formOf<std::remove_reference_t<T>>()
 == PlainForm::set;

@@ -9,6 +9,9 @@ namespace velto {
 // Containers that nest deeper than this are not walked (compared, encoded, checked, printed to the end). Far beyond any
 // sensible message, and shallow enough for the smallest stack that a thread is given here.
 inline constexpr std::size_t kMaximumNestingDepth = 512;
+// Structs, each in another, that are made of a value at most: a struct that holds its like (a tree) is as deep as who
+// wrote the value likes. What travels does not nest deeper, and a stack has room for it even if the structs are large.
+inline constexpr std::size_t kMaximumNestedStructs = 128;
 // Objects that one walk visits at most. Shared containers can stand for exponentially many: forty arrays, each holding
 // the one before twice, are a million million elements.
 inline constexpr std::size_t kMaximumWalkedObjects = std::size_t{1} << 26;

@@ -7,11 +7,12 @@
 #include <optional>
 
 #include "platform/foundation/ThreadAnnotations.h"
-#include "platform/logging/VeltoLogging.h"
+#include "platform/logging/LogSink.h"
 
 namespace velto {
 
 struct DeferredLine {
+  LineOf what = LineOf::anything;
   VKTLogAnchor anchor;
   int level = 0;
   NSString text;

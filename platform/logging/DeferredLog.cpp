@@ -53,7 +53,7 @@ bool writeLostCount() noexcept {
   if (lost == 0) return true;
   try {
     const NSString text(textOfLostLines(lost));
-    LogSinkHolder::shared().writeText(VKTLogGetAnchor(), VKTLogLevelFailure, text);
+    LogSinkHolder::shared().writeText(LineOf::anything, VKTLogGetAnchor(), VKTLogLevelFailure, text);
     return true;
   } catch (...) {
     waitingLines().countLost(lost);
@@ -66,7 +66,7 @@ bool writeWaiting() noexcept {
   DeferredLines& waiting = waitingLines();
   for (std::size_t count = waiting.count(); count > 0; --count) {
     const std::optional<DeferredLine> line = waiting.take();
-    if (line) LogSinkHolder::shared().writeText(line->anchor, line->level, line->text);
+    if (line) LogSinkHolder::shared().writeText(line->what, line->anchor, line->level, line->text);
   }
   return writeLostCount();
 }
@@ -97,14 +97,14 @@ void setLogDrainer(void (*drainer)()) noexcept {
   if (drainer != nullptr) tellSomebody();
 }
 
-void deferLogLine(const VKTLogAnchor& anchor, int level, const char* format,
+void deferLogLine(LineOf what, const VKTLogAnchor& anchor, int level, const char* format,
                   std::initializer_list<FormatArgument> arguments) noexcept {
   const int formerError = errno;
   if (InsideSink::isNow()) return;
   try {
     // A description that logs is dropped like a sink that does.
     const InsideSink inside;
-    waitingLines().add({anchor, level, shownPartOf(formatText(format, arguments))});
+    waitingLines().add({what, anchor, level, shownPartOf(formatText(format, arguments))});
   } catch (...) {
     waitingLines().countLost(1);
   }

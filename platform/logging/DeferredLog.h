@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/logging/LogSink.h"
 #include "platform/logging/VeltoLogging.h"
 
 namespace velto {
@@ -33,8 +34,8 @@ void setLogDrainer(void (*drainer)()) noexcept;
 // at once when another thread is at it, or when this one is inside a sink. Thread-safe.
 void drainDeferredLog() noexcept;
 
-// As writeLogLine, and always later.
-void deferLogLine(const VKTLogAnchor& anchor, int level, const char* format,
+// A line that its level lets pass, always later.
+void deferLogLine(LineOf what, const VKTLogAnchor& anchor, int level, const char* format,
                   std::initializer_list<FormatArgument> arguments) noexcept;
 // Whether a scope is alive on this thread.
 bool isLogDeferred() noexcept;
@@ -45,7 +46,7 @@ template <class... Arguments>
 void logLater(const VKTLogAnchor& anchor, int level, const char* format, const Arguments&... arguments) {
   if (level > logLevel.load(std::memory_order_relaxed)) return;
   const LogDeferral deferral;
-  deferLogLine(anchor, level, format, {FormatArgument(arguments)...});
+  writeLogLine(anchor, level, format, {FormatArgument(arguments)...});
 }
 
 }  // namespace velto

@@ -6,6 +6,8 @@
 
 #include <pthread.h>
 
+#include "platform/logging/LogLevel.h"
+
 namespace velto {
 
 namespace {
@@ -29,6 +31,9 @@ class LogSinkHolder::Visit {
   Visit& operator=(const Visit&) = delete;
 
   const VKTLogSink& sink() const noexcept { return slot_->sink; }
+  bool leavesOut(LineOf what) const noexcept {
+    return slot_->isDefault && what == LineOf::orderlyEnd && logLevelInForce() < VKTLogLevelProgress;
+  }
 
  private:
   LogSinkHolder& holder_;
@@ -40,7 +45,7 @@ LogSinkHolder& LogSinkHolder::shared() {
   return made;
 }
 
-LogSinkHolder::LogSinkHolder() : current_(new Slot{writeToStandardError}) {
+LogSinkHolder::LogSinkHolder() : current_(new Slot{writeToStandardError, true}) {
   pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
 }
 
@@ -59,9 +64,10 @@ void LogSinkHolder::afterForkInChild() noexcept VELTO_NO_THREAD_SAFETY_ANALYSIS 
 }
 
 template <class Write>
-void LogSinkHolder::visit(Write write) noexcept {
+void LogSinkHolder::visit(LineOf what, Write write) noexcept {
   if (InsideSink::isNow()) return;
   const Visit visit(*this);
+  if (visit.leavesOut(what)) return;
   const InsideSink inside;
   try {
     write(visit.sink());
@@ -70,18 +76,19 @@ void LogSinkHolder::visit(Write write) noexcept {
   }
 }
 
-void LogSinkHolder::write(const VKTLogAnchor& anchor, int level, const char* format,
+void LogSinkHolder::write(LineOf what, const VKTLogAnchor& anchor, int level, const char* format,
                           std::initializer_list<FormatArgument> arguments) noexcept {
   // Formatted inside the visit: a description that logs is dropped like a sink that does.
-  visit([&](const VKTLogSink& sink) { sink(anchor, level, formatText(format, arguments)); });
+  visit(what, [&](const VKTLogSink& sink) { sink(anchor, level, formatText(format, arguments)); });
 }
 
-void LogSinkHolder::writeText(const VKTLogAnchor& anchor, int level, const NSString& text) noexcept {
-  visit([&](const VKTLogSink& sink) { sink(anchor, level, text); });
+void LogSinkHolder::writeText(LineOf what, const VKTLogAnchor& anchor, int level, const NSString& text) noexcept {
+  visit(what, [&](const VKTLogSink& sink) { sink(anchor, level, text); });
 }
 
 void LogSinkHolder::replace(VKTLogSink sink) {
-  std::unique_ptr<Slot> former(new Slot{sink ? std::move(sink) : writeToStandardError});
+  const bool isDefault = !sink;
+  std::unique_ptr<Slot> former(new Slot{isDefault ? writeToStandardError : std::move(sink), isDefault});
   MutexLock lock(mutex_);
   std::swap(current_, former);
   if (!InsideSink::isNow()) {

@@ -9,6 +9,9 @@
 
 namespace velto {
 
+// What a line tells of: the default sink leaves out some.
+enum class LineOf { anything, orderlyEnd };
+
 // This thread is inside a sink, or asks an object for its description on the way there: what it logs meanwhile is
 // dropped. (So there is no such thing within another.)
 class InsideSink {
@@ -31,10 +34,11 @@ class LogSinkHolder {
  public:
   static LogSinkHolder& shared();
 
-  // Hands a line to the sink, unless this thread is inside a sink already. What the sink raises goes no further.
-  void write(const VKTLogAnchor& anchor, int level, const char* format,
+  // Hands a line to the sink, unless this thread is inside a sink already, or it is the default one, which leaves the
+  // line out. What the sink raises goes no further.
+  void write(LineOf what, const VKTLogAnchor& anchor, int level, const char* format,
              std::initializer_list<FormatArgument> arguments) noexcept;
-  void writeText(const VKTLogAnchor& anchor, int level, const NSString& text) noexcept;
+  void writeText(LineOf what, const VKTLogAnchor& anchor, int level, const NSString& text) noexcept;
   // Returns once no thread is inside the former sink; at once if this thread is inside one.
   void replace(VKTLogSink sink);
 
@@ -42,6 +46,7 @@ class LogSinkHolder {
   // A sink, and the number of threads inside it.
   struct Slot {
     VKTLogSink sink;
+    bool isDefault = false;
     std::size_t threadsInside = 0;
     bool isAbandoned = false;  // replaced from inside a sink: the last thread to leave disposes of it
   };
@@ -53,7 +58,7 @@ class LogSinkHolder {
   static void afterForkInParent() noexcept;
   static void afterForkInChild() noexcept;
   template <class Write>
-  void visit(Write write) noexcept;
+  void visit(LineOf what, Write write) noexcept;
   Slot* enter();
   void leave(Slot* slot);
 

@@ -6,33 +6,59 @@
 #include <utility>
 
 #include "platform/logging/DeferredLog.h"
+#include "platform/logging/LogLevel.h"
 #include "platform/logging/LogSink.h"
+#include "platform/logging/OrderlyEnd.h"
 
 void VKTLogSetSink(VKTLogSink sink) {
   velto::LogSinkHolder::shared().replace(std::move(sink));
 }
 
 void VKTLogSetLevel(int level) {
-  velto::logLevel.store(level, std::memory_order_relaxed);
+  velto::setLogLevel(level);
 }
 
 namespace velto {
 
-constinit std::atomic<int> logLevel{VKTLogLevelFailure};
+namespace {
 
-void writeLogLine(const VKTLogAnchor& anchor, int level, const char* format,
-                  std::initializer_list<FormatArgument> arguments) noexcept {
-  if (isLogDeferred()) {
-    deferLogLine(anchor, level, format, arguments);
-    return;
-  }
+void writeLine(LineOf what, const VKTLogAnchor& anchor, int level, const char* format,
+               std::initializer_list<FormatArgument> arguments) noexcept {
+  // Whoever made the line may not have known the level yet.
+  if (level > logLevelInForce()) return;
+  if (isLogDeferred()) return deferLogLine(what, anchor, level, format, arguments);
   const int formerError = errno;
   try {
-    LogSinkHolder::shared().write(anchor, level, format, arguments);
+    LogSinkHolder::shared().write(what, anchor, level, format, arguments);
   } catch (...) {
     // No memory for the first sink: there is none to write to.
   }
   errno = formerError;
+}
+
+// What this thread tells of; nothing in good order at first.
+constinit thread_local bool endIsOrderly = false;
+
+}  // namespace
+
+void writeLogLine(const VKTLogAnchor& anchor, int level, const char* format,
+                  std::initializer_list<FormatArgument> arguments) noexcept {
+  writeLine(LineOf::anything, anchor, level, format, arguments);
+}
+
+OrderlyEnd::OrderlyEnd(bool isOrderly) noexcept : outer_(std::exchange(endIsOrderly, isOrderly)) {}
+
+OrderlyEnd::~OrderlyEnd() {
+  endIsOrderly = outer_;
+}
+
+bool OrderlyEnd::isToldNow() noexcept {
+  return endIsOrderly;
+}
+
+void writeLineOfEnd(const VKTLogAnchor& anchor, int level, const char* format,
+                    std::initializer_list<FormatArgument> arguments) noexcept {
+  writeLine(endIsOrderly ? LineOf::orderlyEnd : LineOf::anything, anchor, level, format, arguments);
 }
 
 const VKTLogAnchor& anchorOfPlace(AnchorPlace& place, const SourceLocation& location) noexcept {

@@ -60,7 +60,8 @@ VELTO_EXPORT const VKTLogAnchor& anchorOfPlace(AnchorPlace& place, const SourceL
     return ::velto::anchorOfPlace(veltoPlace, veltoLocation);                         \
   }(::velto::SourceLocation::current()))
 
-// Levels: 0 marks failures, 2 progress.
+// Levels: 0 marks failures, 2 progress. No line has the first.
+inline constexpr int VKTLogLevelOff = -1;
 inline constexpr int VKTLogLevelFailure = 0;
 inline constexpr int VKTLogLevelProgress = 2;
 
@@ -71,11 +72,13 @@ using VKTLogSink = std::function<void(const VKTLogAnchor& anchor, int level, con
 
 // Replaces the sink; an empty one brings the default back. That writes a line to standard error and waits for nobody
 // who should read there: lines without room are lost and their number is told; lines that a place in the source repeats
-// within a second, and those beyond ten of a place in a second, are told in one. Thread-safe. When it returns, no
-// thread is inside the former sink any more (unless it is called from inside one).
+// within a second, and those beyond ten of a place in a second, are told in one. Below VKTLogLevelProgress it leaves
+// out what tells of the end of a connection that ended in good order: closed here, or by the other end. Thread-safe.
+// When it returns, no thread is inside the former sink any more (unless it is called from inside one).
 VELTO_EXPORT void VKTLogSetSink(VKTLogSink sink);
-// Lines above this level are dropped, before anything is formatted: at first VKTLogLevelFailure, so that failures are
-// seen and progress is not. Thread-safe.
+// Lines above this level are dropped, before anything is formatted. Before it is set, the environment variable
+// VELTO_LOG says which, as it is when the first line is logged: "off", "failures", "progress"; without it, and in a
+// program that has more rights than whoever starts it, failures are seen and progress is not. Thread-safe.
 VELTO_EXPORT void VKTLogSetLevel(int level);
 
 namespace velto {

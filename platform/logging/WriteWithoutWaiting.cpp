@@ -33,7 +33,7 @@ std::size_t withReason(std::size_t written, std::string_view bytes) noexcept {
 }
 
 std::size_t writeAtOnce(int descriptor, std::string_view bytes) noexcept {
-  return withReason(taken([&] { return write(descriptor, bytes.data(), bytes.size()); }), bytes);
+  return withReason(taken([&] { return ::write(descriptor, bytes.data(), bytes.size()); }), bytes);
 }
 
 std::size_t sendAtOnce(int descriptor, std::string_view bytes) noexcept {

@@ -18,6 +18,7 @@
 #include "platform/xpc/transport/Sockets.h"
 #include "platform/xpc/wire/FrameReader.h"
 #include "platform/xpc/wire/Messages.h"
+#include "platform/xpc/wire/SharedMemory.h"
 #include "platform/xpc/wire/ValueEncoder.h"
 
 namespace velto::testing {
@@ -340,6 +341,24 @@ TEST_F(HostilePeer, AnEndpointThatIsNoSocketHandleIsRefused) {
   expectForgedEndpointIsRefused(service, honest, std::make_shared<const system::Descriptor>(std::move(pair.first)),
                                 honest.hangUp());
   expectForgedEndpointIsRefused(service, honest, honest.socket(), openFile("/dev/null", O_RDONLY));
+}
+
+// An interface that admits endpoints and no data: regions are let go of as they come, and their places are empty.
+TEST_F(HostilePeer, AnEndpointInThePlaceOfARegionIsRefused) {
+  service->adjustExported = [](NSXPCInterface& interface) {
+    interface.setClasses(NSSet{NSString::classObject()}, "tell:", 0, false);
+  };
+  RawPeer peer(listener->endpoint());
+  peer.greet();
+  std::string problem;
+  const auto region = wire::makeRegion(std::vector<std::uint8_t>(limits::kLeastRegionBytes), problem);
+  ASSERT_TRUE(region) << problem;
+  Frame call = callFrame("introduce:reply:", false, {NSXPCListenerEndpoint::endpointWithDescriptors(region, region)});
+  call.regions = wire::sizeOfRegions(2 * limits::kLeastRegionBytes);
+  peer.send(call);
+  peer.send(callFrame("flag:", false, {true}, 2));
+  service->greeter->flags.waitFor(1);
+  EXPECT_TRUE(service->greeter->introduced.soFar().empty());
 }
 
 TEST_F(HostilePeer, WhoHasCalledByTheTimeThatHeIsAcceptedIsReadAtOnceAndTakesNoTimer) {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/xpc/connection/ConnectionCore.h"
+#include "platform/xpc/system/SystemCalls.h"
 #include "platform/xpc/transport/RuntimeDirectory.h"
 #include "platform/xpc/transport/Sockets.h"
 
@@ -55,6 +56,22 @@ std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(const
       new NSXPCConnection(ConnectionCore::connecting("the listener of an endpoint", target, std::move(connector))));
 }
 
+std::pair<std::shared_ptr<NSXPCConnection>, std::shared_ptr<NSXPCConnection>> NSXPCConnection::pair() {
+  int ends[2] = {-1, -1};
+  if (velto::system::systemCalls().socketPair(ends) != 0) return {};
+  const auto make = [](int end) {
+    // Given out once: a connection connects once.
+    const auto socket = std::make_shared<velto::system::Descriptor>(end);
+    auto connector = [socket]() -> velto::transport::ConnectAttempt {
+      return {std::move(*socket), false, false, "it was connected before"};
+    };
+    return std::shared_ptr<NSXPCConnection>(
+        new NSXPCConnection(ConnectionCore::connecting("an end of a pair", "pair/", std::move(connector))));
+  };
+  auto first = make(ends[0]);
+  return {std::move(first), make(ends[1])};
+}
+
 NSXPCConnection::NSXPCConnection(std::shared_ptr<ConnectionCore> core) : core_(std::move(core)) {}
 
 NSXPCConnection::~NSXPCConnection() {
@@ -84,6 +101,26 @@ void NSXPCConnection::setInterruptionHandler(std::function<void()> handler) {
 
 void NSXPCConnection::setInvalidationHandler(std::function<void()> handler) {
   core_->setInvalidationHandler(std::move(handler));
+}
+
+void NSXPCConnection::deliverOn(const velto::Delivery& delivery) {
+  if (delivery.runner()) core_->deliverOn(delivery.runner());
+}
+
+void NSXPCConnection::perform(std::function<void()> task) {
+  core_->perform(std::move(task));
+}
+
+bool NSXPCConnection::isWritable() const {
+  return core_->isWritable();
+}
+
+void NSXPCConnection::setWritableHandler(std::function<void()> handler) {
+  core_->setWritableHandler(std::move(handler));
+}
+
+void NSXPCConnection::setEndHandler(std::function<void()> handler) {
+  core_->setEndHandler(std::move(handler));
 }
 
 void NSXPCConnection::resume() {

@@ -3,8 +3,10 @@
 #include <functional>
 #include <memory>
 #include <span>
+#include <utility>
 
 #include "platform/foundation/Foundation.h"
+#include "platform/xpc/Delivery.h"
 #include "platform/xpc/NSXPCError.h"
 #include "platform/xpc/NSXPCInterface.h"
 #include "platform/xpc/NSXPCListenerEndpoint.h"
@@ -85,6 +87,8 @@ class VELTO_EXPORT NSXPCConnection final {
   static std::shared_ptr<NSXPCConnection> initWithServiceName(const NSString& serviceName);
   // To the listener of an endpoint. A nil endpoint makes a connection that is invalid from the start.
   static std::shared_ptr<NSXPCConnection> initWithListenerEndpoint(const NSXPCListenerEndpoint& endpoint);
+  // Two ends of one connection, both in this process, without a listener. Nulls, and errno, when the kernel refuses.
+  static std::pair<std::shared_ptr<NSXPCConnection>, std::shared_ptr<NSXPCConnection>> pair();
   ~NSXPCConnection();
   NSXPCConnection(const NSXPCConnection&) = delete;
   NSXPCConnection& operator=(const NSXPCConnection&) = delete;
@@ -99,6 +103,21 @@ class VELTO_EXPORT NSXPCConnection final {
   }
   void setInterruptionHandler(std::function<void()> handler);
   void setInvalidationHandler(std::function<void()> handler);
+
+  // Where everything of the user's runs, in place of the platform's threads. Before resume(); a connection that comes
+  // in may be given one when it is accepted.
+  void deliverOn(const velto::Delivery& delivery);
+  // Runs a task as a callback of this connection, behind those that wait.
+  void perform(std::function<void()> task);
+
+  // Whether a call that is made now goes out at once, as far as this end knows: false while calls wait for the other
+  // end to take them, or much waits for room in the socket. Then the handler is called once it would again, or never
+  // will: on the thread that learns of it, so it must not block.
+  [[nodiscard]] bool isWritable() const;
+  void setWritableHandler(std::function<void()> handler);
+  // Called once when the connection ends, this end's invalidate() included, on the thread that learns of it and ahead
+  // of all that is delivered about it: it must not block.
+  void setEndHandler(std::function<void()> handler);
 
   // Starts; further calls do nothing.
   void resume();

@@ -131,6 +131,11 @@ velto::system::SharedDescriptor NSXPCListenerEndpoint::hangUp() const {
   return isNil() ? nullptr : bodyOf(*this)->hangUp();
 }
 
+// There is never anything to be read but the hang-up.
+bool NSXPCListenerEndpoint::isGone() const {
+  return isNil() || systemCalls().isReadable(hangUp()->get()) > 0;
+}
+
 std::shared_ptr<NSXPCListenerEndpoint::Watch> NSXPCListenerEndpoint::watch(std::function<void()> handler) const {
   if (isNil()) return nullptr;
   auto watch = velto::transport::HangUpWatch::make(hangUp()->get(), std::move(handler));

@@ -25,6 +25,9 @@ class VELTO_EXPORT NSXPCListenerEndpoint : public NSObject {
   class Watch;
   std::shared_ptr<Watch> watch(std::function<void()> handler) const;
 
+  // Whether the listener is gone, as far as the kernel knows at this moment. A nil endpoint has none.
+  bool isGone() const;
+
   // For the platform: the socket (an O_PATH descriptor) and the reading end of the pipe.
   static NSXPCListenerEndpoint endpointWithDescriptors(velto::system::SharedDescriptor socket,
                                                        velto::system::SharedDescriptor hangUp);

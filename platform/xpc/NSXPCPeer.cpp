@@ -22,6 +22,14 @@ pid_t NSXPCPeer::processIdentifier() const noexcept {
   return process_ ? process_->identifier() : 0;
 }
 
+uid_t NSXPCPeer::userIdentifier() const noexcept {
+  return process_ ? process_->user() : static_cast<uid_t>(-1);
+}
+
+int NSXPCPeer::processDescriptor() const {
+  return process_ ? process_->lendDescriptor() : -1;
+}
+
 std::shared_ptr<NSXPCPeer::Watch> NSXPCPeer::watch(std::function<void()> handler) const {
   return process_ ? std::make_shared<Watch>(process_->onDeath(std::move(handler))) : nullptr;
 }

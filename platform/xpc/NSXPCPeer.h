@@ -31,6 +31,13 @@ class VELTO_EXPORT NSXPCPeer final {
   std::uint64_t number() const noexcept;
   // 0 for nil, and for a process that has none here.
   pid_t processIdentifier() const noexcept;
+  // The process's user, as the kernel told when this process first met it. -1 for nil, and when the kernel did not
+  // tell.
+  uid_t userIdentifier() const noexcept;
+  // A descriptor of the process (a pidfd, as of pidfd_open()), from the moment of connecting on: a signal that is sent
+  // by it reaches that process or nobody. Borrowed: it stays open for as long as somebody holds a peer of this process.
+  // -1 for nil, for a process that had died before this was asked for the first time, and where the kernel has none.
+  int processDescriptor() const;
 
   // Calls `handler` once, on a thread of the platform, when the process has died; soon when it already has. The handler
   // must not block. Nothing is called after the returned watch is destroyed (a call that has begun may still be

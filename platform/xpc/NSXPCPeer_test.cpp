@@ -1,5 +1,8 @@
 #include "platform/xpc/NSXPCPeer.h"
 
+#include <algorithm>
+#include <fstream>
+
 #include "platform/xpc/testing/ConnectedChild.h"
 #include "platform/xpc/testing/Greeter.h"
 #include "platform/xpc/transport/Sockets.h"
@@ -44,6 +47,8 @@ TEST_F(ConnectionPeers, AreNilUntilTheConnectionIsMadeAndThenStay) {
   EXPECT_EQ(connection->peer().number(), 0U);
   EXPECT_EQ(connection->peer().processIdentifier(), 0);
   EXPECT_EQ(connection->peer(), NSXPCPeer(nil));
+  EXPECT_EQ(connection->peer().userIdentifier(), static_cast<uid_t>(-1));
+  EXPECT_EQ(connection->peer().processDescriptor(), -1);
   EXPECT_FALSE(connection->peer().watch([] {}));
   GreeterClient client(connection);
   client.greet("Ada");
@@ -69,6 +74,34 @@ TEST_F(ConnectionPeers, AreEqualForAllConnectionsOfOneProcessAndNoOther) {
     peer = connection->peer();
   }
   EXPECT_EQ(equal, 2U);
+}
+
+// What the kernel says of a pidfd's process; 0 once it has been waited for.
+pid_t processBehind(int descriptor) {
+  std::ifstream info("/proc/self/fdinfo/" + std::to_string(descriptor));
+  for (std::string word; info >> word;) {
+    pid_t process = 0;
+    if (word == "Pid:" && info >> process) return std::max(process, 0);
+  }
+  return 0;
+}
+
+TEST_F(ConnectionPeers, LendADescriptorOfTheirProcessAndTellItsUser) {
+  ConnectedChild child(path(), 1, firstWords());
+  const NSXPCPeer peer = service->accepted.waitFor(1).front()->peer();
+  EXPECT_EQ(peer.userIdentifier(), ::geteuid());
+  const int descriptor = peer.processDescriptor();
+  EXPECT_EQ(processBehind(descriptor), child.process());
+  EXPECT_EQ(peer.processDescriptor(), descriptor) << "the same each time";
+}
+
+TEST_F(ConnectionPeers, OfThisProcessLendADescriptorToo) {
+  const auto ends = NSXPCConnection::pair();
+  ends.first->resume();
+  const NSXPCPeer peer = ends.first->peer();
+  EXPECT_EQ(peer.userIdentifier(), ::geteuid());
+  EXPECT_EQ(processBehind(peer.processDescriptor()), ::getpid());
+  ends.first->invalidate();
 }
 
 TEST_F(ConnectionPeers, TellOfTheDeathOfTheirProcess) {

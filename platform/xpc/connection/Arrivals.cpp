@@ -7,6 +7,7 @@
 
 #include "platform/xpc/interface/Errors.h"
 #include "platform/xpc/wire/SharedMemory.h"
+#include "platform/xpc/wire/ValueDecoder.h"
 
 namespace velto::xpc {
 
@@ -97,30 +98,74 @@ Arrivals::CallArrival Arrivals::callArrived(wire::Frame&& frame) {
 std::optional<Arrivals::Turn> Arrivals::takeCall() {
   ++turns_;
   if (calls_.empty()) return std::nullopt;
-  std::optional<Turn> turn(std::in_place);
-  turn->frame = std::move(calls_.front());
+  std::optional<Turn> turn = turnOf(std::move(calls_.front()));
   calls_.pop_front();
-  descriptors_ -= turn->frame.descriptors.size();
+  return turn;
+}
+
+Way Arrivals::wayOf(const wire::Frame& call) const {
+  if (!interface_ || !interface_->protocol().hasAhead()) return Way::twoWay;
+  std::string problem;
+  wire::ValueDecoder decoder(call);
+  const auto header = wire::decodeCallHeader(decoder, problem);
+  const Method* const method = header ? interface_->protocol().methodForSelector(header->selector) : nullptr;
+  return method != nullptr ? method->way : Way::twoWay;
+}
+
+std::optional<Arrivals::Turn> Arrivals::takeAhead() {
+  if (calls_.empty()) return std::nullopt;
+  const Way way = wayOf(calls_.back());
+  const bool isAhead = way == Way::ahead;
+  if (!isAhead && (way != Way::prompt || callCount_ > 1)) return std::nullopt;
+  std::optional<Turn> turn = turnOf(std::move(calls_.back()));
+  calls_.pop_back();
+  turn->isAhead = isAhead;
+  if (isAhead) uncount(sizeOf(turn->frame));
+  return turn;
+}
+
+std::optional<Arrivals::Turn> Arrivals::takePrompt() {
+  if (calls_.empty() || wayOf(calls_.front()) != Way::prompt) return std::nullopt;
+  std::optional<Turn> turn = turnOf(std::move(calls_.front()));
+  calls_.pop_front();
+  return turn;
+}
+
+void Arrivals::uncount(Size call) noexcept {
+  callBytes_ -= call.credit;
+  callBytesBeyond_ -= call.beyond;
+  --callCount_;
+}
+
+Arrivals::Turn Arrivals::turnOf(wire::Frame&& frame) {
+  Turn turn;
+  turn.frame = std::move(frame);
+  descriptors_ -= turn.frame.descriptors.size();
   if (interface_ && object_ && protocol_ == &interface_->protocol()) {
-    turn->interface = interface_;
-    turn->object = object_;
+    turn.interface = interface_;
+    turn.object = object_;
   }
-  turn->owedReplies = ++owedReplies_;
+  turn.owedReplies = ++owedReplies_;
   return turn;
 }
 
 void Arrivals::dealtWith(Size call, bool isOwedReply) noexcept {
   if (!isOwedReply) replySettled();
-  callBytes_ -= call.credit;
-  callBytesBeyond_ -= call.beyond;
-  --callCount_;
+  if (call.isAhead) {
+    credit_.aheadBytes += call.credit;
+    ++credit_.aheadCalls;
+    return;
+  }
+  uncount(call);
   credit_.bytes += call.credit;
   ++credit_.calls;
 }
 
 std::optional<wire::Credit> Arrivals::takeCredit(std::size_t waitingToBeSent) noexcept {
   const bool worthIt = credit_.bytes >= limits::kUndeliveredBytes / kCreditPortion ||
-                       credit_.calls >= limits::kUndeliveredCalls / kCreditPortion;
+                       credit_.calls >= limits::kUndeliveredCalls / kCreditPortion ||
+                       credit_.aheadBytes >= limits::kUndeliveredBytes / kCreditPortion ||
+                       credit_.aheadCalls >= limits::kUndeliveredCalls / kCreditPortion;
   // An end that does not read its replies gets no credit for more calls.
   if (!worthIt || waitingToBeSent > limits::kWaitingBytes / kCreditPortion) return std::nullopt;
   return std::exchange(credit_, {});

@@ -50,15 +50,26 @@ class Arrivals {
     std::shared_ptr<void> object;
     // With it.
     std::size_t owedReplies = 0;
+    // It runs ahead of others, and is kept nowhere.
+    bool isAhead = false;
   };
   // Nothing when the calls were dropped.
   std::optional<Turn> takeCall();
+  // The call that came last, if it is one that does not wait for its turn.
+  std::optional<Turn> takeAhead();
+  // The call that came first, when none has been taken, if it is a prompt one.
+  std::optional<Turn> takePrompt();
   // That call has been dealt with. If it is owed a reply, replySettled() is due later.
   struct Size {
     std::size_t credit = 0;
     std::size_t beyond = 0;  // what it counts for besides
+    bool isAhead = false;
   };
   static Size sizeOf(const wire::Frame& call) noexcept { return {call.credit(), call.weight() - call.credit()}; }
+  static Size sizeOf(const Turn& turn) noexcept {
+    const Size size = sizeOf(turn.frame);
+    return {size.credit, size.beyond, turn.isAhead};
+  }
   void dealtWith(Size call, bool isOwedReply) noexcept;
   void replySettled() noexcept { --owedReplies_; }
   // The credit that is worth giving back to an end for which so many bytes wait to be sent; nothing while it is not.
@@ -99,6 +110,9 @@ class Arrivals {
   std::size_t heldDescriptors() const noexcept { return descriptors_; }
 
  private:
+  Way wayOf(const wire::Frame& call) const;
+  Turn turnOf(wire::Frame&& frame);
+  void uncount(Size call) noexcept;
   struct Claimable {
     std::size_t descriptors = limits::kMaximumDescriptors;
     bool data = true;  // which may come in regions

@@ -5,9 +5,28 @@
 
 #include "platform/xpc/testing/Greeter.h"
 #include "platform/xpc/testing/WireTesting.h"
+#include "platform/xpc/wire/Messages.h"
 #include "platform/xpc/wire/SharedMemory.h"
+#include "platform/xpc/wire/ValueEncoder.h"
 
 namespace velto::xpc {
+namespace {
+
+struct Hasty {
+  void walk() {}
+  void hurry() {}
+};
+
+}  // namespace
+
+template <>
+const Protocol& protocolOf<Hasty>() {
+  static const Protocol& table =
+      *new Protocol("Hasty", {method<&Hasty::walk>("walk", Requirement::required, Way::oneWay),
+                              method<&Hasty::hurry>("hurry", Requirement::required, Way::prompt)});
+  return table;
+}
+
 namespace {
 
 using testing::Greeter;
@@ -48,6 +67,46 @@ TEST(Arrivals, CallsHaveTheirTurnsInTheOrderInWhichTheyCame) {
   EXPECT_EQ(arrivals.waitingCalls(), 3U);
   for (const std::size_t bytes : {1U, 2U, 3U}) EXPECT_EQ(deliverOne(arrivals), bytes);
   EXPECT_FALSE(arrivals.takeCall());
+}
+
+wire::Frame callOf(const char* selector) {
+  wire::ValueEncoder encoder(wire::FrameType::call);
+  wire::encodeCallHeader(encoder, {1, selector, false});
+  return encoder.take();
+}
+
+TEST(Arrivals, APromptCallDoesNotWaitUnlessOneBeforeItHasNotBeenDealtWith) {
+  Arrivals arrivals;
+  auto interface = NSXPCInterface::interfaceWithProtocol<Hasty>();
+  arrivals.swapInterface(interface);
+  const auto hurries = [&] {
+    expectKept(arrivals, callOf("hurry"));
+    const auto turn = arrivals.takeAhead();
+    if (turn) arrivals.dealtWith(Arrivals::sizeOf(*turn), false);
+    return turn.has_value();
+  };
+  EXPECT_TRUE(hurries());
+  EXPECT_TRUE(hurries());
+  expectKept(arrivals, callOf("walk"));
+  EXPECT_FALSE(arrivals.takeAhead());
+  const auto running = arrivals.takeCall();
+  EXPECT_FALSE(hurries()) << "one still runs";
+  arrivals.dealtWith(Arrivals::sizeOf(*running), false);
+  EXPECT_FALSE(hurries()) << "another waits";
+  while (deliverOne(arrivals) > 0) continue;
+  EXPECT_TRUE(hurries());
+}
+
+TEST(Arrivals, OfThoseThatCameBeforeAnybodyAskedTheFirstPromptOnesAreToBeHadAtOnce) {
+  Arrivals arrivals;
+  for (const char* selector : {"hurry", "hurry", "walk", "hurry"}) expectKept(arrivals, callOf(selector));
+  EXPECT_FALSE(arrivals.takePrompt()) << "nobody knows yet what is prompt";
+  auto interface = NSXPCInterface::interfaceWithProtocol<Hasty>();
+  arrivals.swapInterface(interface);
+  EXPECT_TRUE(arrivals.takePrompt());
+  EXPECT_TRUE(arrivals.takePrompt());
+  EXPECT_FALSE(arrivals.takePrompt());
+  EXPECT_EQ(arrivals.waitingCalls(), 2U);
 }
 
 TEST(Arrivals, ACallIsDeliveredToAnObjectOfTheInterfacesProtocolOrToNone) {

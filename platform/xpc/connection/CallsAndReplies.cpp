@@ -60,8 +60,10 @@ void ConnectionCore::call(const Method& method, std::span<const NSObject> argume
   if (encoded.failure) return postNotSent(errorHandler, method, encoded.failure);
   OutgoingCall outgoing{identifier, &method, std::move(reply), errorHandler, 0};
   NSError failure;
+  bool byOrderlyEnd = false;
   {
     MutexLock lock(mutex_);
+    byOrderlyEnd = life_.isOverInGoodOrder();
     failure = life_.isOver()
                   ? life_.endError()
                   : outgoing_.refusalToKeep(encoded.frame, static_cast<bool>(outgoing.reply), waitingInChannel());
@@ -73,12 +75,13 @@ void ConnectionCore::call(const Method& method, std::span<const NSObject> argume
       stateWaiting();
     }
   }
-  if (failure) postNotSent(errorHandler, method, failure);
+  if (failure) postNotSent(errorHandler, method, failure, byOrderlyEnd);
 }
 
-void ConnectionCore::postNotSent(const ErrorHandler& handler, const Method& method, const NSError& reason) {
+void ConnectionCore::postNotSent(const ErrorHandler& handler, const Method& method, const NSError& reason,
+                                 bool byOrderlyEnd) {
   const std::string text = method.selector + " was not sent: " + reason.localizedDescription().string();
-  postFailure(handler, makeError(static_cast<NSXPCErrorCode>(reason.code()), text));
+  postFailure(handler, makeError(static_cast<NSXPCErrorCode>(reason.code()), text), byOrderlyEnd);
 }
 
 transport::Channel::Haste ConnectionCore::hasteHere() {
@@ -154,12 +157,19 @@ void ConnectionCore::deliver() {
     hasEnded = life_.hasEnded();
   }
   if (!turn) return;
-  CreditAtEnd credit(*this, Arrivals::sizeOf(turn->frame));
   // The end is on its way, past a callback that sleeps, or through the last threads: nothing but it may pass there.
-  if (hasEnded && (queue_->hasSleeper() || !transport::Reactor::shared().mayLinger())) return;
+  if (hasEnded && (queue_->hasSleeper() || !transport::Reactor::shared().mayLinger())) {
+    const CreditAtEnd credit(*this, Arrivals::sizeOf(*turn));
+    return;
+  }
+  deliverOne(*turn);
+}
+
+void ConnectionCore::deliverOne(Arrivals::Turn& turn) {
+  CreditAtEnd credit(*this, Arrivals::sizeOf(turn));
   bool called = false;
   try {
-    deliver(*turn, credit.isOwedReply, called);
+    deliver(turn, credit.isOwedReply, called);
   } catch (const std::bad_alloc&) {
     if (called) throw;
     // The caller would wait for ever.
@@ -238,8 +248,35 @@ void ConnectionCore::takeTurn(unsigned kind) {
 }
 
 void ConnectionCore::outputDrained() {
+  std::function<void()> writable;
+  {
+    MutexLock lock(mutex_);
+    giveCredit();
+    writable = writableAgain();
+  }
+  if (writable) runHere(writable);
+}
+
+bool ConnectionCore::isBehind() const {
+  return outgoing_.hasWaiting() || waitingInChannel() > limits::kWritableBytes ||
+         outgoing_.pendingReplies() >= limits::kPendingReplies;
+}
+
+bool ConnectionCore::isWritable() {
   MutexLock lock(mutex_);
-  giveCredit();
+  awaitsWritable_ = !life_.isOver() && isBehind();
+  return !awaitsWritable_;
+}
+
+void ConnectionCore::setWritableHandler(std::function<void()> handler) {
+  MutexLock lock(mutex_);
+  std::swap(writableHandler_, handler);
+}
+
+std::function<void()> ConnectionCore::writableAgain() {
+  if (!awaitsWritable_ || (!life_.isOver() && isBehind())) return nullptr;
+  awaitsWritable_ = false;
+  return writableHandler_;
 }
 
 void ConnectionCore::deliverReply() {

@@ -6,7 +6,7 @@
 
 #include <utility>
 
-#include "platform/logging/VeltoLogging.h"
+#include "platform/logging/OrderlyEnd.h"
 #include "platform/xpc/connection/ConnectRetries.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/interface/Errors.h"
@@ -24,6 +24,22 @@ void logDropped(const std::string& name, std::size_t bytes) {
 }
 
 }  // namespace
+
+// The end is told, or, where nothing is run any more, what would have heard of it is let go of.
+class ConnectionCore::LastWord {
+ public:
+  explicit LastWord(std::shared_ptr<ConnectionCore> core) : core_(std::move(core)) {}
+  ~LastWord() {
+    if (core_) core_->tellNobody();
+  }
+  LastWord(const LastWord&) = delete;
+  LastWord& operator=(const LastWord&) = delete;
+
+  void tell() { std::exchange(core_, nullptr)->tellInvalidation(); }
+
+ private:
+  std::shared_ptr<ConnectionCore> core_;
+};
 
 std::shared_ptr<ConnectionCore> ConnectionCore::connecting(std::string name, std::string target, Connector connector) {
   auto core =
@@ -76,19 +92,29 @@ void ConnectionCore::setInvalidationHandler(std::function<void()> handler) {
   life_.swapInvalidationHandler(handler);
 }
 
+void ConnectionCore::setEndHandler(std::function<void()> handler) {
+  MutexLock lock(mutex_);
+  std::swap(endHandler_, handler);
+}
+
 void ConnectionCore::post(transport::SerialQueue::Task task) {
   queue_->add(std::move(task));
 }
 
-void ConnectionCore::postFailure(const ErrorHandler& handler, const NSError& error) {
+void ConnectionCore::postFailure(const ErrorHandler& handler, const NSError& error, bool byOrderlyEnd) {
   if (!handler || !*handler) return;
-  post([handler, error] { (*handler)(error); });
+  const auto told = [handler, error, byOrderlyEnd] {
+    const OrderlyEnd order(byOrderlyEnd);
+    (*handler)(error);
+  };
+  if (handler->target<NonBlockingReply<NSError>>() != nullptr) return runHere(told);
+  post(told);
 }
 
-void ConnectionCore::postFailures(const std::vector<OutgoingCall>& calls, const NSError& error) {
+void ConnectionCore::postFailures(const std::vector<OutgoingCall>& calls, const NSError& error, bool byOrderlyEnd) {
   for (const OutgoingCall& call : calls) {
     const std::string text = call.method->selector + ": " + error.localizedDescription().string();
-    postFailure(call.errorHandler, makeError(static_cast<NSXPCErrorCode>(error.code()), text));
+    postFailure(call.errorHandler, makeError(static_cast<NSXPCErrorCode>(error.code()), text), byOrderlyEnd);
   }
 }
 
@@ -100,6 +126,7 @@ void ConnectionCore::letGo(std::vector<OutgoingCall> calls) {
 void ConnectionCore::resume() {
   if (isInherited()) return;
   std::optional<Ending> ending;
+  std::vector<Arrivals::Turn> prompt;
   std::size_t kept = 0;
   std::vector<system::SharedDescriptor> dropped;
   {
@@ -108,10 +135,12 @@ void ConnectionCore::resume() {
     learnClaimable();
     dropped = arrivals_.takeDropped();
     stateArrived();
+    while (auto turn = arrivals_.takePrompt()) prompt.push_back(*std::move(turn));
     kept = arrivals_.waitingCalls();
     ending = life_.takeKeptEnding();
     if (life_.maySendCalls()) sendWaiting();
   }
+  for (Arrivals::Turn& turn : prompt) deliverAhead(turn);
   if (kept > 0) queue_->add(shared_from_this(), kCallsTurn, kept);
   if (ending) end(*ending);
   if (connector_ && connectAgain()) ConnectRetries::shared().wait(target_, weak_from_this());
@@ -130,7 +159,8 @@ bool ConnectionCore::connectAgain() {
     auto peer = transport::PeerProcess::of(attempt.socket.get());
     open(std::move(attempt.socket), std::move(peer), nullptr);
   } else {
-    end({makeError(NSXPCConnectionInvalid, name_ + " cannot be reached: " + attempt.reason), false});
+    end({makeError(NSXPCConnectionInvalid, name_ + " cannot be reached: " + attempt.reason),
+         Ending::Cause::unreachable});
   }
   return false;
 }
@@ -156,18 +186,22 @@ void ConnectionCore::open(system::Descriptor socket, std::shared_ptr<transport::
   transport::OwnReading::prepare();
   auto channel =
       std::make_shared<transport::Channel>(std::move(socket), shared_from_this(), holding_, std::move(place));
+  std::vector<OutgoingCall> forgotten;
   {
     MutexLock lock(mutex_);
     peer_ = peer;
     if (life_.hasEnded()) return;
     attach(channel);
+    forgotten = outgoing_.takeForgotten();
   }
+  letGo(std::move(forgotten));
   // Whoever connects has mostly called by the time that he is accepted: this thread, which is here, deals with it
   // before another is told.
   if (!connector_) channel->readFirst();
   if (!channel->start()) {
     channel->abort();
-    return end({makeError(NSXPCConnectionInvalid, name_ + " cannot be watched: the kernel has no room"), false});
+    return end({makeError(NSXPCConnectionInvalid, name_ + " cannot be watched: the kernel has no room"),
+                Ending::Cause::unreachable});
   }
   channel->watch(*peer);
 }
@@ -177,6 +211,8 @@ void ConnectionCore::sayFarewell() {
   sendWaiting();
   if (outgoing_.hasWaiting()) return;
   life_.finish();
+  // Who would hear of them may be who holds this connection.
+  outgoing_.forgetAll();
   channel_->send(wire::encodeGoodbye());
   channel_->finish();
   boundFarewell(std::exchange(channel_, nullptr));
@@ -206,6 +242,7 @@ void ConnectionCore::endFarewell() {
 void ConnectionCore::invalidate() {
   if (isInherited()) return;
   std::vector<OutgoingCall> unanswered;
+  std::vector<OutgoingCall> forgotten;
   std::function<void()> called;
   bool waits = false;
   {
@@ -217,6 +254,7 @@ void ConnectionCore::invalidate() {
     life_.invalidate(channel_ != nullptr, makeError(NSXPCConnectionInvalid, name_ + " was invalidated"));
     unanswered = life_.isClosing() ? outgoing_.takeAllAwaitingReply() : outgoing_.takeAllUnsettled(0);
     sayFarewell();
+    forgotten = outgoing_.takeForgotten();
     waits = life_.isClosing();
     called = life_.takeCalled();
   }
@@ -226,8 +264,10 @@ void ConnectionCore::invalidate() {
     });
   }
   if (called) called();
-  postFailures(unanswered, makeError(NSXPCConnectionInvalid, name_ + " was invalidated before the reply came"));
+  postFailures(unanswered, makeError(NSXPCConnectionInvalid, name_ + " was invalidated before the reply came"), true);
   letGo(std::move(unanswered));
+  letGo(std::move(forgotten));
+  tellEndHere();
   postInvalidation();
 }
 
@@ -247,12 +287,16 @@ std::shared_ptr<transport::PeerProcess> ConnectionCore::peer() {
 
 void ConnectionCore::turnAway() {
   std::shared_ptr<transport::Channel> channel;
+  std::vector<OutgoingCall> forgotten;
   {
     MutexLock lock(mutex_);
     life_.finish();
     channel = std::exchange(channel_, nullptr);
+    outgoing_.forgetAll();
+    forgotten = outgoing_.takeForgotten();
   }
   if (channel) channel->abort();
+  letGo(std::move(forgotten));
 }
 
 void ConnectionCore::turnAwayIfSilent() {
@@ -271,7 +315,8 @@ void ConnectionCore::giveWay(const std::string& reason) {
 
 void ConnectionCore::channelEnded(const std::string& reason) {
   if (!reason.empty()) return cutOff(NSXPCConnectionInterrupted, reason);
-  end({makeError(NSXPCConnectionInterrupted, name_ + " was interrupted: the other end has vanished"), true});
+  end({makeError(NSXPCConnectionInterrupted, name_ + " was interrupted: the other end has vanished"),
+       Ending::Cause::interruption});
 }
 
 std::shared_ptr<transport::Channel> ConnectionCore::currentChannel() {
@@ -290,7 +335,7 @@ void ConnectionCore::breakProtocol(const std::string& reason) {
 void ConnectionCore::cutOff(NSXPCErrorCode code, const std::string& reason) {
   if (const auto channel = currentChannel()) channel->abort();
   VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "%s is cut off: %s", name_, reason);
-  end({makeError(code, name_ + " was interrupted: " + reason), true});
+  end({makeError(code, name_ + " was interrupted: " + reason), Ending::Cause::interruption});
 }
 
 void ConnectionCore::end(const Ending& ending) {
@@ -302,6 +347,10 @@ void ConnectionCore::end(const Ending& ending) {
   {
     MutexLock lock(mutex_);
     channel = std::exchange(channel_, nullptr);
+    if (life_.isClosing()) {
+      outgoing_.forgetAll();
+      forgotten = outgoing_.takeForgotten();
+    }
     telling = life_.end(ending);
     if (telling == ConnectionLife::Telling::never) return;
     called = life_.takeCalled();
@@ -313,10 +362,11 @@ void ConnectionCore::end(const Ending& ending) {
   }
   if (called) called();
   if (telling == ConnectionLife::Telling::later) return;
-  postFailures(unsettled, ending.error);
+  postFailures(unsettled, ending.error, ending.cause == Ending::Cause::goodbye);
   letGo(std::move(unsettled));
   letGo(std::move(forgotten));
-  if (ending.interrupted) {
+  tellEndHere();
+  if (ending.cause == Ending::Cause::interruption) {
     post([self = shared_from_this()] {
       if (const auto handler = self->takeInterruptionHandler()) handler();
     });
@@ -334,18 +384,43 @@ std::function<void()> ConnectionCore::takeInterruptionHandler() {
 void ConnectionCore::postInvalidation() {
   // In this order: a queue that is urgent already is brought to a thread once, not twice.
   queue_->letOvertake();
-  post([self = shared_from_this()] { self->tellInvalidation(); });
+  post([last = std::make_shared<LastWord>(shared_from_this())] { last->tell(); });
+}
+
+void ConnectionCore::tellEndHere() {
+  std::function<void()> handler;
+  {
+    MutexLock lock(mutex_);
+    handler.swap(endHandler_);
+  }
+  if (handler) runHere(handler);
+}
+
+void ConnectionCore::tellNobody() noexcept {
+  std::shared_ptr<void> object;
+  ConnectionLife::LastWill left;
+  std::function<void()> writable;
+  MutexLock lock(mutex_);
+  writable.swap(writableHandler_);
+  object = arrivals_.takeObject();
+  left = life_.takeLastWill();
 }
 
 void ConnectionCore::tellInvalidation() {
   // Let go of after the handler has run: it may be all that keeps this connection's owner alive.
   std::shared_ptr<void> object;
   ConnectionLife::LastWill left;
+  std::function<void()> writable;
+  bool inGoodOrder = false;
   {
     MutexLock lock(mutex_);
+    writable.swap(writableHandler_);
     object = arrivals_.takeObject();
     left = life_.takeLastWill();
+    inGoodOrder = life_.isOverInGoodOrder();
   }
+  if (writable) runHere(writable);
+  const OrderlyEnd told(inGoodOrder);
   if (left.invalidationHandler) left.invalidationHandler();
 }
 

@@ -59,6 +59,16 @@ class ConnectionCore final : public transport::ChannelReceiver,
   void setExportedObject(const Protocol& protocol, std::shared_ptr<void> object);
   void setInterruptionHandler(std::function<void()> handler);
   void setInvalidationHandler(std::function<void()> handler);
+  void setEndHandler(std::function<void()> handler);
+
+  // Where callbacks run from now on, in place of the platform's threads. Before resume().
+  void deliverOn(std::shared_ptr<transport::QueueRunner> runner) { queue_->moveTo(std::move(runner)); }
+  // Runs a task as the callbacks are run, behind those that wait.
+  void perform(std::function<void()> task) { post(std::move(task)); }
+  // Whether a call that is made now goes out at once, as far as this end knows. If not, the handler is called when one
+  // would again.
+  bool isWritable();
+  void setWritableHandler(std::function<void()> handler);
 
   void resume();
   // For one that waits in line: whether it goes on waiting.
@@ -96,6 +106,7 @@ class ConnectionCore final : public transport::ChannelReceiver,
   enum Turn : unsigned { kCallsTurn, kReplysTurn };
   struct Due;
   class CreditAtEnd;
+  class LastWord;
 
   // ConnectionCore.cpp: how it begins and ends.
   bool isInherited() const noexcept { return generation_ != system::forkGeneration(); }
@@ -113,12 +124,15 @@ class ConnectionCore final : public transport::ChannelReceiver,
   std::function<void()> takeInterruptionHandler();
   void postInvalidation();
   void tellInvalidation();
+  void tellNobody() noexcept;
+  void tellEndHere();
   // What a connection that has ended still holds behind a callback that does not return.
   void watchLeftovers();
   void dropLeftoversIfStuck();
   void post(transport::SerialQueue::Task task);
-  void postFailure(const ErrorHandler& handler, const NSError& error);
-  void postFailures(const std::vector<OutgoingCall>& calls, const NSError& error);
+  // Whether it fails because the connection is over, and that in good order, is known to whoever runs the handler.
+  void postFailure(const ErrorHandler& handler, const NSError& error, bool byOrderlyEnd = false);
+  void postFailures(const std::vector<OutgoingCall>& calls, const NSError& error, bool byOrderlyEnd);
   void letGo(std::vector<OutgoingCall> calls);
 
   // FramesThatCome.cpp; each notes what it brings about.
@@ -131,10 +145,13 @@ class ConnectionCore final : public transport::ChannelReceiver,
   void refusalArrived(const wire::Frame& frame, Due& due) VELTO_REQUIRES(mutex_);
   void creditArrived(const wire::Frame& frame, Due& due) VELTO_REQUIRES(mutex_);
   void carryOut(Due& due);
+  static void tellDropped(const std::vector<OutgoingCall>& calls);
+  // User code that never blocks, on whatever thread this is.
+  static void runHere(const std::function<void()>& block);
   void finishOnReader(const OutgoingCall& call, wire::Frame& frame, const NSXPCInterface& interface);
 
   // CallsAndReplies.cpp
-  void postNotSent(const ErrorHandler& handler, const Method& method, const NSError& reason);
+  void postNotSent(const ErrorHandler& handler, const Method& method, const NSError& reason, bool byOrderlyEnd = false);
   void sendWaiting(transport::Channel::Haste haste = transport::Channel::Haste::now) VELTO_REQUIRES(mutex_);
   std::size_t waitingInChannel() const VELTO_REQUIRES(mutex_) { return channel_ ? channel_->waitingBytes() : 0; }
   // Whether what a task of the queue, or a user, sends may be gathered.
@@ -146,6 +163,8 @@ class ConnectionCore final : public transport::ChannelReceiver,
   // For the small frames of which an end that reads never lets many collect. One may stand for a reply that is owed.
   void sendOrCutOff(wire::Frame frame, bool settlesReply);
   void deliver();
+  void deliverOne(Arrivals::Turn& turn);
+  void deliverAhead(Arrivals::Turn& turn);
   // `called` is set as soon as the user's code runs, `isOwedReply` once that can answer.
   void deliver(Arrivals::Turn& turn, bool& isOwedReply, bool& called);
   void invoke(const DecodedCall& call, void* object, std::size_t owedReplies, bool& isOwedReply, bool& called);
@@ -156,6 +175,9 @@ class ConnectionCore final : public transport::ChannelReceiver,
   void acknowledgeRegions(const wire::Frame& reply) VELTO_REQUIRES(mutex_);
   void deliverReply();
   void finishCall(const OutgoingCall& call, wire::Frame& frame, const NSXPCInterface& interface);
+  bool isBehind() const VELTO_REQUIRES(mutex_);
+  // The handler, if it is due.
+  std::function<void()> writableAgain() VELTO_REQUIRES(mutex_);
   // What this makes the process hold.
   void stateWaiting() VELTO_REQUIRES(mutex_);
   void stateArrived() VELTO_REQUIRES(mutex_);
@@ -177,6 +199,10 @@ class ConnectionCore final : public transport::ChannelReceiver,
   OutgoingCalls outgoing_ VELTO_GUARDED_BY(mutex_);
   // Calls that had come when the last went out.
   std::uint64_t callsSeen_ VELTO_GUARDED_BY(mutex_) = 0;
+  // Somebody waits for the other end to keep up.
+  bool awaitsWritable_ VELTO_GUARDED_BY(mutex_) = false;
+  std::function<void()> writableHandler_ VELTO_GUARDED_BY(mutex_);
+  std::function<void()> endHandler_ VELTO_GUARDED_BY(mutex_);
   Arrivals arrivals_ VELTO_GUARDED_BY(mutex_);
   ConnectionLife life_ VELTO_GUARDED_BY(mutex_);
 };

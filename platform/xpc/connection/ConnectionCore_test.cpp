@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/logging/VeltoLogging.h"
+#include "platform/logging/OrderlyEnd.h"
 #include "platform/xpc/connection/CallCoding.h"
 #include "platform/xpc/testing/Greeter.h"
 #include "platform/xpc/wire/Messages.h"
@@ -56,8 +56,8 @@ class Core : public ::testing::Test {
     core->setRemoteInterface(interface);
     core->setExportedInterface(interface);
     core->setExportedObject(protocolOf<Greeter>(), greeter);
-    core->setInterruptionHandler([told = told_] { told->put("interrupted"); });
-    core->setInvalidationHandler([told = told_] { told->put("invalidated"); });
+    core->setInterruptionHandler([tell = tell_] { tell("interrupted"); });
+    core->setInvalidationHandler([tell = tell_] { tell("invalidated"); });
     channel = std::make_shared<transport::Channel>(
         std::move(there), other, std::make_shared<transport::Holding>(std::weak_ptr<transport::HoldingOwner>()),
         nullptr);
@@ -87,15 +87,23 @@ class Core : public ::testing::Test {
   const std::shared_ptr<Inbox<std::string>> told_ = std::make_shared<Inbox<std::string>>();
   const std::shared_ptr<Inbox<std::string>> lines_ = std::make_shared<Inbox<std::string>>();
   system::Descriptor socket_;
+  const std::shared_ptr<Inbox<bool>> orders_ = std::make_shared<Inbox<bool>>();
+  const std::function<void(const std::string&)> tell_ = [told = told_, orders = orders_](const std::string& text) {
+    orders->put(OrderlyEnd::isToldNow());
+    told->put(text);
+  };
   const ErrorHandler errorHandler_ = std::make_shared<const std::function<void(NSError)>>(
-      [told = told_](NSError error) { told->put(error.localizedDescription().string()); });
+      [tell = tell_](NSError error) { tell(error.localizedDescription().string()); });
 
  protected:
   using Texts = std::vector<std::string>;
   using Types = std::vector<FrameType>;
+  using Orders = std::vector<bool>;
 
   Inbox<std::string>& told = *told_;
   Inbox<std::string>& lines = *lines_;
+  // For each handler that was told something: whether that came of an end in good order.
+  Inbox<bool>& orders = *orders_;
   const std::shared_ptr<NSXPCInterface> interface = NSXPCInterface::interfaceWithProtocol<Greeter>();
   const Method& greet = *interface->protocol().methodForSelector("greet:reply:");
   const std::shared_ptr<TestGreeter> greeter = std::make_shared<TestGreeter>();
@@ -210,6 +218,9 @@ TEST_F(Core, AnEndTellsTheCallsThenTheInterruptionThenTheInvalidation) {
   channel->abort();
   EXPECT_EQ(told.waitFor(4), (Texts{"greet:reply:: a test was interrupted: the other end has vanished", "let go of",
                                     "interrupted", "invalidated"}));
+  EXPECT_EQ(orders.soFar(), (Orders{false, false, false}));
+  greetFrom("Bob", {});
+  EXPECT_EQ(orders.waitFor(4).back(), false);
 }
 
 TEST_F(Core, AGoodbyeIsNoInterruption) {
@@ -219,6 +230,22 @@ TEST_F(Core, AGoodbyeIsNoInterruption) {
   EXPECT_EQ(told.waitFor(1), Texts{"invalidated"});
   greetFrom("Ada", {});
   EXPECT_EQ(told.waitFor(2)[1], "greet:reply: was not sent: a test was invalidated by the other end");
+  EXPECT_EQ(orders.soFar(), (Orders{true, true}));
+}
+
+TEST_F(Core, WhatFailsBecauseAnEndLeavesInGoodOrderIsToldSo) {
+  core->resume();
+  channel->send(wire::Hello::ours().encode());
+  greetFrom("Ada", {});
+  greetFrom("Bob", notingBlock());
+  other->frames.waitFor(3);
+  channel->send(wire::Refusal{1, wire::kArgumentRefused, "not her"}.encode(FrameType::refusal));
+  EXPECT_EQ(orders.waitFor(1), Orders{false});
+  core->invalidate();
+  EXPECT_EQ(told.waitFor(4),
+            (Texts{"greet:reply: was refused by the other end: not her",
+                   "greet:reply:: a test was invalidated before the reply came", "let go of", "invalidated"}));
+  EXPECT_EQ(orders.soFar(), (Orders{false, true, true}));
 }
 
 TEST_F(Core, AFrameBeforeTheHelloEndsItAndIsNotLookedAt) {
@@ -236,6 +263,7 @@ TEST_F(Core, WhatCannotConnectTellsWhyToTheCallsThatWait) {
   core->resume();
   EXPECT_EQ(told.waitFor(2),
             (Texts{"greet:reply:: a test cannot be reached: there is one socket only", "invalidated"}));
+  EXPECT_EQ(orders.soFar(), (Orders{false, false}));
 }
 
 TEST_F(Core, TheExportedObjectIsLetGoOfWhenTheEndIsTold) {

@@ -28,6 +28,7 @@ std::string_view ConnectionLife::disorder(bool isHello) noexcept {
 void ConnectionLife::invalidate(bool hasChannel, NSError told) noexcept {
   phase_ = hasChannel || phase_ == Phase::connecting ? Phase::closing : Phase::ended;
   endError_ = std::move(told);
+  endedInGoodOrder_ = true;
 }
 
 ConnectionLife::Telling ConnectionLife::end(const Ending& ending) {
@@ -40,6 +41,7 @@ ConnectionLife::Telling ConnectionLife::end(const Ending& ending) {
   }
   phase_ = Phase::ended;
   endError_ = ending.error;
+  endedInGoodOrder_ = ending.cause == Ending::Cause::goodbye;
   return Telling::now;
 }
 

@@ -21,10 +21,12 @@ struct AcceptanceHooks {
   std::function<void(std::shared_ptr<ConnectionCore>)> accept;
 };
 
-// How the other end left.
+// How the other end left, or that it was never there.
 struct Ending {
+  enum class Cause { goodbye, unreachable, interruption };
+
   NSError error;  // for the calls that are not settled
-  bool interrupted = false;
+  Cause cause = Cause::unreachable;
 };
 
 // How far a connection has come, and who is still to hear of it: the handlers of its user, the hooks of its listener.
@@ -68,6 +70,8 @@ class ConnectionLife {
   std::optional<Ending> takeKeptEnding() noexcept { return std::exchange(keptEnding_, std::nullopt); }
   // What calls that are made after the end are told.
   const NSError& endError() const noexcept { return endError_; }
+  // Whether it is over, and nothing had gone wrong: one of its ends wanted it so.
+  bool isOverInGoodOrder() const noexcept { return isOver() && endedInGoodOrder_; }
 
   // The one before comes back.
   void swapInterruptionHandler(std::function<void()>& handler) noexcept { interruptionHandler_.swap(handler); }
@@ -103,6 +107,7 @@ class ConnectionLife {
   bool greeted_ = false;
   Clock::time_point patientUntil_;
   NSError endError_;
+  bool endedInGoodOrder_ = false;
   // One that came before resume().
   std::optional<Ending> keptEnding_;
   std::function<void()> interruptionHandler_;

@@ -13,8 +13,8 @@ namespace {
 
 using Telling = ConnectionLife::Telling;
 
-Ending endingOf(const std::string& text) {
-  return {makeError(NSXPCConnectionInterrupted, text), true};
+Ending endingOf(const std::string& text, Ending::Cause cause = Ending::Cause::interruption) {
+  return {makeError(NSXPCConnectionInterrupted, text), cause};
 }
 
 std::string sentenceOf(const NSError& error) {
@@ -116,6 +116,22 @@ TEST(ConnectionLife, AnEndDuringTheFarewellIsNotToldAndEndsIt) {
   EXPECT_EQ(life.end(endingOf("vanished")), Telling::never);
   EXPECT_TRUE(life.hasEnded());
   EXPECT_EQ(sentenceOf(life.endError()), "invalidated");
+}
+
+TEST(ConnectionLife, IsOverInGoodOrderWhenOneOfItsEndsWantedItSo) {
+  using Cause = Ending::Cause;
+  for (const Cause cause : {Cause::goodbye, Cause::unreachable, Cause::interruption}) {
+    ConnectionLife life({});
+    life.resume({});
+    EXPECT_FALSE(life.isOverInGoodOrder());
+    life.end(endingOf("left", cause));
+    EXPECT_EQ(life.isOverInGoodOrder(), cause == Cause::goodbye);
+  }
+  ConnectionLife invalidated({});
+  invalidated.invalidate(true, nil);
+  EXPECT_TRUE(invalidated.isOverInGoodOrder());
+  invalidated.end(endingOf("vanished"));
+  EXPECT_TRUE(invalidated.isOverInGoodOrder());
 }
 
 TEST(ConnectionLife, HandlersAreTakenOnceAndTheOneBeforeComesBack) {

@@ -16,10 +16,14 @@ namespace velto::xpc {
 
 namespace {
 
-// Bytes of a reply that can hold what is dear to make.
+// Bytes that can hold what is dear to make.
 constexpr std::size_t kMayTakeLong = 256;
 // About as many frames come together.
 constexpr std::size_t kFewForgotten = 16;
+
+bool mayTakeLong(const wire::Frame& frame) {
+  return frame.weight() >= kMayTakeLong || !frame.descriptors.empty();
+}
 
 }  // namespace
 
@@ -28,6 +32,8 @@ struct ConnectionCore::Due {
   // The listener is told, and asked.
   std::function<void()> called;
   std::function<void(std::shared_ptr<ConnectionCore>)> accept;
+  // A call that runs ahead of those that wait.
+  std::optional<Arrivals::Turn> ahead;
   // Turns that the queue gets more.
   std::size_t calls = 0;
   std::size_t replies = 0;
@@ -43,10 +49,13 @@ struct ConnectionCore::Due {
   std::string offence;
   NSXPCErrorCode code = NSXPCConnectionInterrupted;
   bool saidGoodbye = false;
+  std::function<void()> writable;
+  // One of those that are forgotten is to be told that no reply comes.
+  bool dropsAReply = false;
 
   // Whether there is nothing but turns of one kind, and calls to be let go of.
   bool isPlain() const noexcept {
-    return !called && !accept && !settled && !answered && refused.empty() && offence.empty() && !saidGoodbye;
+    return !called && !accept && !ahead && !settled && !answered && refused.empty() && offence.empty() && !saidGoodbye;
   }
   void forget(std::vector<OutgoingCall>&& more) {
     if (forgotten.empty()) return forgotten.swap(more);
@@ -63,6 +72,7 @@ void ConnectionCore::framesArrived(std::span<wire::Frame> frames) {
       if (life_.hasEnded() || !channel_) return;
       frames = dispatchSome(frames, due);
       due.dropped = arrivals_.takeDropped();
+      due.writable = writableAgain();
       stateArrived();
     }
     carryOut(due);
@@ -109,19 +119,24 @@ void ConnectionCore::carryOut(Due& due) {
   if (due.accept) post([self = shared_from_this(), accept = std::move(due.accept)] { accept(self); });
   if (due.calls > 0) queue_->add(shared_from_this(), kCallsTurn, due.calls);
   if (due.replies > 0) queue_->add(shared_from_this(), kReplysTurn, due.replies);
+  if (due.ahead) deliverAhead(*due.ahead);
+  if (due.writable) runHere(due.writable);
   for (auto& [call, objection] : due.refused) {
     postNotSent(call.errorHandler, *call.method, makeError(NSXPCLimitExceeded, objection));
+    call.reply.tellDropped = nullptr;
     due.forgotten.push_back(std::move(call));
   }
   if (due.settled && !due.answered) {
     if (due.error) postFailure(due.settled->errorHandler, due.error);
+    due.settled->reply.tellDropped = nullptr;
     due.forgotten.push_back(std::move(*due.settled));
   }
+  if (due.dropsAReply) tellDropped(due.forgotten);
   letGo(std::move(due.forgotten));
   if (!due.offence.empty()) return cutOff(due.code, due.offence);
   if (!due.saidGoodbye) return;
   if (const auto channel = currentChannel()) channel->abort();
-  end({makeError(NSXPCConnectionInvalid, name_ + " was invalidated by the other end"), false});
+  end({makeError(NSXPCConnectionInvalid, name_ + " was invalidated by the other end"), Ending::Cause::goodbye});
 }
 
 void ConnectionCore::helloArrived(const wire::Frame& frame, Due& due) {
@@ -136,6 +151,7 @@ void ConnectionCore::helloArrived(const wire::Frame& frame, Due& due) {
   due.refused = outgoing_.helloArrived(*hello);
   peerTakesRegions_ = outgoing_.peerTakesRegions();
   if (life_.isClosing()) sayFarewell();
+  due.forget(outgoing_.takeForgotten());
   if (life_.maySendCalls()) sendWaiting();
   stateWaiting();
 }
@@ -143,14 +159,14 @@ void ConnectionCore::helloArrived(const wire::Frame& frame, Due& due) {
 void ConnectionCore::creditArrived(const wire::Frame& frame, Due& due) {
   const auto credit = wire::Credit::decode(frame, due.offence);
   if (!credit) return;
-  if (credit->calls == 0 && credit->bytes == 0) {
+  if (credit->isNothing()) {
     due.offence = "credit for nothing";
     return;
   }
   const bool isValid = outgoing_.creditArrived(*credit);
-  due.forget(outgoing_.takeForgotten());
   if (!isValid) due.offence = "credit for calls that were never sent";
   if (isValid && life_.isClosing()) sayFarewell();
+  due.forget(outgoing_.takeForgotten());
   if (isValid && life_.maySendCalls()) sendWaiting();
   stateWaiting();
 }
@@ -162,7 +178,9 @@ void ConnectionCore::callArrived(wire::Frame& frame, Due& due) {
   due.offence = std::move(arrival.offence);
   if (!due.offence.empty()) return;
   due.called = life_.takeCalled();
-  if (life_.isResumed()) ++due.calls;
+  if (!life_.isResumed()) return;
+  due.ahead = arrivals_.takeAhead();
+  if (!due.ahead) ++due.calls;
 }
 
 void ConnectionCore::replyArrived(wire::Frame& frame, Due& due) {
@@ -200,6 +218,7 @@ void ConnectionCore::replyDroppedArrived(const wire::Frame& frame, Due& due) {
   if (!identifier) return;
   if (due.forgotten.capacity() == due.forgotten.size()) due.forgotten.reserve(due.forgotten.size() + kFewForgotten);
   auto settled = outgoing_.takeAwaitingReply(*identifier);
+  if (settled && settled->reply.tellDropped != nullptr) due.dropsAReply = true;
   if (settled) return due.forgotten.push_back(std::move(*settled));
   if (!life_.isClosing()) due.offence = "a dropped reply to no call: " + std::to_string(*identifier);
 }
@@ -220,16 +239,33 @@ void ConnectionCore::refusalArrived(const wire::Frame& frame, Due& due) {
   due.error = makeError(code, due.settled->method->selector + what + refusal->text);
 }
 
+// Such a block never blocks.
+void ConnectionCore::tellDropped(const std::vector<OutgoingCall>& calls) {
+  for (const OutgoingCall& call : calls) {
+    if (call.reply.tellDropped != nullptr) runHere([&call] { call.reply.tellDropped(call.reply.block); });
+  }
+}
+
 // The reply block never blocks, but what a peer sends may take its time to be read.
 void ConnectionCore::finishOnReader(const OutgoingCall& call, wire::Frame& frame, const NSXPCInterface& interface) {
-  if (frame.weight() >= kMayTakeLong || !frame.descriptors.empty()) transport::Reactor::shared().standIn();
+  if (mayTakeLong(frame)) transport::Reactor::shared().standIn();
+  runHere([&] { finishCall(call, frame, interface); });
+}
+
+void ConnectionCore::deliverAhead(Arrivals::Turn& turn) {
+  if (mayTakeLong(turn.frame)) transport::Reactor::shared().standIn();
+  runHere([&] { deliverOne(turn); });
+}
+
+void ConnectionCore::runHere(const std::function<void()>& block) {
   try {
-    finishCall(call, frame, interface);
+    block();
   } catch (const std::exception& exception) {
-    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A reply block raised an exception, which is ignored: %s",
-                  exception.what());
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure,
+                  "What does not wait for its turn raised an exception, which is ignored: %s", exception.what());
   } catch (...) {
-    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A reply block raised an unknown exception, which is ignored");
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure,
+                  "What does not wait for its turn raised an unknown exception, which is ignored");
   }
 }
 

@@ -1,5 +1,6 @@
 // Credit counts what the other end holds: a call takes its bytes when it is sent, and gives them back when the other
-// end says that it has dealt with it. Calls are dealt with in order, so a count is enough to say which.
+// end says that it has dealt with it. Calls are dealt with in order, and those that run ahead of others are so among
+// themselves: a count is enough to say which.
 
 #include "platform/xpc/connection/OutgoingCalls.h"
 
@@ -49,11 +50,12 @@ void OutgoingCalls::add(OutgoingCall&& call, wire::Frame&& frame) {
   const bool wantsReply = static_cast<bool>(call.reply);
   const std::size_t bytes = frame.weight();
   const std::size_t regions = frame.regionWeight();
-  waiting_.push_back({identifier, std::move(frame)});
+  Fifo<Waiting>& waiting = call.method->way == Way::ahead ? waitingAhead_ : waiting_;
+  waiting.push_back({identifier, std::move(frame)});
   try {
     calls_.add(std::move(call));
   } catch (...) {
-    waiting_.pop_back();
+    waiting.pop_back();
     throw;
   }
   if (wantsReply) ++pendingReplies_;
@@ -62,17 +64,27 @@ void OutgoingCalls::add(OutgoingCall&& call, wire::Frame&& frame) {
 }
 
 std::optional<OutgoingCalls::Sendable> OutgoingCalls::takeSendable() {
-  if (waiting_.empty() || uncredited_.size() >= windowCalls_) return std::nullopt;
-  const wire::Frame& next = waiting_.front().frame;
-  if (next.regions != 0 && !peerMaximumRegionBytes_) return std::nullopt;
-  const std::size_t bytes = next.credit();
+  const auto mayGo = [this](const wire::Frame& frame) { return frame.regions == 0 || peerMaximumRegionBytes_; };
+  if (!waitingAhead_.empty() && mayGo(waitingAhead_.front().frame)) {
+    Sendable sendable = takeFirst(waitingAhead_);
+    uncreditedAhead_.push_back({sendable.identifier, sendable.frame.credit()});
+    return sendable;
+  }
+  if (waiting_.empty() || uncredited_.size() >= windowCalls_ || !mayGo(waiting_.front().frame)) return std::nullopt;
+  const std::size_t bytes = waiting_.front().frame.credit();
   if (usedBytes_ + bytes > windowBytes_) return std::nullopt;
-  waitingBytes_ -= next.weight();
-  waitingRegions_ -= next.regionWeight();
-  Sendable sendable{waiting_.front().identifier, std::move(waiting_.front().frame)};
-  waiting_.pop_front();
+  Sendable sendable = takeFirst(waiting_);
   usedBytes_ += bytes;
   uncredited_.push_back({sendable.identifier, bytes});
+  return sendable;
+}
+
+OutgoingCalls::Sendable OutgoingCalls::takeFirst(Fifo<Waiting>& from) {
+  Waiting& first = from.front();
+  waitingBytes_ -= first.frame.weight();
+  waitingRegions_ -= first.frame.regionWeight();
+  Sendable sendable{first.identifier, std::move(first.frame)};
+  from.pop_front();
   return sendable;
 }
 
@@ -105,22 +117,29 @@ std::size_t OutgoingCalls::roomForRegions() const noexcept {
 }
 
 bool OutgoingCalls::creditArrived(const wire::Credit& credit) {
+  if (credit.aheadCalls > uncreditedAhead_.size()) return false;
+  if (settle(uncreditedAhead_, credit.aheadCalls) != credit.aheadBytes) return false;
   if (credit.calls == 0) {
     if (credit.bytes > unreadRegions_) return false;
     unreadRegions_ -= credit.bytes;
     return true;
   }
   if (credit.calls > uncredited_.size() || credit.bytes > usedBytes_) return false;
+  const std::uint64_t bytes = settle(uncredited_, credit.calls);
+  usedBytes_ -= bytes;
+  return bytes == credit.bytes;
+}
+
+std::uint64_t OutgoingCalls::settle(Fifo<Uncredited>& sent, std::uint64_t calls) {
   std::uint64_t bytes = 0;
-  for (std::uint64_t count = 0; count < credit.calls; ++count) {
-    const Uncredited dealtWith = uncredited_.front();
-    uncredited_.pop_front();
+  for (; calls > 0; --calls) {
+    const Uncredited dealtWith = sent.front();
+    sent.pop_front();
     bytes += dealtWith.bytes;
     OutgoingCall* found = calls_.find(dealtWith.identifier);
     if (found != nullptr && !found->reply) forgotten_.push_back(calls_.take(found));
   }
-  usedBytes_ -= bytes;
-  return bytes == credit.bytes;
+  return bytes;
 }
 
 std::optional<OutgoingCall> OutgoingCalls::take(std::uint64_t identifier) {
@@ -132,7 +151,13 @@ std::optional<OutgoingCall> OutgoingCalls::take(std::uint64_t identifier) {
 
 std::vector<OutgoingCalls::Refused> OutgoingCalls::takeRefused() {
   std::vector<Refused> refused;
-  waiting_.eraseIf([&](const Waiting& waiting) {
+  takeRefused(waitingAhead_, refused);
+  takeRefused(waiting_, refused);
+  return refused;
+}
+
+void OutgoingCalls::takeRefused(Fifo<Waiting>& from, std::vector<Refused>& refused) {
+  from.eraseIf([&](const Waiting& waiting) {
     std::string objection = overPeerLimits(waiting.frame);
     if (objection.empty()) return false;
     waitingBytes_ -= waiting.frame.weight();
@@ -140,7 +165,6 @@ std::vector<OutgoingCalls::Refused> OutgoingCalls::takeRefused() {
     if (auto call = take(waiting.identifier)) refused.push_back({std::move(*call), std::move(objection)});
     return true;
   });
-  return refused;
 }
 
 std::optional<OutgoingCall> OutgoingCalls::takeAwaitingReply(std::uint64_t identifier) {
@@ -154,11 +178,21 @@ std::vector<OutgoingCall> OutgoingCalls::takeAllAwaitingReply() {
   std::vector<OutgoingCall> taken;
   calls_.forEach([&taken](OutgoingCall& call) {
     if (!call.reply) return;
-    taken.push_back({call.identifier, call.method, std::exchange(call.reply, {}), call.errorHandler, call.frameNumber});
+    taken.push_back({call.identifier, call.method, std::exchange(call.reply, {}),
+                     std::exchange(call.errorHandler, nullptr), call.frameNumber});
   });
   pendingReplies_ = 0;
   std::ranges::sort(taken, {}, &OutgoingCall::identifier);
   return taken;
+}
+
+void OutgoingCalls::forgetAll() {
+  for (OutgoingCall& call : calls_.takeAll()) forgotten_.push_back(std::move(call));
+  waiting_.clear();
+  waitingAhead_.clear();
+  waitingBytes_ = 0;
+  waitingRegions_ = 0;
+  pendingReplies_ = 0;
 }
 
 std::vector<OutgoingCall> OutgoingCalls::takeAllUnsettled(std::uint64_t framesWritten) {
@@ -170,6 +204,8 @@ std::vector<OutgoingCall> OutgoingCalls::takeAllUnsettled(std::uint64_t framesWr
   }
   waiting_.clear();
   uncredited_.clear();
+  waitingAhead_.clear();
+  uncreditedAhead_.clear();
   waitingBytes_ = 0;
   waitingRegions_ = 0;
   unreadRegions_ = 0;

@@ -20,7 +20,8 @@
 namespace velto::xpc {
 
 // What goes out: the calls of one end that are under way, what the other end has stated to take, and the credit that it
-// has given. Calls go out in the order in which they were made; without credit they wait here, while replies pass them.
+// has given. Calls go out in the order in which they were made; without credit they wait here, while replies, and calls
+// that run ahead of others, pass them.
 // Not synchronised: the connection's lock guards it.
 class OutgoingCalls {
  public:
@@ -67,18 +68,20 @@ class OutgoingCalls {
   std::optional<OutgoingCall> take(std::uint64_t identifier);
   // Forgets the replies: returns the calls that waited for one, in order. What waits to be sent stays.
   std::vector<OutgoingCall> takeAllAwaitingReply();
+  // Nothing is heard of any of them any more.
+  void forgetAll();
   // Removes everything; returns, in order, the calls that wait for a reply or were not written to the socket.
   std::vector<OutgoingCall> takeAllUnsettled(std::uint64_t framesWritten);
 
   // The calls that were settled by the way, to be let go of where user code may run: what they hold is the user's.
   std::vector<OutgoingCall> takeForgotten() noexcept { return std::exchange(forgotten_, {}); }
 
-  bool hasWaiting() const noexcept { return !waiting_.empty(); }
+  bool hasWaiting() const noexcept { return !waiting_.empty() || !waitingAhead_.empty(); }
   std::size_t waitingBytes() const noexcept { return waitingBytes_; }
   // What those that wait here make the process hold: their bytes, and what is kept about each; and what has been made
   // for replies and is not read yet.
   std::size_t heldByWaiting() const noexcept {
-    return waitingBytes_ + unreadRegions_ + waiting_.size() * kKeepingBytes;
+    return waitingBytes_ + unreadRegions_ + (waiting_.size() + waitingAhead_.size()) * kKeepingBytes;
   }
   std::size_t pendingReplies() const noexcept { return pendingReplies_; }
 
@@ -95,6 +98,10 @@ class OutgoingCalls {
   static constexpr std::size_t kKeepingBytes = 256;
 
   std::vector<Refused> takeRefused();
+  void takeRefused(Fifo<Waiting>& from, std::vector<Refused>& refused);
+  Sendable takeFirst(Fifo<Waiting>& from);
+  // Returns the bytes of so many of those that were sent first.
+  std::uint64_t settle(Fifo<Uncredited>& sent, std::uint64_t calls);
 
   std::shared_ptr<NSXPCInterface> interface_;
   CallTable calls_;
@@ -102,6 +109,10 @@ class OutgoingCalls {
   Fifo<Waiting> waiting_;
   // Sent, and neither dealt with nor known to be.
   Fifo<Uncredited> uncredited_;
+  // The same for calls that run ahead of others there. Nobody keeps them, so they need no credit; what is given back
+  // says that they have been dealt with.
+  Fifo<Waiting> waitingAhead_;
+  Fifo<Uncredited> uncreditedAhead_;
   std::size_t waitingBytes_ = 0;
   std::size_t waitingRegions_ = 0;
   std::size_t pendingReplies_ = 0;

@@ -172,6 +172,32 @@ TEST(OutgoingCalls, ACreditWithoutEndIsWhatThisEndWouldAllow) {
   EXPECT_FALSE(small.takeSendable());
 }
 
+// Nobody keeps them.
+TEST(OutgoingCalls, ThatRunAheadPassThoseThatWaitForCreditAndAreSettledByThemselves) {
+  Method ahead;
+  ahead.way = Way::ahead;
+  OutgoingCalls calls;
+  wire::Hello hello = wire::Hello::ours();
+  hello.undeliveredCalls = 1;
+  calls.helloArrived(hello);
+  add(calls, 1, 10);
+  add(calls, 2, 20);
+  EXPECT_EQ(calls.takeSendable()->identifier, 1U);
+  EXPECT_FALSE(calls.takeSendable());
+  for (const std::uint64_t identifier : {3U, 4U}) calls.add({identifier, &ahead, {}, nullptr, 0}, callOf(30));
+  EXPECT_EQ(calls.takeSendable()->identifier, 3U);
+  EXPECT_EQ(calls.takeSendable()->identifier, 4U);
+  EXPECT_FALSE(calls.takeSendable());
+  EXPECT_FALSE(calls.creditArrived({0, 0, 60, 3})) << "there were two";
+  EXPECT_TRUE(calls.creditArrived({0, 0, 30, 1}));
+  const auto forgotten = calls.takeForgotten();
+  ASSERT_EQ(forgotten.size(), 1U);
+  EXPECT_EQ(forgotten[0].identifier, 3U);
+  EXPECT_FALSE(calls.takeSendable()) << "the other call waits for its own credit";
+  EXPECT_TRUE(calls.creditArrived({10, 1, 30, 1}));
+  EXPECT_EQ(calls.takeSendable()->identifier, 2U);
+}
+
 TEST(OutgoingCalls, CreditThatWasNeverTakenIsNotGivenBack) {
   OutgoingCalls calls;
   add(calls, 1, 10);

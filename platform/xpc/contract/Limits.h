@@ -36,7 +36,8 @@ inline constexpr std::size_t kMaximumObjects = std::size_t{1} << 21;
 // have hashes that no peer can foresee and cost none, and so have small containers of them. Large or deep containers,
 // errors and objects of users' classes may all have the same hash, so that each is compared with every other.
 inline constexpr std::size_t kMaximumKeyComparisons = std::size_t{1} << 26;
-// Descriptors that travel with one call or reply. An endpoint takes two; the kernel's own maximum is 253.
+// Descriptors that travel with one call or reply. An endpoint takes two, a file descriptor one; the kernel's own
+// maximum is 253.
 inline constexpr std::size_t kMaximumDescriptors = 64;
 // Bytes of a method's selector.
 inline constexpr std::size_t kMaximumSelectorBytes = 256;
@@ -55,6 +56,8 @@ inline constexpr std::size_t kUndeliveredReplyBytes = std::size_t{256} << 20;
 
 // Bytes that a connection keeps because the other end does not read, or has given no credit.
 inline constexpr std::size_t kWaitingBytes = std::size_t{64} << 20;
+// Of them, so many may wait for room in the socket before a sender that asks is told to wait.
+inline constexpr std::size_t kWritableBytes = std::size_t{1} << 20;
 // How long a frame of which a part has come may take to be whole. Half a frame holds memory and descriptors.
 inline constexpr std::chrono::milliseconds kUnfinishedFrame{10'000};
 // What a connection that has ended may go on holding behind a callback that does not return, and how long anything
@@ -80,6 +83,20 @@ inline constexpr std::size_t kMaximumHeldDescriptors = 4;
 inline constexpr std::size_t kPendingReplies = 65536;
 // Replies owed to one peer: calls of its that were delivered and neither answered nor let go.
 inline constexpr std::size_t kOwedReplies = 65536;
+
+// What one end of a stream keeps for its reader: so many items, and the last that comes before they have so many bytes
+// may be of any size. Streams that one peer may have open, and what all of a process may keep: what comes over that
+// ends its stream.
+inline constexpr std::size_t kStreamItems = 256;
+inline constexpr std::size_t kStreamBytes = std::size_t{1} << 20;
+inline constexpr std::size_t kStreamsOfOnePeer = 64;
+inline constexpr std::size_t kStreamBytesOfProcess = std::size_t{256} << 20;
+// Calls and messages that a client keeps because the other end is behind and whoever made them may not wait.
+inline constexpr std::size_t kParkedCalls = 1024;
+// How often a call that may be repeated is made again.
+inline constexpr int kRepeats = 3;
+// Messages to all that a service keeps for one client that is behind.
+inline constexpr std::size_t kBroadcastBacklog = 256;
 
 // Connections of one listener that have not called yet, and how long each may take. A peer that connects and says
 // nothing holds a descriptor here.

@@ -6,6 +6,11 @@
 
 namespace velto::xpc {
 
+Protocol::Protocol(std::string name, std::vector<Method> methods)
+    : hasAhead_(std::ranges::any_of(methods, [](const Method& each) { return each.way >= Way::prompt; })),
+      name_(std::move(name)),
+      methods_(std::move(methods)) {}
+
 const Method* Protocol::methodForSelector(std::string_view selector) const noexcept {
   const auto found = std::ranges::find(methods_, selector, &Method::selector);
   return found != methods_.end() ? &*found : nullptr;

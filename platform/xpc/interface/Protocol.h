@@ -36,8 +36,8 @@ class NSXPCInterface;
 //     return table;
 //   }
 //
-// A method returns void. Its arguments are objects (NSString, NSDictionary, any value class), bool, or an endpoint; the
-// last may be a reply block, a std::function that takes one object and returns nothing.
+// A method returns void. Its arguments are objects (NSString, NSDictionary, any value class), bool, an endpoint or a
+// file descriptor; the last may be a reply block, a std::function that takes one object and returns nothing.
 
 // What an optional method that an object does not implement throws. The caller's end then hears that the method is
 // lacking.
@@ -62,10 +62,14 @@ namespace velto {
 
 // Marks a reply block as one that never blocks, nor takes a lock that is held for long: it runs at once on the thread
 // that reads its connection, which may be one that waits for another reply, ahead of what waits in the connection's
-// queue. Give it where a std::function is asked for.
+// queue. Give it where a std::function is asked for; as the error handler of a proxy it runs at once, too, on the
+// thread that finds the failure.
 template <class Argument>
 struct NonBlockingReply {
   std::function<void(Argument)> block;
+  // Instead of the block, in the same way, when the other end has let go of its own unused.
+  std::function<void()> dropped = {};
+
   void operator()(Argument argument) const { block(std::move(argument)); }
 };
 
@@ -83,7 +87,13 @@ namespace velto::xpc {
 enum class Requirement { required, optional };
 // One-way: the caller never waits for the callee. All calls here are sent without waiting; the table states what the
 // protocol promises.
-enum class Way { twoWay, oneWay };
+//
+// Two do not wait for their turn: their callee never blocks, nor takes a lock that is held for long, and runs at once
+// on the thread that reads its connection. Prompt: unless a call that came before has not been dealt with, so that the
+// order of the calls stays; one that came before the connection was resumed runs on the thread that resumes it. It is
+// the callee's own affair. Ahead: ahead of what waits. Both ends know that, since such calls have a credit of their
+// own.
+enum class Way { twoWay, oneWay, prompt, ahead };
 
 // A reply block that has forgotten its argument's type.
 struct ReplyBlock {
@@ -91,9 +101,11 @@ struct ReplyBlock {
   bool neverBlocks = false;
   // It does nothing.
   bool isIgnored = false;
+  // Tells the block that no answer will come; null when it does not care.
+  void (*tellDropped)(const std::function<void(const NSObject&)>& block) = nullptr;
 
   static ReplyBlock ignored() {
-    return {[](const NSObject&) {}, true, true};
+    return {[](const NSObject&) {}, true, true, nullptr};
   }
   explicit operator bool() const noexcept { return static_cast<bool>(block); }
 };
@@ -120,10 +132,12 @@ struct Method {
 
 class VELTO_EXPORT Protocol {
  public:
-  Protocol(std::string name, std::vector<Method> methods) : name_(std::move(name)), methods_(std::move(methods)) {}
+  Protocol(std::string name, std::vector<Method> methods);
 
   const std::string& name() const noexcept { return name_; }
   const std::vector<Method>& methods() const noexcept { return methods_; }
+  // Whether there are methods whose calls do not wait for their turn.
+  bool hasAhead() const noexcept { return hasAhead_; }
   // nullptr when there is none.
   const Method* methodForSelector(std::string_view selector) const noexcept;
   const Method* methodForMember(const void* member) const noexcept;
@@ -131,6 +145,7 @@ class VELTO_EXPORT Protocol {
  private:
   friend class ::NSXPCInterface;
 
+  bool hasAhead_ = false;
   std::string name_;
   std::vector<Method> methods_;
   // What every interface of it begins with, once there has been one.
@@ -171,12 +186,20 @@ struct ReplyType<std::function<void(R)>> {
   static constexpr bool isReply = true;
   using Argument = R;
 
+  struct Erased {
+    std::function<void(R)> reply;
+    void operator()(const NSObject& value) const { reply(ArgumentType<R>::fromObject(value)); }
+  };
+  static void tellDropped(const std::function<void(const NSObject&)>& block) {
+    block.template target<Erased>()->reply.template target<NonBlockingReply<R>>()->dropped();
+  }
+
   static ReplyBlock erase(std::function<void(R)> reply) {
     if (!reply) return {};
     if (reply.template target<IgnoredReply<R>>() != nullptr) return ReplyBlock::ignored();
-    const bool neverBlocks = reply.template target<NonBlockingReply<R>>() != nullptr;
-    return {[reply = std::move(reply)](const NSObject& value) { reply(ArgumentType<R>::fromObject(value)); },
-            neverBlocks};
+    const auto* const nonBlocking = reply.template target<NonBlockingReply<R>>();
+    const auto drop = nonBlocking != nullptr && nonBlocking->dropped ? &tellDropped : nullptr;
+    return {Erased{std::move(reply)}, nonBlocking != nullptr, false, drop};
   }
   static std::function<void(R)> restore(ReplyBlock reply) {
     if (!reply) return {};

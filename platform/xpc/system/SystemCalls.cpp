@@ -74,6 +74,10 @@ int SystemCalls::socketStream() {
   return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 }
 
+int SystemCalls::socketPair(int (&ends)[2]) {
+  return ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends);
+}
+
 int SystemCalls::bind(int socket, const char* path) {
   sockaddr_un address;
   if (!fillAddress(path, address)) return -1;
@@ -185,6 +189,10 @@ int SystemCalls::pipe(int (&ends)[2]) {
 
 int SystemCalls::duplicate(int descriptor) {
   return ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+}
+
+int SystemCalls::closeOnExec(int descriptor) {
+  return ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
 }
 
 int SystemCalls::epollCreate() {

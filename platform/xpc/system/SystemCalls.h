@@ -20,6 +20,7 @@ class SystemCalls {
   virtual ~SystemCalls() = default;
 
   virtual int socketStream();
+  virtual int socketPair(int (&ends)[2]);
   virtual int bind(int socket, const char* path);
   virtual int connect(int socket, const char* path);
   virtual int listen(int socket, int backlog);
@@ -56,6 +57,8 @@ class SystemCalls {
 
   virtual int pipe(int (&ends)[2]);
   virtual int duplicate(int descriptor);
+  // Makes one that others have made so.
+  virtual int closeOnExec(int descriptor);
   virtual int epollCreate();
   virtual int epollControl(int epoll, int operation, int descriptor, epoll_event& event);
   virtual int epollWait(int epoll, epoll_event* events, int capacity);

@@ -53,7 +53,7 @@ Bells& bells() {
   return system::perProcess<Bells>();
 }
 
-constinit thread_local bool hasEnded = false;
+constinit thread_local bool threadEnds = false;
 
 // What the current thread reads, from construction to destruction.
 class Reading {
@@ -83,11 +83,11 @@ class Reading {
 // Null once the thread is ending, on which others that end with it may still ask and wait.
 OwnReading* OwnReading::ofThread() noexcept {
   static thread_local OwnReading own;
-  return hasEnded ? nullptr : &own;
+  return threadEnds ? nullptr : &own;
 }
 
 OwnReading::~OwnReading() {
-  hasEnded = true;
+  threadEnds = true;
   WaitingWork::install(nullptr);
 }
 

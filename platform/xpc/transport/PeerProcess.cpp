@@ -3,7 +3,7 @@
 // under the number and lives as well is of the same process.
 //
 // What the reactor holds is the death and not the process, so that letting go of the last reference ends the watch. The
-// descriptor is closed as soon as it has told.
+// descriptor is closed as soon as it has told, unless it has been lent.
 
 #include "platform/xpc/transport/PeerProcess.h"
 
@@ -57,6 +57,11 @@ Sight lookAt(int borrowedSocket, pid_t identifier) {
   return sight;
 }
 
+uid_t userOf(int borrowedSocket) {
+  uid_t user = 0;
+  return system::systemCalls().peerUser(borrowedSocket, user) == 0 ? user : static_cast<uid_t>(-1);
+}
+
 void callContained(const Handler& handler) {
   try {
     handler();
@@ -88,6 +93,15 @@ class PeerProcess::Death final : public EventSource, public std::enable_shared_f
   void stopWatching() {
     MutexLock lock(mutex_);
     letGo();
+    descriptor_.reset();
+  }
+  // `open` makes one for what is not watched.
+  template <class Open>
+  int lendDescriptor(const Open& open) {
+    MutexLock lock(mutex_);
+    if (!descriptor_ && !hasHappened()) descriptor_ = open();
+    isLent_ = isLent_ || descriptor_;
+    return descriptor_ ? descriptor_.get() : -1;
   }
 
   void eventsArrived(std::uint32_t events) override {
@@ -129,7 +143,7 @@ class PeerProcess::Death final : public EventSource, public std::enable_shared_f
  private:
   void letGo() VELTO_REQUIRES(mutex_) {
     if (watcher_ != 0) Reactor::shared().forget(std::exchange(watcher_, 0));
-    descriptor_.reset();
+    if (!isLent_) descriptor_.reset();
   }
 
   void tell() {
@@ -166,6 +180,7 @@ class PeerProcess::Death final : public EventSource, public std::enable_shared_f
   std::atomic<bool> happened_{false};
   Mutex mutex_;
   system::Descriptor descriptor_ VELTO_GUARDED_BY(mutex_);
+  bool isLent_ VELTO_GUARDED_BY(mutex_) = false;
   Reactor::Identifier watcher_ VELTO_GUARDED_BY(mutex_) = 0;
   std::map<std::uint64_t, Handler> handlers_ VELTO_GUARDED_BY(mutex_);
   std::uint64_t lastHandler_ VELTO_GUARDED_BY(mutex_) = 0;
@@ -183,7 +198,7 @@ class PeerProcess::Registry {
     MutexLock lock(mutex_);
     process = known(::getpid());
     if (process) return process;
-    process = make(::getpid());
+    process = make(::getpid(), ::geteuid());
     processes_[::getpid()] = process;
     return process;
   }
@@ -201,7 +216,7 @@ class PeerProcess::Registry {
       if (sight.descriptor) found->death_->watch(std::move(sight.descriptor));
       return found;
     }
-    fresh = make(identifier);
+    fresh = make(identifier, userOf(borrowedSocket));
     if (sight.isDead) {
       fresh->death_->happen();
       return fresh;
@@ -217,8 +232,8 @@ class PeerProcess::Registry {
     if (place != processes_.end() && place->second.expired()) processes_.erase(place);
   }
 
-  static std::shared_ptr<PeerProcess> make(pid_t identifier) {
-    return std::shared_ptr<PeerProcess>(new PeerProcess(identifier));
+  static std::shared_ptr<PeerProcess> make(pid_t identifier, uid_t user) {
+    return std::shared_ptr<PeerProcess>(new PeerProcess(identifier, user));
   }
 
  private:
@@ -238,14 +253,15 @@ PeerProcess::Registry& PeerProcess::Registry::shared() {
 std::shared_ptr<PeerProcess> PeerProcess::of(int borrowedSocket) {
   pid_t identifier = 0;
   if (system::systemCalls().peerProcess(borrowedSocket, identifier) != 0) identifier = 0;
-  if (identifier == 0) return Registry::make(0);
+  if (identifier == 0) return Registry::make(0, userOf(borrowedSocket));
   if (identifier == ::getpid()) return Registry::shared().own();
   return Registry::shared().find(identifier, borrowedSocket);
 }
 
-PeerProcess::PeerProcess(pid_t identifier)
+PeerProcess::PeerProcess(pid_t identifier, uid_t user)
     : generation_(system::forkGeneration()),
       identifier_(identifier),
+      user_(user),
       number_(nextNumber()),
       death_(std::make_shared<Death>()) {}
 
@@ -261,6 +277,15 @@ bool PeerProcess::isInherited() const noexcept {
 
 bool PeerProcess::isDead() const {
   return death_->hasHappened() || (!isInherited() && death_->hasHappenedByNow());
+}
+
+int PeerProcess::lendDescriptor() {
+  if (isInherited()) return -1;
+  // Only this process is sure to be the one that has the number.
+  return death_->lendDescriptor([this] {
+    return identifier_ == ::getpid() ? system::Descriptor(system::systemCalls().openProcess(identifier_))
+                                     : system::Descriptor();
+  });
 }
 
 PeerProcess::Subscription PeerProcess::onDeath(std::function<void()> handler) {

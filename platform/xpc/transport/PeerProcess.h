@@ -27,6 +27,11 @@ class PeerProcess final : public std::enable_shared_from_this<PeerProcess> {
 
   // 0 when it has none here. Once this process is dead, another one can have it.
   pid_t identifier() const noexcept { return identifier_; }
+  // Its user when it was first met, as the kernel told; -1 when it did not.
+  uid_t user() const noexcept { return user_; }
+  // A descriptor of the process (a pidfd), lent for as long as there is a reference to this: of that very process,
+  // whoever has its number by now. -1 when it has died, in the child of a fork, or when the kernel has none.
+  int lendDescriptor();
   // No other object has it as long as this process lives; never 0.
   std::uint64_t number() const noexcept { return number_; }
   // Asks the kernel; so it may be true a moment before the handlers are called.
@@ -56,11 +61,12 @@ class PeerProcess final : public std::enable_shared_from_this<PeerProcess> {
   class Death;
   class Registry;
 
-  explicit PeerProcess(pid_t identifier);
+  PeerProcess(pid_t identifier, uid_t user);
   bool isInherited() const noexcept;
 
   const unsigned generation_;
   const pid_t identifier_;
+  const uid_t user_;
   const std::uint64_t number_;
   const std::shared_ptr<Death> death_;
 };

@@ -147,6 +147,35 @@ TEST_F(PeerProcesses, OfAThousandConnectionsAreOneAndCostOneDescriptor) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
+TEST_F(PeerProcesses, LendTheirDescriptorBeyondTheirDeathAndNoLonger) {
+  Child child(door);
+  const std::size_t before = openDescriptors();
+  auto peer = child.peer();
+  EXPECT_EQ(peer->user(), ::geteuid());
+  const int lent = peer->lendDescriptor();
+  EXPECT_GE(lent, 0);
+  Inbox<bool> told;
+  {
+    const auto death = peer->onDeath([&] { told.put(true); });
+    child.dies();
+    told.waitFor(1);
+  }
+  EXPECT_EQ(system::systemCalls().isReadable(lent), 1);
+  EXPECT_EQ(peer->lendDescriptor(), lent);
+  peer.reset();
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(PeerProcesses, ThatHaveDiedHaveNoneToLend) {
+  Child child(door);
+  const auto peer = child.peer();
+  Inbox<bool> told;
+  const auto death = peer->onDeath([&] { told.put(true); });
+  child.dies();
+  told.waitFor(1);
+  EXPECT_EQ(peer->lendDescriptor(), -1);
+}
+
 TEST_F(PeerProcesses, ThatAreThisOneAreOneAndCostNoDescriptor) {
   const auto [one, other] = velto::testing::socketPair();
   const std::size_t before = openDescriptors();
@@ -155,6 +184,10 @@ TEST_F(PeerProcesses, ThatAreThisOneAreOneAndCostNoDescriptor) {
   EXPECT_EQ(peer->identifier(), ::getpid());
   EXPECT_FALSE(peer->isDead());
   EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(peer->user(), ::geteuid());
+  EXPECT_GE(peer->lendDescriptor(), 0);
+  EXPECT_FALSE(peer->isDead());
+  EXPECT_EQ(openDescriptors(), before + 1) << "until it is asked for";
 }
 
 TEST_F(PeerProcesses, WithoutANumberAreEachTheirOwn) {

@@ -51,6 +51,8 @@ constexpr std::size_t kMaximumThreads = limits::kMaximumWorkers + limits::kReser
 
 // What the current thread is to drain once it has read; set only while a reactor's thread deals with an event.
 thread_local std::shared_ptr<SerialQueue>* queueToDrain = nullptr;
+// Whether the current thread is the reactor's.
+constinit thread_local bool isWorker = false;
 // Whether the seat that the current thread has is an urgent queue's; none while it has no seat.
 thread_local bool* seatIsUrgent = nullptr;
 
@@ -309,7 +311,12 @@ void Reactor::tryAgainLater() noexcept {
   }
 }
 
+bool Reactor::isOwnThread() noexcept {
+  return isWorker;
+}
+
 void Reactor::work() {
+  isWorker = true;
   pthread_setname_np(pthread_self(), "velto-worker");
   if (hasScheduled()) {
     waiting_.fetch_sub(1);

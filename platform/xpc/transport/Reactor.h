@@ -43,6 +43,8 @@ class Reactor final : public QueueRunner {
   using Identifier = std::uint64_t;
 
   static Reactor& shared();
+  // Whether the current thread is one of these.
+  static bool isOwnThread() noexcept;
 
   // Watches a descriptor (borrowed until remove()). 0 and errno when the kernel has no room for it.
   Identifier add(int descriptor, std::uint32_t events, std::shared_ptr<EventSource> source);
@@ -65,7 +67,10 @@ class Reactor final : public QueueRunner {
 
   // A queue whose tasks run on these threads.
   std::shared_ptr<SerialQueue> makeQueue();
+  // What is due here is done by whoever stands ready; where nothing is watched, ensureThread() first.
   TimerQueue& timers() noexcept { return timers_; }
+  // Makes sure that there is a thread that has no seat, or is about to be.
+  void ensureThread() noexcept;
 
   void schedule(std::shared_ptr<SerialQueue> queue) noexcept override;
   void promote(SerialQueue& queue) noexcept override;
@@ -106,9 +111,6 @@ class Reactor final : public QueueRunner {
   Seat takeSeatFor(bool overtakes, bool hasEnded, bool canGrow, bool& urgent) VELTO_REQUIRES(mutex_);
   QueueList& nextList() VELTO_REQUIRES(mutex_);
   bool hasScheduled() const noexcept { return othersWait(); }
-
-  // Makes sure that there is a thread that has no seat, or is about to be.
-  void ensureThread() noexcept;
   bool startWorker() noexcept;
   void threadWasRefused(int error) noexcept;
   void tryAgainLater() noexcept;

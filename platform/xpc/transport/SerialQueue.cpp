@@ -36,8 +36,8 @@ void contained(const Call& call) {
 
 class SerialQueue::Drainer final : public WaitObserver {
  public:
-  explicit Drainer(SerialQueue& queue)
-      : queue_(queue), before_(WaitObserver::install(this)), outer_(std::exchange(current, this)) {}
+  Drainer(SerialQueue& queue, QueueRunner& runner)
+      : queue_(queue), runner_(runner), before_(WaitObserver::install(this)), outer_(std::exchange(current, this)) {}
   ~Drainer() {
     pause();
     current = outer_;
@@ -71,11 +71,11 @@ class SerialQueue::Drainer final : public WaitObserver {
       ++queue_.sleeping_;
       schedules = queue_.mustSchedule();
     }
-    queue_.runner_.taskSleeps();
-    if (schedules) queue_.runner_.schedule(queue_.shared_from_this());
+    runner_.taskSleeps();
+    if (schedules) queue_.schedule();
   }
   void threadDidWait() noexcept override {
-    queue_.runner_.taskWakes();
+    runner_.taskWakes();
     const auto patience = std::chrono::steady_clock::now() + limits::kWakingPatience;
     MutexLock lock(queue_.mutex_);
     --queue_.sleeping_;
@@ -92,6 +92,7 @@ class SerialQueue::Drainer final : public WaitObserver {
 
  private:
   SerialQueue& queue_;
+  QueueRunner& runner_;
   WaitObserver* const before_;
   Drainer* const outer_;
   const unsigned generation_ = system::forkGeneration();
@@ -127,7 +128,7 @@ void SerialQueue::add(Task task) {
     tasks_.emplace_back().task = std::move(task);
     if (!mustSchedule()) return;
   }
-  runner_.schedule(shared_from_this());
+  schedule();
 }
 
 void SerialQueue::add(std::shared_ptr<Repeatable> work, unsigned kind, std::size_t turns) {
@@ -139,7 +140,26 @@ void SerialQueue::add(std::shared_ptr<Repeatable> work, unsigned kind, std::size
     added.turns = turns;
     if (!mustSchedule()) return;
   }
-  runner_.schedule(shared_from_this());
+  schedule();
+}
+
+void SerialQueue::schedule() noexcept {
+  QueueRunner* const runner = runner_.load(std::memory_order_acquire);
+  scheduledOn_.store(runner, std::memory_order_relaxed);
+  runner->schedule(shared_from_this());
+}
+
+void SerialQueue::moveTo(std::shared_ptr<QueueRunner> runner) noexcept {
+  MutexLock lock(mutex_);
+  runner_.store(runner.get(), std::memory_order_release);
+  std::swap(heldRunner_, runner);
+}
+
+void SerialQueue::abandon() noexcept {
+  Fifo<Entry> dropped;
+  MutexLock lock(mutex_);
+  scheduled_ = false;
+  std::swap(tasks_, dropped);
 }
 
 void SerialQueue::letOvertake() noexcept {
@@ -149,7 +169,7 @@ void SerialQueue::letOvertake() noexcept {
     urgent_.store(true, std::memory_order_release);
     schedules = mustSchedule();
   }
-  schedules ? runner_.schedule(shared_from_this()) : runner_.promote(*this);
+  schedules ? schedule() : runner_.load(std::memory_order_acquire)->promote(*this);
 }
 
 bool SerialQueue::hasSleeper() {
@@ -180,28 +200,29 @@ bool SerialQueue::takeNext(bool afterTask, Entry& next, bool& leavesMore) {
   return true;
 }
 
-// After a task: lets others have the thread if they wait for one.
-bool SerialQueue::giveWay() {
-  if (!runner_.othersWait()) return false;
+// After a task: lets go of the thread.
+void SerialQueue::giveWay() {
   bool schedules = false;
   {
     MutexLock lock(mutex_);
     taskEnds();
     schedules = mustSchedule();
   }
-  if (schedules) runner_.schedule(shared_from_this());
-  return true;
+  if (schedules) schedule();
 }
 
 void SerialQueue::drain() {
-  Drainer drainer(*this);
+  QueueRunner* const here = scheduledOn_.load(std::memory_order_relaxed);
+  if (hasMoved(here)) return schedule();
+  Drainer drainer(*this, *here);
   Entry next;
   unsigned count = 0;
   while (takeNext(count > 0, next, drainer.leavesMore)) {
     contained([&next] { next.work ? next.work->takeTurn(next.kind) : next.task(); });
     next.task = nullptr;
     next.work = nullptr;
-    if (++count % kTurn == 0 && giveWay()) return;
+    // Others may wait for the thread.
+    if (hasMoved(here) || (++count % kTurn == 0 && here->othersWait())) return giveWay();
   }
 }
 

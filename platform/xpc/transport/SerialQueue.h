@@ -30,7 +30,7 @@ class QueueRunner {
   virtual void taskWakes() noexcept = 0;
 
  protected:
-  ~QueueRunner() = default;
+  virtual ~QueueRunner() = default;
 };
 
 // What can be done again and again: a turn of it in a queue needs no memory of its own.
@@ -58,7 +58,7 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
  public:
   using Task = std::function<void()>;
 
-  explicit SerialQueue(QueueRunner& runner) : runner_(runner) {}
+  explicit SerialQueue(QueueRunner& runner) : runner_(&runner) {}
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
@@ -70,6 +70,11 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
   // by whom the runner brought it to.
   void drain();
   void letOvertake() noexcept;
+  // From now on this runner brings it to threads, and the queue holds it. A task that runs goes on where it is.
+  void moveTo(std::shared_ptr<QueueRunner> runner) noexcept;
+  // For a runner: nobody will drain it. What waits is let go of, here and not run; what is added later is scheduled
+  // again.
+  void abandon() noexcept;
   // Whether tasks that wait should find a thread even when few are left: after letOvertake().
   bool isUrgent() const noexcept { return urgent_.load(std::memory_order_acquire); }
   // Whether it was scheduled last because a task sleeps that others may overtake.
@@ -97,14 +102,19 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
   bool mustSchedule() VELTO_REQUIRES(mutex_);
   void taskEnds() VELTO_REQUIRES(mutex_);
   bool takeNext(bool afterTask, Entry& next, bool& leavesMore);
-  bool giveWay();
+  void giveWay();
+  void schedule() noexcept;
+  bool hasMoved(const QueueRunner* from) const noexcept { return runner_.load(std::memory_order_acquire) != from; }
 
-  QueueRunner& runner_;
+  std::atomic<QueueRunner*> runner_;
+  // The one that it was brought to last.
+  std::atomic<QueueRunner*> scheduledOn_{nullptr};
   std::atomic<bool> urgent_{false};
   std::atomic<bool> overtakes_{false};
 
   Mutex mutex_;
   std::condition_variable atRest_;
+  std::shared_ptr<QueueRunner> heldRunner_ VELTO_GUARDED_BY(mutex_);
   Fifo<Entry> tasks_ VELTO_GUARDED_BY(mutex_);
   // Brought, or about to be, to a thread that has not begun to drain.
   bool scheduled_ VELTO_GUARDED_BY(mutex_) = false;

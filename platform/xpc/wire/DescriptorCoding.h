@@ -12,13 +12,15 @@
 
 namespace velto::wire {
 
-// How objects that stand for descriptors (endpoints) travel: as the descriptors themselves, in order. `make` gets what
-// a peer sent and checks each one; it returns nil and a reason when they are not what they should be.
+// How objects that stand for descriptors (endpoints, file descriptors) travel: as the descriptors themselves, in order.
+// `make` gets what a peer sent and checks each one; it returns nil and a reason when they are not what they should be.
 struct DescriptorCoding {
   std::function<std::vector<system::SharedDescriptor>(const NSObject& object)> descriptors;
   std::function<NSObject(const std::vector<system::SharedDescriptor>& descriptors, std::string& reason)> make;
   // How many one object takes at most.
   std::size_t most = limits::kMaximumDescriptors;
+  // Whether one that has come can be found again in a dictionary or a set.
+  bool mayBeKey = true;
 };
 
 // Registers a class under its name. Thread-safe.

@@ -108,13 +108,17 @@ std::optional<Refusal> Refusal::decode(const Frame& frame, std::string& reason) 
 }
 
 Frame Credit::encode() const {
-  return encodeNumbers(FrameType::credit, {bytes, calls});
+  if (aheadCalls == 0) return encodeNumbers(FrameType::credit, {bytes, calls});
+  return encodeNumbers(FrameType::credit, {bytes, calls, aheadBytes, aheadCalls});
 }
 
 std::optional<Credit> Credit::decode(const Frame& frame, std::string& reason) {
   ValueDecoder decoder(frame);
   Credit credit;
-  const bool read = decodeNumbers(decoder, {&credit.bytes, &credit.calls});
+  bool read = decodeNumbers(decoder, {&credit.bytes, &credit.calls});
+  if (read && !decoder.atEnd()) {
+    read = decodeNumbers(decoder, {&credit.aheadBytes, &credit.aheadCalls}) && credit.aheadCalls > 0;
+  }
   if (!isWhole("credit", decoder, read, reason)) return std::nullopt;
   return credit;
 }

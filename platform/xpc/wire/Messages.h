@@ -68,7 +68,11 @@ struct Refusal {
 struct Credit {
   std::uint64_t bytes = 0;
   std::uint64_t calls = 0;
+  // Of calls that run ahead of others, by themselves.
+  std::uint64_t aheadBytes = 0;
+  std::uint64_t aheadCalls = 0;
 
+  bool isNothing() const noexcept { return bytes == 0 && calls == 0 && aheadBytes == 0 && aheadCalls == 0; }
   Frame encode() const;
   static std::optional<Credit> decode(const Frame& frame, std::string& reason);
 };

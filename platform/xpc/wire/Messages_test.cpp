@@ -15,7 +15,8 @@ using namespace testing;
 using Decodes = std::function<bool(const Frame&, std::string&)>;
 
 // A whole body is taken; each of its beginnings, and the body with one item more, is not, and the reason says whose.
-void expectExact(const Frame& frame, const std::string& name, const Decodes& decodes) {
+void expectExact(const Frame& frame, const std::string& name, const Decodes& decodes,
+                 const Bytes& tooMuch = hex("00")) {
   std::string reason;
   EXPECT_TRUE(decodes(frame, reason)) << reason;
   for (std::size_t length = 0; length < frame.body.size(); ++length) {
@@ -26,7 +27,7 @@ void expectExact(const Frame& frame, const std::string& name, const Decodes& dec
     EXPECT_TRUE(contains(reason, name + ": ")) << reason;
   }
   reason.clear();
-  EXPECT_FALSE(decodes(frameOfBytes(frame.body + hex("00")), reason));
+  EXPECT_FALSE(decodes(frameOfBytes(frame.body + tooMuch), reason));
   EXPECT_EQ(reason, name + ": bytes behind its last item");
 }
 
@@ -199,6 +200,17 @@ TEST(Refusal, TextThatIsNotUtf8GoesOutRepaired) {
   EXPECT_EQ(decoded->text, "a\xEF\xBF\xBD");
 }
 
+TEST(Credit, OfCallsThatRanAheadComesBackToo) {
+  std::string reason;
+  const auto credit = Credit::decode(Credit{0, 0, 500, 3}.encode(), reason);
+  ASSERT_TRUE(credit) << reason;
+  EXPECT_EQ(credit->aheadBytes, 500U);
+  EXPECT_EQ(credit->aheadCalls, 3U);
+  // Of no calls it is not said.
+  EXPECT_FALSE(Credit::decode(frameOfBytes(hex("01 01 05 00")), reason));
+  EXPECT_FALSE(Credit::decode(frameOfBytes(hex("01 01 05")), reason));
+}
+
 TEST(Credit, ComesBackAsItWasAndMustBeExact) {
   std::string reason;
   const Frame frame = Credit{1000, 2}.encode();
@@ -208,8 +220,9 @@ TEST(Credit, ComesBackAsItWasAndMustBeExact) {
   ASSERT_TRUE(credit) << reason;
   EXPECT_EQ(credit->bytes, 1000u);
   EXPECT_EQ(credit->calls, 2u);
-  expectExact(frame, "credit",
-              [](const Frame& each, std::string& why) { return Credit::decode(each, why).has_value(); });
+  expectExact(
+      frame, "credit", [](const Frame& each, std::string& why) { return Credit::decode(each, why).has_value(); },
+      hex("05 01 00"));
 }
 
 TEST(Goodbye, IsEmptyAndNothingElse) {

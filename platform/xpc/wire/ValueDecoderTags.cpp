@@ -1,6 +1,7 @@
 // The half of the decoder that knows what stands under each tag. What belongs to a tag is read on the spot, so that no
 // chain of tags, however long, takes a level of anything.
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <utility>
@@ -140,10 +141,15 @@ ValueDecoder::Step ValueDecoder::withDescriptors(const DescriptorClass& aClass, 
   const std::string name = aClass.classObject.name().string();
   if (items != 2) return breakOff("an object of class " + name + " in " + std::to_string(items) + " items, not 2");
   if (!admitted_->admits(aClass.classObject)) return refuseClass(name);
+  if (!aClass.coding.mayBeKey && isInKey()) {
+    return refuse("holds an object of class " + name + " in a key of a dictionary or in a set");
+  }
   std::vector<system::SharedDescriptor> taken;
   if (!takeDescriptors(taken)) return Step::broken;
   std::string reason;
-  const NSObject made = aClass.coding.make(taken, reason);
+  // Where a region stood that nobody here admits there is nothing any more.
+  const bool isWhole = std::all_of(taken.begin(), taken.end(), [](const auto& each) { return each != nullptr; });
+  const NSObject made = isWhole ? aClass.coding.make(taken, reason) : NSObject();
   if (made.isKindOfClass(aClass.classObject)) {
     take(made);
     return Step::complete;

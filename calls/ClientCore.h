@@ -1,0 +1,118 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "VeltoIPC/Client.h"
+#include "broker/VeltoIPCNamesProtocol.h"
+#include "calls/Names.h"
+#include "calls/Peer.h"
+#include "platform/foundation/NSCondition.h"
+#include "platform/xpc/DelayedCall.h"
+
+namespace velto::calls {
+
+// What a Client stands for: it finds the name, connects, and connects anew if it is to. Calls go to the connection of
+// the moment, or wait for the next.
+//
+// Thread-safe. Connecting happens on threads of the platform, one step at a time; whoever waits for it waits for a
+// word.
+class ClientCore final : public std::enable_shared_from_this<ClientCore> {
+ public:
+  ClientCore(const NSString& name, ClientOptions options);
+
+  // Starts, and sleeps until the connection is made or it is given up; nothing when it is made.
+  std::optional<CallError> connect();
+
+  NSDictionary withOperation(std::string_view operation, const NSDictionary& message) const;
+  Call call(const NSDictionary& message, const CallOptions& options);
+  Call sending(const NSDictionary& message, const CallOptions& options);
+  Stream open(const NSDictionary& message, const CallOptions& options);
+  std::optional<CallError> send(const NSDictionary& message, std::optional<std::chrono::nanoseconds> timeout,
+                                bool waits, std::function<void(CallError)> failed);
+  void close();
+  // The same, and sleeps until no handler runs any more, where that can be waited for.
+  void closeAndWait();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  enum class Phase : std::uint8_t { connecting, connected, waitsToReconnect, ended };
+  // Something to be sent as soon as that goes.
+  struct Waiting {
+    std::shared_ptr<CallState> state;
+    // The error is that the connection has ended: it has not been sent.
+    std::function<std::optional<CallError>(Peer&)> start;
+  };
+
+  // One attempt to connect; what comes of a former one is ignored.
+  void attempt();
+  void lookUp(std::uint64_t number);
+  void waitForName(std::uint64_t number);
+  // Notes that nobody serves the name yet. False when that attempt is over.
+  bool mayWait(std::uint64_t number);
+  CallError nobodyServes() const;
+  void found(std::uint64_t number, const std::shared_ptr<NSXPCConnection>& connection);
+  void isReady(std::uint64_t number);
+  void attemptFailed(std::uint64_t number, CallError error);
+  void peerEnded(std::uint64_t number, const CallError& error);
+  void endReconnectingLater();
+  void endReconnecting();
+  void giveUp(const CallError& error);
+  void tryLater(std::chrono::milliseconds pause);
+  std::shared_ptr<CallState> makeState(const CallOptions& options);
+  // Starts it, waits for the other end to keep up if that is possible here, or keeps it.
+  void launch(Waiting waiting);
+  void keep(std::deque<Waiting> ClientCore::*where, Waiting waiting, std::size_t most, Failure overMost);
+  void start(const std::shared_ptr<Peer>& peer, const Waiting& waiting);
+  // Starts what was kept because the other end was behind.
+  void startParked();
+  // Keeps it for the next connection, behind one that has ended; which becomes the next if that is there already, and
+  // else null. False when there is to be none.
+  bool keepForNext(Waiting waiting, std::shared_ptr<Peer>& ended);
+  void writableAgain();
+  // Sleeps until the other end keeps up; nothing when it does.
+  std::optional<CallError> awaitWritable(const std::shared_ptr<Peer>& peer, std::optional<Clock::time_point> deadline,
+                                         bool waits);
+  std::optional<CallError> awaitConnection(std::optional<Clock::time_point> deadline, bool waits,
+                                           std::shared_ptr<Peer>& peer);
+  void sleep(std::optional<Clock::time_point> deadline) VELTO_REQUIRES(condition_);
+  void setToldFull(bool isTold);
+  std::shared_ptr<Peer> connected() const;
+  // As handlers are run.
+  void perform(std::function<void()> task);
+
+  const NSString name_;
+  const ClientOptions options_;
+  const TaskQueue tasks_;
+  const NSCondition condition_ = NSCondition::condition();
+  Phase phase_ VELTO_GUARDED_BY(condition_) = Phase::connecting;
+  std::uint64_t attempt_ VELTO_GUARDED_BY(condition_) = 0;
+  Clock::time_point triesUntil_ VELTO_GUARDED_BY(condition_);
+  bool wasConnected_ VELTO_GUARDED_BY(condition_) = false;
+  std::chrono::milliseconds pause_ VELTO_GUARDED_BY(condition_){0};
+  std::optional<CallError> error_ VELTO_GUARDED_BY(condition_);
+  std::shared_ptr<Names::Wait> wait_ VELTO_GUARDED_BY(condition_);
+  std::shared_ptr<NSXPCConnection> link_ VELTO_GUARDED_BY(condition_);
+  std::shared_ptr<Peer> peer_ VELTO_GUARDED_BY(condition_);
+  // This one, and those before it of which something may still run.
+  std::vector<std::weak_ptr<Peer>> peers_ VELTO_GUARDED_BY(condition_);
+  // In whose queue handlers run, or ran last; until there is one, in one of their own.
+  std::shared_ptr<Peer> lastPeer_ VELTO_GUARDED_BY(condition_);
+  std::shared_ptr<xpc::DelayedCall> retry_ VELTO_GUARDED_BY(condition_);
+  // When reconnecting is given up.
+  std::shared_ptr<xpc::DelayedCall> lastTry_ VELTO_GUARDED_BY(condition_);
+  // What waits for a connection, and what waits for the other end to keep up.
+  std::deque<Waiting> waiting_ VELTO_GUARDED_BY(condition_);
+  std::deque<Waiting> parked_ VELTO_GUARDED_BY(condition_);
+  bool startsParked_ VELTO_GUARDED_BY(condition_) = false;
+  bool toldFull_ VELTO_GUARDED_BY(condition_) = false;
+};
+
+}  // namespace velto::calls
