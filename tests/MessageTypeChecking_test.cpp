@@ -1,6 +1,7 @@
 // What may be in a message when types are strict, and how a refusal reads in the log.
 
 #include "message/TypeChecking.h"
+#include "platform/xpc/NSFileDescriptor.h"
 #include "tests/support/LibraryTest.h"
 
 namespace velto::testing {
@@ -54,6 +55,12 @@ TEST_F(MessageTypeChecking, MutableValuesPass) {
 TEST_F(MessageTypeChecking, NullFailsWithOneLineThatNamesItsClassTwice) {
   EXPECT_FALSE(checkDictionary({{"nothing", NSNull::null()}}));
   EXPECT_EQ(log.lines(), std::vector{refusalOf(NSNull::null())});
+}
+
+TEST_F(MessageTypeChecking, AnOpenDescriptorFailsAsAnyOtherClass) {
+  const NSFileDescriptor input = NSFileDescriptor::fileDescriptorDuplicating(0);
+  EXPECT_FALSE(checkDictionary({{"input", input}}));
+  EXPECT_EQ(log.lines(), std::vector{refusalOf(input)});
 }
 
 TEST_F(MessageTypeChecking, DateInArrayFailsWithItsOwnLineThenTheArraysLine) {

@@ -14,10 +14,12 @@
 #include <vector>
 
 #include <VeltoIPC/Limits.h>
+#include <VeltoIPC/Typed.h>
 #include <VeltoIPC/VeltoIPC.h>
 
 #include "platform/foundation/Box.h"
 #include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/NSFileDescriptor.h"
 #include "platform/xpc/NSXPCConnection.h"
 #include "platform/xpc/NSXPCError.h"
 #include "platform/xpc/NSXPCInterface.h"
@@ -51,6 +53,33 @@ struct Sample {
   std::optional<std::string> unit;
   std::map<std::string, std::tuple<int, bool>> flags;
 };
+VELTO_FIELDS(Sample, values, unit, flags)
+
+enum class Unit { metre, second };
+VELTO_NAMES(Unit, metre, (second, "s"))
+
+struct Nothing {
+  VELTO_FIELDS_ONLY(Nothing)
+};
+
+class Request {
+ public:
+  VELTO_FIELDS(Request, (samples_, "samples"), (unit_, "unit", velto::orDefault), (others_, velto::everythingElse));
+
+ private:
+  std::vector<Sample> samples_;
+  Unit unit_ = Unit::metre;
+  NSDictionary others_;
+};
+
+std::string passedOn(const NSDictionary& message, VeltoConnection& connection);
+std::string passedOn(const NSDictionary& message, VeltoConnection& connection) {
+  const auto request = message.get<Request>();
+  if (!request) return request.error();
+  connection.sendMessage(*request);
+  connection.sendMessage({{"nothing", Nothing()}, {"requests", std::vector<Request>{*request}}});
+  return message.to<Nothing>() ? "nothing" : "";
+}
 
 NSDictionary messageOf(const Sample& sample);
 NSDictionary messageOf(const Sample& sample) {

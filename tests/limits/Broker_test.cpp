@@ -36,6 +36,8 @@ class Guest {
   std::size_t registers(std::size_t names, const std::string& prefix, const std::string& other = {}) {
     return numberTold("names " + std::to_string(names) + " " + prefix + " " + other);
   }
+  // How many of so many are waiting, for names that nobody has.
+  std::size_t waits(std::size_t names) { return numberTold("wait " + std::to_string(names)); }
   // How many were answered.
   std::size_t opens(std::size_t links) { return numberTold("links " + std::to_string(links)); }
   void dies() {
@@ -106,6 +108,17 @@ TEST_F(BrokerLimits, OneProcessRegistersAsManyNamesAsItMayWhateverBecomesOfItsLi
   greedy.dies();
   EXPECT_TRUE(eventually([] { return Guest().told("find greedy0") == "nothing"; }));
   EXPECT_EQ(Guest().registers(limits::kBrokerNamesOfOneProcess, "next"), limits::kBrokerNamesOfOneProcess);
+}
+
+TEST_F(BrokerLimits, OneProcessWaitsAsOftenAsItMayAndOthersWaitBesideIt) {
+  DaemonProcess daemon;
+  ASSERT_TRUE(daemon.listens()) << daemon.words();
+  Guest greedy;
+  EXPECT_EQ(greedy.waits(limits::kBrokerWaitersOfOneProcess + 100), limits::kBrokerWaitersOfOneProcess);
+  EXPECT_EQ(greedy.waits(1), 0U) << "over whatever link";
+  EXPECT_EQ(Guest().waits(10), 10U);
+  EXPECT_EQ(greedy.told("forget"), "done");
+  EXPECT_TRUE(eventually([&] { return greedy.waits(1) == 1; }));
 }
 
 TEST_F(BrokerLimits, ProcessesThatHoldAllNamesMakeRoomForAnother) {

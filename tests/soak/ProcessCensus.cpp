@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "platform/xpc/contract/Limits.h"
+#include "tests/support/MemoryTells.h"
 #include "tests/support/Waiting.h"
 
 namespace velto::soak {
@@ -19,20 +20,6 @@ namespace {
 
 constexpr int kLooks = 30;
 constexpr std::chrono::milliseconds kBetweenLooks{10};
-
-// The address sanitizer keeps what has been freed, and the thread sanitizer a history of all memory: with them, the
-// memory of a process tells nothing.
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kMemoryTells = false;
-#else
-constexpr bool kMemoryTells = true;
-#endif
-#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kMemoryTells = false;
-#else
-constexpr bool kMemoryTells = true;
-#endif
 
 std::size_t entriesOf(const std::string& directory) {
   std::error_code ignored;
@@ -88,7 +75,7 @@ ProcessCensus censusComparedWith(const ProcessCensus& start, pid_t process) {
 }
 
 std::string growthSince(const ProcessCensus& start, const ProcessCensus& end, std::size_t allowedGrowthBytes) {
-  const bool memoryGrew = kMemoryTells && end.residentBytes > start.residentBytes + allowedGrowthBytes;
+  const bool memoryGrew = testing::kMemoryTells && end.residentBytes > start.residentBytes + allowedGrowthBytes;
   if (holdsNoMore(end, start) && !memoryGrew) return "";
   return "it had " + start.text() + ", and has " + end.text() + "; memory may grow by " +
          std::to_string(allowedGrowthBytes >> 10) + " KiB";

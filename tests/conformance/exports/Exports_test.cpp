@@ -115,6 +115,17 @@ TEST_F(Exports, TheInsideStaysInside) {
                                             "VeltoCommunicationMessageProtocol::",
                                             "velto::xpc::Protocol const& "
                                             "velto::xpc::protocolOf<VeltoCommunicationMessageProtocol>()",
+                                            "velto::Call::",
+                                            "velto::CallError",
+                                            "velto::Client::",
+                                            "velto::Failure",
+                                            "velto::InProcess::",
+                                            "velto::Request::",
+                                            "velto::Service::",
+                                            "velto::Stream",
+                                            "velto::detail::",
+                                            "velto::nameOf(",
+                                            "velto::operator<<(std::ostream&, velto::CallError",
                                             "VKT_IPC_TIME_FOREVER",
                                             "VeltoIPCVersionNumber",
                                             "VeltoIPCVersionString"};

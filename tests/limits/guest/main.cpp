@@ -6,6 +6,10 @@
 //   names COUNT PREFIX         registers PREFIX0, PREFIX1 and so on, over links that it drops when they have taken as
 //                              many as one may: how many were taken
 //   names COUNT PREFIX OTHER   the same, with the endpoint that is found under OTHER
+//   wait COUNT                 waits for so many names that nobody has, over a link of its own, which it keeps: how
+//   many
+//                              were not refused
+//   forget                     lets go of the links over which it waits
 //   find NAME                  over a link of its own: "found", "nothing", or the error
 
 #include <algorithm>
@@ -26,7 +30,7 @@
 #include <sys/socket.h>
 
 #include "VeltoIPC/Limits.h"
-#include "broker/VeltoIPCDaemonProtocol.h"
+#include "broker/VeltoIPCNamesProtocol.h"
 #include "platform/xpc/NSXPCConnection.h"
 #include "platform/xpc/NSXPCListener.h"
 #include "platform/xpc/transport/Sockets.h"
@@ -44,7 +48,7 @@ using Answered = std::future<Answer>;
 class Link {
  public:
   Link() {
-    connection_->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol<VeltoIPCDaemonProtocol>());
+    connection_->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol<VeltoIPCNamesProtocol>());
     connection_->resume();
   }
   ~Link() { connection_->invalidate(); }
@@ -56,7 +60,7 @@ class Link {
     auto answered = promise->get_future();
     proxy([promise](const NSError& error) {
       promise->set_value({nil, error});
-    })->call<&VeltoIPCDaemonProtocol::findListenerEndpointForName>(name, [promise](NSXPCListenerEndpoint endpoint) {
+    })->call<&VeltoIPCNamesProtocol::findListenerEndpointForName>(name, [promise](NSXPCListenerEndpoint endpoint) {
       promise->set_value({endpoint, nil});
     });
     return answered;
@@ -64,14 +68,19 @@ class Link {
   void registerEndpoint(const NSXPCListenerEndpoint& endpoint, const std::string& name) {
     proxy([refused = refused_](const NSError&) {
       ++*refused;
-    })->call<&VeltoIPCDaemonProtocol::sendListenerConnection>(endpoint, name);
+    })->call<&VeltoIPCNamesProtocol::sendListenerConnection>(endpoint, name);
   }
-  // Of what was registered; known once a look-up that came after it is answered.
+  void waitFor(const std::string& name) {
+    proxy([refused = refused_](const NSError&) {
+      ++*refused;
+    })->call<&VeltoIPCNamesProtocol::waitForName>(name, nil, [](const NSXPCListenerEndpoint&) {});
+  }
+  // Of what was registered or waited for; known once a look-up that came after it is answered.
   std::size_t refused() const { return *refused_; }
 
  private:
-  std::shared_ptr<NSXPCProxy<VeltoIPCDaemonProtocol>> proxy(std::function<void(NSError)> errors) {
-    return connection_->remoteObjectProxyWithErrorHandler<VeltoIPCDaemonProtocol>(std::move(errors));
+  std::shared_ptr<NSXPCProxy<VeltoIPCNamesProtocol>> proxy(std::function<void(NSError)> errors) {
+    return connection_->remoteObjectProxyWithErrorHandler<VeltoIPCNamesProtocol>(std::move(errors));
   }
 
   const std::shared_ptr<std::atomic<std::size_t>> refused_ = std::make_shared<std::atomic<std::size_t>>(0);
@@ -128,6 +137,8 @@ class Guest {
     std::string other;
     words >> count >> prefix >> other;
     if (what == "use") return told(links_.at(count)->find("nobody").get());
+    if (what == "wait") return std::to_string(waitForNames(count));
+    if (what == "forget") return forget();
     if (what == "links") return std::to_string(openLinks(count));
     if (what == "deaf") return std::to_string(openDeafLinks(count));
     return std::to_string(registerNames(count, prefix, other));
@@ -174,9 +185,23 @@ class Guest {
     return taken;
   }
 
+  std::size_t waitForNames(std::size_t count) {
+    waitingLinks_.push_back(std::make_unique<Link>());
+    Link& link = *waitingLinks_.back();
+    for (std::size_t number = 0; number < count; ++number) link.waitFor("nobody's" + std::to_string(number));
+    if (link.find("nobody").get().error) return 0;
+    return count - link.refused();
+  }
+
+  std::string forget() {
+    waitingLinks_.clear();
+    return "done";
+  }
+
   const std::shared_ptr<NSXPCListener> listener_ = NSXPCListener::anonymousListener();
   std::vector<std::unique_ptr<Link>> links_;
   std::vector<std::unique_ptr<DeafLink>> deafLinks_;
+  std::vector<std::unique_ptr<Link>> waitingLinks_;
 };
 
 }  // namespace
