@@ -84,7 +84,7 @@ void Outflow::writeLater(NSDictionary item, Written written) {
   {
     const ConditionLock lock(condition_);
     ended = ended_;
-    if (!ended) waiting_.push_back({std::move(item), bytes, std::move(written)});
+    if (!ended) waiting_.push_back({std::move(item), bytes, std::exchange(written, nullptr)});
   }
   if (ended) return written(std::move(ended));
   sendWaiting();
