@@ -26,7 +26,8 @@ using testing::Inbox;
 class Streams : public ::testing::Test {
  protected:
   ~Streams() override {
-    service.close();
+    // Its end waits for the handlers that run: no thread is added behind our back.
+    { const Service ended = std::move(service); }
     for (std::thread& each : threads) each.join();
   }
 
