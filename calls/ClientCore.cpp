@@ -180,6 +180,8 @@ void ClientCore::isReady(std::uint64_t number) {
     condition_.signal();
   }
   peer->deliverOn(options_.delivery);
+  // They were made before, and the connection that they waited for has gone.
+  startParked();
   for (const Waiting& each : waiting) start(peer, each);
   if (again && options_.onReconnected) peer->perform(options_.onReconnected);
 }
@@ -303,8 +305,7 @@ Call ClientCore::call(const NSDictionary& message, const CallOptions& options) {
       const auto self = weak.lock();
       const auto again = weakState.lock();
       if (!self || !again || !self->options_.reconnects || ++*repeats > limits::kRepeats) return false;
-      auto ended = self->connected();
-      return self->keepForNext({again, [again, message](Peer& peer) { return peer.makeCall(again, message); }}, ended);
+      return self->startAgain({again, [again, message](Peer& peer) { return peer.makeCall(again, message); }});
     });
   }
   launch(std::move(waiting));
@@ -334,31 +335,35 @@ Stream ClientCore::open(const NSDictionary& message, const CallOptions& options)
 }
 
 void ClientCore::launch(Waiting waiting) {
-  const auto peer = connected();
-  if (!peer) return keep(&ClientCore::waiting_, std::move(waiting), limits::kPendingReplies, Failure::overLimit);
+  auto peer = connected();
+  while (!peer && !keep(&ClientCore::waiting_, waiting, limits::kPendingReplies, Failure::overLimit)) peer = connected();
+  if (!peer) return;
   std::optional<Clock::time_point> deadline;
   if (const auto left = waiting.state->timeLeft()) deadline = xpc::timeAfter(*left);
   const auto error = awaitWritable(peer, deadline, true);
   if (!error) return start(peer, waiting);
   if (error->failure() != Failure::full) return void(waiting.state->end(*error));
-  keep(&ClientCore::parked_, std::move(waiting), limits::kParkedCalls, Failure::full);
+  keep(&ClientCore::parked_, waiting, limits::kParkedCalls, Failure::full);
   startParked();
 }
 
-void ClientCore::keep(std::deque<Waiting> ClientCore::*where, Waiting waiting, std::size_t most, Failure overMost) {
+bool ClientCore::keep(std::deque<Waiting> ClientCore::*where, const Waiting& waiting, std::size_t most,
+                      Failure overMost) {
   std::optional<CallError> error;
-  const auto state = waiting.state;
   {
     const ConditionLock lock(condition_);
+    // What waits for a connection that is there already would wait for the next one.
+    if (where == &ClientCore::waiting_ && phase_ == Phase::connected) return false;
     if (phase_ == Phase::ended) {
       error = error_ ? *error_ : closedHere();
     } else if ((this->*where).size() >= most) {
       error = CallError(overMost, std::to_string(most) + " calls wait already");
     } else {
-      (this->*where).push_back(std::move(waiting));
+      (this->*where).push_back(waiting);
     }
   }
-  if (error) state->end(*std::move(error));
+  if (error) waiting.state->end(*std::move(error));
+  return true;
 }
 
 bool ClientCore::keepForNext(Waiting waiting, std::shared_ptr<Peer>& ended) {
@@ -370,6 +375,14 @@ bool ClientCore::keepForNext(Waiting waiting, std::shared_ptr<Peer>& ended) {
   ended.reset();
   if (phase_ == Phase::ended || waiting_.size() >= limits::kPendingReplies) return false;
   waiting_.push_back(std::move(waiting));
+  return true;
+}
+
+// The connection may not be known to have ended yet, or be another already.
+bool ClientCore::startAgain(const Waiting& waiting) {
+  auto peer = connected();
+  if (!peer && !keepForNext(waiting, peer)) return false;
+  if (peer) start(peer, waiting);
   return true;
 }
 

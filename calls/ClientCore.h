@@ -69,7 +69,10 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   std::shared_ptr<CallState> makeState(const CallOptions& options);
   // Starts it, waits for the other end to keep up if that is possible here, or keeps it.
   void launch(Waiting waiting);
-  void keep(std::deque<Waiting> ClientCore::*where, Waiting waiting, std::size_t most, Failure overMost);
+  // False, and nothing happens, when it would wait for a connection that is there.
+  bool keep(std::deque<Waiting> ClientCore::*where, const Waiting& waiting, std::size_t most, Failure overMost);
+  // Once more, after its connection has ended: now, or over the next. False when there is to be none.
+  bool startAgain(const Waiting& waiting);
   void start(const std::shared_ptr<Peer>& peer, const Waiting& waiting);
   // Starts what was kept because the other end was behind.
   void startParked();

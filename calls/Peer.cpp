@@ -55,26 +55,29 @@ CallError letGo() {
   return {Failure::dropped, "the other end let go of the request without an answer", true};
 }
 
-// Whether something that is handed to the connection fails before that returns.
+// Different in each thread.
+constinit thread_local char markOfThread = 0;
+
+// Whether something that is handed to the connection is not taken: then it fails inside of that very call. What fails on
+// another thread at the same time has been taken, and the other end may have seen it.
 class Handover {
  public:
-  // The failure came in time to be told by finish().
+  // The failure is told by finish().
   bool fails(const CallError& why) {
-    MutexLock lock(mutex_);
-    if (isOver_) return false;
+    if (maker_ != &markOfThread || isOver_) return false;
     error_ = why;
     return true;
   }
   std::optional<CallError> finish() {
-    MutexLock lock(mutex_);
     isOver_ = true;
     return error_;
   }
 
  private:
-  Mutex mutex_;
-  bool isOver_ VELTO_GUARDED_BY(mutex_) = false;
-  std::optional<CallError> error_ VELTO_GUARDED_BY(mutex_);
+  // The rest is of this thread alone.
+  const void* const maker_ = &markOfThread;
+  bool isOver_ = false;
+  std::optional<CallError> error_;
 };
 
 }  // namespace
