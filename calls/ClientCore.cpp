@@ -336,7 +336,8 @@ Stream ClientCore::open(const NSDictionary& message, const CallOptions& options)
 
 void ClientCore::launch(Waiting waiting) {
   auto peer = connected();
-  while (!peer && !keep(&ClientCore::waiting_, waiting, limits::kPendingReplies, Failure::overLimit)) peer = connected();
+  while (!peer && !keep(&ClientCore::waiting_, waiting, limits::kPendingReplies, Failure::overLimit))
+    peer = connected();
   if (!peer) return;
   std::optional<Clock::time_point> deadline;
   if (const auto left = waiting.state->timeLeft()) deadline = xpc::timeAfter(*left);

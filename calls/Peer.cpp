@@ -58,26 +58,30 @@ CallError letGo() {
 // Different in each thread.
 constinit thread_local char markOfThread = 0;
 
-// Whether something that is handed to the connection is not taken: then it fails inside of that very call. What fails on
-// another thread at the same time has been taken, and the other end may have seen it.
+// Whether something that is handed to the connection fails before that returns.
 class Handover {
  public:
-  // The failure is told by finish().
+  // Whether this is inside of the very call that hands it over. Then it was not taken; what fails on another thread at
+  // the same time was, and the other end may have seen it.
+  bool isHere() const { return maker_ == &markOfThread; }
+  // The failure came in time to be told by finish().
   bool fails(const CallError& why) {
-    if (maker_ != &markOfThread || isOver_) return false;
+    MutexLock lock(mutex_);
+    if (isOver_) return false;
     error_ = why;
     return true;
   }
   std::optional<CallError> finish() {
+    MutexLock lock(mutex_);
     isOver_ = true;
     return error_;
   }
 
  private:
-  // The rest is of this thread alone.
   const void* const maker_ = &markOfThread;
-  bool isOver_ = false;
-  std::optional<CallError> error_;
+  Mutex mutex_;
+  bool isOver_ VELTO_GUARDED_BY(mutex_) = false;
+  std::optional<CallError> error_ VELTO_GUARDED_BY(mutex_);
 };
 
 }  // namespace
@@ -222,7 +226,7 @@ std::optional<CallError> Peer::makeCall(const std::shared_ptr<CallState>& state,
   const auto proxy = connection_->remoteObjectProxyWithErrorHandler<CallsPeer>(
       NonBlockingReply<NSError>{[self = shared_from_this(), state, handover](const NSError& error) {
         const CallError why = self->errorOf(error);
-        if (!handover->fails(why)) state->end(why);
+        if (!handover->isHere() || !handover->fails(why)) state->end(why);
       }});
   isOfCalls_ ? startCall(*proxy, state, message, stream) : startMessage(*proxy, state, message);
   auto error = handover->finish();
