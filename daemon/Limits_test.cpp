@@ -26,5 +26,11 @@ TEST(BrokerLimitsInForce, LeaveTheProgramItsOwnDescriptors) {
   EXPECT_EQ(limitsWithin(0).descriptors, 0U);
 }
 
+TEST(BrokerLimitsInForce, AreWhatTheUnitOfSystemdAllows) {
+  // While a name is taken over, both registrations are kept.
+  EXPECT_GE(VELTO_STORED_DESCRIPTORS, 3 * (limits::kBrokerNames + 1));
+  EXPECT_EQ(VELTO_NEEDED_DESCRIPTORS, kNeededDescriptors);
+}
+
 }  // namespace
 }  // namespace velto

@@ -1,6 +1,8 @@
 #include "daemon/Registry.h"
 
+#include <map>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -330,4 +332,69 @@ TEST_F(RegistryTest, OneThatCannotBeToldKeepsNobodyElseFromIt) {
   wait("a", 0, told, another);
   EXPECT_TRUE(registry->add("a", first->endpoint(), registrant).stands());
   EXPECT_EQ(told, Told{"stands"});
+}
+
+TEST_F(RegistryTest, OfTwoListenersThatComeAgainTheLaterOneHasTheNameInEitherOrder) {
+  EXPECT_FALSE(registry->addAgain("a", first->endpoint(), registrant, 1).isTaken);
+  EXPECT_FALSE(registry->addAgain("a", second->endpoint(), another, 2).isTaken);
+  EXPECT_EQ(registry->find("a"), second->endpoint());
+  EXPECT_FALSE(registry->addAgain("b", second->endpoint(), another, 2).isTaken);
+  EXPECT_TRUE(registry->addAgain("b", first->endpoint(), registrant, 1).isTaken);
+  EXPECT_EQ(registry->find("b"), second->endpoint());
+}
+
+TEST_F(RegistryTest, OneThatComesAgainAndStandsAlreadyStaysAsItIs) {
+  const auto standing = registry->add("a", first->endpoint(), registrant);
+  Told told;
+  wait("a", standing.state.registration, told, another);
+  EXPECT_EQ(registry->addAgain("a", first->endpoint(), registrant, 1).state, standing.state);
+  EXPECT_TRUE(saidBy(told).empty()) << "nobody hears of a change";
+  registry->leave(another);
+}
+
+TEST_F(RegistryTest, NobodyWhoComesAgainHasRegisteredInTheFuture) {
+  registry->addAgain("a", first->endpoint(), registrant, ~std::uint64_t{0});
+  registry->addAgain("a", second->endpoint(), another, ~std::uint64_t{0});
+  EXPECT_EQ(registry->find("a"), second->endpoint());
+}
+
+namespace {
+
+// What would be there after an end.
+struct Remembered final : velto::NameStore {
+  void keep(const velto::StoredName& name) noexcept override { names.insert_or_assign(name.token, name); }
+  void forget(const std::string& token) noexcept override { names.erase(token); }
+  std::map<std::string, velto::StoredName> names;
+};
+
+}  // namespace
+
+TEST_F(RegistryTest, WhatStandsAndNothingElseIsInTheStore) {
+  Remembered store;
+  const auto kept = velto::Registry::make(kLimits, velto::Ledger::make(kLimits), &store);
+  kept->add("a", first->endpoint(), registrant);
+  kept->add("a", second->endpoint(), another);
+  kept->add("b", first->endpoint(), registrant);
+  ASSERT_EQ(store.names.size(), 2U);
+  kept->drop("b");
+  ASSERT_EQ(store.names.size(), 1U);
+  EXPECT_EQ(store.names.begin()->second.name, "a");
+  EXPECT_EQ(store.names.begin()->second.endpoint, second->endpoint());
+}
+
+TEST_F(RegistryTest, WhatComesOutOfTheStoreIsChargedToItsProcessUntilThatOneIsKnown) {
+  Remembered store;
+  const auto ledger = velto::Ledger::make(kLimits);
+  const auto kept = velto::Registry::make(kLimits, ledger, &store);
+  const velto::StoredName stored{"token", "a", first->endpoint(), 4711, 1};
+  store.keep(stored);
+  kept->restore(stored);
+  EXPECT_EQ(kept->find("a"), first->endpoint());
+  EXPECT_EQ(ledger->held(velto::Holder::remembered(4711).number)[velto::Holdings::kNames], 1U);
+  EXPECT_EQ(store.names.count("token"), 1U);
+  const auto known = kept->addAgain("a", first->endpoint(), registrant, 1);
+  EXPECT_FALSE(known.isTaken);
+  EXPECT_EQ(ledger->held(velto::Holder::remembered(4711).number)[velto::Holdings::kNames], 0U);
+  EXPECT_EQ(ledger->held(1)[velto::Holdings::kNames], 1U);
+  EXPECT_EQ(store.names.size(), 1U);
 }

@@ -23,6 +23,8 @@ class Registrant;
 struct Standing {
   NameState state;
   NSXPCListenerEndpoint endpoint;
+  // Whether nobody can come again who had the name later.
+  bool isCertain = true;
 };
 
 // Those that wait for another state of a name than the one that stands. So every change ends all waiters of its name,

@@ -8,6 +8,7 @@
 
 #include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/system/SystemCalls.h"
+#include "platform/xpc/transport/Activation.h"
 #include "platform/xpc/transport/RuntimeDirectory.h"
 #include "platform/xpc/transport/Sockets.h"
 
@@ -35,11 +36,27 @@ Class RemoteObject::boxClass() {
 }  // namespace velto::xpc
 
 std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithServiceName(const NSString& serviceName) {
+  return toService(serviceName, [](const std::string& name, const std::string& from) {
+    return velto::transport::connectToService(name, from);
+  });
+}
+
+std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithServiceName(const NSString& serviceName,
+                                                                      const velto::xpc::ServingProgram& startedIfNeeded) {
+  const velto::transport::ProgramChoice choice(startedIfNeeded);
+  return toService(serviceName, [choice](const std::string& name, const std::string& from) {
+    return velto::transport::connectOrStart(name, choice, from);
+  });
+}
+
+template <class Connect>
+std::shared_ptr<NSXPCConnection> NSXPCConnection::toService(const NSString& serviceName, Connect connect) {
   const std::string name = serviceName.string();
-  auto connector = [name, from = velto::transport::RuntimeDirectory::named()]() -> velto::transport::ConnectAttempt {
+  auto connector = [name, from = velto::transport::RuntimeDirectory::named(),
+                    connect = std::move(connect)]() -> velto::transport::ConnectAttempt {
     std::string reason;
     if (!velto::transport::isFileName(name, reason)) return {{}, false, false, reason};
-    return velto::transport::connectToService(name, from);
+    return connect(name, from);
   };
   return std::shared_ptr<NSXPCConnection>(
       new NSXPCConnection(ConnectionCore::connecting("the service \"" + name + "\"", name, std::move(connector))));

@@ -33,15 +33,20 @@ unnamed() {
   exec "$@" >&2
 }
 
-# wait_for_line TEXT: until the transcript holds it. Fails when that takes longer than ten seconds.
-wait_for_line() {
+# wait_until COMMAND...: until it succeeds. Fails when that takes longer than ten seconds.
+wait_until() {
   local deadline=$((SECONDS + 10))
   while ((SECONDS <= deadline)); do
-    grep --quiet --fixed-strings -- "$1" "$directory/transcript" 2>/dev/null && return
+    "$@" && return
     sleep 0.05
   done
-  echo "Nobody said \"$1\" within ten seconds." >&2
+  echo "This was waited for in vain for ten seconds: $*" >&2
   return 1
+}
+
+# wait_for_line TEXT: until the transcript holds it.
+wait_for_line() {
+  wait_until grep --quiet --fixed-strings --no-messages -- "$1" "$directory/transcript"
 }
 
 # end_of NAME: waits for the program's end, for fifteen seconds at most, and returns its exit code.

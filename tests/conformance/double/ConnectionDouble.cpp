@@ -271,6 +271,11 @@ std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithServiceName(const NSSt
   return ConnectionCore::wrap(std::move(core));
 }
 
+std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithServiceName(const NSString& serviceName,
+                                                                      const velto::xpc::ServingProgram&) {
+  return initWithServiceName(serviceName);
+}
+
 std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(const NSXPCListenerEndpoint& endpoint) {
   auto core = PlatformDouble::current().makeConnection();
   core->madeWithEndpoint(endpoint);

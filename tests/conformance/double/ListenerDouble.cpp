@@ -97,6 +97,15 @@ std::shared_ptr<NSXPCListener> NSXPCListener::anonymousListener() {
   return ListenerCore::wrap(core);
 }
 
+// A socket for a broker that has restarted: there is none here.
+std::shared_ptr<NSXPCListener> NSXPCListener::listenerWithFreshServiceName(const NSString&, NSError*) {
+  return nullptr;
+}
+
+unsigned velto::system::forkGeneration() noexcept {
+  return 0;
+}
+
 NSXPCListener::NSXPCListener(std::shared_ptr<ListenerCore> core) : core_(std::move(core)) {}
 
 NSXPCListener::~NSXPCListener() {
