@@ -11,8 +11,8 @@ namespace velto::calls {
 
 namespace {
 
-constexpr std::chrono::milliseconds kFirstPause{20};
-constexpr std::chrono::milliseconds kLongestPause{2'000};
+constexpr std::chrono::milliseconds kFirstRegistrationPause{20};
+constexpr std::chrono::milliseconds kLongestRegistrationPause{2'000};
 
 NSDate dateAfter(std::chrono::steady_clock::duration time) {
   return NSDate::dateWithTimeIntervalSinceNow(std::chrono::duration<double>(time).count());
@@ -169,7 +169,7 @@ void ServiceCore::tryLater() {
   std::chrono::milliseconds pause{0};
   {
     const ConditionLock lock(condition_);
-    pause = pause_ = std::clamp(2 * pause_, kFirstPause, kLongestPause);
+    pause = pause_ = std::clamp(2 * pause_, kFirstRegistrationPause, kLongestRegistrationPause);
   }
   auto retry = xpc::DelayedCall::after(pause, [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->registerName();
@@ -235,7 +235,7 @@ void ServiceCore::watchAtBroker(std::uint64_t number, std::uint64_t known) {
 
 // So many wait at the broker that this one cannot.
 void ServiceCore::watchLater(std::uint64_t number, std::uint64_t known) {
-  auto retry = xpc::DelayedCall::after(kLongestPause, [weak = weak_from_this(), number, known] {
+  auto retry = xpc::DelayedCall::after(kLongestRegistrationPause, [weak = weak_from_this(), number, known] {
     if (const auto self = weak.lock()) self->watchAtBroker(number, known);
   });
   const ConditionLock lock(condition_);

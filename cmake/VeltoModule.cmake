@@ -1,17 +1,31 @@
 # A module is a folder: every .cpp in it is built into a static library velto_<name>, every *_test.cpp into the program
-# <name>_test. The shared libraries that users link are put together from the modules in cmake/CMakeLists.txt.
+# <name>_test. The libraries that users link are put together from the modules in cmake/CMakeLists.txt.
 
-add_library(velto_options INTERFACE)
-target_include_directories(velto_options INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
-target_compile_options(velto_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor)
-if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-  target_compile_options(velto_options INTERFACE -Wthread-safety -Werror=thread-safety)
+# What is looked up at run time is found when a program starts, and cannot be written to afterwards.
+add_link_options(LINKER:-z,relro,-z,now)
+# No file that is made says where the sources lay; what a debugger reads in a debug build alone does.
+set(prefix_map "-f$<IF:$<CONFIG:Debug>,macro,file>-prefix-map")
+foreach(folder ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR})
+  add_compile_options(${prefix_map}=${folder}=. ${prefix_map}=${folder}/=)
+endforeach()
+
+# How everything is compiled: velto_checks, and what uses the folders of the sources, velto_options.
+add_library(velto_checks INTERFACE)
+# For those who work on this project: elsewhere there are other compilers, with other warnings.
+if(PROJECT_IS_TOP_LEVEL)
+  target_compile_options(velto_checks INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(velto_checks INTERFACE -Wthread-safety -Werror=thread-safety)
+  endif()
 endif()
 if(VELTO_SANITIZE)
-  target_compile_options(velto_options INTERFACE -fsanitize=${VELTO_SANITIZE} -fno-omit-frame-pointer
-                                                 -fno-sanitize-recover=all)
-  target_link_options(velto_options INTERFACE -fsanitize=${VELTO_SANITIZE})
+  target_compile_options(velto_checks INTERFACE -fsanitize=${VELTO_SANITIZE} -fno-omit-frame-pointer
+                                                -fno-sanitize-recover=all)
+  target_link_options(velto_checks INTERFACE -fsanitize=${VELTO_SANITIZE})
 endif()
+add_library(velto_options INTERFACE)
+target_link_libraries(velto_options INTERFACE velto_checks)
+target_include_directories(velto_options INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 
 # With VELTO_PRECOMPILE_HEADERS, what nearly every file includes is compiled once per program. It hides a missing include,
 # so only builds that are not the first to compile a file use it. The same builds compile the modules' files six at a time
@@ -36,6 +50,9 @@ function(velto_module name)
   list(FILTER sources EXCLUDE REGEX "_test\\.cpp$")
   list(FILTER tests INCLUDE REGEX "_test\\.cpp$")
   add_library(velto_${name} STATIC ${sources})
+  if(NOT PROJECT_IS_TOP_LEVEL)
+    set_target_properties(velto_${name} PROPERTIES EXCLUDE_FROM_ALL TRUE)
+  endif()
   target_link_libraries(velto_${name} PUBLIC velto_options ${MODULE_DEPENDS})
   velto_precompile(velto_${name} <functional> <map> <memory> <string> <vector>
                    ${PROJECT_SOURCE_DIR}/platform/foundation/Foundation.h)

@@ -113,7 +113,7 @@ bool JSONWriter::hasRoom() {
 bool JSONWriter::write(const NSObject& object) {
   if (!hasRoom()) return false;
   switch (object.value().tag()) {
-    case Tag::nil:
+    case Tag::nothing:
       return refuse(VeltoJSONCannotBeWritten, "nil cannot be written as JSON");
     case Tag::null:
       out_ += "null";

@@ -29,15 +29,21 @@ const ClassBody& classBodyOf();
 // Broken UTF-8 is replaced.
 VELTO_EXPORT Value textValue(std::string_view text);
 
-inline constexpr std::nullptr_t nil = nullptr;
 }  // namespace velto
 
-// For those who have such names themselves: the program defines VELTO_NO_GLOBAL_NAMES, in all of its files or in some,
-// and says velto::Class and velto::nil.
+// `Class` and `nil` are names of velto, made known at global scope. For those who have such names themselves: a program
+// that defines VELTO_NO_GLOBAL_NAMES, in all of its files or in some, says velto::Class and velto::nil instead. A macro
+// `nil` of the program's own, defined before or after, stays what it is.
+#pragma push_macro("nil")
+#undef nil
+namespace velto {
+inline constexpr std::nullptr_t nil = nullptr;
+}  // namespace velto
 #ifndef VELTO_NO_GLOBAL_NAMES
 using velto::Class;
 using velto::nil;
 #endif
+#pragma pop_macro("nil")
 
 // The root of the value classes: a handle of two words. Numbers, bools and short texts lie in the handle itself;
 // everything else in a reference-counted body, so that copying a handle costs a count at most. `nil` (nullptr, or a

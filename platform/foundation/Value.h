@@ -15,7 +15,7 @@ class Region;
 
 // What a handle holds. Above `object`, and only there, the handle points to a counted body.
 enum class Tag : std::uint8_t {
-  nil = 0,
+  nothing = 0,  // nil, a name that a program may have as a macro
   null,
   boolean,
   signedInteger,

@@ -106,7 +106,7 @@ std::size_t hashOfEntries(const NSObject& object, std::size_t levels) {
 std::size_t hashWithin(const NSObject& object, std::size_t levels) {
   const Value& value = object.value();
   switch (value.tag()) {
-    case Tag::nil:
+    case Tag::nothing:
       return 0;
     case Tag::null:
       return hashOfWords(0, value.high());
@@ -197,7 +197,7 @@ void describeError(const ErrorBody& error, std::string& out) {
 void describe(WalkBound& bound, const NSObject& object, std::string& out) {
   const Value& value = object.value();
   switch (value.tag()) {
-    case Tag::nil:
+    case Tag::nothing:
       out += "(null)";
       return;
     case Tag::null:
@@ -283,7 +283,7 @@ const ClassBody& classBodyOf(const Value& value) {
     case Tag::error:
       return classBodyOf<NSError>();
     case Tag::object:
-    case Tag::nil:
+    case Tag::nothing:
       break;
   }
   return static_cast<const ObjectBody&>(value.body()).classBody();

@@ -2,12 +2,16 @@
 # What this project needs from Debian 12, and how a script gets it.
 
 # To build the libraries, the broker and the examples.
-build_packages=(g++ cmake ninja-build pkg-config libcli11-dev libssl-dev)
+build_packages=(g++ cmake ninja-build pkg-config libcli11-dev libssl-dev nlohmann-json3-dev)
 # To build and run the tests.
-test_packages=("${build_packages[@]}" libcbor-dev libgtest-dev libgmock-dev nlohmann-json3-dev python3 spin)
+test_packages=("${build_packages[@]}" libcbor-dev libgtest-dev libgmock-dev python3 spin abigail-tools)
 # To check the code in every way.
 # shellcheck disable=SC2034
 check_packages=("${test_packages[@]}" clang libclang-rt-14-dev clang-format clang-tidy shellcheck valgrind)
+
+# To make packages, to check them, and to install them in a system of their own.
+# shellcheck disable=SC2034
+packaging_packages=("${build_packages[@]}" debhelper dpkg-dev fakeroot lintian mmdebstrap)
 
 # To measure, beside other libraries and with what counts system calls.
 # shellcheck disable=SC2034
@@ -44,4 +48,9 @@ quietly() {
     printf '%s\n' "$words"
     return $status
   }
+}
+
+# copy_of_sources FOLDER: what belongs to the project, without what was built.
+copy_of_sources() {
+  git ls-files --cached --others --exclude-standard -z | xargs -0 cp --parents --target-directory="$1"
 }

@@ -16,16 +16,15 @@
 #include <VeltoIPC/Limits.h>
 #include <VeltoIPC/Typed.h>
 #include <VeltoIPC/VeltoIPC.h>
-
-#include "platform/foundation/Box.h"
-#include "platform/logging/VeltoLogging.h"
-#include "platform/xpc/NSFileDescriptor.h"
-#include "platform/xpc/NSXPCConnection.h"
-#include "platform/xpc/NSXPCError.h"
-#include "platform/xpc/NSXPCInterface.h"
-#include "platform/xpc/NSXPCListener.h"
-#include "platform/xpc/NSXPCListenerEndpoint.h"
-#include "platform/xpc/NSXPCPeer.h"
+#include <VeltoIPC/platform/foundation/Box.h>
+#include <VeltoIPC/platform/logging/VeltoLogging.h>
+#include <VeltoIPC/platform/xpc/NSFileDescriptor.h>
+#include <VeltoIPC/platform/xpc/NSXPCConnection.h>
+#include <VeltoIPC/platform/xpc/NSXPCError.h>
+#include <VeltoIPC/platform/xpc/NSXPCInterface.h>
+#include <VeltoIPC/platform/xpc/NSXPCListener.h>
+#include <VeltoIPC/platform/xpc/NSXPCListenerEndpoint.h>
+#include <VeltoIPC/platform/xpc/NSXPCPeer.h>
 
 namespace {
 

@@ -8,13 +8,12 @@ struct Class {
 enum { nil = 7 };
 
 #include <VeltoIPC/VeltoIPC.h>
-
-#include "platform/foundation/Box.h"
-#include "platform/logging/VeltoLogging.h"
-#include "platform/xpc/NSXPCConnection.h"
-#include "platform/xpc/NSXPCInterface.h"
-#include "platform/xpc/NSXPCListener.h"
-#include "platform/xpc/NSXPCListenerEndpoint.h"
+#include <VeltoIPC/platform/foundation/Box.h>
+#include <VeltoIPC/platform/logging/VeltoLogging.h>
+#include <VeltoIPC/platform/xpc/NSXPCConnection.h>
+#include <VeltoIPC/platform/xpc/NSXPCInterface.h>
+#include <VeltoIPC/platform/xpc/NSXPCListener.h>
+#include <VeltoIPC/platform/xpc/NSXPCListenerEndpoint.h>
 
 class Point : public NSObject {
  public:

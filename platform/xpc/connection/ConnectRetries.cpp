@@ -15,7 +15,7 @@ namespace velto::xpc {
 namespace {
 
 // Tries before others have their turn.
-constexpr unsigned kTurn = 64;
+constexpr unsigned kTurnOfRetries = 64;
 
 }  // namespace
 
@@ -52,7 +52,7 @@ void ConnectRetries::tryAgain(const std::string& target) {
       lines_.erase(target);
       return;
     }
-    if (isFull || tries == kTurn) return armFor(target, line.pause);
+    if (isFull || tries == kTurnOfRetries) return armFor(target, line.pause);
   }
 }
 

@@ -12,7 +12,7 @@ namespace velto::transport {
 
 namespace {
 
-constexpr std::chrono::milliseconds kRetryPause{10};
+constexpr std::chrono::milliseconds kPauseBeforeExecutorRetry{10};
 
 }  // namespace
 
@@ -72,7 +72,7 @@ void ExecutorRunner::ask() noexcept {
 
 void ExecutorRunner::askLater() noexcept {
   try {
-    Reactor::shared().timers().add(kRetryPause, [weak = weak_from_this()] {
+    Reactor::shared().timers().add(kPauseBeforeExecutorRetry, [weak = weak_from_this()] {
       if (const auto self = weak.lock()) self->ask();
     });
   } catch (const std::bad_alloc&) {

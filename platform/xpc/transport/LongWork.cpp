@@ -13,7 +13,7 @@ namespace velto::transport {
 namespace {
 
 // Less is done before others notice.
-constexpr std::size_t kLargeBytes = std::size_t{128} << 10;
+constexpr std::size_t kLongWorkBytes = std::size_t{128} << 10;
 constexpr std::chrono::milliseconds kPatience{1'000};
 
 class Turns {
@@ -45,7 +45,7 @@ class Turns {
 }  // namespace
 
 LongWork::LongWork(std::size_t bytes) {
-  if (bytes >= kLargeBytes) isCounted_ = system::perProcess<Turns>().take();
+  if (bytes >= kLongWorkBytes) isCounted_ = system::perProcess<Turns>().take();
 }
 
 LongWork::~LongWork() {

@@ -18,7 +18,7 @@ namespace velto::transport {
 namespace {
 
 // What says nothing about the directory, only about this moment.
-bool isPassing(int error) {
+bool isPassingFailure(int error) {
   return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO;
 }
 
@@ -28,7 +28,7 @@ system::Descriptor openOwn(const std::string& path, std::string& reason, bool& p
   system::Descriptor directory(calls.openAt(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
   struct stat status {};
   if (!directory || calls.status(directory.get(), status) != 0) {
-    passing = isPassing(errno);
+    passing = isPassingFailure(errno);
     reason += path + ": " + std::strerror(errno) + "; ";
     return {};
   }

@@ -32,7 +32,7 @@ constexpr std::size_t kRegionFrameBytes = 4096;
 constexpr std::size_t kRegionFactor = 2;
 constexpr std::size_t kRegionRoom = 256;
 // Data of this size stays where it has come, if it is so great a part of that: who keeps it keeps little else.
-constexpr std::size_t kStayingBytes = std::size_t{16} << 10;
+constexpr std::size_t kStayingBodyBytes = std::size_t{16} << 10;
 constexpr std::size_t kMostMemoryOfData = 4;
 
 }  // namespace
@@ -93,7 +93,7 @@ inline ValueDecoder::Step ValueDecoder::text(const Item& item) {
 
 Value ValueDecoder::data(std::span<const std::uint8_t> bytes) {
   ByteBlock* const block = frame_.body.block();
-  if (bytes.size() < kStayingBytes || bytes.size() < block->capacity() / kMostMemoryOfData) {
+  if (bytes.size() < kStayingBodyBytes || bytes.size() < block->capacity() / kMostMemoryOfData) {
     return DataBody::copy(bytes, region());
   }
   Value made = DataBody::borrow(bytes.data(), bytes.size(), [block] { block->release(); });

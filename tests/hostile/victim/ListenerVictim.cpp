@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "platform/logging/VeltoLogging.h"
+#include "VeltoIPC/platform/logging/VeltoLogging.h"
 
 namespace velto::hostile {
 
