@@ -4,6 +4,7 @@
 
 #include <functional>
 
+#include "broker/BrokerConnection.h"
 #include "message/DelegateCalls.h"
 #include "message/Errors.h"
 #include "platform/logging/OrderlyEnd.h"
@@ -27,7 +28,7 @@ std::function<void()> reportingTo(const std::weak_ptr<VeltoIPCDelegate>& weakDel
 std::shared_ptr<NSXPCConnection> setupDaemonConnection(const std::shared_ptr<VeltoIPCDelegate>& delegate,
                                                        const Callbacks& callbacks) {
   const auto interface = NSXPCInterface::interfaceWithProtocol<VeltoIPCDaemonProtocol>();
-  auto connection = NSXPCConnection::initWithServiceName(VeltoIPCDaemonServiceName);
+  auto connection = velto::connectionToBroker();
   connection->setRemoteObjectInterface(interface);
   const std::weak_ptr<VeltoIPCDelegate> weakDelegate = delegate;
   connection->setInterruptionHandler(reportingTo(weakDelegate, callbacks, "Daemon connection interrupted"));

@@ -16,6 +16,8 @@ const velto::xpc::Protocol& velto::xpc::protocolOf<VeltoIPCNamesProtocol>() {
           method<&Names::giveBackName>("giveBackName:registration:", Requirement::optional),
           method<&Names::waitForName>("waitForName:seconds:handle:", Requirement::optional),
           method<&Names::waitForChangeOfName>("waitForChangeOfName:knownRegistration:answer:", Requirement::optional),
+          method<&Names::registerNameAgain>("registerNameAgain:endpoint:since:answer:", Requirement::optional),
+          method<&Names::explainAbsenceOfName>("explainAbsenceOfName:answer:", Requirement::optional),
       });
   return table;
 }

@@ -34,6 +34,12 @@ class VeltoIPCNamesProtocol : public VeltoIPCDaemonProtocol {
   // Answers once: with a velto::NameState as soon as that is not the registration of this number, 0 for none; with nil
   // when the broker needs the room. Refused when too many wait.
   virtual void waitForChangeOfName(NSString name, NSNumber knownRegistration, Answer answer) = 0;
+  // For a broker that has restarted: what was registered at this time already, in nanoseconds of the clock that all
+  // processes of the machine share. Of two listeners of one name the later one has it. Answers as registerName does.
+  virtual void registerNameAgain(NSString name, NSXPCListenerEndpoint endpoint, NSNumber since, Answer answer) = 0;
+  // Answers once: with why there was nothing under the name when it was looked up last, as far as there is more to say
+  // than that; nil otherwise.
+  virtual void explainAbsenceOfName(NSString name, std::function<void(NSString)> answer) = 0;
 };
 
 template <>

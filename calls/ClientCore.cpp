@@ -5,6 +5,7 @@
 #include <future>
 #include <utility>
 
+#include "broker/BrokerConnection.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/contract/Limits.h"
 
@@ -72,7 +73,7 @@ void ClientCore::attempt() {
 }
 
 void ClientCore::lookUp(std::uint64_t number) {
-  const auto link = NSXPCConnection::initWithServiceName(VeltoIPCDaemonServiceName);
+  const auto link = connectionToBroker();
   link->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol<VeltoIPCNamesProtocol>());
   link->resume();
   {
@@ -95,6 +96,19 @@ void ClientCore::lookUp(std::uint64_t number) {
       });
 }
 
+// An older broker has no more to say.
+void ClientCore::askWhyAbsent(std::uint64_t number, NSXPCConnection& link) {
+  const auto broker = link.remoteObjectProxyWithErrorHandler<VeltoIPCNamesProtocol>([](const NSError&) {});
+  broker->call<&VeltoIPCNamesProtocol::explainAbsenceOfName>(
+      name_, [weak = weak_from_this(), number](const NSString& why) {
+        const auto self = weak.lock();
+        if (!self || !why) return;
+        const ConditionLock lock(self->condition_);
+        if (self->phase_ != Phase::connecting || self->attempt_ != number) return;
+        self->error_ = CallError(Failure::unavailable, self->nobodyServes().text() + ": " + why.string());
+      });
+}
+
 // A broker that lacks the method, or has no room for one more that waits, is asked again and again.
 void ClientCore::waitForName(std::uint64_t number) {
   if (!mayWait(number)) return;
@@ -104,6 +118,7 @@ void ClientCore::waitForName(std::uint64_t number) {
     link = link_;
   }
   if (!link) return;
+  askWhyAbsent(number, *link);
   const auto failed = [weak = weak_from_this(), number] {
     if (const auto self = weak.lock()) self->attemptFailed(number, self->nobodyServes());
   };

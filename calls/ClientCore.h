@@ -55,6 +55,7 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   void attempt();
   void lookUp(std::uint64_t number);
   void waitForName(std::uint64_t number);
+  void askWhyAbsent(std::uint64_t number, NSXPCConnection& link);
   // Notes that nobody serves the name yet. False when that attempt is over.
   bool mayWait(std::uint64_t number);
   CallError nobodyServes() const;

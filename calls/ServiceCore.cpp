@@ -4,6 +4,7 @@
 #include <future>
 #include <utility>
 
+#include "broker/BrokerConnection.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/NSXPCError.h"
 
@@ -72,7 +73,7 @@ void ServiceCore::start() {
 }
 
 void ServiceCore::registerName() {
-  const auto link = options_.place ? nullptr : NSXPCConnection::initWithServiceName(VeltoIPCDaemonServiceName);
+  const auto link = options_.place ? nullptr : connectionToBroker();
   // Let go of after the lock.
   auto former = link;
   std::uint64_t number = 0;
@@ -145,6 +146,9 @@ void ServiceCore::answered(std::uint64_t number, const NameAnswer& answer) {
 }
 
 void ServiceCore::registered(std::uint64_t number, const std::optional<CallError>& error) {
+  // What a broker that restarts hears of is what stands, also while this one does not know yet that it has to register
+  // again.
+  auto entry = error ? nullptr : enteredListener();
   {
     const ConditionLock lock(condition_);
     if (number != registration_ || isClosed_ || isStopping_) return;
@@ -156,6 +160,7 @@ void ServiceCore::registered(std::uint64_t number, const std::optional<CallError
     } else {
       pause_ = {};
       isPushedOut_ = false;
+      entry_.swap(entry);
     }
     condition_.signal();
   }
@@ -163,6 +168,15 @@ void ServiceCore::registered(std::uint64_t number, const std::optional<CallError
   if (!error) return;
   if (options_.onUnregistered) tasks_.add([handler = options_.onUnregistered, told = *error] { handler(told); });
   tryLater();
+}
+
+std::shared_ptr<Registrations::Entry> ServiceCore::enteredListener() const {
+  std::shared_ptr<NSXPCListener> listener;
+  {
+    const ConditionLock lock(condition_);
+    listener = listener_;
+  }
+  return Registrations::shared().add(name_, listener);
 }
 
 void ServiceCore::tryLater() {
@@ -181,10 +195,12 @@ void ServiceCore::tryLater() {
 void ServiceCore::pushedOut(std::uint64_t number, const NameState& state) {
   const CallError error(Failure::taken, "process " + std::to_string(state.process) + " serves the name");
   std::shared_ptr<NSXPCConnection> link;
+  std::shared_ptr<Registrations::Entry> entry;
   bool isRefused = false;
   {
     const ConditionLock lock(condition_);
     if (number != registration_ || isClosed_ || isStopping_) return;
+    entry.swap(entry_);
     isRegistered_ = false;
     isPushedOut_ = true;
     standing_ = 0;
@@ -371,10 +387,12 @@ bool ServiceCore::stop(std::chrono::nanoseconds patience) {
   const auto end = Clock::now() + patience;
   std::shared_ptr<NSXPCConnection> link;
   std::shared_ptr<NSXPCListener> listener;
+  std::shared_ptr<Registrations::Entry> entry;
   std::uint64_t standing = 0;
   bool isDone = false;
   {
     const ConditionLock lock(condition_);
+    entry.swap(entry_);
     isStopping_ = true;
     isRegistered_ = false;
     standing = std::exchange(standing_, 0);
@@ -398,10 +416,12 @@ std::vector<std::shared_ptr<Peer>> ServiceCore::takeAll() {
   std::shared_ptr<NSXPCListener> listener;
   std::shared_ptr<xpc::DelayedCall> retry;
   std::shared_ptr<Names::Wait> wait;
+  std::shared_ptr<Registrations::Entry> entry;
   std::uint64_t standing = 0;
   std::vector<std::shared_ptr<Peer>> clients;
   {
     const ConditionLock lock(condition_);
+    entry.swap(entry_);
     isClosed_ = true;
     isRegistered_ = false;
     standing = std::exchange(standing_, 0);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "VeltoIPC/Service.h"
+#include "broker/Registrations.h"
 #include "broker/VeltoIPCNamesProtocol.h"
 #include "calls/Names.h"
 #include "calls/Outbox.h"
@@ -66,6 +67,8 @@ class ServiceCore final : public Acceptor,
   // Lets go of the name if it is still this one's, and of the link.
   void giveBack(const std::shared_ptr<NSXPCConnection>& link, std::uint64_t standing);
   std::shared_ptr<NSXPCConnection> linkOf(std::uint64_t number) const;
+  // Null in this process alone.
+  std::shared_ptr<Registrations::Entry> enteredListener() const;
   void tryLater();
   void receive(const std::shared_ptr<Incoming>& incoming);
   std::shared_ptr<const Handler> handlerFor(const NSDictionary& message) const;
@@ -87,6 +90,8 @@ class ServiceCore final : public Acceptor,
   std::shared_ptr<Names::Wait> wait_ VELTO_GUARDED_BY(condition_);
   std::uint64_t watch_ VELTO_GUARDED_BY(condition_) = 0;
   std::uint64_t registration_ VELTO_GUARDED_BY(condition_) = 0;
+  // While the name stands.
+  std::shared_ptr<Registrations::Entry> entry_ VELTO_GUARDED_BY(condition_);
   // What stands, and is this one's.
   std::uint64_t standing_ VELTO_GUARDED_BY(condition_) = 0;
   // Why it is not registered.

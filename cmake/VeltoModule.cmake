@@ -59,5 +59,6 @@ function(velto_test name)
   if(VELTO_SANITIZE)
     target_compile_options(${name} PRIVATE -O0)
   endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  # A test that wants a broker starts it.
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120 ENVIRONMENT VELTO_IPC_DAEMON=)
 endfunction()

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <utility>
 
+#include "daemon/Recall.h"
 #include "platform/logging/VeltoLogging.h"
 
 namespace velto {
@@ -15,8 +16,12 @@ namespace {
 // What one client calls.
 class Link final : public VeltoIPCNamesProtocol {
  public:
-  Link(std::shared_ptr<Registry> registry, std::shared_ptr<Ledger> ledger, const Holder& holder)
-      : registry_(std::move(registry)), ledger_(std::move(ledger)), registrant_(Registry::makeRegistrant(holder)) {}
+  Link(std::shared_ptr<Registry> registry, std::shared_ptr<LookUps> lookUps, std::shared_ptr<Ledger> ledger,
+       const Holder& holder)
+      : registry_(std::move(registry)),
+        lookUps_(std::move(lookUps)),
+        ledger_(std::move(ledger)),
+        registrant_(Registry::makeRegistrant(holder)) {}
 
   // Nobody is there any more to be told what it waits for.
   void end() { registry_->leave(registrant_); }
@@ -32,9 +37,10 @@ class Link final : public VeltoIPCNamesProtocol {
 
   void findListenerEndpointForName(NSString name, std::function<void(NSXPCListenerEndpoint)> handle) override {
     ledger_->use(item_);
-    const NSXPCListenerEndpoint endpoint = registry_->find(name);
-    VKTLoggingLog(VKTLogGetAnchor(), 2, "Looked up %@: %s", name, endpoint ? "found" : "not registered");
-    if (handle) handle(endpoint);
+    lookUps_->find(name, registrant_, [name, handle = std::move(handle)](const NSXPCListenerEndpoint& endpoint) {
+      VKTLoggingLog(VKTLogGetAnchor(), 2, "Looked up %@: %s", name, endpoint ? "found" : "not registered");
+      if (handle) handle(endpoint);
+    });
   }
 
   void killListenerConnection(NSString name) override {
@@ -44,9 +50,23 @@ class Link final : public VeltoIPCNamesProtocol {
 
   void registerName(NSString name, NSXPCListenerEndpoint endpoint, bool takingOver, Answer answer) override {
     ledger_->use(item_);
-    const NameAnswer given = tryToRegister(name, endpoint, takingOver);
+    const NameAnswer given = answered([&] { return registry_->add(name, endpoint, registrant_, takingOver); });
     VKTLoggingLog(VKTLogGetAnchor(), 2, "%s %@", given.stands() ? "Registered" : "Did not register", name);
     if (answer) answer(dictionaryOf(given));
+  }
+
+  void registerNameAgain(NSString name, NSXPCListenerEndpoint endpoint, NSNumber since, Answer answer) override {
+    ledger_->use(item_);
+    const auto when = since.to<std::uint64_t>().value_or(0);
+    const NameAnswer given = answered([&] { return registry_->addAgain(name, endpoint, registrant_, when); });
+    VKTLoggingLog(VKTLogGetAnchor(), 2, "%s %@ again", given.stands() ? "Registered" : "Did not register", name);
+    if (answer) answer(dictionaryOf(given));
+  }
+
+  void explainAbsenceOfName(NSString name, std::function<void(NSString)> answer) override {
+    ledger_->use(item_);
+    const std::string reason = lookUps_->reason(name);
+    if (answer) answer(reason.empty() ? NSString() : NSString(reason));
   }
 
   void giveBackName(NSString name, NSNumber registration) override {
@@ -74,9 +94,11 @@ class Link final : public VeltoIPCNamesProtocol {
   }
 
  private:
-  NameAnswer tryToRegister(const NSString& name, const NSXPCListenerEndpoint& endpoint, bool takingOver) {
+  // What comes of a registration, the reasons of those that are refused included.
+  template <class Register>
+  static NameAnswer answered(const Register& registers) {
     try {
-      const NameAnswer given = registry_->add(name, endpoint, registrant_, takingOver);
+      const NameAnswer given = registers();
       return given.state.registration != 0 ? given : NameAnswer{{}, false, "the listener is gone"};
     } catch (const NSXPCRefusal& refusal) {
       return {{}, false, refusal.reason()};
@@ -92,6 +114,7 @@ class Link final : public VeltoIPCNamesProtocol {
   }
 
   const std::shared_ptr<Registry> registry_;
+  const std::shared_ptr<LookUps> lookUps_;
   const std::shared_ptr<Ledger> ledger_;
   const std::shared_ptr<Registrant> registrant_;
   Ledger::Item item_ = 0;
@@ -99,24 +122,63 @@ class Link final : public VeltoIPCNamesProtocol {
 
 }  // namespace
 
-Broker::Broker(const BrokerLimits& limits)
-    : ledger_(Ledger::make(limits)),
-      registry_(Registry::make(limits, ledger_)),
+Broker::Broker(Means means)
+    : means_(std::move(means)),
+      ledger_(Ledger::make(means_.limits)),
+      registry_(Registry::make(means_.limits, ledger_, means_.store.get())),
+      lookUps_(LookUps::make(registry_, means_.starter)),
       interface_(NSXPCInterface::interfaceWithProtocol<VeltoIPCNamesProtocol>()) {}
 
-std::shared_ptr<Broker> Broker::make(const BrokerLimits& limits) {
-  return std::shared_ptr<Broker>(new Broker(limits));
+std::shared_ptr<Broker> Broker::make(Means means) {
+  return std::shared_ptr<Broker>(new Broker(std::move(means)));
+}
+
+void Broker::remember(const std::vector<StoredName>& names) {
+  for (const StoredName& name : names) {
+    try {
+      registry_->restore(name);
+    } catch (const NSXPCRefusal& refusal) {
+      VKTLoggingLog(VKTLogGetAnchor(), 0, "%@ is not taken over: %s", name.name, refusal.reason());
+      if (means_.store) means_.store->forget(name.token);
+    }
+  }
+  lookUps_->unsettle();
+  Recall::begin(LookUps::kPatience, [weakSelf = weak_from_this()] {
+    const auto self = weakSelf.lock();
+    if (!self) return;
+    self->lookUps_->settle();
+    self->tellIfIdle();
+  });
+}
+
+bool Broker::isIdle() const {
+  return linkCount() == 0 && nameCount() == 0 && lookUps_->isSettled() &&
+         !(means_.starter && means_.starter->isStarting());
+}
+
+void Broker::setIdleHandler(std::function<void()> handler) {
+  idleHandler_ = std::move(handler);
+  registry_->setEmptiedHandler([weakSelf = weak_from_this()] {
+    if (const auto self = weakSelf.lock()) self->tellIfIdle();
+  });
+}
+
+void Broker::tellIfIdle() const {
+  if (idleHandler_ && isIdle()) idleHandler_();
 }
 
 bool Broker::listener(const std::shared_ptr<NSXPCListener>&,
                       const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) {
   const Holder holder = Holder::of(shouldAcceptNewConnection->peer());
-  const auto link = std::make_shared<Link>(registry_, ledger_, holder);
+  const auto link = std::make_shared<Link>(registry_, lookUps_, ledger_, holder);
   shouldAcceptNewConnection->setExportedInterface(interface_);
   shouldAcceptNewConnection->setExportedObject<VeltoIPCNamesProtocol>(link);
   shouldAcceptNewConnection->setInvalidationHandler([weakSelf = weak_from_this(), link] {
     link->end();
-    if (const auto self = weakSelf.lock()) self->takeOut(link->item());
+    const auto self = weakSelf.lock();
+    if (!self) return;
+    self->takeOut(link->item());
+    self->tellIfIdle();
   });
   link->setItem(keep(shouldAcceptNewConnection, holder));
   if (link->item() == 0) return false;

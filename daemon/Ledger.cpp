@@ -22,7 +22,12 @@ std::string overLimit(const char* what, std::size_t value, std::size_t maximum) 
 Holder Holder::of(const NSXPCPeer& peer) {
   // Numbers that no process is given.
   static std::atomic<Holdings::Holder> last{Holdings::Holder{1} << 63};
-  return {peer ? peer.number() : ++last, peer};
+  return {peer ? peer.number() : ++last, peer, static_cast<std::int32_t>(peer.processIdentifier())};
+}
+
+Holder Holder::remembered(std::int32_t process) {
+  constexpr Holdings::Holder kRemembered = Holdings::Holder{1} << 62;
+  return {kRemembered | static_cast<std::uint32_t>(process), nil, process};
 }
 
 std::shared_ptr<Ledger> Ledger::make(const BrokerLimits& limits) {

@@ -20,9 +20,14 @@ namespace velto {
 // Who is charged. All links of one process have one holder; a link whose process the kernel does not tell has its own.
 struct Holder {
   static Holder of(const NSXPCPeer& peer);
+  // A process of which nothing is known but the number that it had when an earlier broker knew it.
+  static Holder remembered(std::int32_t process);
 
   Holdings::Holder number = 0;
-  NSXPCPeer peer;  // held, so that no other process is given the number
+  NSXPCPeer peer;            // held, so that no other process is given the number
+  std::int32_t process = 0;  // its number, as far as that is known
+
+  bool isRemembered() const { return !peer && process != 0; }
 };
 
 // Whether there is room for one more link, name or waiter. At a limit that all processes share, the one that holds the

@@ -2,8 +2,10 @@
 // listener goes away in that very moment is never entered: both sides decide under the lock.
 #include "daemon/Registry.h"
 
+#include <algorithm>
 #include <utility>
 
+#include "platform/foundation/Foundation.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/Protocol.h"
 
@@ -25,11 +27,17 @@ class Registrant {
 
 class Registry::Registration {
  public:
-  Registration(NSXPCListenerEndpoint endpointOfName, std::shared_ptr<Registrant> registrantOfName)
-      : endpoint(std::move(endpointOfName)), registrant(std::move(registrantOfName)) {}
+  Registration(NSXPCListenerEndpoint endpointOfName, std::shared_ptr<Registrant> registrantOfName,
+               std::uint64_t sinceWhen, std::string tokenInStore)
+      : endpoint(std::move(endpointOfName)),
+        registrant(std::move(registrantOfName)),
+        since(sinceWhen),
+        token(std::move(tokenInStore)) {}
 
   const NSXPCListenerEndpoint endpoint;
   const std::shared_ptr<Registrant> registrant;
+  const std::uint64_t since;
+  const std::string token;
   std::shared_ptr<NSXPCListenerEndpoint::Watch> watch;
 
  private:
@@ -39,6 +47,15 @@ class Registry::Registration {
 };
 
 namespace {
+
+std::uint64_t nowOnTheMachine() {
+  return static_cast<std::uint64_t>(
+      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
+}
+
+std::string newToken() {
+  return NSUUID::UUID().UUIDString().string();
+}
 
 void refuseUnservable(const NSString& name) {
   if (!name) throw NSXPCRefusal("the name is nil");
@@ -57,8 +74,9 @@ void refuseAtLimit(std::size_t value, std::size_t maximum, const char* what) {
 
 }  // namespace
 
-std::shared_ptr<Registry> Registry::make(const BrokerLimits& limits, std::shared_ptr<Ledger> ledger) {
-  return std::shared_ptr<Registry>(new Registry(limits, std::move(ledger)));
+std::shared_ptr<Registry> Registry::make(const BrokerLimits& limits, std::shared_ptr<Ledger> ledger,
+                                         NameStore* store) {
+  return std::shared_ptr<Registry>(new Registry(limits, std::move(ledger), store));
 }
 
 std::shared_ptr<Registrant> Registry::makeRegistrant(const Holder& holder) {
@@ -67,11 +85,30 @@ std::shared_ptr<Registrant> Registry::makeRegistrant(const Holder& holder) {
 
 NameAnswer Registry::add(const NSString& name, const NSXPCListenerEndpoint& endpoint,
                          const std::shared_ptr<Registrant>& registrant, bool takingOver) {
+  return addAs(name, endpoint, registrant,
+               {takingOver ? Claim::Kind::takeOver : Claim::Kind::ifFree, nowOnTheMachine(), newToken()});
+}
+
+NameAnswer Registry::addAgain(const NSString& name, const NSXPCListenerEndpoint& endpoint,
+                              const std::shared_ptr<Registrant>& registrant, std::uint64_t since) {
+  // Nobody has registered in the future, and so before all who come.
+  return addAs(name, endpoint, registrant, {Claim::Kind::again, std::min(since, nowOnTheMachine()), newToken()});
+}
+
+void Registry::restore(const StoredName& stored) {
+  const auto registrant = makeRegistrant(Holder::remembered(stored.process));
+  const NameAnswer answer =
+      addAs(stored.name, stored.endpoint, registrant, {Claim::Kind::again, stored.since, stored.token});
+  if (store_ != nullptr && (answer.state.registration == 0 || answer.isTaken)) store_->forget(stored.token);
+}
+
+NameAnswer Registry::addAs(const NSString& name, const NSXPCListenerEndpoint& endpoint,
+                           const std::shared_ptr<Registrant>& registrant, const Claim& claim) {
   refuseUnservable(name);
   if (!endpoint) throw NSXPCRefusal("the endpoint is nil");
   // Let go of after the lock, as is what it replaces; and made before it, so that memory is not wanting half-way.
   Names entry;
-  entry.emplace(name.string(), Kept{watched(name.string(), endpoint, registrant), 0});
+  entry.emplace(name.string(), Kept{watched(name.string(), endpoint, registrant, claim), 0});
   std::shared_ptr<Registration> replaced;
   Waiters::Some hearing;
   Standing standing;
@@ -80,13 +117,14 @@ NameAnswer Registry::add(const NSString& name, const NSXPCListenerEndpoint& endp
     MutexLock lock(mutex_);
     if (isGone(*entry.begin()->second.registration)) return {};
     const auto found = names_.find(name.view());
-    if (!takingOver && found != names_.end() && isLeftAlone(found->second, endpoint)) {
-      return {stateOf(found->second), true, ""};
+    if (found != names_.end() && isLeftAlone(found->second, endpoint, claim)) {
+      return {stateOf(found->second), found->second.registration->endpoint != endpoint, ""};
     }
     enter(admission, entry.begin(), found);
     if (admission.item != 0) {
-      if (found != names_.end()) replaced = takeOut(found);
       entry.begin()->second.item = admission.item;
+      store(entry.begin()->first, entry.begin()->second);
+      if (found != names_.end()) replaced = takeOut(found);
       standing = {stateOf(entry.begin()->second), endpoint};
       names_.insert(entry.extract(entry.begin()));
       ++namesOf(*registrant);
@@ -98,13 +136,23 @@ NameAnswer Registry::add(const NSString& name, const NSXPCListenerEndpoint& endp
   return {standing.state, false, ""};
 }
 
-bool Registry::isLeftAlone(const Kept& standing, const NSXPCListenerEndpoint& endpoint) {
-  const NSXPCListenerEndpoint& other = standing.registration->endpoint;
-  return !(other == endpoint) && !other.isGone();
+bool Registry::isLeftAlone(const Kept& standing, const NSXPCListenerEndpoint& endpoint, const Claim& claim) {
+  const Registration& other = *standing.registration;
+  const bool isSame = other.endpoint == endpoint;
+  if (claim.kind == Claim::Kind::takeOver) return false;
+  if (claim.kind == Claim::Kind::ifFree) return !isSame && !other.endpoint.isGone();
+  if (isSame) return !other.registrant->holder.isRemembered();
+  return other.since >= claim.since && !other.endpoint.isGone();
+}
+
+void Registry::store(const std::string& name, const Kept& kept) const {
+  if (store_ == nullptr) return;
+  const Registration& registration = *kept.registration;
+  store_->keep({registration.token, NSString(name), registration.endpoint, stateOf(kept).process, registration.since});
 }
 
 NameState Registry::stateOf(const Kept& kept) {
-  return {kept.item, kept.registration->registrant->holder.peer.processIdentifier()};
+  return {kept.item, kept.registration->registrant->holder.process};
 }
 
 void Registry::enter(Ledger::Admission& admission, Names::const_iterator entry, Names::const_iterator standing) {
@@ -122,8 +170,9 @@ void Registry::enter(Ledger::Admission& admission, Names::const_iterator entry, 
 
 std::shared_ptr<Registry::Registration> Registry::watched(const std::string& name,
                                                           const NSXPCListenerEndpoint& endpoint,
-                                                          const std::shared_ptr<Registrant>& registrant) {
-  auto made = std::make_shared<Registration>(endpoint, registrant);
+                                                          const std::shared_ptr<Registrant>& registrant,
+                                                          const Claim& claim) {
+  auto made = std::make_shared<Registration>(endpoint, registrant, claim.since, claim.token);
   made->watch = endpoint.watch([weakSelf = weak_from_this(), name, weakMade = std::weak_ptr(made)] {
     const auto self = weakSelf.lock();
     const auto registration = weakMade.lock();
@@ -135,6 +184,7 @@ std::shared_ptr<Registry::Registration> Registry::watched(const std::string& nam
 
 void Registry::listenerIsGone(const std::string& name, const std::shared_ptr<Registration>& registration) {
   Waiters::Some hearing;
+  bool isEmptied = false;
   {
     MutexLock lock(mutex_);
     isGone(*registration) = true;
@@ -142,9 +192,11 @@ void Registry::listenerIsGone(const std::string& name, const std::shared_ptr<Reg
     if (found == names_.end() || found->second.registration != registration) return;
     takeOut(found);
     takeOutWaiters(name, hearing);
+    isEmptied = names_.empty();
   }
   VKTLoggingLog(VKTLogGetAnchor(), 2, "The listener of %@ is gone", NSString(name));
   Waiters::tell(hearing, Standing());
+  tellIfEmptied(isEmptied);
 }
 
 void Registry::giveWay(const std::string& name, Ledger::Item item, const std::string& why) {
@@ -155,6 +207,7 @@ void Registry::giveWay(const std::string& name, Ledger::Item item, const std::st
 std::shared_ptr<Registry::Registration> Registry::takeOut(Names::iterator found) {
   auto taken = std::move(found->second.registration);
   ledger_->leave(found->second.item);
+  if (store_ != nullptr) store_->forget(taken->token);
   names_.erase(found);
   --namesOf(*taken->registrant);
   return taken;
@@ -184,25 +237,32 @@ bool Registry::giveBack(const NSString& name, std::uint64_t registration,
 bool Registry::dropIf(const NSString& name, const std::function<bool(const Kept&)>& isMeant) {
   std::shared_ptr<Registration> dropped;
   Waiters::Some hearing;
+  bool isEmptied = false;
   {
     MutexLock lock(mutex_);
     const auto found = names_.find(name.view());
     if (found == names_.end() || !isMeant(found->second)) return false;
     dropped = takeOut(found);
     takeOutWaiters(name.view(), hearing);
+    isEmptied = names_.empty();
   }
   Waiters::tell(hearing, Standing());
+  tellIfEmptied(isEmptied);
   return true;
 }
 
-void Registry::wait(const NSString& name, std::uint64_t known, std::optional<std::chrono::nanoseconds> time,
-                    const std::shared_ptr<Registrant>& registrant, Waiters::Answer answer) {
+void Registry::tellIfEmptied(bool isEmptied) const {
+  if (isEmptied && emptied_) emptied_();
+}
+
+Ledger::Item Registry::wait(const NSString& name, std::uint64_t known, std::optional<std::chrono::nanoseconds> time,
+                            const std::shared_ptr<Registrant>& registrant, Waiters::Answer answer) {
   refuseUnservable(name);
   std::optional<Standing> other;
   Ledger::Admission admission;
   {
     MutexLock lock(mutex_);
-    if (hasLeft(*registrant)) return;
+    if (hasLeft(*registrant)) return 0;
     Standing standing = standingUnder(name);
     if (standing.state.registration != known) {
       other = std::move(standing);
@@ -210,9 +270,13 @@ void Registry::wait(const NSString& name, std::uint64_t known, std::optional<std
       enterWaiter(admission, name.string(), registrant, answer);
     }
   }
-  if (other) return answer(other);
+  if (other) {
+    answer(other);
+    return 0;
+  }
   if (admission.item == 0) throw NSXPCRefusal(admission.reason);
   if (time) endWaiterAfter(*time, name.string(), admission.item);
+  return admission.item;
 }
 
 void Registry::enterWaiter(Ledger::Admission& admission, const std::string& name,

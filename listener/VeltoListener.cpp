@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "broker/DaemonConnection.h"
+#include "broker/Registrations.h"
 #include "message/CallbackDelivery.h"
 #include "message/DelegateCalls.h"
 #include "message/Errors.h"
@@ -63,6 +64,7 @@ void VeltoListener::registerEndpoint(const NSString& serviceName) {
   VKTLoggingLog(VKTLogGetAnchor(), 2, "Sending ListenerEndpoint");
   const NSXPCListenerEndpoint endpoint = _listener ? _listener->endpoint() : NSXPCListenerEndpoint();
   broker->call<&VeltoIPCDaemonProtocol::sendListenerConnection>(endpoint, serviceName);
+  _registration = velto::Registrations::shared().add(serviceName, _listener);
 }
 
 void VeltoListener::registrationFailed(const NSError& error) {

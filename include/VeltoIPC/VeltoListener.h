@@ -132,4 +132,6 @@ class VELTO_EXPORT VeltoListener final : public NSObject,
   velto::AtomicProperty<NSMutableDictionary> _receivedConnections;
   velto::AtomicProperty<NSMutableDictionary> _connectionConditions;
   velto::AtomicProperty<NSMutableDictionary> _receivedProxyObjects;
+  // While it lives, a broker that has restarted is told of the name.
+  std::shared_ptr<void> _registration;
 };

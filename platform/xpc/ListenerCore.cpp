@@ -26,8 +26,9 @@ namespace velto::xpc {
 namespace {
 
 // Pause before another try when this process can open no more descriptors, or watch no more of them: the kernel tells
-// only of new connections, not of those that are still waiting.
+// only of new connections, not of those that are still waiting. Longer each time that it is in vain.
 constexpr std::chrono::milliseconds kAcceptPause{50};
+constexpr std::chrono::milliseconds kLongestAcceptPause{400};
 // Connections that are accepted before others have their turn.
 constexpr unsigned kTurn = 64;
 
@@ -75,6 +76,7 @@ void ListenerCore::resume() {
   identifier_ = transport::Reactor::shared().add(socket_->get(), EPOLLIN, shared_from_this());
   if (identifier_ == 0) {
     VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A listener cannot be watched yet: %s", std::strerror(errno));
+    transport::Reactor::shared().ensureThread();
     transport::Reactor::shared().timers().add(kAcceptPause, [weak = weak_from_this()] {
       if (const auto self = weak.lock()) self->resume();
     });
@@ -102,6 +104,68 @@ void ListenerCore::invalidate() {
   }
 }
 
+// First nobody can connect any more, then those are accepted who have, and only then is it decided: so nobody falls
+// between. Who stays goes on at a new socket, made before, since the old one takes nobody any more.
+bool ListenerCore::leave(const std::function<bool()>& mayLeave) {
+  if (generation_ != system::forkGeneration()) return false;
+  transport::NamedSocket successor;
+  {
+    MutexLock lock(mutex_);
+    successor.name = served_.name;
+    successor.fromEnvironment = served_.fromEnvironment;
+  }
+  if (successor.name.empty()) return false;
+  const transport::NameLock names(successor.fromEnvironment);
+  if (!names.isHeld) return false;
+  transport::serveUnseen(names, successor);
+  if (!successor.socket) return false;
+  std::vector<system::Descriptor> last;
+  const bool hasClosed = closeDoor(last);
+  if (!hasClosed || (last.empty() && mayLeave())) {
+    transport::forgetUnseen(names, successor);
+    if (hasClosed) endAt(names);
+    return hasClosed;
+  }
+  transport::show(names, successor);
+  if (!successor.socket) {
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A listener ends: %s", successor.reason);
+    endAt(names);
+    return true;
+  }
+  continueAt(std::move(successor));
+  for (system::Descriptor& each : last) admit(std::move(each));
+  return false;
+}
+
+bool ListenerCore::closeDoor(std::vector<system::Descriptor>& last) {
+  MutexLock lock(mutex_);
+  if (!socket_ || accepting_ || !silent_.empty()) return false;
+  auto& calls = system::systemCalls();
+  if (identifier_ != 0) transport::Reactor::shared().remove(std::exchange(identifier_, 0), socket_->get());
+  // Nobody who comes with an event that has been told already.
+  accepting_ = true;
+  calls.shutdown(socket_->get());
+  for (int next = calls.accept(socket_->get()); next >= 0; next = calls.accept(socket_->get())) last.emplace_back(next);
+  return true;
+}
+
+void ListenerCore::endAt(const transport::NameLock& names) {
+  MutexLock lock(mutex_);
+  transport::takeNameAway(names, served_);
+  socket_.reset();
+  served_ = {};
+}
+
+void ListenerCore::continueAt(transport::NamedSocket served) {
+  {
+    MutexLock lock(mutex_);
+    socket_ = std::make_shared<const system::Descriptor>(std::move(served.socket));
+    served_ = std::move(served);
+    accepting_ = false;
+  }
+  resume();
+}
+
 void ListenerCore::eventsArrived(std::uint32_t) {
   {
     MutexLock lock(mutex_);
@@ -114,8 +178,7 @@ void ListenerCore::eventsArrived(std::uint32_t) {
     while (accepted < kTurn && acceptOne()) ++accepted;
     if (accepted == kTurn) acceptSoon();
   } catch (const std::bad_alloc&) {
-    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A connection cannot be accepted: there is no memory");
-    acceptLater();
+    acceptLater("there is no memory");
   }
 }
 
@@ -131,10 +194,13 @@ bool ListenerCore::acceptOne() {
       accepting_ = false;
       return false;
     }
-    if (descriptor >= 0) accepted = system::Descriptor(descriptor);
+    if (descriptor >= 0) {
+      accepted = system::Descriptor(descriptor);
+      acceptPause_ = std::chrono::milliseconds(0);
+    }
   }
-  if (accepted) madeRoom_ = false;
   if (!accepted) return mendAccept(error);
+  madeRoom_ = false;
   admit(std::move(accepted));
   return true;
 }
@@ -150,8 +216,7 @@ bool ListenerCore::mendAccept(int error) {
     }
     madeRoom_ = false;
   }
-  VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A connection cannot be accepted yet: %s", std::strerror(error));
-  acceptLater();
+  acceptLater(std::strerror(error));
   return false;
 }
 
@@ -162,23 +227,32 @@ void ListenerCore::acceptSoon() {
     accepting_ = false;
     if (!socket_ || transport::Reactor::shared().changeEvents(identifier_, socket_->get(), EPOLLIN)) return;
   }
-  acceptLater();
+  acceptLater(std::strerror(errno));
 }
 
 // Nobody accepts in the meantime, whatever events come; unless there is no memory to come back with, then they count.
-void ListenerCore::acceptLater() {
-  MutexLock lock(mutex_);
-  accepting_ = false;
-  transport::Reactor::shared().timers().add(kAcceptPause, [weak = weak_from_this()] {
-    const auto self = weak.lock();
-    if (!self) return;
-    {
-      MutexLock inner(self->mutex_);
-      self->accepting_ = false;
-    }
-    self->eventsArrived(EPOLLIN);
-  });
-  accepting_ = true;
+// Said once, until somebody has been accepted again.
+void ListenerCore::acceptLater(const char* reason) {
+  bool isFirst = false;
+  {
+    MutexLock lock(mutex_);
+    accepting_ = false;
+    isFirst = acceptPause_.count() == 0;
+    acceptPause_ = isFirst ? kAcceptPause : std::min(2 * acceptPause_, kLongestAcceptPause);
+    transport::Reactor::shared().timers().add(acceptPause_, [weak = weak_from_this()] {
+      const auto self = weak.lock();
+      if (!self) return;
+      {
+        MutexLock inner(self->mutex_);
+        self->accepting_ = false;
+      }
+      self->eventsArrived(EPOLLIN);
+    });
+    accepting_ = true;
+  }
+  if (isFirst) {
+    VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A connection cannot be accepted yet: %s", reason);
+  }
 }
 
 void ListenerCore::admit(system::Descriptor socket) {

@@ -3,9 +3,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 #include "platform/foundation/NSString.h"
 #include "platform/foundation/ThreadAnnotations.h"
@@ -35,6 +37,7 @@ class ListenerCore final : public transport::EventSource, public std::enable_sha
   void setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate);
   void resume();
   void invalidate();
+  bool leave(const std::function<bool()>& mayLeave);
 
   void eventsArrived(std::uint32_t events) override;
 
@@ -47,11 +50,17 @@ class ListenerCore final : public transport::EventSource, public std::enable_sha
   };
   using SilentConnections = std::map<std::uint64_t, Silent>;
 
+  // Nobody can connect any more; `last` are those who have, and have not been accepted. False, and nothing happens, when
+  // somebody is being accepted, or has been and has not called yet.
+  bool closeDoor(std::vector<system::Descriptor>& last);
+  void endAt(const transport::NameLock& names);
+  // Accepts, as from the beginning, at another socket.
+  void continueAt(transport::NamedSocket served);
   // One connection; false when there is none to accept.
   bool acceptOne();
   // What to do about an accept that has failed: whether to try again at once.
   bool mendAccept(int error);
-  void acceptLater();
+  void acceptLater(const char* reason);
   void acceptSoon();
   void admit(system::Descriptor socket);
   void watchOver(system::Descriptor socket, std::shared_ptr<transport::PeerProcess> peer,
@@ -72,6 +81,8 @@ class ListenerCore final : public transport::EventSource, public std::enable_sha
   system::SharedDescriptor socket_ VELTO_GUARDED_BY(mutex_);
   transport::Reactor::Identifier identifier_ VELTO_GUARDED_BY(mutex_) = 0;
   bool accepting_ VELTO_GUARDED_BY(mutex_) = false;
+  // Until the next time that nobody can be accepted; 0 when somebody was.
+  std::chrono::milliseconds acceptPause_ VELTO_GUARDED_BY(mutex_){0};
   NSXPCListenerEndpoint endpoint_ VELTO_GUARDED_BY(mutex_);
   system::Descriptor hangUpWrite_ VELTO_GUARDED_BY(mutex_);
   transport::NamedSocket served_ VELTO_GUARDED_BY(mutex_);

@@ -8,11 +8,22 @@
 
 #include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/system/SystemCalls.h"
+#include "platform/xpc/transport/Activation.h"
 #include "platform/xpc/transport/RuntimeDirectory.h"
 #include "platform/xpc/transport/Sockets.h"
 
 using velto::xpc::ConnectionCore;
 using velto::xpc::RemoteObject;
+
+namespace {
+
+velto::transport::ConnectAttempt failedAttempt(const std::string& reason) {
+  velto::transport::ConnectAttempt attempt;
+  attempt.reason = reason;
+  return attempt;
+}
+
+}  // namespace
 
 namespace velto::xpc {
 
@@ -35,11 +46,26 @@ Class RemoteObject::boxClass() {
 }  // namespace velto::xpc
 
 std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithServiceName(const NSString& serviceName) {
-  const std::string name = serviceName.string();
-  auto connector = [name, from = velto::transport::RuntimeDirectory::named()]() -> velto::transport::ConnectAttempt {
-    std::string reason;
-    if (!velto::transport::isFileName(name, reason)) return {{}, false, false, reason};
+  return toService(serviceName, [](const std::string& name, const std::string& from) {
     return velto::transport::connectToService(name, from);
+  });
+}
+
+std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithServiceName(const NSString& serviceName,
+                                                                      const velto::xpc::ServingProgram& startedIfNeeded) {
+  const velto::transport::ProgramChoice choice(startedIfNeeded);
+  return toService(serviceName, [choice](const std::string& name, const std::string& from) {
+    return velto::transport::connectOrStart(name, choice, from);
+  });
+}
+
+template <class Connect>
+std::shared_ptr<NSXPCConnection> NSXPCConnection::toService(const NSString& serviceName, Connect connect) {
+  const std::string name = serviceName.string();
+  auto connector = [name, from = velto::transport::RuntimeDirectory::named(),
+                    connect = std::move(connect)]() -> velto::transport::ConnectAttempt {
+    std::string reason;
+    return velto::transport::isFileName(name, reason) ? connect(name, from) : failedAttempt(reason);
   };
   return std::shared_ptr<NSXPCConnection>(
       new NSXPCConnection(ConnectionCore::connecting("the service \"" + name + "\"", name, std::move(connector))));
@@ -47,7 +73,7 @@ std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithServiceName(const NSSt
 
 std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(const NSXPCListenerEndpoint& endpoint) {
   auto connector = [endpoint]() -> velto::transport::ConnectAttempt {
-    if (!endpoint) return {{}, false, false, "the endpoint is nil"};
+    if (!endpoint) return failedAttempt("the endpoint is nil");
     return velto::transport::connectToEndpoint(endpoint.socket()->get());
   };
   // No service has a name with "/".
@@ -63,7 +89,9 @@ std::pair<std::shared_ptr<NSXPCConnection>, std::shared_ptr<NSXPCConnection>> NS
     // Given out once: a connection connects once.
     const auto socket = std::make_shared<velto::system::Descriptor>(end);
     auto connector = [socket]() -> velto::transport::ConnectAttempt {
-      return {std::move(*socket), false, false, "it was connected before"};
+      velto::transport::ConnectAttempt attempt = failedAttempt("it was connected before");
+      attempt.socket = std::move(*socket);
+      return attempt;
     };
     return std::shared_ptr<NSXPCConnection>(
         new NSXPCConnection(ConnectionCore::connecting("an end of a pair", "pair/", std::move(connector))));

@@ -12,6 +12,7 @@
 #include "platform/xpc/NSXPCListenerEndpoint.h"
 #include "platform/xpc/NSXPCPeer.h"
 #include "platform/xpc/Protocol.h"
+#include "platform/xpc/contract/ServingProgram.h"
 
 class NSXPCListener;
 
@@ -85,6 +86,10 @@ class VELTO_EXPORT NSXPCConnection final {
   // To the named service of this user. A name that could not be a file's (nil, empty, over 255 bytes, with "/" or NUL,
   // "." or "..") makes a connection that is invalid from the start; errors say why.
   static std::shared_ptr<NSXPCConnection> initWithServiceName(const NSString& serviceName);
+  // The same. But when nobody serves the name, this program is started to do so, once, however many processes ask at the
+  // same time; calls wait for it. What is needed of the environment is read here and now.
+  static std::shared_ptr<NSXPCConnection> initWithServiceName(const NSString& serviceName,
+                                                              const velto::xpc::ServingProgram& startedIfNeeded);
   // To the listener of an endpoint. A nil endpoint makes a connection that is invalid from the start.
   static std::shared_ptr<NSXPCConnection> initWithListenerEndpoint(const NSXPCListenerEndpoint& endpoint);
   // Two ends of one connection, both in this process, without a listener. Nulls, and errno, when the kernel refuses.
@@ -143,6 +148,8 @@ class VELTO_EXPORT NSXPCConnection final {
   friend class NSXPCListener;
   friend class velto::xpc::ConnectionCore;
   explicit NSXPCConnection(std::shared_ptr<velto::xpc::ConnectionCore> core);
+  template <class Connect>
+  static std::shared_ptr<NSXPCConnection> toService(const NSString& serviceName, Connect connect);
   void setExported(const velto::xpc::Protocol& protocol, std::shared_ptr<void> object);
   velto::xpc::RemoteObject makeRemoteObject(const velto::xpc::Protocol& protocol,
                                             std::function<void(NSError)> errorHandler);

@@ -10,11 +10,14 @@
 
 #include <sys/epoll.h>
 
+#include "platform/foundation/Foundation.h"
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/ListenerCore.h"
 #include "platform/xpc/NSXPCConnection.h"
 #include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/interface/Errors.h"
+#include "platform/xpc/system/SystemCalls.h"
+#include "platform/xpc/transport/RuntimeDirectory.h"
 #include "platform/xpc/transport/Sockets.h"
 
 using velto::xpc::ListenerCore;
@@ -33,8 +36,7 @@ std::shared_ptr<NSXPCListener> NSXPCListener::anonymousListener() {
   return make(std::move(core));
 }
 
-std::shared_ptr<NSXPCListener> NSXPCListener::listenerWithServiceName(const NSString& serviceName, NSError* error) {
-  auto made = velto::transport::serveName(serviceName.view());
+std::shared_ptr<NSXPCListener> NSXPCListener::serving(velto::transport::NamedSocket made, NSError* error) {
   if (!made.socket) {
     if (error != nullptr) *error = velto::xpc::makeError(NSXPCConnectionInvalid, made.reason);
     return nullptr;
@@ -42,6 +44,34 @@ std::shared_ptr<NSXPCListener> NSXPCListener::listenerWithServiceName(const NSSt
   auto core = std::make_shared<ListenerCore>(std::move(made.socket));
   core->setServed(std::move(made));
   return make(std::move(core));
+}
+
+std::shared_ptr<NSXPCListener> NSXPCListener::listenerWithServiceName(const NSString& serviceName, NSError* error) {
+  return serving(velto::transport::serveName(serviceName.view()), error);
+}
+
+std::shared_ptr<NSXPCListener> NSXPCListener::listenerWithPassedSocket(int takenSocket, const NSString& serviceName,
+                                                                       NSError* error) {
+  velto::system::systemCalls().closeOnExec(takenSocket);
+  return serving(velto::transport::takeOverServing(velto::system::Descriptor(takenSocket), serviceName.view()), error);
+}
+
+std::shared_ptr<NSXPCListener> NSXPCListener::listenerWithFreshServiceName(const NSString& prefix, NSError* error) {
+  return serving(velto::transport::serveFreshName(prefix.view()), error);
+}
+
+NSArray NSXPCListener::serviceNamesWithPrefix(const NSString& prefix) {
+  NSMutableArray names = NSMutableArray::array();
+  const std::string from = velto::transport::RuntimeDirectory::named();
+  for (const std::string& name : velto::transport::namesBeginningWith(prefix.view(), from)) {
+    names.addObject(NSString(name));
+  }
+  return names;
+}
+
+void NSXPCListener::forgetServiceNames(const NSArray& names) {
+  const std::string from = velto::transport::RuntimeDirectory::named();
+  for (const NSObject& name : names) velto::transport::forgetName(name.as<NSString>().string(), from);
 }
 
 std::shared_ptr<NSXPCListener> NSXPCListener::make(std::shared_ptr<ListenerCore> core) {
@@ -78,6 +108,10 @@ void NSXPCListener::resume() {
 
 void NSXPCListener::invalidate() {
   core_->invalidate();
+}
+
+bool NSXPCListener::leave(const std::function<bool()>& mayLeave) {
+  return core_->leave(mayLeave);
 }
 
 std::shared_ptr<NSXPCConnection> NSXPCListener::wrap(std::shared_ptr<velto::xpc::ConnectionCore> core) {

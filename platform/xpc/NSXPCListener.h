@@ -1,7 +1,9 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 
+#include "platform/foundation/NSArray.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSString.h"
 #include "platform/xpc/NSXPCListenerEndpoint.h"
@@ -9,6 +11,9 @@
 
 class NSXPCConnection;
 
+namespace velto::transport {
+struct NamedSocket;
+}
 namespace velto::xpc {
 class ConnectionCore;
 class ListenerCore;
@@ -27,6 +32,17 @@ class VELTO_EXPORT NSXPCListener final {
   // Null and `*error` when the name cannot be served: it could not be a file's name, somebody serves it already, or the
   // runtime directory is not to be had.
   static std::shared_ptr<NSXPCListener> listenerWithServiceName(const NSString& serviceName, NSError* error = nullptr);
+  // At a socket that this process was started with, which listens already; taken over. Under the name that it has in the
+  // runtime directory, or nameless: then whoever made it takes care of its name. Null and `*error` when it is no such
+  // socket.
+  static std::shared_ptr<NSXPCListener> listenerWithPassedSocket(int takenSocket, const NSString& serviceName,
+                                                                 NSError* error = nullptr);
+  // Under a name that begins so and that no other ever has.
+  static std::shared_ptr<NSXPCListener> listenerWithFreshServiceName(const NSString& prefix, NSError* error = nullptr);
+  // The names of this user's services that begin so; of some nobody may listen any more.
+  static NSArray serviceNamesWithPrefix(const NSString& prefix);
+  // Takes those of the names away that nobody serves any more.
+  static void forgetServiceNames(const NSArray& names);
   ~NSXPCListener();
   NSXPCListener(const NSXPCListener&) = delete;
   NSXPCListener& operator=(const NSXPCListener&) = delete;
@@ -41,10 +57,15 @@ class VELTO_EXPORT NSXPCListener final {
   void resume();
   // Accepts nothing more; connections already accepted go on.
   void invalidate();
+  // Ends like invalidate(), unless somebody has connected meanwhile, or `mayLeave` (which must not block) says no: who
+  // asks for the name at the same time either is served here or finds nobody, and nothing is lost. False, and all is as
+  // it was, when it stays. Only for a named listener.
+  bool leave(const std::function<bool()>& mayLeave);
 
  private:
   friend class velto::xpc::ListenerCore;
   explicit NSXPCListener(std::shared_ptr<velto::xpc::ListenerCore> core);
+  static std::shared_ptr<NSXPCListener> serving(velto::transport::NamedSocket made, NSError* error);
   static std::shared_ptr<NSXPCListener> make(std::shared_ptr<velto::xpc::ListenerCore> core);
   static std::shared_ptr<NSXPCConnection> wrap(std::shared_ptr<velto::xpc::ConnectionCore> core);
 

@@ -2,7 +2,7 @@
 # What this project needs from Debian 12, and how a script gets it.
 
 # To build the libraries, the broker and the examples.
-build_packages=(g++ cmake ninja-build pkg-config libcli11-dev libssl-dev)
+build_packages=(g++ cmake ninja-build pkg-config libcli11-dev libssl-dev libsystemd-dev)
 # To build and run the tests.
 test_packages=("${build_packages[@]}" libcbor-dev libgtest-dev libgmock-dev nlohmann-json3-dev python3 spin)
 # To check the code in every way.
@@ -11,7 +11,7 @@ check_packages=("${test_packages[@]}" clang libclang-rt-14-dev clang-format clan
 
 # To measure, beside other libraries and with what counts system calls.
 # shellcheck disable=SC2034
-benchmark_packages=("${build_packages[@]}" libbenchmark-dev libmsgpack-cxx-dev python3 libsystemd-dev dbus-broker
+benchmark_packages=("${build_packages[@]}" libbenchmark-dev libmsgpack-cxx-dev python3 dbus-broker
   dbus-daemon libzmq3-dev libnng-dev libcapnp-dev capnproto libgrpc++-dev libprotobuf-dev protobuf-compiler
   protobuf-compiler-grpc linux-perf strace)
 

@@ -66,12 +66,13 @@ TEST_F(Names, ADirectoryThatCannotBeOpenedJustNowIsNotReplacedByAnother) {
     EXPECT_NE(opened.reason.find(directory.path().string()), std::string::npos) << opened.reason;
     EXPECT_EQ(plan.count(SystemCall::makeDirectory), 0u);
     plan.end();
-    EXPECT_EQ(transport::RuntimeDirectory::open().path, directory.path().string());
+    EXPECT_EQ(transport::RuntimeDirectory::open().path, directory.path().string() + "/velto-ipc");
   }
 }
 
 TEST_F(Names, WithoutAnyDirectoryTheReasonIsSaid) {
   for (const int error : {EACCES, EROFS, ENOSPC, EDQUOT, EMLINK, EEXIST}) {
+    ::unsetenv("XDG_RUNTIME_DIR");
     plan.plan([](SystemCall, int) { return Verdict::pass(); });
     plan.alsoFail(SystemCall::openAt, ENOENT);
     plan.alsoFail(SystemCall::makeDirectory, error);
@@ -84,6 +85,7 @@ TEST_F(Names, WithoutAnyDirectoryTheReasonIsSaid) {
     EXPECT_EQ(NSXPCListener::listenerWithServiceName("nowhere", &told), nullptr);
     EXPECT_NE(told.localizedDescription().string().find("no runtime directory"), std::string::npos);
     plan.end();
+    ::setenv("XDG_RUNTIME_DIR", directory.path().c_str(), 1);
   }
 }
 

@@ -72,7 +72,7 @@ class SystemCalls : public FaultTest, public ::testing::WithParamInterface<Syste
   void expectNothingLeft(const Fault& fault, const std::string& when) {
     // What the kernel does not let go of stays.
     if (fault.call == SystemCall::unlinkAt) return;
-    for (const auto& entry : std::filesystem::directory_iterator(directory.path())) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(directory.path())) {
       EXPECT_FALSE(entry.path().filename().string().starts_with(".velto")) << when << ": " << entry.path();
     }
   }

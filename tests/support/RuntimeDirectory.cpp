@@ -27,10 +27,8 @@ RuntimeDirectory::~RuntimeDirectory() {
 }
 
 std::filesystem::path RuntimeDirectory::socket() const {
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(path_)) {
-    if (entry.is_socket()) return entry.path();
-  }
-  return {};
+  const auto path = path_ / "velto-ipc" / "org.velto.VeltoIPCDaemon";
+  return std::filesystem::is_socket(path) ? path : std::filesystem::path();
 }
 
 }  // namespace velto::testing

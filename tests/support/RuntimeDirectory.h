@@ -15,7 +15,7 @@ class RuntimeDirectory {
   RuntimeDirectory& operator=(const RuntimeDirectory&) = delete;
 
   const std::filesystem::path& path() const { return path_; }
-  // The first socket found in it; empty when there is none.
+  // The broker's; empty when there is none.
   std::filesystem::path socket() const;
 
  private:

@@ -33,6 +33,8 @@ void ConnectRetries::wait(const std::string& target, std::weak_ptr<ConnectionCor
 }
 
 void ConnectRetries::armFor(const std::string& target, std::chrono::milliseconds pause) {
+  // It may be the first thing that this process does here.
+  transport::Reactor::shared().ensureThread();
   transport::Reactor::shared().timers().add(pause, [this, target] { tryAgain(target); });
 }
 

@@ -156,7 +156,8 @@ bool ConnectionCore::connectAgain() {
   auto attempt = connector_();
   if (attempt.full && patient) return true;
   if (attempt.socket) {
-    auto peer = transport::PeerProcess::of(attempt.socket.get());
+    auto peer = attempt.isByName ? transport::PeerProcess::unwatched(attempt.socket.get())
+                                 : transport::PeerProcess::of(attempt.socket.get());
     open(std::move(attempt.socket), std::move(peer), nullptr);
   } else {
     end({makeError(NSXPCConnectionInvalid, name_ + " cannot be reached: " + attempt.reason),

@@ -3,6 +3,8 @@
 #include <memory>
 #include <utility>
 
+#include "platform/foundation/Export.h"
+
 namespace velto::system {
 
 // Owns one file descriptor and closes it when destroyed. Moved, never copied. A descriptor that was open when the
@@ -32,6 +34,6 @@ class Descriptor {
 using SharedDescriptor = std::shared_ptr<const Descriptor>;
 
 // How many times this process is the child of a fork since the library was loaded.
-unsigned forkGeneration() noexcept;
+VELTO_EXPORT unsigned forkGeneration() noexcept;
 
 }  // namespace velto::system

@@ -23,6 +23,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "platform/xpc/system/StartProgram.h"
+
 namespace velto::system {
 
 namespace {
@@ -96,6 +98,19 @@ int SystemCalls::listen(int socket, int backlog) {
 
 int SystemCalls::accept(int socket) {
   return uninterrupted([&] { return ::accept4(socket, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); });
+}
+
+int SystemCalls::isListening(int socket) {
+  int domain = 0;
+  int type = 0;
+  int listens = 0;
+  socklen_t length = sizeof domain;
+  if (::getsockopt(socket, SOL_SOCKET, SO_DOMAIN, &domain, &length) != 0 ||
+      ::getsockopt(socket, SOL_SOCKET, SO_TYPE, &type, &length) != 0 ||
+      ::getsockopt(socket, SOL_SOCKET, SO_ACCEPTCONN, &listens, &length) != 0) {
+    return -1;
+  }
+  return domain == AF_UNIX && type == SOCK_STREAM && listens != 0 ? 1 : 0;
 }
 
 int SystemCalls::shutdown(int socket) {
@@ -249,6 +264,10 @@ int SystemCalls::seals(int descriptor) {
 // Not repeated on EINTR: Linux has closed the descriptor by then, and the number may be somebody else's.
 int SystemCalls::close(int descriptor) {
   return ::close(descriptor);
+}
+
+int SystemCalls::startProgram(const ProgramStart& start) {
+  return startDetached(start);
 }
 
 void SystemCalls::yield() {

@@ -10,6 +10,8 @@
 
 namespace velto::system {
 
+struct ProgramStart;
+
 // The one seam to the operating system: every system call of the connection layer goes through here, so that tests can
 // script what the kernel answers. Each does what the call of its name does, and reports like it: -1 and errno. Calls
 // that a signal may interrupt are taken up again here. Every descriptor made is close-on-exec.
@@ -25,6 +27,8 @@ class SystemCalls {
   virtual int connect(int socket, const char* path);
   virtual int listen(int socket, int backlog);
   virtual int accept(int socket);
+  // 1 for a local stream socket that listens, 0 for any other socket.
+  virtual int isListening(int socket);
   // Both directions.
   virtual int shutdown(int socket);
   virtual int peerUser(int socket, uid_t& user);
@@ -78,6 +82,8 @@ class SystemCalls {
   virtual int close(int descriptor);
   // A thread that nobody waits for, with all signals blocked. 0, or what is wrong.
   virtual int startThread(void* (*run)(void*), void* argument);
+  // See startDetached(). 0, or what is wrong.
+  virtual int startProgram(const ProgramStart& start);
   virtual void yield();
   // Gives memory that is free, but still the process's, back to the system, if the allocator can do so.
   virtual void giveMemoryBack();

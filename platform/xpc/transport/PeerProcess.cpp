@@ -258,6 +258,12 @@ std::shared_ptr<PeerProcess> PeerProcess::of(int borrowedSocket) {
   return Registry::shared().find(identifier, borrowedSocket);
 }
 
+std::shared_ptr<PeerProcess> PeerProcess::unwatched(int borrowedSocket) {
+  pid_t identifier = 0;
+  if (system::systemCalls().peerProcess(borrowedSocket, identifier) != 0) identifier = 0;
+  return Registry::make(identifier, userOf(borrowedSocket));
+}
+
 PeerProcess::PeerProcess(pid_t identifier, uid_t user)
     : generation_(system::forkGeneration()),
       identifier_(identifier),

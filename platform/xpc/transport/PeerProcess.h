@@ -21,6 +21,9 @@ class PeerProcess final : public std::enable_shared_from_this<PeerProcess> {
   // not be the same; and one that the kernel has nothing left to watch with. Watching that one is tried anew whenever
   // it is asked for again, for the sake of all who have it.
   static std::shared_ptr<PeerProcess> of(int borrowedSocket);
+  // One that never dies here either: of a socket whose listener may have been passed on, so that the kernel may tell of
+  // a process that only made it.
+  static std::shared_ptr<PeerProcess> unwatched(int borrowedSocket);
   ~PeerProcess();
   PeerProcess(const PeerProcess&) = delete;
   PeerProcess& operator=(const PeerProcess&) = delete;

@@ -1,5 +1,8 @@
 // The directory is opened once and everything in it is reached through the descriptor: no path is put together from
 // names that come from outside, and the directory cannot be exchanged under us.
+//
+// What the environment names is the one place that counts, or nothing does: a process that quietly used another would
+// neither find nor be found.
 
 #include "platform/xpc/transport/RuntimeDirectory.h"
 
@@ -17,30 +20,49 @@ namespace velto::transport {
 
 namespace {
 
-// What says nothing about the directory, only about this moment.
-bool isPassing(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO;
-}
+constexpr char kOwnDirectory[] = "velto-ipc";
 
-// Opens the directory if only this user can put things into it; otherwise says why not, and whether that may change.
-system::Descriptor openOwn(const std::string& path, std::string& reason, bool& passing) {
+// Opens a directory that belongs to this user and that nobody else can write to; otherwise says why not, and whether
+// that is because there is none.
+system::Descriptor openOwn(int within, const std::string& name, const std::string& path, std::string& reason,
+                           bool& isMissing) {
   auto& calls = system::systemCalls();
-  system::Descriptor directory(calls.openAt(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+  system::Descriptor directory(calls.openAt(within, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+  isMissing = !directory && errno == ENOENT;
   struct stat status {};
   if (!directory || calls.status(directory.get(), status) != 0) {
-    passing = isPassing(errno);
-    reason += path + ": " + std::strerror(errno) + "; ";
+    reason = path + ": " + std::strerror(errno);
+  } else if (status.st_uid != ::geteuid()) {
+    reason = path + " belongs to user " + std::to_string(status.st_uid) + ", this process runs as user " +
+             std::to_string(::geteuid());
+  } else if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    reason = path + " can be written to by others";
+  } else {
+    return directory;
+  }
+  return {};
+}
+
+// The user's own place for what runs. None and the reason when there is none.
+system::Descriptor openPlace(const std::string& fromEnvironment, std::string& path, std::string& reason) {
+  bool isMissing = false;
+  if (!fromEnvironment.empty()) {
+    path = fromEnvironment;
+    if (path.starts_with('/')) {
+      auto directory = openOwn(AT_FDCWD, path, path, reason, isMissing);
+      if (!directory) reason = "$XDG_RUNTIME_DIR cannot be used: " + reason;
+      return directory;
+    }
+    reason = "$XDG_RUNTIME_DIR cannot be used: " + path + " is not an absolute path";
     return {};
   }
-  if (status.st_uid != ::geteuid()) {
-    reason += path + " belongs to user " + std::to_string(status.st_uid) + "; ";
-    return {};
-  }
-  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    reason += path + " can be written to by others; ";
-    return {};
-  }
-  return directory;
+  const std::string user = std::to_string(::geteuid());
+  path = "/run/user/" + user;
+  if (auto directory = openOwn(AT_FDCWD, path, path, reason, isMissing)) return directory;
+  if (!isMissing) return {};
+  path = "/tmp/velto-" + user;
+  system::systemCalls().makeDirectory(path.c_str(), S_IRWXU);  // it may be there already
+  return openOwn(AT_FDCWD, path, path, reason, isMissing);
 }
 
 }  // namespace
@@ -52,20 +74,17 @@ std::string RuntimeDirectory::named() {
 
 RuntimeDirectory RuntimeDirectory::open(const std::string& fromEnvironment) {
   RuntimeDirectory result;
-  const std::string user = std::to_string(::geteuid());
-  // True when the search is over: it is this one, or it may be and cannot be opened just now. In the latter case
-  // another would be a place where nobody looks.
-  const auto take = [&result](const std::string& candidate) {
-    bool passing = false;
-    result.directory = openOwn(candidate, result.reason, passing);
-    if (result.directory) result.path = candidate;
-    return result.directory || passing;
-  };
-  if (fromEnvironment.starts_with('/') && take(fromEnvironment)) return result;
-  if (take("/run/user/" + user)) return result;
-  const std::string last = "/tmp/velto-" + user;
-  system::systemCalls().makeDirectory(last.c_str(), S_IRWXU);  // it may be there already
-  take(last);
+  std::string place;
+  const auto outer = openPlace(fromEnvironment, place, result.reason);
+  if (outer) {
+    result.path = place + "/" + kOwnDirectory;
+    bool isMissing = false;
+    result.directory = openOwn(outer.get(), kOwnDirectory, result.path, result.reason, isMissing);
+    if (isMissing) {
+      system::systemCalls().makeDirectory(result.path.c_str(), S_IRWXU);  // another may have made it meanwhile
+      result.directory = openOwn(outer.get(), kOwnDirectory, result.path, result.reason, isMissing);
+    }
+  }
   if (!result.directory) result.reason = "no runtime directory for sockets: " + result.reason;
   return result;
 }
@@ -76,6 +95,13 @@ std::string RuntimeDirectory::pathOf(std::string_view name) const {
 
 std::string pathOfDescriptor(int borrowedDescriptor) {
   return "/proc/self/fd/" + std::to_string(borrowedDescriptor);
+}
+
+std::string whyNoPathOfDescriptor() {
+  const int error = errno;
+  const system::Descriptor self(system::systemCalls().openAt(AT_FDCWD, "/proc/self/fd", O_PATH | O_DIRECTORY));
+  errno = error;
+  return self ? "" : "/proc is not mounted here, and endpoints are reached through /proc/self/fd: mount it (type proc)";
 }
 
 bool isFileName(std::string_view name, std::string& reason) {

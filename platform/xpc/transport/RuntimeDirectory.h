@@ -7,12 +7,13 @@
 
 namespace velto::transport {
 
-// The directory in which this user's services have their sockets: $XDG_RUNTIME_DIR, else /run/user/<uid>, else
-// /tmp/velto-<uid>, which is made. The first is taken that belongs to this user and that nobody else can write to.
+// The directory in which this user's services have their sockets: velto-ipc, which is made with mode 0700, in
+// $XDG_RUNTIME_DIR if that is set, else in /run/user/<uid>, else, where there is none, in /tmp/velto-<uid>, which is
+// made too. Each must belong to this user and be closed to the writing of others.
 struct RuntimeDirectory {
-  system::Descriptor directory;  // none when no directory will do
+  system::Descriptor directory;  // none when it cannot be used
   std::string path;
-  std::string reason;  // why none will do
+  std::string reason;  // why it cannot
 
   static RuntimeDirectory open() { return open(named()); }
   // The same with what $XDG_RUNTIME_DIR was when named() was called: the environment is to be read only on threads of
@@ -25,6 +26,8 @@ struct RuntimeDirectory {
 
 // How the kernel is told of what a descriptor stands for: "/proc/self/fd/N".
 std::string pathOfDescriptor(int borrowedDescriptor);
+// After such a path could not be used: says so if that is for want of /proc; "" otherwise. Keeps errno.
+std::string whyNoPathOfDescriptor();
 
 // Whether a name can be a file's: not empty, at most 255 bytes, no "/", no NUL, not "." or "..". Otherwise the reason
 // is set.

@@ -17,30 +17,57 @@ namespace {
 
 using velto::testing::PrivateRuntimeDirectory;
 
-TEST(RuntimeDirectory, IsTheOneOfTheEnvironmentWhenItIsThisUsersAlone) {
+class Places : public ::testing::Test {
+ protected:
+  // What is said of the place that the environment names.
+  static std::string reason() {
+    const auto runtime = RuntimeDirectory::open();
+    EXPECT_FALSE(runtime.directory) << runtime.path;
+    return runtime.reason;
+  }
   const PrivateRuntimeDirectory own;
+};
+
+TEST_F(Places, AreOfThisUserAloneInTheDirectoryThatTheEnvironmentNames) {
   const auto runtime = RuntimeDirectory::open();
   ASSERT_TRUE(runtime.directory) << runtime.reason;
-  EXPECT_EQ(runtime.path, own.path());
+  EXPECT_EQ(runtime.path, own.path() + "/velto-ipc");
+  struct stat status {};
+  ASSERT_EQ(::fstat(runtime.directory.get(), &status), 0);
+  EXPECT_EQ(status.st_uid, ::geteuid());
+  EXPECT_EQ(status.st_mode & 0777, 0700U);
 }
 
-TEST(RuntimeDirectory, IsNotOneThatOthersCanWriteTo) {
-  const PrivateRuntimeDirectory own;
-  ASSERT_EQ(::chmod(own.path().c_str(), 0777), 0);
-  const auto runtime = RuntimeDirectory::open();
-  EXPECT_NE(runtime.path, own.path());
-  EXPECT_NE(runtime.reason.find(own.path() + " can be written to by others"), std::string::npos) << runtime.reason;
+TEST_F(Places, ThatCannotBeUsedAreAnErrorAndNoOtherIsTaken) {
+  const std::string path = own.path();
+  ASSERT_EQ(::chmod(path.c_str(), 0777), 0);
+  EXPECT_NE(reason().find("$XDG_RUNTIME_DIR cannot be used: " + path + " can be written to by others"),
+            std::string::npos);
+  ASSERT_EQ(::chmod(path.c_str(), 0700), 0);
+  ::setenv("XDG_RUNTIME_DIR", (path + "/missing").c_str(), 1);
+  EXPECT_NE(reason().find(path + "/missing: No such file or directory"), std::string::npos);
+  std::ofstream(path + "/file") << "text";
+  ::setenv("XDG_RUNTIME_DIR", (path + "/file").c_str(), 1);
+  EXPECT_NE(reason().find(path + "/file: Not a directory"), std::string::npos);
+  ::setenv("XDG_RUNTIME_DIR", "somewhere", 1);
+  EXPECT_NE(reason().find("somewhere is not an absolute path"), std::string::npos);
+  ::setenv("XDG_RUNTIME_DIR", path.c_str(), 1);
+  std::filesystem::create_symlink("/tmp", path + "/velto-ipc");
+  EXPECT_NE(reason().find(path + "/velto-ipc: "), std::string::npos) << "a link is not followed";
+  std::filesystem::remove(path + "/velto-ipc");
+  ASSERT_EQ(::mkdir((path + "/velto-ipc").c_str(), 0700), 0);
+  ASSERT_EQ(::chmod((path + "/velto-ipc").c_str(), 0720), 0);
+  EXPECT_NE(reason().find(path + "/velto-ipc can be written to by others"), std::string::npos);
 }
 
-TEST(RuntimeDirectory, FallsBackToAPrivateDirectoryWhenTheEnvironmentNamesNone) {
-  const PrivateRuntimeDirectory own;
-  ::setenv("XDG_RUNTIME_DIR", "/nonexistent/directory", 1);
+TEST_F(Places, AreAPrivateDirectoryWhereTheEnvironmentNamesNone) {
+  ::unsetenv("XDG_RUNTIME_DIR");
   const auto runtime = RuntimeDirectory::open();
   ASSERT_TRUE(runtime.directory) << runtime.reason;
   struct stat status {};
   ASSERT_EQ(::fstat(runtime.directory.get(), &status), 0);
   EXPECT_EQ(status.st_uid, ::geteuid());
-  EXPECT_EQ(status.st_mode & 022, 0U);
+  EXPECT_EQ(status.st_mode & 0777, 0700U);
 }
 
 TEST(ServiceNames, AreThoseThatCanBeAFilesName) {
@@ -59,7 +86,7 @@ TEST(NamedSockets, AreReachedByTheirName) {
   const PrivateRuntimeDirectory own;
   const auto served = serveName("service");
   ASSERT_TRUE(served.socket) << served.reason;
-  EXPECT_EQ(served.path, own.path() + "/service");
+  EXPECT_EQ(served.path, own.path() + "/velto-ipc/service");
   const auto attempt = connectToService("service");
   EXPECT_TRUE(attempt.socket) << attempt.reason;
 }
@@ -84,7 +111,7 @@ TEST(NamedSockets, ANameIsNotTakenFromAProcessThatServesIt) {
 TEST(NamedSockets, ANameIsTakenOverFromADeadProcess) {
   const PrivateRuntimeDirectory own;
   { const auto dead = serveName("service"); }
-  ASSERT_TRUE(std::filesystem::exists(own.path() + "/service"));
+  ASSERT_TRUE(std::filesystem::exists(own.path() + "/velto-ipc/service"));
   const auto next = serveName("service");
   ASSERT_TRUE(next.socket) << next.reason;
   EXPECT_TRUE(connectToService("service").socket);
@@ -99,24 +126,59 @@ TEST(NamedSockets, GivingANameUpRemovesItButNotThatOfASuccessor) {
   stopServingName(first);
   EXPECT_TRUE(connectToService("service").socket) << "the name is the successor's";
   stopServingName(second);
-  EXPECT_FALSE(std::filesystem::exists(own.path() + "/service"));
+  EXPECT_FALSE(std::filesystem::exists(own.path() + "/velto-ipc/service"));
 }
 
 TEST(NamedSockets, WhatIsNoSocketOrALinkIsNotConnectedTo) {
   const PrivateRuntimeDirectory own;
-  std::ofstream(own.path() + "/file") << "text";
+  ASSERT_TRUE(RuntimeDirectory::open().directory);
+  std::ofstream(own.path() + "/velto-ipc/file") << "text";
   EXPECT_NE(connectToService("file").reason.find("not a socket"), std::string::npos);
   const auto served = serveName("service");
-  std::filesystem::create_symlink("service", own.path() + "/link");
+  std::filesystem::create_symlink("service", own.path() + "/velto-ipc/link");
   EXPECT_FALSE(connectToService("link").socket);
   EXPECT_NE(connectToService("nobody").reason.find("no service under"), std::string::npos);
+}
+
+TEST(NamedSockets, UnderAFreshNameAreReachedByItAndListedUntilNobodyServesThem) {
+  const PrivateRuntimeDirectory own;
+  const auto one = serveFreshName("door-");
+  const auto other = serveFreshName("door-");
+  ASSERT_TRUE(one.socket && other.socket) << one.reason << other.reason;
+  EXPECT_TRUE(connectToService(one.name).socket);
+  const std::string from = RuntimeDirectory::named();
+  EXPECT_EQ(namesBeginningWith("door-", from).size(), 2u);
+  EXPECT_TRUE(namesBeginningWith("window-", from).empty());
+  forgetName(one.name, from);
+  EXPECT_EQ(namesBeginningWith("door-", from).size(), 2u) << "somebody serves it";
+  stopServingName(one);
+  EXPECT_EQ(namesBeginningWith("door-", from), std::vector<std::string>{other.name});
+}
+
+TEST(NamedSockets, ThatWerePassedOnServeAndTellOfWhoHasThem) {
+  const PrivateRuntimeDirectory own;
+  auto made = serveName("passed");
+  const auto taken = takeOverServing(std::move(made.socket), "passed");
+  ASSERT_TRUE(taken.socket) << taken.reason;
+  EXPECT_EQ(taken.path, own.path() + "/velto-ipc/passed");
+  EXPECT_TRUE(connectToService("passed").socket);
+  stopServingName(taken);
+  EXPECT_TRUE(connectToService("passed").absent);
+}
+
+TEST(NamedSockets, WhatWasPassedOnAndDoesNotListenIsRefused) {
+  const PrivateRuntimeDirectory own;
+  auto [one, other] = velto::testing::socketPair();
+  EXPECT_NE(takeOverServing(std::move(one), "").reason.find("does not listen"), std::string::npos);
+  system::Descriptor file(system::systemCalls().openAt(AT_FDCWD, "/dev/null", O_RDONLY));
+  EXPECT_NE(takeOverServing(std::move(file), "").reason.find("is no socket"), std::string::npos);
 }
 
 TEST(AnonymousSockets, HaveNoNameAndAreReachedThroughTheirHandle) {
   const PrivateRuntimeDirectory own;
   const auto made = makeAnonymousSocket();
   ASSERT_TRUE(made.socket) << made.reason;
-  EXPECT_TRUE(std::filesystem::is_empty(own.path()));
+  EXPECT_TRUE(std::filesystem::is_empty(own.path() + "/velto-ipc"));
   EXPECT_TRUE(connectToEndpoint(made.handle.get()).socket);
 }
 

@@ -8,7 +8,7 @@ import time
 
 from . import cbor, wire
 
-BROKER = "org.velto.VeltoIPCDaemon"
+BROKER = "velto-ipc/org.velto.VeltoIPCDaemon"
 CHUNK = 1 << 18
 CONNECT_RETRY_SECONDS = 0.01
 
