@@ -1,6 +1,6 @@
-// A broker that was killed knows nothing when it comes back, and listeners hear nothing of that: their links may be long
-// closed. So it is the broker that asks, at a socket which each process with listeners has beside its listeners' own, and
-// the process answers over a link as any other, by which the broker knows who it is.
+// A broker that was killed knows nothing when it comes back, and listeners hear nothing of that: their links may be
+// long closed. So it is the broker that asks, at a socket which each process with listeners has beside its listeners'
+// own, and the process answers over a link as any other, by which the broker knows who it is.
 #include "broker/Registrations.h"
 
 #include <chrono>
@@ -19,11 +19,24 @@ namespace {
 
 std::uint64_t nowOnThisMachine() {
   return static_cast<std::uint64_t>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
+      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+          .count());
 }
 
-// One time that all is registered again: it lives in the reply blocks, and is over when the last of them has been called or
-// let go of.
+NSDictionary descriptionOf(const NSString& name, const xpc::ListenerTraffic& traffic) {
+  return {{"name", name},
+          {"connections", traffic.connections},
+          {"accepted", traffic.accepted},
+          {"messagesIn", traffic.messagesIn},
+          {"messagesOut", traffic.messagesOut},
+          {"bytesIn", traffic.bytesIn},
+          {"bytesOut", traffic.bytesOut},
+          {"undeliveredBytes", traffic.undeliveredBytes},
+          {"unsentBytes", traffic.unsentBytes}};
+}
+
+// One time that all is registered again: it lives in the reply blocks, and is over when the last of them has been
+// called or let go of.
 class RegisteringAgain {
  public:
   RegisteringAgain(std::shared_ptr<NSXPCConnection> link, std::size_t count, std::function<void(std::size_t)> done)
@@ -48,6 +61,9 @@ class Door final : public VeltoIPCRecallProtocol {
     Registrations::shared().registerAgain([answer = std::move(answer)](std::size_t count) {
       if (answer) answer(count);
     });
+  }
+  void describeListeners(std::function<void(NSDictionary)> answer) override {
+    if (answer) answer(Registrations::shared().describe());
   }
 };
 
@@ -112,19 +128,29 @@ bool Registrations::listener(const std::shared_ptr<NSXPCListener>&,
   return true;
 }
 
-void Registrations::registerAgain(const std::function<void(std::size_t)>& done) {
+std::vector<Registrations::Listed> Registrations::all() {
   std::vector<Listed> all;
-  {
-    MutexLock lock(mutex_);
-    for (const auto& [number, listed] : listed_) all.push_back(listed);
+  MutexLock lock(mutex_);
+  for (const auto& [number, listed] : listed_) all.push_back(listed);
+  return all;
+}
+
+NSDictionary Registrations::describe() {
+  NSMutableArray listeners = NSMutableArray::array();
+  for (const Listed& each : all()) {
+    if (const auto listener = each.listener.lock()) listeners.addObject(descriptionOf(each.name, listener->traffic()));
   }
+  return {{"process", NSProcessInfo::processInfo().processIdentifier()}, {"listeners", listeners}};
+}
+
+void Registrations::registerAgain(const std::function<void(std::size_t)>& done) {
+  const std::vector<Listed> all = this->all();
   const auto link = connectionToBroker();
   link->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol<VeltoIPCNamesProtocol>());
   link->resume();
   const auto again = std::make_shared<RegisteringAgain>(link, all.size(), done);
-  const auto broker = link->remoteObjectProxyWithErrorHandler<VeltoIPCNamesProtocol>([](const NSError& error) {
-    VKTLoggingLog(VKTLogGetAnchor(), 2, "A name was not registered again: %@", error);
-  });
+  const auto broker = link->remoteObjectProxyWithErrorHandler<VeltoIPCNamesProtocol>(
+      [](const NSError& error) { VKTLoggingLog(VKTLogGetAnchor(), 2, "A name was not registered again: %@", error); });
   for (const Listed& each : all) {
     const auto listener = each.listener.lock();
     if (!listener) continue;

@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "platform/foundation/Foundation.h"
 #include "platform/foundation/ThreadAnnotations.h"
@@ -29,6 +30,8 @@ class Registrations final : public NSXPCListenerDelegate, public std::enable_sha
                 const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) override;
   // Hands all of them to the broker again; calls `done` with their number when it has answered all, or is gone.
   void registerAgain(const std::function<void(std::size_t)>& done);
+  // What VeltoIPCRecallProtocol::describeListeners() answers.
+  NSDictionary describe();
 
  private:
   struct Listed {
@@ -39,6 +42,7 @@ class Registrations final : public NSXPCListenerDelegate, public std::enable_sha
   };
 
   Registrations() = default;
+  std::vector<Listed> all();
   void remove(std::uint64_t number);
   void becomeReachable();
 

@@ -14,91 +14,139 @@ namespace velto {
 namespace {
 
 // What one client calls.
-class Link final : public VeltoIPCNamesProtocol {
+class Link final : public VeltoIPCObserverProtocol {
  public:
-  Link(std::shared_ptr<Registry> registry, std::shared_ptr<LookUps> lookUps, std::shared_ptr<Ledger> ledger,
-       const Holder& holder)
-      : registry_(std::move(registry)),
-        lookUps_(std::move(lookUps)),
-        ledger_(std::move(ledger)),
-        registrant_(Registry::makeRegistrant(holder)) {}
+  // What all links share.
+  struct Shared {
+    std::shared_ptr<Registry> registry;
+    std::shared_ptr<LookUps> lookUps;
+    std::shared_ptr<Ledger> ledger;
+    std::shared_ptr<StandIns> standIns;
+    std::shared_ptr<Observer> observer;
+    std::weak_ptr<Broker> broker;
+  };
+
+  Link(Shared shared, Holder holder)
+      : shared_(std::move(shared)), holder_(std::move(holder)), registrant_(Registry::makeRegistrant(holder_)) {}
 
   // Nobody is there any more to be told what it waits for.
-  void end() { registry_->leave(registrant_); }
+  void end() {
+    shared_.registry->leave(registrant_);
+    shared_.standIns->leave(this);
+  }
   // As what it is kept; before the first call.
   void setItem(Ledger::Item item) { item_ = item; }
   Ledger::Item item() const { return item_; }
 
   void sendListenerConnection(NSXPCListenerEndpoint endpoint, NSString withName) override {
-    ledger_->use(item_);
-    registry_->add(withName, endpoint, registrant_);
+    shared_.ledger->use(item_);
+    shared_.registry->add(withName, endpoint, registrant_);
+    Tallies::count(shared_.observer->tallies().registrations);
     VKTLoggingLog(VKTLogGetAnchor(), 2, "Registered %@", withName);
   }
 
   void findListenerEndpointForName(NSString name, std::function<void(NSXPCListenerEndpoint)> handle) override {
-    ledger_->use(item_);
-    lookUps_->find(name, registrant_, [name, handle = std::move(handle)](const NSXPCListenerEndpoint& endpoint) {
-      VKTLoggingLog(VKTLogGetAnchor(), 2, "Looked up %@: %s", name, endpoint ? "found" : "not registered");
-      if (handle) handle(endpoint);
-    });
+    shared_.ledger->use(item_);
+    Tallies::count(shared_.observer->tallies().lookUps);
+    shared_.lookUps->find(name, registrant_,
+                          [name, handle = std::move(handle), standIns = shared_.standIns,
+                           observer = shared_.observer](const NSXPCListenerEndpoint& endpoint) {
+                            VKTLoggingLog(VKTLogGetAnchor(), 2, "Looked up %@: %s", name,
+                                          endpoint ? "found" : "not registered");
+                            if (endpoint) Tallies::count(observer->tallies().found);
+                            if (handle) handle(standIns->inFrontOf(name, endpoint));
+                          });
   }
 
   void killListenerConnection(NSString name) override {
-    ledger_->use(item_);
-    if (registry_->drop(name)) VKTLoggingLog(VKTLogGetAnchor(), 2, "Dropped %@ as asked", name);
+    shared_.ledger->use(item_);
+    if (!shared_.registry->drop(name)) return;
+    Tallies::count(shared_.observer->tallies().drops);
+    VKTLoggingLog(VKTLogGetAnchor(), 2, "Dropped %@ as asked", name);
   }
 
   void registerName(NSString name, NSXPCListenerEndpoint endpoint, bool takingOver, Answer answer) override {
-    ledger_->use(item_);
-    const NameAnswer given = answered([&] { return registry_->add(name, endpoint, registrant_, takingOver); });
+    shared_.ledger->use(item_);
+    const NameAnswer given = answered([&] { return shared_.registry->add(name, endpoint, registrant_, takingOver); });
     VKTLoggingLog(VKTLogGetAnchor(), 2, "%s %@", given.stands() ? "Registered" : "Did not register", name);
     if (answer) answer(dictionaryOf(given));
   }
 
   void registerNameAgain(NSString name, NSXPCListenerEndpoint endpoint, NSNumber since, Answer answer) override {
-    ledger_->use(item_);
+    shared_.ledger->use(item_);
     const auto when = since.to<std::uint64_t>().value_or(0);
-    const NameAnswer given = answered([&] { return registry_->addAgain(name, endpoint, registrant_, when); });
+    const NameAnswer given = answered([&] { return shared_.registry->addAgain(name, endpoint, registrant_, when); });
     VKTLoggingLog(VKTLogGetAnchor(), 2, "%s %@ again", given.stands() ? "Registered" : "Did not register", name);
     if (answer) answer(dictionaryOf(given));
   }
 
   void explainAbsenceOfName(NSString name, std::function<void(NSString)> answer) override {
-    ledger_->use(item_);
-    const std::string reason = lookUps_->reason(name);
+    shared_.ledger->use(item_);
+    const std::string reason = shared_.lookUps->reason(name);
     if (answer) answer(reason.empty() ? NSString() : NSString(reason));
   }
 
   void giveBackName(NSString name, NSNumber registration) override {
-    ledger_->use(item_);
-    if (!registry_->giveBack(name, registration.to<std::uint64_t>().value_or(0), registrant_)) return;
+    shared_.ledger->use(item_);
+    if (!shared_.registry->giveBack(name, registration.to<std::uint64_t>().value_or(0), registrant_)) return;
     VKTLoggingLog(VKTLogGetAnchor(), 2, "%@ was given back", name);
   }
 
   void waitForName(NSString name, NSNumber seconds, std::function<void(NSXPCListenerEndpoint)> handle) override {
-    ledger_->use(item_);
+    shared_.ledger->use(item_);
     if (!handle) return;
-    registry_->wait(name, 0, timeOf(seconds), registrant_,
-                    [handle = std::move(handle)](const std::optional<Standing>& standing) {
-                      handle(standing ? standing->endpoint : NSXPCListenerEndpoint());
-                    });
+    shared_.registry->wait(
+        name, 0, timeOf(seconds), registrant_,
+        [name, handle = std::move(handle), standIns = shared_.standIns](const std::optional<Standing>& standing) {
+          handle(standing ? standIns->inFrontOf(name, standing->endpoint) : NSXPCListenerEndpoint());
+        });
   }
 
   void waitForChangeOfName(NSString name, NSNumber knownRegistration, Answer answer) override {
-    ledger_->use(item_);
+    shared_.ledger->use(item_);
     if (!answer) return;
-    registry_->wait(name, knownRegistration.to<std::uint64_t>().value_or(0), std::nullopt, registrant_,
-                    [answer = std::move(answer)](const std::optional<Standing>& standing) {
-                      answer(standing ? dictionaryOf(standing->state) : NSDictionary());
-                    });
+    shared_.registry->wait(name, knownRegistration.to<std::uint64_t>().value_or(0), std::nullopt, registrant_,
+                           [answer = std::move(answer)](const std::optional<Standing>& standing) {
+                             answer(standing ? dictionaryOf(standing->state) : NSDictionary());
+                           });
+  }
+
+  void listNames(NSString after, Answer answer) override {
+    shared_.ledger->use(item_);
+    if (answer) answer(shared_.observer->namesAfter(after));
+  }
+
+  void describeName(NSString name, Answer answer) override {
+    shared_.ledger->use(item_);
+    if (answer) answer(shared_.observer->name(name));
+  }
+
+  void describeBroker(Answer answer) override {
+    shared_.ledger->use(item_);
+    const auto broker = shared_.broker.lock();
+    if (answer) answer(shared_.observer->broker(broker ? broker->linkCount() : 0));
+  }
+
+  void standInForName(NSString name, NSXPCListenerEndpoint endpoint, Answer answer) override {
+    shared_.ledger->use(item_);
+    shared_.standIns->add(name, endpoint, holder_, this);
+    VKTLoggingLog(VKTLogGetAnchor(), 2, "Process %d stands in for %@", holder_.process, name);
+    if (answer) answer(NSDictionary::dictionary());
+  }
+
+  void findListenerEndpointBehindName(NSString name, std::function<void(NSXPCListenerEndpoint)> handle) override {
+    shared_.ledger->use(item_);
+    if (!handle) return;
+    handle(shared_.standIns->isOf(name, this) ? shared_.registry->find(name) : NSXPCListenerEndpoint());
   }
 
  private:
   // What comes of a registration, the reasons of those that are refused included.
   template <class Register>
-  static NameAnswer answered(const Register& registers) {
+  NameAnswer answered(const Register& registers) {
     try {
       const NameAnswer given = registers();
+      if (given.stands()) Tallies::count(shared_.observer->tallies().registrations);
       return given.state.registration != 0 ? given : NameAnswer{{}, false, "the listener is gone"};
     } catch (const NSXPCRefusal& refusal) {
       return {{}, false, refusal.reason()};
@@ -113,9 +161,8 @@ class Link final : public VeltoIPCNamesProtocol {
     return std::chrono::nanoseconds(static_cast<std::int64_t>(std::clamp(asked, 0.0, kLongest) * 1e9));
   }
 
-  const std::shared_ptr<Registry> registry_;
-  const std::shared_ptr<LookUps> lookUps_;
-  const std::shared_ptr<Ledger> ledger_;
+  const Shared shared_;
+  const Holder holder_;
   const std::shared_ptr<Registrant> registrant_;
   Ledger::Item item_ = 0;
 };
@@ -127,7 +174,9 @@ Broker::Broker(Means means)
       ledger_(Ledger::make(means_.limits)),
       registry_(Registry::make(means_.limits, ledger_, means_.store.get())),
       lookUps_(LookUps::make(registry_, means_.starter)),
-      interface_(NSXPCInterface::interfaceWithProtocol<VeltoIPCNamesProtocol>()) {}
+      standIns_(StandIns::make(means_.limits, ledger_)),
+      observer_(std::make_shared<Observer>(means_.limits, registry_, ledger_, standIns_)),
+      interface_(NSXPCInterface::interfaceWithProtocol<VeltoIPCObserverProtocol>()) {}
 
 std::shared_ptr<Broker> Broker::make(Means means) {
   return std::shared_ptr<Broker>(new Broker(std::move(means)));
@@ -170,9 +219,10 @@ void Broker::tellIfIdle() const {
 bool Broker::listener(const std::shared_ptr<NSXPCListener>&,
                       const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) {
   const Holder holder = Holder::of(shouldAcceptNewConnection->peer());
-  const auto link = std::make_shared<Link>(registry_, lookUps_, ledger_, holder);
+  const auto link = std::make_shared<Link>(
+      Link::Shared{registry_, lookUps_, ledger_, standIns_, observer_, weak_from_this()}, holder);
   shouldAcceptNewConnection->setExportedInterface(interface_);
-  shouldAcceptNewConnection->setExportedObject<VeltoIPCNamesProtocol>(link);
+  shouldAcceptNewConnection->setExportedObject<VeltoIPCObserverProtocol>(link);
   shouldAcceptNewConnection->setInvalidationHandler([weakSelf = weak_from_this(), link] {
     link->end();
     const auto self = weakSelf.lock();

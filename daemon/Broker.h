@@ -7,11 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "broker/VeltoIPCNamesProtocol.h"
+#include "broker/VeltoIPCObserverProtocol.h"
 #include "daemon/Ledger.h"
 #include "daemon/LookUps.h"
 #include "daemon/NameStore.h"
+#include "daemon/Observer.h"
 #include "daemon/Registry.h"
+#include "daemon/StandIns.h"
 #include "daemon/Starter.h"
 #include "platform/xpc/NSXPCConnection.h"
 #include "platform/xpc/contract/NSXPCListenerDelegate.h"
@@ -66,6 +68,8 @@ class Broker final : public NSXPCListenerDelegate, public std::enable_shared_fro
   const std::shared_ptr<Ledger> ledger_;
   const std::shared_ptr<Registry> registry_;
   const std::shared_ptr<LookUps> lookUps_;
+  const std::shared_ptr<StandIns> standIns_;
+  const std::shared_ptr<Observer> observer_;
   const std::shared_ptr<NSXPCInterface> interface_;
   std::function<void()> idleHandler_;
   mutable Mutex mutex_;

@@ -16,6 +16,9 @@ struct BrokerLimits {
   std::size_t descriptors = limits::kBrokerDescriptors;
   std::size_t waiters = limits::kBrokerWaiters;
   std::size_t waitersOfOneProcess = limits::kBrokerWaitersOfOneProcess;
+  std::size_t standIns = limits::kBrokerStandIns;
+  std::size_t standInsOfOneLink = limits::kBrokerStandInsOfOneLink;
+  std::size_t namesOfOneAnswer = limits::kBrokerNamesOfOneAnswer;
 };
 
 // Descriptors of the program's own, of connections that have not called yet, and of calls that are being taken.

@@ -50,7 +50,8 @@ namespace {
 
 std::uint64_t nowOnTheMachine() {
   return static_cast<std::uint64_t>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
+      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+          .count());
 }
 
 std::string newToken() {
@@ -74,8 +75,7 @@ void refuseAtLimit(std::size_t value, std::size_t maximum, const char* what) {
 
 }  // namespace
 
-std::shared_ptr<Registry> Registry::make(const BrokerLimits& limits, std::shared_ptr<Ledger> ledger,
-                                         NameStore* store) {
+std::shared_ptr<Registry> Registry::make(const BrokerLimits& limits, std::shared_ptr<Ledger> ledger, NameStore* store) {
   return std::shared_ptr<Registry>(new Registry(limits, std::move(ledger), store));
 }
 
@@ -153,6 +153,28 @@ void Registry::store(const std::string& name, const Kept& kept) const {
 
 NameState Registry::stateOf(const Kept& kept) {
   return {kept.item, kept.registration->registrant->holder.process};
+}
+
+NameDescription Registry::descriptionOf(const std::string& name, const Kept& kept) {
+  const Registration& registration = *kept.registration;
+  const auto user = static_cast<std::int32_t>(registration.registrant->holder.peer.userIdentifier());
+  return {name, stateOf(kept), user, registration.since, 0};
+}
+
+std::optional<NameDescription> Registry::describe(const NSString& name) const {
+  MutexLock lock(mutex_);
+  const auto found = names_.find(name.view());
+  if (found == names_.end()) return std::nullopt;
+  return descriptionOf(found->first, found->second);
+}
+
+std::vector<NameDescription> Registry::describe(std::string_view behind, std::size_t most) const {
+  std::vector<NameDescription> descriptions;
+  MutexLock lock(mutex_);
+  for (auto next = names_.upper_bound(behind); next != names_.end() && descriptions.size() < most; ++next) {
+    descriptions.push_back(descriptionOf(next->first, next->second));
+  }
+  return descriptions;
 }
 
 void Registry::enter(Ledger::Admission& admission, Names::const_iterator entry, Names::const_iterator standing) {

@@ -10,8 +10,9 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
-#include "broker/VeltoIPCNamesProtocol.h"
+#include "broker/VeltoIPCObserverProtocol.h"
 #include "daemon/Ledger.h"
 #include "daemon/Limits.h"
 #include "daemon/NameStore.h"
@@ -56,6 +57,10 @@ class Registry : public std::enable_shared_from_this<Registry> {
   // The same, if it is of that number, and of the registrant's process.
   bool giveBack(const NSString& name, std::uint64_t registration, const std::shared_ptr<Registrant>& registrant);
   std::size_t count() const;
+  // What stands under a name; and, in their order, under the first names behind this one, so many at most. Who stands
+  // in is not known here.
+  std::optional<NameDescription> describe(const NSString& name) const;
+  std::vector<NameDescription> describe(std::string_view behind, std::size_t most) const;
 
   // Calls the answer once what stands under the name is something else than the known registration, 0 for none; at once
   // when it is already. Without a state when the time, if there is one, is over, or a waiter must make room. Raises an
@@ -101,6 +106,7 @@ class Registry : public std::enable_shared_from_this<Registry> {
   // Whether what stands is left as it is.
   static bool isLeftAlone(const Kept& standing, const NSXPCListenerEndpoint& endpoint, const Claim& claim);
   static NameState stateOf(const Kept& kept);
+  static NameDescription descriptionOf(const std::string& name, const Kept& kept);
   Standing standingUnder(const NSString& name) const VELTO_REQUIRES(mutex_);
   // Whether there was something to drop.
   bool dropIf(const NSString& name, const std::function<bool(const Kept&)>& isMeant);

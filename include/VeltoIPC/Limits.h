@@ -24,6 +24,14 @@ inline constexpr std::size_t kBrokerLinks = 16384;
 inline constexpr std::size_t kBrokerWaiters = 16384;
 // Of them those of one process: an eighth. As many as all names of a process, and as many again.
 inline constexpr std::size_t kBrokerWaitersOfOneProcess = 2048;
+// Names for which a tool stands in at once, so that it sees what goes over new connections. Each takes the room of a
+// name besides: two descriptors of its endpoint, and a third to spare.
+inline constexpr std::size_t kBrokerStandIns = 256;
+// Of them those of one link. A tool looks on at one name.
+inline constexpr std::size_t kBrokerStandInsOfOneLink = 16;
+// Names that one answer to a tool that lists them tells of: it asks again for those behind. With names of the longest
+// kind that is a tenth of a megabyte.
+inline constexpr std::size_t kBrokerNamesOfOneAnswer = 256;
 // Descriptors of one name: the endpoint's two, and one to watch over its listener.
 inline constexpr std::size_t kBrokerDescriptorsOfOneName = 3;
 // Descriptors that one link can make the broker keep: the link's own, and those of its names.

@@ -271,6 +271,7 @@ void ListenerCore::admit(system::Descriptor socket) {
                   peer->identifier());
     return;
   }
+  place->traffic = std::make_shared<transport::Traffic::Share>(traffic_);
   watchOver(std::move(socket), std::move(peer), std::move(place));
   endCrowding();
 }

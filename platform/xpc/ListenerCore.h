@@ -17,6 +17,7 @@
 #include "platform/xpc/transport/PeerProcess.h"
 #include "platform/xpc/transport/Reactor.h"
 #include "platform/xpc/transport/Sockets.h"
+#include "platform/xpc/transport/Traffic.h"
 
 namespace velto::xpc {
 
@@ -33,6 +34,7 @@ class ListenerCore final : public transport::EventSource, public std::enable_sha
   void setListener(const std::shared_ptr<NSXPCListener>& listener);
 
   NSXPCListenerEndpoint endpoint();
+  ListenerTraffic traffic() const { return traffic_->sum(); }
   NSString path();
   void setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate);
   void resume();
@@ -50,8 +52,8 @@ class ListenerCore final : public transport::EventSource, public std::enable_sha
   };
   using SilentConnections = std::map<std::uint64_t, Silent>;
 
-  // Nobody can connect any more; `last` are those who have, and have not been accepted. False, and nothing happens, when
-  // somebody is being accepted, or has been and has not called yet.
+  // Nobody can connect any more; `last` are those who have, and have not been accepted. False, and nothing happens,
+  // when somebody is being accepted, or has been and has not called yet.
   bool closeDoor(std::vector<system::Descriptor>& last);
   void endAt(const transport::NameLock& names);
   // Accepts, as from the beginning, at another socket.
@@ -75,6 +77,7 @@ class ListenerCore final : public transport::EventSource, public std::enable_sha
   void armSilenceTimer() VELTO_REQUIRES(mutex_);
 
   const unsigned generation_ = system::forkGeneration();
+  const std::shared_ptr<transport::Traffic> traffic_ = std::make_shared<transport::Traffic>();
   // Somebody has given way since the last connection was accepted.
   std::atomic<bool> madeRoom_{false};
   Mutex mutex_;

@@ -98,6 +98,10 @@ NSString NSXPCListener::path() const {
   return core_->path();
 }
 
+velto::xpc::ListenerTraffic NSXPCListener::traffic() const {
+  return core_->traffic();
+}
+
 void NSXPCListener::setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate) {
   core_->setDelegate(std::move(delegate));
 }

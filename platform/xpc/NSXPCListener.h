@@ -7,6 +7,7 @@
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSString.h"
 #include "platform/xpc/NSXPCListenerEndpoint.h"
+#include "platform/xpc/contract/ListenerTraffic.h"
 #include "platform/xpc/contract/NSXPCListenerDelegate.h"
 
 class NSXPCConnection;
@@ -32,9 +33,9 @@ class VELTO_EXPORT NSXPCListener final {
   // Null and `*error` when the name cannot be served: it could not be a file's name, somebody serves it already, or the
   // runtime directory is not to be had.
   static std::shared_ptr<NSXPCListener> listenerWithServiceName(const NSString& serviceName, NSError* error = nullptr);
-  // At a socket that this process was started with, which listens already; taken over. Under the name that it has in the
-  // runtime directory, or nameless: then whoever made it takes care of its name. Null and `*error` when it is no such
-  // socket.
+  // At a socket that this process was started with, which listens already; taken over. Under the name that it has in
+  // the runtime directory, or nameless: then whoever made it takes care of its name. Null and `*error` when it is no
+  // such socket.
   static std::shared_ptr<NSXPCListener> listenerWithPassedSocket(int takenSocket, const NSString& serviceName,
                                                                  NSError* error = nullptr);
   // Under a name that begins so and that no other ever has.
@@ -51,6 +52,8 @@ class VELTO_EXPORT NSXPCListener final {
   NSXPCListenerEndpoint endpoint() const;
   // Where a named listener is reached; nil for an anonymous one.
   NSString path() const;
+  // What has gone over its connections so far, and what they hold.
+  velto::xpc::ListenerTraffic traffic() const;
   // Held weakly.
   void setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate);
   // Starts; further calls do nothing.

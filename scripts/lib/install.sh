@@ -1,10 +1,10 @@
 # shellcheck shell=bash
 # What this project needs from Debian 12, and how a script gets it.
 
-# To build the libraries, the broker and the examples.
-build_packages=(g++ cmake ninja-build pkg-config libcli11-dev libssl-dev libsystemd-dev)
+# To build the libraries, the broker, veltoctl, the pages of the manual and the examples.
+build_packages=(g++ cmake ninja-build pkg-config libcli11-dev libssl-dev libsystemd-dev nlohmann-json3-dev scdoc)
 # To build and run the tests.
-test_packages=("${build_packages[@]}" libcbor-dev libgtest-dev libgmock-dev nlohmann-json3-dev python3 spin)
+test_packages=("${build_packages[@]}" libcbor-dev libgtest-dev libgmock-dev python3 spin)
 # To check the code in every way.
 # shellcheck disable=SC2034
 check_packages=("${test_packages[@]}" clang libclang-rt-14-dev clang-format clang-tidy shellcheck valgrind)

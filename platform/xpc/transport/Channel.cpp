@@ -95,6 +95,10 @@ class FrameBatch {
   alignas(wire::Frame) std::byte bytes_[kMost * sizeof(wire::Frame)];
 };
 
+bool carriesMessage(const wire::Frame& frame) noexcept {
+  return frame.type == wire::FrameType::call || frame.type == wire::FrameType::reply;
+}
+
 std::size_t regionsOfCall(const wire::Frame& frame) noexcept {
   return frame.type == wire::FrameType::call ? frame.regionWeight() : 0;
 }
@@ -104,9 +108,12 @@ std::size_t regionsOfCall(const wire::Frame& frame) noexcept {
 Channel::Channel(system::Descriptor socket, std::shared_ptr<ChannelReceiver> receiver, std::shared_ptr<Holding> holding,
                  std::shared_ptr<ChannelPlace> place)
     : holding_(std::move(holding)),
+      traffic_(place ? place->traffic : nullptr),
       socket_(std::make_shared<const system::Descriptor>(std::move(socket))),
       receiver_(std::move(receiver)),
-      place_(std::move(place)) {}
+      place_(std::move(place)) {
+  if (traffic_) traffic_->open(holding_);
+}
 
 Channel::~Channel() {
   holding_->setBytes(Holding::Place::input, 0);
@@ -161,12 +168,15 @@ std::uint64_t Channel::send(wire::Frame frame, Haste haste) {
   const bool waitsForRoom = !output_.empty() && !gathers_;
   const bool waits = waitsForRoom || gathers(haste, frame.size());
   makeRoomFor(frame.size());
+  const std::size_t bytes = wire::FrameHeader::kBytes + frame.size();
+  const bool isMessage = carriesMessage(frame);
   try {
     enqueue(std::move(frame), waits || gathers_);
   } catch (const std::bad_alloc&) {
     gathers_ = gathers_ && !output_.empty();
     throw;
   }
+  if (traffic_) traffic_->sent(isMessage ? 1 : 0, bytes);
   // The process may have begun to end meanwhile.
   if (!waits || (gathers_ && !Gathering::isAllowed())) writeQueued();
   // What writing took is none of the sender's pause.
@@ -318,6 +328,7 @@ std::shared_ptr<ChannelReceiver> Channel::closeIfFinished() {
 std::shared_ptr<ChannelReceiver> Channel::close() {
   if (socket_ && identifier_ != 0) Reactor::shared().forget(identifier_);
   socket_.reset();
+  if (traffic_) traffic_->close();
   place_.reset();
   output_.clear();
   gathers_ = false;
@@ -519,9 +530,20 @@ Channel::Read Channel::readOnce(Turn& turn) {
   return mayHaveMore ? Read::more : drained();
 }
 
+void Channel::count(std::span<const wire::Frame> frames) noexcept {
+  std::uint64_t messages = 0;
+  std::uint64_t bytes = 0;
+  for (const wire::Frame& frame : frames) {
+    messages += carriesMessage(frame) ? 1 : 0;
+    bytes += wire::FrameHeader::kBytes + frame.size();
+  }
+  traffic_->received(messages, bytes);
+}
+
 bool Channel::deliverFrames(Turn& turn) {
   for (FrameBatch batch; batch.take(reader_); batch.clear()) {
     turn.frames += batch.frames().size();
+    if (traffic_) count(batch.frames());
     const auto listener = receiver();
     if (!listener) return false;
     listener->framesArrived(batch.frames());

@@ -17,6 +17,7 @@
 #include "platform/xpc/transport/Holdings.h"
 #include "platform/xpc/transport/PeerProcess.h"
 #include "platform/xpc/transport/Reactor.h"
+#include "platform/xpc/transport/Traffic.h"
 #include "platform/xpc/wire/Frame.h"
 #include "platform/xpc/wire/FrameReader.h"
 
@@ -41,6 +42,8 @@ class ChannelPlace {
   virtual ~ChannelPlace() = default;
   // Something has come from the other end.
   virtual void heard() noexcept = 0;
+  // Where what goes over it is counted; may be null. Set before there is a channel.
+  std::shared_ptr<Traffic::Share> traffic;
 };
 
 // Asleep, or about to be, until there is something to read.
@@ -160,6 +163,7 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   void watchAgain();
   Read readTurn();
   Read readOnce(Turn& turn);
+  void count(std::span<const wire::Frame> frames) noexcept;
   // False when the stream is broken or nobody listens any more.
   bool deliverFrames(Turn& turn);
   Read drained();
@@ -205,6 +209,7 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   std::atomic<bool> endsWhenDrained_{false};
   std::atomic<std::size_t> claimableDescriptors_{limits::kMaximumDescriptors};
   const std::shared_ptr<Holding> holding_;
+  const std::shared_ptr<Traffic::Share> traffic_;
 
   // Of the thread that reads.
   wire::FrameReader reader_;

@@ -40,6 +40,9 @@ class Holding {
 
   void setBytes(Place place, std::size_t bytes);
   void setDescriptors(Place place, std::size_t descriptors);
+  std::size_t bytes(Place place) const noexcept {
+    return static_cast<std::size_t>(bytesIn_[static_cast<std::size_t>(place)].load(std::memory_order_relaxed));
+  }
   // The connection is over. If it held much, the memory goes back to the system soon: what is let go of piece by piece
   // would otherwise stay with the process.
   void isOver();
