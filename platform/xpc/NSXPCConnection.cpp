@@ -59,6 +59,7 @@ std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(const
 std::pair<std::shared_ptr<NSXPCConnection>, std::shared_ptr<NSXPCConnection>> NSXPCConnection::pair() {
   int ends[2] = {-1, -1};
   if (velto::system::systemCalls().socketPair(ends) != 0) return {};
+  velto::system::namePairForTrace(ends[0]);
   const auto make = [](int end) {
     // Given out once: a connection connects once.
     const auto socket = std::make_shared<velto::system::Descriptor>(end);

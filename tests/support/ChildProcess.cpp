@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -53,7 +54,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, Errors error
 ChildProcess::~ChildProcess() {
   signal(SIGKILL);
   wait();
-  close(input_);
+  closeInput();
   close(output_);
 }
 
@@ -83,6 +84,10 @@ std::optional<std::string> ChildProcess::readLine() {
 bool ChildProcess::writeLine(const std::string& line) {
   const std::string text = line + "\n";
   return write(input_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+void ChildProcess::closeInput() {
+  if (input_ >= 0) close(std::exchange(input_, -1));
 }
 
 void ChildProcess::signal(int number) {

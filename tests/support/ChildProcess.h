@@ -25,6 +25,8 @@ class ChildProcess {
   // Without the end of line; nothing at the end of the output, and (a failure of the test) when the bound has passed.
   std::optional<std::string> readLine();
   bool writeLine(const std::string& line);
+  // Its standard input is at its end.
+  void closeInput();
   void signal(int number);
   // Waits for the end: the exit code, or minus the number of the signal that ended it.
   int wait();

@@ -57,8 +57,10 @@ void ConnectionCore::call(const Method& method, std::span<const NSObject> argume
   if (isInherited()) return;
   const std::uint64_t identifier = ++lastIdentifier_;
   EncodedCall encoded = encodeCall(identifier, method, arguments, static_cast<bool>(reply), peerTakesRegions_);
-  if (encoded.failure) return postNotSent(errorHandler, method, encoded.failure);
+  if (encoded.failure) return refuseOwn(identifier, errorHandler, method, encoded.failure);
   OutgoingCall outgoing{identifier, &method, std::move(reply), errorHandler, 0};
+  const system::SendingStep step(observed_, identifier, method.selector, encoded.frame.size(),
+                                 static_cast<bool>(outgoing.reply));
   NSError failure;
   bool byOrderlyEnd = false;
   {
@@ -75,7 +77,13 @@ void ConnectionCore::call(const Method& method, std::span<const NSObject> argume
       stateWaiting();
     }
   }
-  if (failure) postNotSent(errorHandler, method, failure, byOrderlyEnd);
+  if (failure) refuseOwn(identifier, errorHandler, method, failure, byOrderlyEnd);
+}
+
+void ConnectionCore::refuseOwn(std::uint64_t identifier, const ErrorHandler& handler, const Method& method,
+                               const NSError& reason, bool byOrderlyEnd) {
+  observed_.refused(true, identifier, reason.code(), reason.localizedDescription().UTF8String());
+  postNotSent(handler, method, reason, byOrderlyEnd);
 }
 
 void ConnectionCore::postNotSent(const ErrorHandler& handler, const Method& method, const NSError& reason,
@@ -185,11 +193,11 @@ void ConnectionCore::deliver(Arrivals::Turn& turn, bool& isOwedReply, bool& call
   if (call.reading == Reading::refused) return refuse(call.header.identifier, call.code, call.reason);
   // What is mapped needs them no more, and what runs now may take its time.
   turn.frame.descriptors.clear();
-  invoke(call, object.get(), turn.owedReplies, isOwedReply, called);
+  invoke(call, object.get(), turn.frame.size(), turn.owedReplies, isOwedReply, called);
 }
 
-void ConnectionCore::invoke(const DecodedCall& call, void* object, std::size_t owedReplies, bool& isOwedReply,
-                            bool& called) {
+void ConnectionCore::invoke(const DecodedCall& call, void* object, std::size_t bytes, std::size_t owedReplies,
+                            bool& isOwedReply, bool& called) {
   const Method& method = *call.method;
   std::shared_ptr<ReplyTicket> ticket;
   ReplyBlock reply;
@@ -203,6 +211,7 @@ void ConnectionCore::invoke(const DecodedCall& call, void* object, std::size_t o
     }
   }
   called = true;
+  const system::DeliveringStep step(observed_, call.header.identifier, method.selector, bytes, call.header.wantsReply);
   try {
     method.invoke(object, call.arguments, std::move(reply));
   } catch (const NSXPCUnrecognizedSelector& missing) {
@@ -217,6 +226,7 @@ void ConnectionCore::invoke(const DecodedCall& call, void* object, std::size_t o
 
 void ConnectionCore::refuse(std::uint64_t identifier, std::uint64_t code, const std::string& reason) {
   VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelProgress, "%s: a call is refused: %s", name_, reason);
+  observed_.refused(false, identifier, static_cast<std::int64_t>(code), reason.c_str());
   sendOrCutOff(wire::Refusal{identifier, code, reason}.encode(wire::FrameType::refusal), false);
 }
 
@@ -304,8 +314,12 @@ void ConnectionCore::finishCall(const OutgoingCall& call, wire::Frame& frame, co
     reply = {Reading::refused, nil, "there is no memory for it"};
   }
   frame.descriptors.clear();
-  if (reply.reading == Reading::ready) return call.reply.block(reply.value);
+  if (reply.reading == Reading::ready) {
+    const system::AnsweringStep step(observed_, call.identifier, call.method->selector, frame.size());
+    return call.reply.block(reply.value);
+  }
   const std::string text = "the reply to " + call.method->selector + " was refused: " + reply.reason;
+  observed_.refused(true, call.identifier, NSXPCReplyRefused, text.c_str());
   postFailure(call.errorHandler, makeError(NSXPCReplyRefused, text));
   if (reply.reading == Reading::broken) breakProtocol(text);
 }
@@ -318,6 +332,7 @@ void ConnectionCore::sendReply(std::uint64_t identifier, const Method& method, c
     replySettled();
     throw;
   }
+  const system::ReplyingStep step(observed_, identifier, method.selector, reply.frame.size());
   {
     MutexLock lock(mutex_);
     arrivals_.replySettled();
@@ -335,6 +350,7 @@ void ConnectionCore::sendReply(std::uint64_t identifier, const Method& method, c
     }
   }
   if (reply.reason.empty()) return;
+  observed_.refused(false, identifier, static_cast<std::int64_t>(reply.code), reply.reason.c_str());
   VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "%s: the reply to %s could not be sent: %s", name_,
                 method.selector, reply.reason);
   sendOrCutOff(wire::Refusal{identifier, reply.code, reply.reason}.encode(wire::FrameType::replyRefusal), false);

@@ -23,6 +23,12 @@ void logDropped(const std::string& name, std::size_t bytes) {
                 limits::kFarewell.count(), bytes);
 }
 
+system::ObservedConnection::End observedEnd(Ending::Cause cause) noexcept {
+  using End = system::ObservedConnection::End;
+  if (cause == Ending::Cause::goodbye) return End::saidGoodbye;
+  return cause == Ending::Cause::unreachable ? End::neverConnected : End::interrupted;
+}
+
 }  // namespace
 
 // The end is told, or, where nothing is run any more, what would have heard of it is let go of.
@@ -63,6 +69,7 @@ ConnectionCore::ConnectionCore(std::string name, std::string target, Connector c
     : name_(std::move(name)),
       target_(std::move(target)),
       connector_(std::move(connector)),
+      observed_(name_.c_str(), !connector_),
       queue_(transport::Reactor::shared().makeQueue()),
       life_(std::move(hooks)) {}
 
@@ -153,7 +160,10 @@ bool ConnectionCore::connectAgain() {
     if (!life_.mayConnect()) return false;
     patient = life_.isPatient(ConnectionLife::Clock::now());
   }
-  auto attempt = connector_();
+  auto attempt = [this] {
+    const system::KeyForNextSocket key(observed_);
+    return connector_();
+  }();
   if (attempt.full && patient) return true;
   if (attempt.socket) {
     auto peer = transport::PeerProcess::of(attempt.socket.get());
@@ -184,6 +194,7 @@ void ConnectionCore::attach(std::shared_ptr<transport::Channel> channel) {
 void ConnectionCore::open(system::Descriptor socket, std::shared_ptr<transport::PeerProcess> peer,
                           std::shared_ptr<AcceptedConnections::Place> place) {
   transport::OwnReading::prepare();
+  observed_.connected(socket.get(), peer->identifier());
   auto channel =
       std::make_shared<transport::Channel>(std::move(socket), shared_from_this(), holding_, std::move(place));
   std::vector<OutgoingCall> forgotten;
@@ -264,6 +275,7 @@ void ConnectionCore::invalidate() {
     });
   }
   if (called) called();
+  observed_.ended(system::ObservedConnection::End::invalidatedHere, "");
   postFailures(unanswered, makeError(NSXPCConnectionInvalid, name_ + " was invalidated before the reply came"), true);
   letGo(std::move(unanswered));
   letGo(std::move(forgotten));
@@ -362,6 +374,7 @@ void ConnectionCore::end(const Ending& ending) {
   }
   if (called) called();
   if (telling == ConnectionLife::Telling::later) return;
+  observed_.ended(observedEnd(ending.cause), ending.error.localizedDescription().UTF8String());
   postFailures(unsettled, ending.error, ending.cause == Ending::Cause::goodbye);
   letGo(std::move(unsettled));
   letGo(std::move(forgotten));

@@ -17,6 +17,7 @@
 #include "platform/xpc/connection/OutgoingCalls.h"
 #include "platform/xpc/interface/NSXPCError.h"
 #include "platform/xpc/interface/NSXPCInterface.h"
+#include "platform/xpc/system/Observation.h"
 #include "platform/xpc/transport/Channel.h"
 #include "platform/xpc/transport/Holdings.h"
 #include "platform/xpc/transport/PeerProcess.h"
@@ -151,6 +152,8 @@ class ConnectionCore final : public transport::ChannelReceiver,
   void finishOnReader(const OutgoingCall& call, wire::Frame& frame, const NSXPCInterface& interface);
 
   // CallsAndReplies.cpp
+  void refuseOwn(std::uint64_t identifier, const ErrorHandler& handler, const Method& method, const NSError& reason,
+                 bool byOrderlyEnd = false);
   void postNotSent(const ErrorHandler& handler, const Method& method, const NSError& reason, bool byOrderlyEnd = false);
   void sendWaiting(transport::Channel::Haste haste = transport::Channel::Haste::now) VELTO_REQUIRES(mutex_);
   std::size_t waitingInChannel() const VELTO_REQUIRES(mutex_) { return channel_ ? channel_->waitingBytes() : 0; }
@@ -167,7 +170,8 @@ class ConnectionCore final : public transport::ChannelReceiver,
   void deliverAhead(Arrivals::Turn& turn);
   // `called` is set as soon as the user's code runs, `isOwedReply` once that can answer.
   void deliver(Arrivals::Turn& turn, bool& isOwedReply, bool& called);
-  void invoke(const DecodedCall& call, void* object, std::size_t owedReplies, bool& isOwedReply, bool& called);
+  void invoke(const DecodedCall& call, void* object, std::size_t bytes, std::size_t owedReplies, bool& isOwedReply,
+              bool& called);
   void refuse(std::uint64_t identifier, std::uint64_t code, const std::string& reason);
   void dealtWith(Arrivals::Size call, bool isOwedReply);
   void giveCredit() VELTO_REQUIRES(mutex_);
@@ -186,6 +190,7 @@ class ConnectionCore final : public transport::ChannelReceiver,
   const std::string name_;
   const std::string target_;
   const Connector connector_;
+  system::ObservedConnection observed_;
   const std::shared_ptr<transport::SerialQueue> queue_;
   std::shared_ptr<transport::Holding> holding_;  // made with the connection, and then read only
   std::atomic<std::uint64_t> lastIdentifier_{0};

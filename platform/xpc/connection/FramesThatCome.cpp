@@ -123,11 +123,15 @@ void ConnectionCore::carryOut(Due& due) {
   if (due.writable) runHere(due.writable);
   for (auto& [call, objection] : due.refused) {
     postNotSent(call.errorHandler, *call.method, makeError(NSXPCLimitExceeded, objection));
+    observed_.refused(true, call.identifier, NSXPCLimitExceeded, objection.c_str());
     call.reply.tellDropped = nullptr;
     due.forgotten.push_back(std::move(call));
   }
   if (due.settled && !due.answered) {
-    if (due.error) postFailure(due.settled->errorHandler, due.error);
+    if (due.error) {
+      observed_.refused(true, due.settled->identifier, due.error.code(), due.error.localizedDescription().UTF8String());
+      postFailure(due.settled->errorHandler, due.error);
+    }
     due.settled->reply.tellDropped = nullptr;
     due.forgotten.push_back(std::move(*due.settled));
   }

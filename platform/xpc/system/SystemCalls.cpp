@@ -23,6 +23,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "platform/xpc/system/ProgramMask.h"
+
 namespace velto::system {
 
 namespace {
@@ -261,6 +263,7 @@ int SystemCalls::startThread(void* (*run)(void*), void* argument) {
   sigset_t before;
   sigfillset(&all);
   ::pthread_sigmask(SIG_SETMASK, &all, &before);
+  keepProgramMask(before);
   pthread_t thread{};
   const int error = ::pthread_create(&thread, nullptr, run, argument);
   if (error == 0) ::pthread_detach(thread);

@@ -55,8 +55,8 @@ class Inbox {
 class PrivateRuntimeDirectory {
  public:
   PrivateRuntimeDirectory() {
-    char name[] = "/tmp/velto-test-XXXXXX";
-    path_ = ::mkdtemp(name);
+    path_ = (std::filesystem::temp_directory_path() / "velto-test-XXXXXX").string();
+    if (::mkdtemp(path_.data()) == nullptr) ADD_FAILURE() << "no directory can be made: " << path_;
     if (const char* before = ::getenv("XDG_RUNTIME_DIR")) before_ = before;
     ::setenv("XDG_RUNTIME_DIR", path_.c_str(), 1);
   }

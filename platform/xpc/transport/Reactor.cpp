@@ -26,6 +26,7 @@
 #include "platform/logging/VeltoLogging.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/PerProcess.h"
+#include "platform/xpc/system/ProgramMask.h"
 #include "platform/xpc/system/SystemCalls.h"
 
 namespace velto::transport {
@@ -317,6 +318,7 @@ bool Reactor::isOwnThread() noexcept {
 
 void Reactor::work() {
   isWorker = true;
+  system::forksWithProgramMask();
   pthread_setname_np(pthread_self(), "velto-worker");
   if (hasScheduled()) {
     waiting_.fetch_sub(1);

@@ -12,6 +12,7 @@
 
 #include "platform/foundation/NSUUID.h"
 #include "platform/xpc/contract/Limits.h"
+#include "platform/xpc/system/Observation.h"
 #include "platform/xpc/system/SystemCalls.h"
 #include "platform/xpc/transport/RuntimeDirectory.h"
 
@@ -104,6 +105,7 @@ ConnectAttempt connectToEndpoint(int borrowedDescriptor) {
   auto& calls = system::systemCalls();
   system::Descriptor socket(calls.socketStream());
   if (!socket) return failed(withError("making a socket failed"));
+  system::nameSocketForTrace(socket.get());
   if (calls.connect(socket.get(), pathOfDescriptor(borrowedDescriptor).c_str()) != 0) {
     return {{}, errno == EAGAIN, errno == ECONNREFUSED, withError("nobody can be reached")};
   }
