@@ -59,72 +59,39 @@ void ClientCore::attempt() {
     phase_ = Phase::connecting;
     number = ++attempt_;
   }
-  if (!options_.place) return lookUp(number);
-  const auto [isServed, connection] = options_.place->names()->connect(name_.string());
-  if (connection) return found(number, connection);
-  if (isServed) return attemptFailed(number, {Failure::unavailable, "the kernel has nothing left for a connection"});
-  if (!mayWait(number)) return;
-  auto wait = options_.place->names()->wait(name_.string(), 0, [weak = weak_from_this()](const NameState&) {
-    if (const auto self = weak.lock()) self->tryLater({});
-  });
-  const ConditionLock lock(condition_);
-  if (attempt_ == number && phase_ == Phase::connecting) wait_.swap(wait);
-}
-
-void ClientCore::lookUp(std::uint64_t number) {
-  const auto link = NSXPCConnection::initWithServiceName(VeltoIPCDaemonServiceName);
-  link->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol<VeltoIPCNamesProtocol>());
-  link->resume();
+  const auto search = makeSearch(number);
+  std::shared_ptr<NameSearch> former;
   {
     const ConditionLock lock(condition_);
-    if (phase_ == Phase::ended) return;
-    link_ = link;
+    if (phase_ != Phase::connecting || attempt_ != number) return;
+    former = std::exchange(search_, search);
   }
-  const auto broker = link->remoteObjectProxyWithErrorHandler<VeltoIPCNamesProtocol>(
-      [weak = weak_from_this(), number](const NSError& error) {
-        if (const auto self = weak.lock()) {
-          self->attemptFailed(
-              number, {Failure::unavailable, "the broker cannot be asked: " + error.localizedDescription().string()});
-        }
-      });
-  broker->call<&VeltoIPCNamesProtocol::findListenerEndpointForName>(
-      name_, [weak = weak_from_this(), number](const NSXPCListenerEndpoint& endpoint) {
-        const auto self = weak.lock();
-        if (!self) return;
-        endpoint ? self->found(number, NSXPCConnection::initWithListenerEndpoint(endpoint)) : self->waitForName(number);
-      });
+  search->start();
 }
 
-// A broker that lacks the method, or has no room for one more that waits, is asked again and again.
-void ClientCore::waitForName(std::uint64_t number) {
-  if (!mayWait(number)) return;
-  std::shared_ptr<NSXPCConnection> link;
-  {
-    const ConditionLock lock(condition_);
-    link = link_;
-  }
-  if (!link) return;
-  const auto failed = [weak = weak_from_this(), number] {
-    if (const auto self = weak.lock()) self->attemptFailed(number, self->nobodyServes());
+std::shared_ptr<NameSearch> ClientCore::makeSearch(std::uint64_t number) {
+  NameSearch::Ends ends;
+  ends.found = [weak = weak_from_this(), number](const std::shared_ptr<NSXPCConnection>& connection) {
+    if (const auto self = weak.lock()) self->found(number, connection);
   };
-  const auto broker =
-      link->remoteObjectProxyWithErrorHandler<VeltoIPCNamesProtocol>([failed](const NSError&) { failed(); });
-  broker->call<&VeltoIPCNamesProtocol::waitForName>(
-      name_, nil, [weak = weak_from_this(), number, failed](const NSXPCListenerEndpoint& endpoint) {
-        if (!endpoint) return failed();
-        if (const auto self = weak.lock()) self->found(number, NSXPCConnection::initWithListenerEndpoint(endpoint));
-      });
+  ends.changed = [weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->tryLater({});
+  };
+  ends.failed = [weak = weak_from_this(), number](const CallError& error) {
+    if (const auto self = weak.lock()) self->attemptFailed(number, error);
+  };
+  ends.isAbsent = [weak = weak_from_this(), number](const CallError& error) {
+    const auto self = weak.lock();
+    return self && self->mayWait(number, error);
+  };
+  return std::make_shared<NameSearch>(name_, options_.place, std::move(ends));
 }
 
-bool ClientCore::mayWait(std::uint64_t number) {
+bool ClientCore::mayWait(std::uint64_t number, const CallError& error) {
   const ConditionLock lock(condition_);
   if (phase_ != Phase::connecting || attempt_ != number) return false;
-  error_ = nobodyServes();
+  error_ = error;
   return true;
-}
-
-CallError ClientCore::nobodyServes() const {
-  return {Failure::unavailable, "nobody serves \"" + name_.string() + "\""};
 }
 
 void ClientCore::found(std::uint64_t number, const std::shared_ptr<NSXPCConnection>& connection) {
@@ -146,13 +113,13 @@ void ClientCore::found(std::uint64_t number, const std::shared_ptr<NSXPCConnecti
     if (const auto self = weak.lock()) self->writableAgain();
   });
   const auto peer = std::make_shared<Peer>(connection, std::move(hooks), options_.admitsDescriptors);
-  std::shared_ptr<NSXPCConnection> link;
+  std::shared_ptr<NameSearch> search;
   bool isWanted = false;
   {
     const ConditionLock lock(condition_);
-    link.swap(link_);
     isWanted = phase_ == Phase::connecting && attempt_ == number;
     if (isWanted) {
+      search.swap(search_);
       peer_ = peer;
       std::erase_if(peers_, [](const auto& each) { return each.expired(); });
       peers_.push_back(peer);
@@ -189,12 +156,12 @@ void ClientCore::isReady(std::uint64_t number) {
 void ClientCore::attemptFailed(std::uint64_t number, CallError error) {
   std::chrono::milliseconds pause{0};
   std::shared_ptr<Peer> peer;
-  std::shared_ptr<NSXPCConnection> link;
+  std::shared_ptr<NameSearch> search;
   bool goesOn = false;
   {
     const ConditionLock lock(condition_);
     if (phase_ != Phase::connecting || attempt_ != number) return;
-    link.swap(link_);
+    search.swap(search_);
     peer.swap(peer_);
     goesOn = Clock::now() < triesUntil_;
     pause_ = std::clamp(2 * pause_, kFirstPause, wasConnected_ ? kLongestPause : kLongestFirstPause);
@@ -259,14 +226,12 @@ void ClientCore::giveUp(const CallError& error) {
   std::deque<Waiting> parked;
   std::shared_ptr<xpc::DelayedCall> retry;
   std::shared_ptr<xpc::DelayedCall> lastTry;
-  std::shared_ptr<NSXPCConnection> link;
-  std::shared_ptr<Names::Wait> wait;
+  std::shared_ptr<NameSearch> search;
   {
     const ConditionLock lock(condition_);
     if (phase_ == Phase::ended) return;
     lastTry.swap(lastTry_);
-    link.swap(link_);
-    wait.swap(wait_);
+    search.swap(search_);
     phase_ = Phase::ended;
     error_ = error;
     waiting.swap(waiting_);
@@ -298,7 +263,7 @@ NSDictionary ClientCore::withOperation(std::string_view operation, const NSDicti
 
 Call ClientCore::call(const NSDictionary& message, const CallOptions& options) {
   const auto state = makeState(options);
-  Waiting waiting{state, [state, message](Peer& peer) { return peer.makeCall(state, message); }};
+  const Waiting waiting{state, [state, message](Peer& peer) { return peer.makeCall(state, message); }};
   if (options.isIdempotent) {
     state->setMakeAgain([weak = weak_from_this(), weakState = std::weak_ptr(state), message,
                          repeats = std::make_shared<std::atomic<int>>(0)] {
@@ -308,7 +273,7 @@ Call ClientCore::call(const NSDictionary& message, const CallOptions& options) {
       return self->startAgain({again, [again, message](Peer& peer) { return peer.makeCall(again, message); }});
     });
   }
-  launch(std::move(waiting));
+  launch(waiting);
   return Call(state);
 }
 
@@ -334,64 +299,54 @@ Stream ClientCore::open(const NSDictionary& message, const CallOptions& options)
   return Stream(std::shared_ptr<void>(nullptr, [state](void*) { state->cancel(); }), stream);
 }
 
-void ClientCore::launch(Waiting waiting) {
-  auto peer = connected();
-  while (!peer && !keep(&ClientCore::waiting_, waiting, limits::kPendingReplies, Failure::overLimit))
-    peer = connected();
+void ClientCore::launch(const Waiting& waiting) {
+  std::shared_ptr<Peer> peer;
+  if (const auto error = peerOrKeep(waiting, peer)) return void(waiting.state->end(*error));
   if (!peer) return;
   std::optional<Clock::time_point> deadline;
   if (const auto left = waiting.state->timeLeft()) deadline = xpc::timeAfter(*left);
   const auto error = awaitWritable(peer, deadline, true);
   if (!error) return start(peer, waiting);
   if (error->failure() != Failure::full) return void(waiting.state->end(*error));
-  keep(&ClientCore::parked_, waiting, limits::kParkedCalls, Failure::full);
+  if (const auto none = park(waiting)) return void(waiting.state->end(*none));
   startParked();
 }
 
-bool ClientCore::keep(std::deque<Waiting> ClientCore::*where, const Waiting& waiting, std::size_t most,
-                      Failure overMost) {
-  std::optional<CallError> error;
-  {
-    const ConditionLock lock(condition_);
-    // What waits for a connection that is there already would wait for the next one.
-    if (where == &ClientCore::waiting_ && phase_ == Phase::connected) return false;
-    if (phase_ == Phase::ended) {
-      error = error_ ? *error_ : closedHere();
-    } else if ((this->*where).size() >= most) {
-      error = CallError(overMost, std::to_string(most) + " calls wait already");
-    } else {
-      (this->*where).push_back(waiting);
-    }
-  }
-  if (error) waiting.state->end(*std::move(error));
-  return true;
-}
-
-bool ClientCore::keepForNext(Waiting waiting, std::shared_ptr<Peer>& ended) {
+std::optional<CallError> ClientCore::peerOrKeep(const Waiting& waiting, std::shared_ptr<Peer>& peer) {
   const ConditionLock lock(condition_);
-  if (phase_ == Phase::connected && peer_ != ended) {
-    ended = peer_;
-    return true;
+  if (phase_ == Phase::connected && peer_ != peer) {
+    peer = peer_;
+    return std::nullopt;
   }
-  ended.reset();
-  if (phase_ == Phase::ended || waiting_.size() >= limits::kPendingReplies) return false;
-  waiting_.push_back(std::move(waiting));
-  return true;
+  peer.reset();
+  return add(waiting, waiting_, limits::kPendingReplies, Failure::overLimit);
 }
 
-// The connection may not be known to have ended yet, or be another already.
+std::optional<CallError> ClientCore::park(const Waiting& waiting) {
+  const ConditionLock lock(condition_);
+  return add(waiting, parked_, limits::kParkedCalls, Failure::full);
+}
+
+std::optional<CallError> ClientCore::add(const Waiting& waiting, std::deque<Waiting>& queue, std::size_t most,
+                                         Failure overMost) {
+  if (phase_ == Phase::ended) return error_ ? *error_ : closedHere();
+  if (queue.size() >= most) return CallError(overMost, std::to_string(most) + " calls wait already");
+  queue.push_back(waiting);
+  return std::nullopt;
+}
+
 bool ClientCore::startAgain(const Waiting& waiting) {
-  auto peer = connected();
-  if (!peer && !keepForNext(waiting, peer)) return false;
+  std::shared_ptr<Peer> peer;
+  if (peerOrKeep(waiting, peer)) return false;
   if (peer) start(peer, waiting);
   return true;
 }
 
-void ClientCore::start(const std::shared_ptr<Peer>& peer, const Waiting& waiting) {
-  for (auto to = peer; to && !waiting.state->hasEnded();) {
-    auto error = waiting.start(*to);
+void ClientCore::start(std::shared_ptr<Peer> peer, const Waiting& waiting) {
+  while (peer && !waiting.state->hasEnded()) {
+    auto error = waiting.start(*peer);
     if (!error) return;
-    if (!options_.reconnects || !keepForNext(waiting, to)) return void(waiting.state->end(*std::move(error)));
+    if (!options_.reconnects || peerOrKeep(waiting, peer)) return void(waiting.state->end(*std::move(error)));
   }
 }
 

@@ -11,8 +11,7 @@
 #include <vector>
 
 #include "VeltoIPC/Client.h"
-#include "broker/VeltoIPCNamesProtocol.h"
-#include "calls/Names.h"
+#include "calls/NameSearch.h"
 #include "calls/Peer.h"
 #include "platform/foundation/NSCondition.h"
 #include "platform/xpc/DelayedCall.h"
@@ -43,7 +42,7 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
 
  private:
   using Clock = std::chrono::steady_clock;
-  enum class Phase : std::uint8_t { connecting, connected, waitsToReconnect, ended };
+  enum class Phase : std::uint8_t { connecting, connected, ended };
   // Something to be sent as soon as that goes.
   struct Waiting {
     std::shared_ptr<CallState> state;
@@ -53,11 +52,9 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
 
   // One attempt to connect; what comes of a former one is ignored.
   void attempt();
-  void lookUp(std::uint64_t number);
-  void waitForName(std::uint64_t number);
+  std::shared_ptr<NameSearch> makeSearch(std::uint64_t number);
   // Notes that nobody serves the name yet. False when that attempt is over.
-  bool mayWait(std::uint64_t number);
-  CallError nobodyServes() const;
+  bool mayWait(std::uint64_t number, const CallError& error);
   void found(std::uint64_t number, const std::shared_ptr<NSXPCConnection>& connection);
   void isReady(std::uint64_t number);
   void attemptFailed(std::uint64_t number, CallError error);
@@ -68,17 +65,19 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   void tryLater(std::chrono::milliseconds pause);
   std::shared_ptr<CallState> makeState(const CallOptions& options);
   // Starts it, waits for the other end to keep up if that is possible here, or keeps it.
-  void launch(Waiting waiting);
-  // False, and nothing happens, when it would wait for a connection that is there.
-  bool keep(std::deque<Waiting> ClientCore::*where, const Waiting& waiting, std::size_t most, Failure overMost);
-  // Once more, after its connection has ended: now, or over the next. False when there is to be none.
+  void launch(const Waiting& waiting);
+  // The connection of the moment, if it is another than `peer`; and else null, and it is kept for the next. The error
+  // is that there is to be none, or that too many wait.
+  std::optional<CallError> peerOrKeep(const Waiting& waiting, std::shared_ptr<Peer>& peer);
+  // Until the other end keeps up.
+  std::optional<CallError> park(const Waiting& waiting);
+  std::optional<CallError> add(const Waiting& waiting, std::deque<Waiting>& queue, std::size_t most, Failure overMost)
+      VELTO_REQUIRES(condition_);
+  // Once more, after its connection has ended, which may not be known yet. False when there is to be no other.
   bool startAgain(const Waiting& waiting);
-  void start(const std::shared_ptr<Peer>& peer, const Waiting& waiting);
-  // Starts what was kept because the other end was behind.
+  // Over that one, or over one behind it that it finds.
+  void start(std::shared_ptr<Peer> peer, const Waiting& waiting);
   void startParked();
-  // Keeps it for the next connection, behind one that has ended; which becomes the next if that is there already, and
-  // else null. False when there is to be none.
-  bool keepForNext(Waiting waiting, std::shared_ptr<Peer>& ended);
   void writableAgain();
   // Sleeps until the other end keeps up; nothing when it does.
   std::optional<CallError> awaitWritable(const std::shared_ptr<Peer>& peer, std::optional<Clock::time_point> deadline,
@@ -101,8 +100,7 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   bool wasConnected_ VELTO_GUARDED_BY(condition_) = false;
   std::chrono::milliseconds pause_ VELTO_GUARDED_BY(condition_){0};
   std::optional<CallError> error_ VELTO_GUARDED_BY(condition_);
-  std::shared_ptr<Names::Wait> wait_ VELTO_GUARDED_BY(condition_);
-  std::shared_ptr<NSXPCConnection> link_ VELTO_GUARDED_BY(condition_);
+  std::shared_ptr<NameSearch> search_ VELTO_GUARDED_BY(condition_);
   std::shared_ptr<Peer> peer_ VELTO_GUARDED_BY(condition_);
   // This one, and those before it of which something may still run.
   std::vector<std::weak_ptr<Peer>> peers_ VELTO_GUARDED_BY(condition_);
