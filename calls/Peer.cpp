@@ -163,20 +163,16 @@ void Peer::tellReadyIfSo() {
 void Peer::end(const CallError& error) {
   Hooks hooks;
   std::unordered_map<std::uint64_t, std::weak_ptr<Incoming>> incoming;
-  std::unordered_map<std::int64_t, std::weak_ptr<StreamState>> streams;
   {
     MutexLock lock(mutex_);
     std::swap(hooks, hooks_);
     incoming.swap(incoming_);
-    streams = streams_;
   }
   for (const auto& [number, weak] : incoming) {
     if (const auto request = weak.lock()) request->takeBack(error);
   }
   // A call whose answer has come, and not all of its stream, waits for nothing else.
-  for (const auto& [call, weak] : streams) {
-    if (const auto stream = weak.lock()) stream->fail(error);
-  }
+  streams_.fail(error);
   if (hooks.ended) hooks.ended(error);
   const ConditionLock lock(idle_);
   hasEnded_ = true;
@@ -256,10 +252,7 @@ void Peer::startCall(const Proxy& proxy, const std::shared_ptr<CallState>& state
   };
   if (stream) {
     const auto call = static_cast<std::int64_t>(number);
-    {
-      MutexLock lock(mutex_);
-      streams_[call] = stream;
-    }
+    streams_.add(call, stream);
     connect(call, *stream);
   }
   proxy.call<&CallsPeer::call>(number, dictionaryOf({state->timeLeft(), stream != nullptr}), message,
@@ -281,10 +274,7 @@ void Peer::connect(std::int64_t call, StreamState& stream) {
                     if (const auto self = weak.lock()) self->plainProxy()->call<&CallsPeer::finish>(call);
                   },
                   [weak, call] {
-                    const auto self = weak.lock();
-                    if (!self) return;
-                    MutexLock lock(self->mutex_);
-                    if (self->streams_.erase(call) > 0 && call < 0) --self->streamsOfPeer_;
+                    if (const auto self = weak.lock()) self->streams_.remove(call);
                   }});
 }
 
@@ -295,29 +285,8 @@ std::shared_ptr<StreamState> Peer::streamForPeer(std::int64_t number) {
         if (const auto self = weak.lock()) self->perform(std::move(task));
       },
       nullptr);
-  bool isFinished = false;
-  {
-    MutexLock lock(mutex_);
-    if (streamsOfPeer_ >= limits::kStreamsOfOnePeer) return nullptr;
-    if (!streams_.emplace(-number, stream).second) return nullptr;
-    ++streamsOfPeer_;
-    isFinished = finished_.erase(static_cast<std::uint64_t>(number)) > 0;
-  }
   connect(-number, *stream);
-  if (isFinished) stream->in().end(NSDictionary::dictionary());
-  return stream;
-}
-
-std::shared_ptr<StreamState> Peer::streamOf(std::int64_t call) const {
-  MutexLock lock(mutex_);
-  const auto place = streams_.find(call);
-  return place == streams_.end() ? nullptr : place->second.lock();
-}
-
-// By the other end, whose calls are those of others here.
-std::shared_ptr<StreamState> Peer::streamNamed(const NSNumber& call) const {
-  const auto number = call.to<std::int64_t>();
-  return number && *number != std::numeric_limits<std::int64_t>::min() ? streamOf(-*number) : nullptr;
+  return streams_.addForPeer(number, stream) ? stream : nullptr;
 }
 
 // What is refused before it leaves is told now. One that fails later ends the stream, and the other end, which would
@@ -335,7 +304,7 @@ std::optional<CallError> Peer::sendItem(std::int64_t call, const NSDictionary& i
 }
 
 void Peer::itemFailed(std::int64_t call, const CallError& why) {
-  if (const auto stream = streamOf(call)) stream->out().end(why);
+  if (const auto stream = streams_.find(call)) stream->out().end(why);
   if (why.failure() == Failure::refused || why.failure() == Failure::overLimit) {
     plainProxy()->call<&CallsPeer::item>(NSDictionary(), call);
   }
@@ -476,7 +445,7 @@ void Peer::cancel(NSNumber number) {
 }
 
 void Peer::item(NSDictionary item, NSNumber ofCall) {
-  const auto stream = streamNamed(ofCall);
+  const auto stream = streams_.named(ofCall);
   if (!stream) return;
   std::optional<CallError> error;
   if (item.isNil()) {
@@ -487,25 +456,12 @@ void Peer::item(NSDictionary item, NSNumber ofCall) {
   if (error) stream->fail(*error);
 }
 
-// That of a call which has not had its turn is remembered, as with cancel().
 void Peer::finish(NSNumber call) {
-  std::shared_ptr<StreamState> stream;
-  {
-    const auto number = call.to<std::int64_t>().value_or(0);
-    MutexLock lock(mutex_);
-    const auto place = number > 0 ? streams_.find(-number) : streams_.end();
-    if (place != streams_.end()) {
-      stream = place->second.lock();
-    } else if (number > 0 && static_cast<std::uint64_t>(number) > lastReceived_ &&
-               finished_.size() < limits::kUndeliveredCalls) {
-      finished_.insert(static_cast<std::uint64_t>(number));
-    }
-  }
-  if (stream) stream->in().end(NSDictionary::dictionary());
+  streams_.finish(call);
 }
 
 void Peer::allow(NSNumber items, NSNumber bytes, NSNumber ofCall) {
-  const auto stream = streamNamed(ofCall);
+  const auto stream = streams_.named(ofCall);
   if (stream) stream->out().allow(items.unsignedIntegerValue(), bytes.unsignedIntegerValue());
 }
 

@@ -15,6 +15,7 @@
 #include "calls/CallState.h"
 #include "calls/CallsPeer.h"
 #include "calls/Incoming.h"
+#include "calls/OpenStreams.h"
 #include "calls/StreamState.h"
 #include "platform/foundation/NSCondition.h"
 #include "platform/foundation/ThreadAnnotations.h"
@@ -102,10 +103,8 @@ class Peer final : public CallsPeer, public std::enable_shared_from_this<Peer> {
   NSString identifier() const;
   void receive(std::uint64_t number, NSDictionary message, std::optional<Incoming::SteadyTime> deadline,
                Incoming::Answer answer, std::shared_ptr<StreamState> stream = nullptr);
-  // Of a call of this end: its number; of one of the other's: its number with a minus.
+  // The call as in the table of streams.
   void connect(std::int64_t call, StreamState& stream);
-  std::shared_ptr<StreamState> streamOf(std::int64_t call) const;
-  std::shared_ptr<StreamState> streamNamed(const NSNumber& call) const;
   std::shared_ptr<StreamState> streamForPeer(std::int64_t number);
   std::optional<CallError> sendItem(std::int64_t call, const NSDictionary& item);
   void itemFailed(std::int64_t call, const CallError& why);
@@ -122,6 +121,7 @@ class Peer final : public CallsPeer, public std::enable_shared_from_this<Peer> {
   // That the other end takes descriptors.
   std::atomic<bool> mayGetDescriptors_{false};
   std::atomic<std::uint64_t> lastNumber_{0};
+  OpenStreams streams_;
 
   const NSCondition idle_ = NSCondition::condition();
   // Of those that were to be performed.
@@ -137,10 +137,6 @@ class Peer final : public CallsPeer, public std::enable_shared_from_this<Peer> {
   // The greatest number of one that has had its turn, and those taken back before they have.
   std::uint64_t lastReceived_ VELTO_GUARDED_BY(mutex_) = 0;
   std::unordered_set<std::uint64_t> cancelled_ VELTO_GUARDED_BY(mutex_);
-  std::unordered_set<std::uint64_t> finished_ VELTO_GUARDED_BY(mutex_);
-  // Those that are open.
-  std::unordered_map<std::int64_t, std::weak_ptr<StreamState>> streams_ VELTO_GUARDED_BY(mutex_);
-  std::size_t streamsOfPeer_ VELTO_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace velto::calls
