@@ -11,10 +11,10 @@
 
 #include <sys/uio.h>
 
-#include "platform/foundation/Fifo.h"
 #include "platform/foundation/ThreadAnnotations.h"
 #include "platform/xpc/system/Descriptor.h"
 #include "platform/xpc/transport/Holdings.h"
+#include "platform/xpc/transport/OutputQueue.h"
 #include "platform/xpc/transport/PeerProcess.h"
 #include "platform/xpc/transport/Reactor.h"
 #include "platform/xpc/wire/Frame.h"
@@ -97,9 +97,9 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   void flush() noexcept;
   void tasksPause() noexcept override { flush(); }
   // Frames written to the socket so far, whole.
-  std::uint64_t framesWritten() const noexcept { return written_.load(std::memory_order_acquire); }
+  std::uint64_t framesWritten() const noexcept { return progress_.framesWritten.load(std::memory_order_acquire); }
   // Bytes that wait for room in the socket.
-  std::size_t waitingBytes() const noexcept { return waitingBytes_.load(std::memory_order_relaxed); }
+  std::size_t waitingBytes() const noexcept { return progress_.waitingBytes.load(std::memory_order_relaxed); }
 
   // For a thread that waits for what comes: it reads in place of the reactor until it gives that up, and the reactor
   // is not even woken. False when another thread reads, or this one need not.
@@ -122,23 +122,6 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
 
  private:
   using Clock = std::chrono::steady_clock;
-  // A frame, or small ones one behind the other.
-  struct Output {
-    // Ahead of the bytes, which in a batch hold the headers.
-    std::array<std::uint8_t, wire::FrameHeader::kBytes> header{};
-    std::size_t headerBytes = 0;
-    wire::Frame frame;
-    std::size_t remaining = 0;  // bytes of header and frame together that are not written
-    // Of a batch: where the first frame ends that is not written whole; 0 when this is none.
-    std::size_t boundary = 0;
-
-    std::size_t size() const noexcept { return headerBytes + frame.size(); }
-    bool isBatch() const noexcept { return boundary > 0; }
-    // Gathers what remains, piece by piece, as far as there are parts for it. False when there were too few.
-    bool gather(std::span<iovec> parts, std::size_t& count) const noexcept;
-    // Bytes were written. Returns how many frames are whole by that.
-    std::size_t consume(std::size_t count) noexcept;
-  };
   enum class Attempt { done, full, retry, broken };
   enum class Read { more, drained, turnIsOver, ended };
   // What has been read since others had their turn. It is over after less than a millisecond of work, but what was
@@ -171,8 +154,6 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   void unfinishedIsLate(std::uint64_t number);
   void stateInput();
 
-  void enqueue(wire::Frame&& frame, bool mayBatch) VELTO_REQUIRES(mutex_);
-  void addToBatch(std::span<const std::uint8_t> header, const wire::Frame& frame) VELTO_REQUIRES(mutex_);
   // Whether a frame is to wait for more.
   bool gathers(Haste haste, std::size_t bytes) VELTO_REQUIRES(mutex_);
   bool isBurst() VELTO_REQUIRES(mutex_);
@@ -184,7 +165,6 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   void makeRoomFor(std::size_t bytes) VELTO_REQUIRES(mutex_);
   void stateOutput() VELTO_REQUIRES(mutex_);
   Attempt writeOnce() VELTO_REQUIRES(mutex_);
-  void consume(std::size_t count) VELTO_REQUIRES(mutex_);
   void giveUpWriting() VELTO_REQUIRES(mutex_);
   // Whoever waits for the end is told by the reading half, even if the kernel does not.
   void endSoon() VELTO_REQUIRES(mutex_);
@@ -205,6 +185,7 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   std::atomic<bool> endsWhenDrained_{false};
   std::atomic<std::size_t> claimableDescriptors_{limits::kMaximumDescriptors};
   const std::shared_ptr<Holding> holding_;
+  OutputProgress progress_;
 
   // Of the thread that reads.
   wire::FrameReader reader_;
@@ -221,7 +202,7 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   system::SharedDescriptor socket_ VELTO_GUARDED_BY(mutex_);
   Reactor::Identifier identifier_ VELTO_GUARDED_BY(mutex_) = 0;
   std::shared_ptr<ChannelReceiver> receiver_ VELTO_GUARDED_BY(mutex_);
-  Fifo<Output> output_ VELTO_GUARDED_BY(mutex_);
+  OutputQueue output_ VELTO_GUARDED_BY(mutex_){progress_};
   bool hasLargeBuffer_ VELTO_GUARDED_BY(mutex_) = false;
   bool watchesForRoom_ VELTO_GUARDED_BY(mutex_) = false;
   // Reads in place of the reactor.
@@ -240,10 +221,6 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   std::shared_ptr<ChannelPlace> place_ VELTO_GUARDED_BY(mutex_);
   PeerProcess::Subscription peerDeath_ VELTO_GUARDED_BY(mutex_);
   std::uint64_t sent_ VELTO_GUARDED_BY(mutex_) = 0;
-  std::atomic<std::uint64_t> written_{0};
-  std::atomic<std::size_t> waitingBytes_{0};
-  // What the regions of calls count for; those of replies count until they are read.
-  std::size_t waitingRegions_ VELTO_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace velto::transport

@@ -60,7 +60,7 @@ Received receiveWithDescriptors(int borrowedSocket, std::span<std::uint8_t> room
 }
 
 ssize_t sendWithDescriptors(int borrowedSocket, std::span<iovec> parts,
-                            const std::vector<system::SharedDescriptor>& descriptors) {
+                            std::span<const system::SharedDescriptor> descriptors) {
   ControlBuffer<limits::kMaximumDescriptors> control{};
   msghdr message{};
   message.msg_iov = parts.data();

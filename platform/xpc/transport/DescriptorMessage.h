@@ -25,6 +25,6 @@ Received receiveWithDescriptors(int borrowedSocket, std::span<std::uint8_t> room
 
 // Writes once; returns as sendmsg does. The descriptors go with the first byte.
 ssize_t sendWithDescriptors(int borrowedSocket, std::span<iovec> parts,
-                            const std::vector<system::SharedDescriptor>& descriptors);
+                            std::span<const system::SharedDescriptor> descriptors);
 
 }  // namespace velto::transport
