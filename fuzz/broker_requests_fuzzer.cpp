@@ -9,11 +9,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <map>
 #include <string>
 #include <vector>
 
 #include "daemon/Broker.h"
+#include "fuzz/support/BrokerModel.h"
 #include "fuzz/support/Budget.h"
 #include "fuzz/support/FakeKernel.h"
 #include "fuzz/support/Input.h"
@@ -31,8 +31,7 @@ namespace {
 
 constexpr Budget kBudget{
     // A broker and four links of 70 kB each. Measured: 285 kB held, and 450 kB allocated by an input of 87 bytes; a
-    // step
-    // of two bytes may make a link.
+    // step of two bytes may make a link.
     .heldBytes = 512 << 10,
     .heldBytesPerByte = 4096,
     .allocatedBytes = 512 << 10,
@@ -110,24 +109,6 @@ class Play {
   void finish();
 
  private:
-  struct Entry {
-    std::size_t endpoint;
-    std::uint64_t link;
-    std::size_t process;
-    std::uint64_t age;
-    // 0 when it was not told.
-    std::uint64_t registration = 0;
-  };
-  struct Wait {
-    std::uint64_t link;
-    std::size_t process;
-    std::uint64_t call;
-    std::string name;
-    // What it waits for has come; and it was told so.
-    bool isDue = false;
-    bool isTold = false;
-  };
-
   Link& linkAt(unsigned slot);
   // Sends a call; the frames that came back. False when the link had to be refused, or ended.
   bool call(Link& link, const char* selector, bool wantsReply, Bytes arguments, std::vector<SharedObject> objects,
@@ -137,23 +118,12 @@ class Play {
   void registerName(Link& link, Input& input, bool isNewer);
   void giveBack(Link& link, Input& input);
   void wait(Link& link, Input& input, bool isForName);
-  // Whoever waits for another state of it is to be told.
-  void changed(const std::string& name);
-  void forget(std::map<std::string, Entry>::iterator entry);
-  // Whether it may wait; then, which other waiter is to make room.
-  bool mayWait(const Link& link, Wait*& leaving);
-  std::size_t waitersOf(std::size_t process) const;
   void lookUp(Link& link, const Name& name);
   void kill(Link& link, const Name& name);
   void callWithAnything(Link& link, const char* selector, Bytes arguments);
   void sendAnything(Link& link, Input& input);
   void endListener(std::size_t index);
-  // Whether the broker must take it, and why not.
-  bool mayRegister(const Link& link, const Name& name) const;
-  std::size_t namesOf(std::size_t process) const;
   std::size_t linksOf(std::size_t process) const;
-  // What the other process holds more of makes room, when it is clearly more.
-  void makeRoomForName(const Link& link, const Name& name);
   // The link that has to go; null when there is room, or nobody makes it.
   Link* linkToGo(std::size_t process);
   void dropGone();
@@ -166,9 +136,7 @@ class Play {
   std::uint64_t lastLink_ = 0;
   std::uint64_t lastUse_ = 0;
   std::array<Endpoint, 4> endpoints_;
-  std::map<std::string, Entry> names_;
-  // In the order in which they came.
-  std::vector<Wait> waits_;
+  BrokerModel model_{kLimits};
 };
 
 // What a reply holds behind the number of its call.
@@ -234,9 +202,9 @@ std::vector<wire::Frame> Play::answersOf(Link& link) {
     if (frame.type == wire::FrameType::reply) {
       std::uint64_t call = 0;
       valueOf(frame, call);
-      const auto told =
-          std::ranges::find_if(waits_, [&](const Wait& each) { return each.link == link.number && each.call == call; });
-      if (told != waits_.end()) {
+      const auto told = std::ranges::find_if(
+          model_.waits, [&](const BrokerModel::Wait& each) { return each.link == link.number && each.call == call; });
+      if (told != model_.waits.end()) {
         require(!told->isTold, "who waits is told once");
         told->isTold = true;
         continue;
@@ -269,11 +237,6 @@ bool Play::call(Link& link, const char* selector, bool wantsReply, Bytes argumen
   return hasRoom && link.isAlive();
 }
 
-std::size_t Play::namesOf(std::size_t process) const {
-  return static_cast<std::size_t>(
-      std::ranges::count_if(names_, [&](const auto& each) { return each.second.process == process; }));
-}
-
 std::size_t Play::linksOf(std::size_t process) const {
   return static_cast<std::size_t>(std::ranges::count_if(
       links_, [&](const Link& link) { return link.isAlive() && link.hasCalled && link.process == process; }));
@@ -288,38 +251,6 @@ Link* Play::linkToGo(std::size_t process) {
     if (idle == nullptr || link.lastUse < idle->lastUse) idle = &link;
   }
   return idle;
-}
-
-bool Play::mayRegister(const Link& link, const Name& name) const {
-  if (name.isNil || name.text.empty() || name.text.size() > limits::kMaximumNameBytes) return false;
-  const auto standing = names_.find(name.text);
-  const bool isNew = standing == names_.end();
-  if (!isNew && standing->second.link == link.number) return true;
-  const auto own = std::ranges::count_if(names_, [&](const auto& each) { return each.second.link == link.number; });
-  if (static_cast<std::size_t>(own) >= kLimits.namesOfOneLink) return false;
-  const bool isOwn = !isNew && standing->second.process == link.process;
-  if (!isOwn && namesOf(link.process) >= kLimits.namesOfOneProcess) return false;
-  return !isNew || names_.size() < kLimits.names || namesOf(1 - link.process) > namesOf(link.process) + 1;
-}
-
-void Play::makeRoomForName(const Link& link, const Name& name) {
-  if (names_.contains(name.text) || names_.size() < kLimits.names) return;
-  auto newest = names_.end();
-  for (auto each = names_.begin(); each != names_.end(); ++each) {
-    if (each->second.process == link.process) continue;
-    if (newest == names_.end() || each->second.age > newest->second.age) newest = each;
-  }
-  forget(newest);
-}
-
-void Play::changed(const std::string& name) {
-  for (Wait& each : waits_) each.isDue = each.isDue || each.name == name;
-}
-
-void Play::forget(std::map<std::string, Entry>::iterator entry) {
-  if (entry == names_.end()) return;
-  changed(entry->first);
-  names_.erase(entry);
 }
 
 void Play::registerName(Link& link, Input& input, bool isNewer) {
@@ -350,11 +281,12 @@ void Play::registerName(Link& link, Input& input, bool isNewer) {
   require(!isBroken || !link.isAlive(), "a name that is not UTF-8 breaks the protocol");
   if (!isTaken) return;
   // A pipe that is watched for another name need not be watched anew.
-  const bool isWatched = std::ranges::any_of(names_, [&](const auto& each) { return each.second.endpoint == index; });
+  const bool isWatched =
+      std::ranges::any_of(model_.names, [&](const auto& each) { return each.second.endpoint == index; });
   const bool mayBe = kind == 0 || kind > 4 || (kind > 2 && isWatched);
-  const bool isNamed = !name.isNil && !name.text.empty() && name.text.size() <= limits::kMaximumNameBytes;
-  const auto standing = isNamed ? names_.find(name.text) : names_.end();
-  const bool isLeft = !takesOver && standing != names_.end() && standing->second.endpoint != index;
+  const bool isNamed = !name.isNil && BrokerModel::isName(name.text);
+  const auto standing = isNamed ? model_.names.find(name.text) : model_.names.end();
+  const bool isLeft = !takesOver && standing != model_.names.end() && standing->second.endpoint != index;
   const bool isGone = endpoints_[index].pipe->hasHungUp;
   std::uint64_t number = 0;
   NSObject answer;
@@ -371,12 +303,12 @@ void Play::registerName(Link& link, Input& input, bool isNewer) {
             "and which registration it is");
     return;
   }
-  if (mayBe && mayRegister(link, name)) {
+  if (mayBe && !name.isNil && model_.mayRegister(link.number, link.process, name.text)) {
     require(isNewer || answers.empty(), "a registration is taken without a word");
     require(!isNewer || (number != 0 && answer["taken"].isNil()) || isGone, "who registers hears that it stands");
-    makeRoomForName(link, name);
-    changed(name.text);
-    names_[name.text] = {index, link.number, link.process, ++lastUse_, number};
+    model_.makeRoomForName(link.process, name.text);
+    model_.changed(name.text);
+    model_.names[name.text] = {index, link.number, link.process, ++lastUse_, number};
     dropGone();
     return;
   }
@@ -393,8 +325,8 @@ void Play::registerName(Link& link, Input& input, bool isNewer) {
 void Play::giveBack(Link& link, Input& input) {
   const unsigned choice = input.byte();
   const Name name = readName(input);
-  const auto standing = name.isNil ? names_.end() : names_.find(name.text);
-  const std::uint64_t own = standing != names_.end() ? standing->second.registration : 0;
+  const auto standing = name.isNil ? model_.names.end() : model_.names.find(name.text);
+  const std::uint64_t own = standing != model_.names.end() ? standing->second.registration : 0;
   const std::uint64_t number = choice % 2 == 0 ? own : std::uint64_t{1} << 40;
   std::vector<wire::Frame> answers;
   const auto arguments = written([&](wire::ItemWriter& writer) {
@@ -405,32 +337,18 @@ void Play::giveBack(Link& link, Input& input) {
   require(isValidUTF8(name.text) || !link.isAlive(), "a name that is not UTF-8 breaks the protocol");
   if (!isTaken) return;
   require(answers.empty(), "a name is given back without a word");
-  const auto now = name.isNil ? names_.end() : names_.find(name.text);
-  if (now != names_.end() && number != 0 && now->second.registration == number && now->second.process == link.process) {
-    forget(now);
+  const auto now = name.isNil ? model_.names.end() : model_.names.find(name.text);
+  if (now != model_.names.end() && number != 0 && now->second.registration == number &&
+      now->second.process == link.process) {
+    model_.forget(now);
   }
-}
-
-std::size_t Play::waitersOf(std::size_t process) const {
-  return static_cast<std::size_t>(
-      std::ranges::count_if(waits_, [&](const Wait& each) { return each.process == process && !each.isDue; }));
-}
-
-bool Play::mayWait(const Link& link, Wait*& leaving) {
-  const std::size_t own = waitersOf(link.process), others = waitersOf(1 - link.process);
-  if (own >= kLimits.waitersOfOneProcess) return false;
-  if (own + others < kLimits.waiters) return true;
-  for (Wait& each : waits_) {
-    if (each.process != link.process && !each.isDue) leaving = &each;
-  }
-  return others > own + 1;
 }
 
 void Play::wait(Link& link, Input& input, bool isForName) {
   const unsigned choice = input.byte();
   const Name name = readName(input);
-  const auto standing = name.isNil ? names_.end() : names_.find(name.text);
-  const std::uint64_t own = standing != names_.end() ? standing->second.registration : 0;
+  const auto standing = name.isNil ? model_.names.end() : model_.names.find(name.text);
+  const std::uint64_t own = standing != model_.names.end() ? standing->second.registration : 0;
   const std::uint64_t known = isForName || choice % 4 == 0 ? 0 : choice % 4 == 1 ? std::uint64_t{1} << 40 : own;
   std::vector<wire::Frame> answers;
   const auto arguments = written([&](wire::ItemWriter& writer) {
@@ -440,21 +358,21 @@ void Play::wait(Link& link, Input& input, bool isForName) {
   const bool isTaken = call(link, isForName ? kWaitForName : kWaitForChange, true, arguments, {}, answers);
   require(isValidUTF8(name.text) || !link.isAlive(), "a name that is not UTF-8 breaks the protocol");
   if (!isTaken) return;
-  const bool isNamed = !name.isNil && !name.text.empty() && name.text.size() <= limits::kMaximumNameBytes;
+  const bool isNamed = !name.isNil && BrokerModel::isName(name.text);
   // A link that was new may have pushed another out, and its waiters with it.
-  std::erase_if(waits_, [this](const Wait& each) {
+  std::erase_if(model_.waits, [this](const BrokerModel::Wait& each) {
     return std::ranges::none_of(links_, [&](const Link& live) { return live.isAlive() && live.number == each.link; });
   });
-  const bool stands = names_.contains(name.text);
+  const bool stands = model_.names.contains(name.text);
   if (isNamed && (stands ? known == 0 || known != own : known != 0)) {
     require(answers.size() == 1 && answers[0].type == wire::FrameType::reply, "what is so already is told at once");
     return;
   }
-  Wait* leaving = nullptr;
-  if (isNamed && mayWait(link, leaving)) {
+  BrokerModel::Wait* leaving = nullptr;
+  if (isNamed && model_.mayWait(link.process, leaving)) {
     require(answers.empty(), "who waits is told nothing yet");
     if (leaving != nullptr) leaving->isDue = true;
-    waits_.push_back({link.number, link.process, link.lastCall, name.text});
+    model_.waits.push_back({link.number, link.process, link.lastCall, name.text});
     return;
   }
   require(answers.size() == 1 && answers[0].type == wire::FrameType::refusal, "a wait is refused");
@@ -469,8 +387,8 @@ void Play::lookUp(Link& link, const Name& name) {
   if (!isTaken) return;
   require(answers.size() == 1 && answers[0].type == wire::FrameType::reply, "a look-up is answered");
   const auto& sent = link.stream->sentObjects;
-  const auto found = name.isNil ? names_.end() : names_.find(name.text);
-  if (found == names_.end()) {
+  const auto found = name.isNil ? model_.names.end() : model_.names.find(name.text);
+  if (found == model_.names.end()) {
     require(answers[0].body.back() == 0xF7 && sent.size() == before, "nothing is found under another name");
     return;
   }
@@ -486,7 +404,7 @@ void Play::kill(Link& link, const Name& name) {
   require(isValidUTF8(name.text) || !link.isAlive(), "a name that is not UTF-8 breaks the protocol");
   if (!isTaken) return;
   require(answers.empty(), "a name is dropped without a word");
-  if (!name.isNil) forget(names_.find(name.text));
+  if (!name.isNil) model_.forget(model_.names.find(name.text));
 }
 
 void Play::callWithAnything(Link& link, const char* selector, Bytes arguments) {
@@ -501,7 +419,7 @@ void Play::callWithAnything(Link& link, const char* selector, Bytes arguments) {
   wire::ValueDecoder decoder(frame);
   NSObject name;
   if (decoder.next(strings, name) == wire::ValueDecoder::Outcome::value && decoder.atEnd() && !name.isNil()) {
-    forget(names_.find(std::string(name.stringValue())));
+    model_.forget(model_.names.find(std::string(name.stringValue())));
   }
 }
 
@@ -522,9 +440,9 @@ void Play::endListener(std::size_t index) {
 }
 
 void Play::dropGone() {
-  for (auto next = names_.begin(); next != names_.end();) {
+  for (auto next = model_.names.begin(); next != model_.names.end();) {
     const auto each = next++;
-    if (endpoints_[each->second.endpoint].pipe->hasHungUp) forget(each);
+    if (endpoints_[each->second.endpoint].pipe->hasHungUp) model_.forget(each);
   }
 }
 
@@ -583,14 +501,14 @@ void Play::compare() {
   for (Link& link : links_) {
     if (link.isAlive()) require(answersOf(link).empty(), "nobody is told what nobody has asked");
   }
-  std::erase_if(waits_, [this](const Wait& each) {
+  std::erase_if(model_.waits, [this](const BrokerModel::Wait& each) {
     const bool isThere =
         std::ranges::any_of(links_, [&](const Link& link) { return link.isAlive() && link.number == each.link; });
     require(!isThere || each.isDue == each.isTold, "who waits is told when it is so, and not before");
     return !isThere || each.isDue;
   });
-  require(broker_->waiterCount() == waits_.size(), "as many wait as are still to be told");
-  require(broker_->nameCount() == names_.size(), "as many names stand as were registered");
+  require(broker_->waiterCount() == model_.waits.size(), "as many wait as are still to be told");
+  require(broker_->nameCount() == model_.names.size(), "as many names stand as were registered");
   require(broker_->linkCount() == keptLinks(), "as many links are kept as live");
 }
 
