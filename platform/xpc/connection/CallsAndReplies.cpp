@@ -264,8 +264,10 @@ bool ConnectionCore::isBehind() const {
 
 bool ConnectionCore::isWritable() {
   MutexLock lock(mutex_);
-  awaitsWritable_ = !life_.isOver() && isBehind();
-  return !awaitsWritable_;
+  if (life_.isOver() || !isBehind()) return true;
+  // Until that has been told: another may have been told so before.
+  awaitsWritable_ = true;
+  return false;
 }
 
 void ConnectionCore::setWritableHandler(std::function<void()> handler) {

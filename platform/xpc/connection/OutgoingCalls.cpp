@@ -65,7 +65,8 @@ void OutgoingCalls::add(OutgoingCall&& call, wire::Frame&& frame) {
 
 std::optional<OutgoingCalls::Sendable> OutgoingCalls::takeSendable() {
   const auto mayGo = [this](const wire::Frame& frame) { return frame.regions == 0 || peerMaximumRegionBytes_; };
-  if (!waitingAhead_.empty() && mayGo(waitingAhead_.front().frame)) {
+  if (!waitingAhead_.empty() && uncreditedAhead_.size() < limits::kPendingReplies &&
+      mayGo(waitingAhead_.front().frame)) {
     Sendable sendable = takeFirst(waitingAhead_);
     uncreditedAhead_.push_back({sendable.identifier, sendable.frame.credit()});
     return sendable;

@@ -110,7 +110,7 @@ class OutgoingCalls {
   // Sent, and neither dealt with nor known to be.
   Fifo<Uncredited> uncredited_;
   // The same for calls that run ahead of others there. Nobody keeps them, so they need no credit; what is given back
-  // says that they have been dealt with.
+  // says that they have been dealt with, and an end that never says so is sent no more than limits::kPendingReplies.
   Fifo<Waiting> waitingAhead_;
   Fifo<Uncredited> uncreditedAhead_;
   std::size_t waitingBytes_ = 0;

@@ -50,7 +50,8 @@ TimerQueue::Identifier TimerQueue::add(Clock::duration delay, Action action) {
   const LogDeferral deferral;
   MutexLock lock(mutex_);
   const Identifier identifier = ++last_;
-  const auto due = Clock::now() + delay;
+  const auto now = Clock::now();
+  const auto due = now + std::min(delay, Clock::time_point::max() - now);
   const auto place = actions_.emplace(std::pair(due, identifier), std::move(action)).first;
   dueTimes_.emplace(identifier, due);
   if (place == actions_.begin()) arm();
