@@ -11,8 +11,12 @@ Call::Reply Call::get() const {
 std::future<Call::Reply> Call::future() const {
   const auto promise = std::make_shared<std::promise<Reply>>();
   auto future = promise->get_future();
-  state_->whenEnded([promise](Reply reply) { promise->set_value(std::move(reply)); }, true);
+  whenEnded([promise](Reply reply) { promise->set_value(std::move(reply)); });
   return future;
+}
+
+void Call::whenEnded(std::function<void(Reply)> handler) const {
+  state_->whenEnded(std::move(handler), true);
 }
 
 void Call::then(std::function<void(Reply)> handler) const {

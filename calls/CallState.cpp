@@ -39,11 +39,11 @@ void CallState::begin(std::optional<std::chrono::nanoseconds> timeout, const std
   if (!result_) stop_.swap(callback);
 }
 
-void CallState::setTellOther(std::function<void()> tellOther) {
-  {
-    const ConditionLock lock(condition_);
-    if (!result_) return tellOther_.swap(tellOther);
-  }
+bool CallState::setTellOther(std::function<void()> tellOther) {
+  const ConditionLock lock(condition_);
+  if (result_) return false;
+  tellOther_.swap(tellOther);
+  return true;
 }
 
 void CallState::setMakeAgain(std::function<bool()> makeAgain) {

@@ -32,7 +32,8 @@ class CallState final : public std::enable_shared_from_this<CallState> {
   // Once. From now on its time runs, and it may be taken back.
   void begin(std::optional<std::chrono::nanoseconds> timeout, const std::stop_token& stop);
   // What tells the other end that nobody waits any more: called once if the call ends by its time or is taken back.
-  void setTellOther(std::function<void()> tellOther);
+  // False when it has ended.
+  bool setTellOther(std::function<void()> tellOther);
   // Asked when the other end has gone, before that ends the call: true when the call is made again.
   void setMakeAgain(std::function<bool()> makeAgain);
   // What is left of its time; nothing when that has no end.

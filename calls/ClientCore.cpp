@@ -26,17 +26,13 @@ bool mayNotSleep() {
   return xpc::isThreadOfThePlatform() || Loop::isDispatching();
 }
 
-CallError behind() {
-  return {Failure::full, "the other end is behind"};
-}
-
 }  // namespace
 
 ClientCore::ClientCore(const NSString& name, ClientOptions options)
     : name_(name), options_(std::move(options)), tasks_(options_.delivery) {}
 
 std::optional<CallError> ClientCore::connect() {
-  const auto end = Clock::now() + options_.patience;
+  const auto end = xpc::timeAfter(options_.patience);
   {
     const ConditionLock lock(condition_);
     triesUntil_ = end;
@@ -112,7 +108,7 @@ void ClientCore::found(std::uint64_t number, const std::shared_ptr<NSXPCConnecti
   connection->setWritableHandler([weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->writableAgain();
   });
-  const auto peer = std::make_shared<Peer>(connection, std::move(hooks), options_.admitsDescriptors);
+  const auto peer = Peer::make(connection, std::move(hooks), options_.admitsDescriptors);
   std::shared_ptr<NameSearch> search;
   bool isWanted = false;
   {
@@ -130,7 +126,7 @@ void ClientCore::found(std::uint64_t number, const std::shared_ptr<NSXPCConnecti
 
 // The first thing that runs in the connection's queue: what comes behind it runs where it is to be delivered.
 void ClientCore::isReady(std::uint64_t number) {
-  std::deque<Waiting> waiting;
+  std::deque<WaitingCall> waiting;
   std::shared_ptr<xpc::DelayedCall> lastTry;
   std::shared_ptr<Peer> peer;
   bool again = false;
@@ -143,13 +139,13 @@ void ClientCore::isReady(std::uint64_t number) {
     lastTry.swap(lastTry_);
     peer = lastPeer_ = peer_;
     again = std::exchange(wasConnected_, true);
-    waiting.swap(waiting_);
-    condition_.signal();
+    waiting = waiting_.takeAll();
+    condition_.broadcast();
   }
   peer->deliverOn(options_.delivery);
-  // They were made before, and the connection that they waited for has gone.
-  startParked();
-  for (const Waiting& each : waiting) start(peer, each);
+  // Those that waited for the former one, and who was told that there is none, first.
+  writableAgain();
+  for (const WaitingCall& each : waiting) start(peer, each);
   if (again && options_.onReconnected) peer->perform(options_.onReconnected);
 }
 
@@ -173,11 +169,13 @@ void ClientCore::attemptFailed(std::uint64_t number, CallError error) {
 }
 
 void ClientCore::tryLater(std::chrono::milliseconds pause) {
-  auto retry = xpc::DelayedCall::after(pause, [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->attempt();
-  });
+  // Let go of after the lock.
+  std::shared_ptr<xpc::DelayedCall> former;
   const ConditionLock lock(condition_);
-  if (phase_ != Phase::ended) retry_.swap(retry);
+  if (phase_ == Phase::ended) return;
+  former = std::exchange(retry_, xpc::DelayedCall::after(pause, [weak = weak_from_this()] {
+                           if (const auto self = weak.lock()) self->attempt();
+                         }));
 }
 
 void ClientCore::peerEnded(std::uint64_t number, const CallError& error) {
@@ -188,6 +186,7 @@ void ClientCore::peerEnded(std::uint64_t number, const CallError& error) {
     if (phase_ == Phase::connected) {
       peer.swap(peer_);
       phase_ = Phase::connecting;
+      pause_ = kFirstPause;
       triesUntil_ = options_.reconnectsFor ? xpc::timeAfter(*options_.reconnectsFor) : Clock::time_point::max();
       ++attempt_;
     }
@@ -204,43 +203,39 @@ void ClientCore::peerEnded(std::uint64_t number, const CallError& error) {
 // A wait for the name has no end of its own.
 void ClientCore::endReconnectingLater() {
   if (!options_.reconnectsFor) return;
-  auto end = xpc::DelayedCall::after(*options_.reconnectsFor, [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->endReconnecting();
-  });
+  std::shared_ptr<xpc::DelayedCall> former;
   const ConditionLock lock(condition_);
-  if (phase_ == Phase::connecting) lastTry_.swap(end);
+  if (phase_ != Phase::connecting) return;
+  former = std::exchange(lastTry_, xpc::DelayedCall::after(*options_.reconnectsFor, [weak = weak_from_this()] {
+                           if (const auto self = weak.lock()) self->giveUp(std::nullopt);
+                         }));
 }
 
-void ClientCore::endReconnecting() {
-  std::optional<CallError> error;
-  {
-    const ConditionLock lock(condition_);
-    if (phase_ != Phase::connecting) return;
-    error = error_;
-  }
-  giveUp(error ? *error : CallError(Failure::unavailable, "the connection was not made again in time"));
-}
-
-void ClientCore::giveUp(const CallError& error) {
-  std::deque<Waiting> waiting;
-  std::deque<Waiting> parked;
+void ClientCore::giveUp(std::optional<CallError> error) {
+  std::deque<WaitingCall> waiting;
+  std::deque<WaitingCall> parked;
   std::shared_ptr<xpc::DelayedCall> retry;
   std::shared_ptr<xpc::DelayedCall> lastTry;
   std::shared_ptr<NameSearch> search;
+  std::shared_ptr<Peer> peer;
   {
     const ConditionLock lock(condition_);
-    if (phase_ == Phase::ended) return;
+    if (phase_ == Phase::ended || (!error && phase_ == Phase::connected)) return;
+    if (!error) error = error_;
+    if (!error) error = CallError(Failure::unavailable, "the connection was not made again in time");
     lastTry.swap(lastTry_);
     search.swap(search_);
+    peer.swap(peer_);
     phase_ = Phase::ended;
     error_ = error;
-    waiting.swap(waiting_);
-    parked.swap(parked_);
+    waiting = waiting_.takeAll();
+    parked = parked_.takeAll();
     retry.swap(retry_);
-    condition_.signal();
+    condition_.broadcast();
   }
-  for (const Waiting& each : waiting) each.state->end(error);
-  for (const Waiting& each : parked) each.state->end(error);
+  for (const WaitingCall& each : waiting) each.state->end(*error);
+  for (const WaitingCall& each : parked) each.state->end(*error);
+  if (peer) peer->close();
 }
 
 std::shared_ptr<Peer> ClientCore::connected() const {
@@ -263,7 +258,7 @@ NSDictionary ClientCore::withOperation(std::string_view operation, const NSDicti
 
 Call ClientCore::call(const NSDictionary& message, const CallOptions& options) {
   const auto state = makeState(options);
-  const Waiting waiting{state, [state, message](Peer& peer) { return peer.makeCall(state, message); }};
+  const WaitingCall waiting{state, [state, message](Peer& peer) { return peer.makeCall(state, message); }};
   if (options.isIdempotent) {
     state->setMakeAgain([weak = weak_from_this(), weakState = std::weak_ptr(state), message,
                          repeats = std::make_shared<std::atomic<int>>(0)] {
@@ -273,17 +268,19 @@ Call ClientCore::call(const NSDictionary& message, const CallOptions& options) {
       return self->startAgain({again, [again, message](Peer& peer) { return peer.makeCall(again, message); }});
     });
   }
-  launch(waiting);
+  launch(waiting, options);
   return Call(state);
 }
 
 Call ClientCore::sending(const NSDictionary& message, const CallOptions& options) {
   const auto state = makeState(options);
-  launch({state, [state, message](Peer& peer) {
+  launch({state,
+          [state, message](Peer& peer) {
             peer.send(message, nullptr);
             state->end(NSDictionary::dictionary());
             return std::optional<CallError>();
-          }});
+          }},
+         options);
   return Call(state);
 }
 
@@ -295,58 +292,57 @@ Stream ClientCore::open(const NSDictionary& message, const CallOptions& options)
         if (const auto call = weak.lock()) call->endHere(why);
       });
   state->whenEnded([stream](const CallState::Result& result) { stream->end(result); }, true);
-  launch({state, [state, message, stream](Peer& peer) { return peer.makeCall(state, message, stream); }});
+  launch({state, [state, message, stream](Peer& peer) { return peer.makeCall(state, message, stream); }}, options);
   return Stream(std::shared_ptr<void>(nullptr, [state](void*) { state->cancel(); }), stream);
 }
 
-void ClientCore::launch(const Waiting& waiting) {
+void ClientCore::launch(const WaitingCall& call, const CallOptions& options) {
   std::shared_ptr<Peer> peer;
-  if (const auto error = peerOrKeep(waiting, peer)) return void(waiting.state->end(*error));
+  if (const auto error = peerOrKeep(call, peer)) return void(call.state->end(*error));
   if (!peer) return;
   std::optional<Clock::time_point> deadline;
-  if (const auto left = waiting.state->timeLeft()) deadline = xpc::timeAfter(*left);
-  const auto error = awaitWritable(peer, deadline, true);
-  if (!error) return start(peer, waiting);
-  if (error->failure() != Failure::full) return void(waiting.state->end(*error));
-  if (const auto none = park(waiting)) return void(waiting.state->end(*none));
+  if (const auto left = call.state->timeLeft()) deadline = xpc::timeAfter(*left);
+  const auto error = awaitWritable(peer, deadline, Behind::isParked, options.stop);
+  if (!error) return start(peer, call);
+  if (error->failure() != Failure::full) return void(call.state->end(*error));
+  if (const auto none = park(call)) return void(call.state->end(*none));
   startParked();
 }
 
-std::optional<CallError> ClientCore::peerOrKeep(const Waiting& waiting, std::shared_ptr<Peer>& peer) {
+std::optional<CallError> ClientCore::peerOrKeep(const WaitingCall& call, std::shared_ptr<Peer>& peer) {
+  const std::shared_ptr<Peer> other = std::exchange(peer, nullptr);
+  std::vector<WaitingCall> ended;
   const ConditionLock lock(condition_);
-  if (phase_ == Phase::connected && peer_ != peer) {
-    peer = peer_;
-    return std::nullopt;
-  }
-  peer.reset();
-  return add(waiting, waiting_, limits::kPendingReplies, Failure::overLimit);
-}
-
-std::optional<CallError> ClientCore::park(const Waiting& waiting) {
-  const ConditionLock lock(condition_);
-  return add(waiting, parked_, limits::kParkedCalls, Failure::full);
-}
-
-std::optional<CallError> ClientCore::add(const Waiting& waiting, std::deque<Waiting>& queue, std::size_t most,
-                                         Failure overMost) {
-  if (phase_ == Phase::ended) return error_ ? *error_ : closedHere();
-  if (queue.size() >= most) return CallError(overMost, std::to_string(most) + " calls wait already");
-  queue.push_back(waiting);
+  if (phase_ != Phase::connected || peer_ == other) return keep(call, waiting_, Failure::overLimit, ended);
+  peer = peer_;
   return std::nullopt;
 }
 
-bool ClientCore::startAgain(const Waiting& waiting) {
+std::optional<CallError> ClientCore::park(const WaitingCall& call) {
+  std::vector<WaitingCall> ended;
+  const ConditionLock lock(condition_);
+  return keep(call, parked_, Failure::full, ended);
+}
+
+std::optional<CallError> ClientCore::keep(const WaitingCall& call, WaitingCalls& queue, Failure overMost,
+                                          std::vector<WaitingCall>& ended) {
+  if (phase_ == Phase::ended) return error_ ? *error_ : closedHere();
+  if (queue.add(call, ended)) return std::nullopt;
+  return CallError(overMost, std::to_string(queue.most()) + " calls wait already");
+}
+
+bool ClientCore::startAgain(const WaitingCall& call) {
   std::shared_ptr<Peer> peer;
-  if (peerOrKeep(waiting, peer)) return false;
-  if (peer) start(peer, waiting);
+  if (peerOrKeep(call, peer)) return false;
+  if (peer) start(peer, call);
   return true;
 }
 
-void ClientCore::start(std::shared_ptr<Peer> peer, const Waiting& waiting) {
-  while (peer && !waiting.state->hasEnded()) {
-    auto error = waiting.start(*peer);
+void ClientCore::start(std::shared_ptr<Peer> peer, const WaitingCall& call) {
+  while (peer && !call.state->hasEnded()) {
+    auto error = call.start(*peer);
     if (!error) return;
-    if (!options_.reconnects || peerOrKeep(waiting, peer)) return void(waiting.state->end(*std::move(error)));
+    if (!options_.reconnects || peerOrKeep(call, peer)) return void(call.state->end(*std::move(error)));
   }
 }
 
@@ -355,13 +351,12 @@ void ClientCore::startParked() {
   for (;;) {
     const auto peer = connected();
     if (!peer || !peer->isWritable()) return;
-    Waiting next;
+    WaitingCall next;
     {
       const ConditionLock lock(condition_);
-      if (startsParked_ || parked_.empty()) return;
+      if (startsParked_ || parked_.isEmpty()) return;
       startsParked_ = true;
-      next = std::move(parked_.front());
-      parked_.pop_front();
+      next = parked_.takeFirst();
     }
     start(peer, next);
     const ConditionLock lock(condition_);
@@ -369,12 +364,20 @@ void ClientCore::startParked() {
   }
 }
 
+// What tells that it is writable again needs the lock: no word of it is missed.
 std::optional<CallError> ClientCore::awaitWritable(const std::shared_ptr<Peer>& peer,
-                                                   std::optional<Clock::time_point> deadline, bool waits) {
-  while (!peer->isWritable()) {
-    if (!waits || mayNotSleep()) return behind();
+                                                   std::optional<Clock::time_point> deadline, Behind behind,
+                                                   const std::stop_token& stop) {
+  const std::stop_callback wakes(stop, [this] {
     const ConditionLock lock(condition_);
-    if (phase_ != Phase::connected || peer_ != peer) return std::nullopt;
+    condition_.broadcast();
+  });
+  const ConditionLock lock(condition_);
+  while (phase_ == Phase::connected && peer_ == peer && !peer->isWritable() && !stop.stop_requested()) {
+    if (behind == Behind::isTold || mayNotSleep()) {
+      toldFull_ = toldFull_ || behind != Behind::isParked;
+      return CallError(Failure::full, "the other end is behind");
+    }
     if (deadline && Clock::now() >= *deadline) {
       return CallError(Failure::timedOut, "the other end was behind all the time");
     }
@@ -383,35 +386,36 @@ std::optional<CallError> ClientCore::awaitWritable(const std::shared_ptr<Peer>& 
   return std::nullopt;
 }
 
-std::optional<CallError> ClientCore::awaitConnection(std::optional<Clock::time_point> deadline, bool waits,
+std::optional<CallError> ClientCore::awaitConnection(std::optional<Clock::time_point> deadline, Behind behind,
                                                      std::shared_ptr<Peer>& peer) {
   const ConditionLock lock(condition_);
   while (phase_ != Phase::connected) {
     if (phase_ == Phase::ended) return error_ ? *error_ : closedHere();
-    if (!waits || mayNotSleep()) return CallError(Failure::full, "there is no connection at the moment");
-    if (deadline && Clock::now() >= *deadline)
+    if (behind == Behind::isTold || mayNotSleep()) {
+      toldFull_ = true;
+      return CallError(Failure::full, "there is no connection at the moment");
+    }
+    if (deadline && Clock::now() >= *deadline) {
       return CallError(Failure::timedOut, "there was no connection all the time");
+    }
     sleep(deadline);
   }
   peer = peer_;
   return std::nullopt;
 }
 
-// Until there is news, and not for ever: the word may have come before.
 void ClientCore::sleep(std::optional<Clock::time_point> deadline) {
-  constexpr double kLook = 0.1;
-  const double left = deadline ? std::chrono::duration<double>(*deadline - Clock::now()).count() : kLook;
-  condition_.waitUntilDate(NSDate::dateWithTimeIntervalSinceNow(std::min(left, kLook)));
-  // A signal wakes one.
-  condition_.signal();
+  if (!deadline) return condition_.wait();
+  const double left = std::chrono::duration<double>(*deadline - Clock::now()).count();
+  condition_.waitUntilDate(NSDate::dateWithTimeIntervalSinceNow(left));
 }
 
 void ClientCore::writableAgain() {
   std::shared_ptr<Peer> peer;
   {
     const ConditionLock lock(condition_);
-    if (std::exchange(toldFull_, false)) peer = peer_;
-    condition_.signal();
+    if (peer_ && std::exchange(toldFull_, false)) peer = peer_;
+    condition_.broadcast();
   }
   startParked();
   if (peer && options_.onWritable) peer->perform(options_.onWritable);
@@ -419,21 +423,14 @@ void ClientCore::writableAgain() {
 
 std::optional<CallError> ClientCore::send(const NSDictionary& message, std::optional<std::chrono::nanoseconds> timeout,
                                           bool waits, std::function<void(CallError)> failed) {
+  const Behind behind = waits ? Behind::isAwaited : Behind::isTold;
   std::optional<Clock::time_point> deadline;
-  if (timeout) deadline = Clock::now() + *timeout;
+  if (timeout) deadline = xpc::timeAfter(*timeout);
   std::shared_ptr<Peer> peer;
-  if (auto error = awaitConnection(deadline, waits, peer)) return error;
-  if (!waits) setToldFull(true);
-  if (auto error = awaitWritable(peer, deadline, waits)) return error;
-  if (!waits) setToldFull(false);
+  if (auto error = awaitConnection(deadline, behind, peer)) return error;
+  if (auto error = awaitWritable(peer, deadline, behind)) return error;
   peer->send(message, std::move(failed));
   return std::nullopt;
-}
-
-// Before anybody could miss that it is writable again.
-void ClientCore::setToldFull(bool isTold) {
-  const ConditionLock lock(condition_);
-  toldFull_ = isTold;
 }
 
 void ClientCore::perform(std::function<void()> task) {
@@ -446,13 +443,7 @@ void ClientCore::perform(std::function<void()> task) {
 }
 
 void ClientCore::close() {
-  std::shared_ptr<Peer> peer;
-  {
-    const ConditionLock lock(condition_);
-    peer = peer_;
-  }
   giveUp(closedHere());
-  if (peer) peer->close();
 }
 
 void ClientCore::closeAndWait() {

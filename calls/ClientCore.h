@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,8 +12,10 @@
 #include "VeltoIPC/Client.h"
 #include "calls/NameSearch.h"
 #include "calls/Peer.h"
+#include "calls/WaitingCalls.h"
 #include "platform/foundation/NSCondition.h"
 #include "platform/xpc/DelayedCall.h"
+#include "platform/xpc/contract/Limits.h"
 
 namespace velto::calls {
 
@@ -43,12 +44,9 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
  private:
   using Clock = std::chrono::steady_clock;
   enum class Phase : std::uint8_t { connecting, connected, ended };
-  // Something to be sent as soon as that goes.
-  struct Waiting {
-    std::shared_ptr<CallState> state;
-    // The error is that the connection has ended: it has not been sent.
-    std::function<std::optional<CallError>(Peer&)> start;
-  };
+  // What becomes of a sender while the other end is behind: it sleeps, or its call is kept if it may not; it sleeps, or
+  // is told if it may not; or it is told at once.
+  enum class Behind : std::uint8_t { isParked, isAwaited, isTold };
 
   // One attempt to connect; what comes of a former one is ignored.
   void attempt();
@@ -60,32 +58,31 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   void attemptFailed(std::uint64_t number, CallError error);
   void peerEnded(std::uint64_t number, const CallError& error);
   void endReconnectingLater();
-  void endReconnecting();
-  void giveUp(const CallError& error);
+  // Without an error: unless it is connected by now.
+  void giveUp(std::optional<CallError> error);
   void tryLater(std::chrono::milliseconds pause);
   std::shared_ptr<CallState> makeState(const CallOptions& options);
   // Starts it, waits for the other end to keep up if that is possible here, or keeps it.
-  void launch(const Waiting& waiting);
+  void launch(const WaitingCall& call, const CallOptions& options);
   // The connection of the moment, if it is another than `peer`; and else null, and it is kept for the next. The error
   // is that there is to be none, or that too many wait.
-  std::optional<CallError> peerOrKeep(const Waiting& waiting, std::shared_ptr<Peer>& peer);
-  // Until the other end keeps up.
-  std::optional<CallError> park(const Waiting& waiting);
-  std::optional<CallError> add(const Waiting& waiting, std::deque<Waiting>& queue, std::size_t most, Failure overMost)
-      VELTO_REQUIRES(condition_);
+  std::optional<CallError> peerOrKeep(const WaitingCall& call, std::shared_ptr<Peer>& peer);
+  // Keeps it until the other end keeps up.
+  std::optional<CallError> park(const WaitingCall& call);
+  std::optional<CallError> keep(const WaitingCall& call, WaitingCalls& queue, Failure overMost,
+                                std::vector<WaitingCall>& ended) VELTO_REQUIRES(condition_);
   // Once more, after its connection has ended, which may not be known yet. False when there is to be no other.
-  bool startAgain(const Waiting& waiting);
+  bool startAgain(const WaitingCall& call);
   // Over that one, or over one behind it that it finds.
-  void start(std::shared_ptr<Peer> peer, const Waiting& waiting);
+  void start(std::shared_ptr<Peer> peer, const WaitingCall& call);
   void startParked();
   void writableAgain();
-  // Sleeps until the other end keeps up; nothing when it does.
+  // Sleeps until the other end keeps up; nothing when it does, or when the connection has gone or a stop is requested.
   std::optional<CallError> awaitWritable(const std::shared_ptr<Peer>& peer, std::optional<Clock::time_point> deadline,
-                                         bool waits);
-  std::optional<CallError> awaitConnection(std::optional<Clock::time_point> deadline, bool waits,
+                                         Behind behind, const std::stop_token& stop = {});
+  std::optional<CallError> awaitConnection(std::optional<Clock::time_point> deadline, Behind behind,
                                            std::shared_ptr<Peer>& peer);
   void sleep(std::optional<Clock::time_point> deadline) VELTO_REQUIRES(condition_);
-  void setToldFull(bool isTold);
   std::shared_ptr<Peer> connected() const;
   // As handlers are run.
   void perform(std::function<void()> task);
@@ -110,9 +107,10 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   // When reconnecting is given up.
   std::shared_ptr<xpc::DelayedCall> lastTry_ VELTO_GUARDED_BY(condition_);
   // What waits for a connection, and what waits for the other end to keep up.
-  std::deque<Waiting> waiting_ VELTO_GUARDED_BY(condition_);
-  std::deque<Waiting> parked_ VELTO_GUARDED_BY(condition_);
+  WaitingCalls waiting_ VELTO_GUARDED_BY(condition_){limits::kPendingReplies};
+  WaitingCalls parked_ VELTO_GUARDED_BY(condition_){limits::kParkedCalls};
   bool startsParked_ VELTO_GUARDED_BY(condition_) = false;
+  // Somebody was told so, and is to hear when it is over.
   bool toldFull_ VELTO_GUARDED_BY(condition_) = false;
 };
 

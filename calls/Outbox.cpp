@@ -14,13 +14,21 @@ bool Outbox::post(const NSDictionary& message) {
   return true;
 }
 
+void Outbox::open() {
+  {
+    MutexLock lock(mutex_);
+    isOpen_ = true;
+  }
+  flush();
+}
+
 // Who comes while another sends leaves it to him, who looks again; and who finds the client behind is called again.
 void Outbox::flush() {
   for (;;) {
     NSDictionary message;
     {
       MutexLock lock(mutex_);
-      if (isSending_ || waiting_.empty() || !peer_->isWritable()) return;
+      if (!isOpen_ || isSending_ || waiting_.empty() || !peer_->isWritable()) return;
       isSending_ = true;
       message = std::move(waiting_.front());
       waiting_.pop_front();

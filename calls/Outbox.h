@@ -10,7 +10,7 @@
 
 namespace velto::calls {
 
-// Messages for one client, each sent as soon as it keeps up, in order.
+// Messages for one client, each sent as soon as it can be talked to and keeps up, in order.
 //
 // Thread-safe, and never blocks.
 class Outbox {
@@ -19,7 +19,9 @@ class Outbox {
 
   // False, and nothing is kept, when limits::kBroadcastBacklog wait already.
   bool post(const NSDictionary& message);
-  // The client keeps up again.
+  // The client can be talked to.
+  void open();
+  // It keeps up again.
   void flush();
   const std::shared_ptr<Peer>& peer() const noexcept { return peer_; }
 
@@ -27,6 +29,7 @@ class Outbox {
   const std::shared_ptr<Peer> peer_;
   Mutex mutex_;
   std::deque<NSDictionary> waiting_ VELTO_GUARDED_BY(mutex_);
+  bool isOpen_ VELTO_GUARDED_BY(mutex_) = false;
   bool isSending_ VELTO_GUARDED_BY(mutex_) = false;
 };
 

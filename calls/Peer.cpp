@@ -100,30 +100,33 @@ std::optional<CallError> Peer::wrongTypes(const NSDictionary& message) const {
   return CallError(Failure::refused, *why + ", which the other end's strict types forbid");
 }
 
-void Peer::serve(const NSString& identifier, bool strictTypes) {
-  {
-    MutexLock lock(mutex_);
-    identifier_ = identifier;
-  }
-  installHandlers();
-  introduceService(strictTypes);
+std::shared_ptr<Peer> Peer::make(std::shared_ptr<NSXPCConnection> connection, Hooks hooks, bool admitsDescriptors) {
+  const std::shared_ptr<Peer> peer(new Peer(std::move(connection), std::move(hooks), admitsDescriptors));
+  const auto interface = makeInterface(admitsDescriptors);
+  peer->connection_->setRemoteObjectInterface(interface);
+  peer->connection_->setExportedInterface(interface);
+  peer->connection_->setInvalidationHandler([weak = std::weak_ptr(peer)] {
+    if (const auto self = weak.lock()) self->end(self->endError());
+  });
+  return peer;
 }
 
-void Peer::installHandlers() {
-  const auto interface = makeInterface(admitsDescriptors_);
-  connection_->setRemoteObjectInterface(interface);
-  connection_->setExportedInterface(interface);
+void Peer::takeUp() {
   connection_->setExportedObject<CallsPeer>(shared_from_this());
-  connection_->setInvalidationHandler([weak = weak_from_this()] {
-    const auto self = weak.lock();
-    if (!self) return;
-    self->end(self->endError());
-  });
   connection_->resume();
 }
 
+// What may be sent from now on must not overtake the identifier.
+void Peer::serve(const NSString& identifier, bool strictTypes) {
+  takeUp();
+  plainProxy()->call<&CallsPeer::setStrictMessageTypesRemote>(strictTypes);
+  plainProxy()->call<&CallsPeer::connectionUUID>(identifier);
+  strictTypes_ = strictTypes;
+  connectionUUID(identifier);
+}
+
 void Peer::introduce() {
-  installHandlers();
+  takeUp();
   const auto learn = [weak = weak_from_this()](const NSDictionary& there) {
     if (const auto self = weak.lock()) self->learnAbilities(there);
   };
@@ -132,12 +135,6 @@ void Peer::introduce() {
   first->call<&CallsPeer::meet>(abilities(), learn);
   // What an end of the two classes expects.
   plainProxy()->call<&CallsPeer::ping>();
-}
-
-void Peer::introduceService(bool strictTypes) {
-  plainProxy()->call<&CallsPeer::setStrictMessageTypesRemote>(strictTypes);
-  plainProxy()->call<&CallsPeer::connectionUUID>(identifier());
-  strictTypes_ = strictTypes;
 }
 
 void Peer::learnAbilities(const NSDictionary& there) {
@@ -241,10 +238,13 @@ void Peer::startMessage(const Proxy& proxy, const std::shared_ptr<CallState>& st
 
 void Peer::startCall(const Proxy& proxy, const std::shared_ptr<CallState>& state, const NSDictionary& message,
                      const std::shared_ptr<StreamState>& stream) {
+  // The other end takes a number for one that has had its turn when it has seen a greater one.
+  MutexLock lock(order_);
   const std::uint64_t number = ++lastNumber_;
-  state->setTellOther([weak = weak_from_this(), number] {
+  const bool isWanted = state->setTellOther([weak = weak_from_this(), number] {
     if (const auto self = weak.lock()) self->plainProxy()->call<&CallsPeer::cancel>(number);
   });
+  if (!isWanted) return;
   const auto answered = [state, stream](const NSDictionary& outcome) {
     const auto items = itemsIn(outcome);
     if (!stream || !items) return void(state->end(outcomeIn(outcome)));
@@ -385,6 +385,8 @@ void Peer::receive(std::uint64_t number, NSDictionary message, std::optional<Inc
   } catch (const std::exception& exception) {
     incoming->answer(
         CallError(Failure::dropped, std::string("the handler raised an exception: ") + exception.what(), true));
+  } catch (...) {
+    incoming->answer(CallError(Failure::dropped, "the handler raised an exception of a type of its own", true));
   }
 }
 

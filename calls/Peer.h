@@ -39,8 +39,9 @@ class Peer final : public CallsPeer, public std::enable_shared_from_this<Peer> {
     std::function<void(CallError)> ended;
   };
 
-  // With `admitsDescriptors` open descriptors may come.
-  Peer(std::shared_ptr<NSXPCConnection> connection, Hooks hooks, bool admitsDescriptors = false);
+  // With `admitsDescriptors` open descriptors may come. From now on it may be closed.
+  static std::shared_ptr<Peer> make(std::shared_ptr<NSXPCConnection> connection, Hooks hooks,
+                                    bool admitsDescriptors = false);
 
   // Takes the connection up, once, as a client or as a service does, which gives the client its identifier.
   void introduce();
@@ -85,12 +86,13 @@ class Peer final : public CallsPeer, public std::enable_shared_from_this<Peer> {
   };
   using Proxy = NSXPCProxy<CallsPeer>;
 
+  Peer(std::shared_ptr<NSXPCConnection> connection, Hooks hooks, bool admitsDescriptors);
+
   void taskIsDone();
-  void installHandlers();
+  void takeUp();
   NSDictionary abilities() const;
   // What the other end's strict types forbid in a message.
   std::optional<CallError> wrongTypes(const NSDictionary& message) const;
-  void introduceService(bool strictTypes);
   // nil from an end that does not know of any.
   void learnAbilities(const NSDictionary& there);
   void tellReadyIfSo();
@@ -120,7 +122,9 @@ class Peer final : public CallsPeer, public std::enable_shared_from_this<Peer> {
   std::atomic<bool> isOfCalls_{false};
   // That the other end takes descriptors.
   std::atomic<bool> mayGetDescriptors_{false};
-  std::atomic<std::uint64_t> lastNumber_{0};
+  // Held while a call gets its number and is handed over.
+  Mutex order_;
+  std::uint64_t lastNumber_ VELTO_GUARDED_BY(order_) = 0;
   OpenStreams streams_;
 
   const NSCondition idle_ = NSCondition::condition();

@@ -27,13 +27,11 @@ class Peers : public ::testing::Test {
   Peers() {
     const auto ends = NSXPCConnection::pair();
     std::promise<void> isReady;
-    service = std::make_shared<Peer>(ends.second,
-                                     Peer::Hooks{nullptr, [this](Request request) { onRequest(std::move(request)); },
-                                                 [this](const CallError& error) { serviceEnded.put(error); }});
+    service = Peer::make(ends.second, Peer::Hooks{nullptr, [this](Request request) { onRequest(std::move(request)); },
+                                                  [this](const CallError& error) { serviceEnded.put(error); }});
     service->serve("the client", true);
-    client = std::make_shared<Peer>(
-        ends.first,
-        Peer::Hooks{[&] { isReady.set_value(); }, nullptr, [this](const CallError& error) { clientEnded.put(error); }});
+    client = Peer::make(ends.first, Peer::Hooks{[&] { isReady.set_value(); }, nullptr,
+                                                [this](const CallError& error) { clientEnded.put(error); }});
     client->introduce();
     isReady.get_future().wait();
   }
@@ -170,8 +168,7 @@ class RawCaller : public Peers {
     connection = ends.first;
     proxy = connection->remoteObjectProxyWithErrorHandler<CallsPeer>(
         [this](const NSError& error) { errors.put(error.localizedDescription().string()); });
-    other =
-        std::make_shared<Peer>(ends.second, Peer::Hooks{nullptr, [this](Request request) { taken.put(request); }, {}});
+    other = Peer::make(ends.second, Peer::Hooks{nullptr, [this](Request request) { taken.put(request); }, {}});
     other->serve("raw", false);
     proxy->call<&CallsPeer::meet>(NSDictionary{{"calls", 1}}, [](const NSDictionary&) {});
   }

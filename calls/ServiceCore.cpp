@@ -52,26 +52,35 @@ void ServiceCore::setOtherHandler(Handler handler) {
 }
 
 void ServiceCore::start() {
-  const auto listener = options_.place ? nullptr : NSXPCListener::anonymousListener();
-  if (!options_.place && !listener) {
-    tasks_.add([handler = options_.onUnregistered] {
-      if (handler) handler({Failure::unavailable, "the kernel has nothing left for a listener"});
-    });
-    return;
-  }
   {
     const ConditionLock lock(condition_);
-    if (isClosed_ || std::exchange(hasStarted_, true)) return;
-    listener_ = listener;
-  }
-  if (listener) {
-    listener->setDelegate(weak_from_this());
-    listener->resume();
+    if (isClosed_ || isStopping_ || std::exchange(hasStarted_, true)) return;
   }
   registerName();
 }
 
+// Needs no more than a place among the services of this process, where there is one.
+bool ServiceCore::hasListener() {
+  if (options_.place) return true;
+  {
+    const ConditionLock lock(condition_);
+    if (listener_) return true;
+  }
+  auto listener = NSXPCListener::anonymousListener();
+  if (!listener) return false;
+  listener->setDelegate(weak_from_this());
+  listener->resume();
+  {
+    const ConditionLock lock(condition_);
+    if (!isClosed_ && !isStopping_) listener_.swap(listener);
+  }
+  // Nobody has it.
+  if (listener) listener->invalidate();
+  return true;
+}
+
 void ServiceCore::registerName() {
+  const bool canListen = hasListener();
   const auto link = options_.place ? nullptr : NSXPCConnection::initWithServiceName(VeltoIPCDaemonServiceName);
   // Let go of after the lock.
   auto former = link;
@@ -80,11 +89,14 @@ void ServiceCore::registerName() {
   bool takesOver = false;
   {
     const ConditionLock lock(condition_);
-    if (isClosed_ || isStopping_ || (!listener_ && !options_.place)) return;
+    if (isClosed_ || isStopping_) return;
     link_.swap(former);
     number = ++registration_;
     takesOver = options_.namePolicy == NamePolicy::takeOver && !isPushedOut_;
     if (listener_) endpoint = listener_->endpoint();
+  }
+  if (!canListen) {
+    return registered(number, CallError(Failure::unavailable, "the kernel has nothing left for a listener"));
   }
   if (!options_.place) return askBroker(number, link, endpoint, takesOver);
   answered(number, options_.place->names()->add(name_.string(), weak_from_this(), takesOver));
@@ -166,16 +178,14 @@ void ServiceCore::registered(std::uint64_t number, const std::optional<CallError
 }
 
 void ServiceCore::tryLater() {
-  std::chrono::milliseconds pause{0};
-  {
-    const ConditionLock lock(condition_);
-    pause = pause_ = std::clamp(2 * pause_, kFirstPause, kLongestPause);
-  }
-  auto retry = xpc::DelayedCall::after(pause, [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->registerName();
-  });
+  // Let go of after the lock.
+  std::shared_ptr<xpc::DelayedCall> former;
   const ConditionLock lock(condition_);
-  if (!isClosed_) retry_.swap(retry);
+  if (isClosed_) return;
+  pause_ = std::clamp(2 * pause_, kFirstPause, kLongestPause);
+  former = std::exchange(retry_, xpc::DelayedCall::after(pause_, [weak = weak_from_this()] {
+                           if (const auto self = weak.lock()) self->registerName();
+                         }));
 }
 
 void ServiceCore::pushedOut(std::uint64_t number, const NameState& state) {
@@ -235,11 +245,12 @@ void ServiceCore::watchAtBroker(std::uint64_t number, std::uint64_t known) {
 
 // So many wait at the broker that this one cannot.
 void ServiceCore::watchLater(std::uint64_t number, std::uint64_t known) {
-  auto retry = xpc::DelayedCall::after(kLongestPause, [weak = weak_from_this(), number, known] {
-    if (const auto self = weak.lock()) self->watchAtBroker(number, known);
-  });
+  std::shared_ptr<xpc::DelayedCall> former;
   const ConditionLock lock(condition_);
-  if (number == registration_ && !isClosed_) retry_.swap(retry);
+  if (number != registration_ || isClosed_) return;
+  former = std::exchange(retry_, xpc::DelayedCall::after(kLongestPause, [weak = weak_from_this(), number, known] {
+                           if (const auto self = weak.lock()) self->watchAtBroker(number, known);
+                         }));
 }
 
 void ServiceCore::changed(std::uint64_t number, const NameState& state) {
@@ -260,7 +271,7 @@ void ServiceCore::changed(std::uint64_t number, const NameState& state) {
 }
 
 std::optional<CallError> ServiceCore::waitUntilRegistered(std::chrono::nanoseconds timeout) {
-  const auto end = Clock::now() + timeout;
+  const auto end = xpc::timeAfter(timeout);
   const ConditionLock lock(condition_);
   while (!isRegistered_ && !isRefused_ && !isClosed_ && Clock::now() < end) {
     condition_.waitUntilDate(dateAfter(end - Clock::now()));
@@ -291,19 +302,31 @@ void ServiceCore::accept(std::shared_ptr<NSXPCConnection> connection) {
   hooks.ended = [weak = weak_from_this(), number](const CallError&) {
     if (const auto self = weak.lock()) self->ended(number);
   };
+  hooks.ready = [weak = weak_from_this(), number] {
+    const auto self = weak.lock();
+    if (const auto outbox = self ? self->outboxOf(number) : nullptr) outbox->open();
+  };
   connection->deliverOn(options_.delivery);
-  // Entered first: what comes next is its messages.
-  const auto peer = std::make_shared<Peer>(std::move(connection), std::move(hooks), options_.admitsDescriptors);
+  const auto peer = Peer::make(std::move(connection), std::move(hooks), options_.admitsDescriptors);
   const auto outbox = std::make_shared<Outbox>(peer);
   peer->setWritableHandler([weak = std::weak_ptr(outbox)] {
     if (const auto alive = weak.lock()) alive->flush();
   });
+  bool isClosed = false;
   {
     const ConditionLock lock(condition_);
-    if (isClosed_) return;
-    clients_.emplace(number, outbox);
+    isClosed = isClosed_;
+    // Entered first: what comes next is its messages.
+    if (!isClosed) clients_.emplace(number, outbox);
   }
+  if (isClosed) return peer->close();
   peer->serve(NSProcessInfo::processInfo().globallyUniqueString(), options_.strictTypes);
+}
+
+std::shared_ptr<Outbox> ServiceCore::outboxOf(std::uint64_t client) const {
+  const ConditionLock lock(condition_);
+  const auto place = clients_.find(client);
+  return place == clients_.end() ? nullptr : place->second;
 }
 
 void ServiceCore::ended(std::uint64_t client) {
@@ -368,7 +391,7 @@ std::size_t ServiceCore::broadcast(const NSDictionary& message) {
 }
 
 bool ServiceCore::stop(std::chrono::nanoseconds patience) {
-  const auto end = Clock::now() + patience;
+  const auto end = xpc::timeAfter(patience);
   std::shared_ptr<NSXPCConnection> link;
   std::shared_ptr<NSXPCListener> listener;
   std::uint64_t standing = 0;

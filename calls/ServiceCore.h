@@ -50,6 +50,8 @@ class ServiceCore final : public Acceptor,
 
   // Each attempt to register, and what comes of it, has a number; what comes of a former one is ignored.
   void registerName();
+  // False when the kernel has nothing left for one.
+  bool hasListener();
   void askBroker(std::uint64_t number, const std::shared_ptr<NSXPCConnection>& link,
                  const NSXPCListenerEndpoint& endpoint, bool takesOver);
   void askOlderBroker(std::uint64_t number, const NSXPCListenerEndpoint& endpoint);
@@ -69,6 +71,7 @@ class ServiceCore final : public Acceptor,
   void tryLater();
   void receive(const std::shared_ptr<Incoming>& incoming);
   std::shared_ptr<const Handler> handlerFor(const NSDictionary& message) const;
+  std::shared_ptr<Outbox> outboxOf(std::uint64_t client) const;
   void ended(std::uint64_t client);
   // Ends everything; returns the clients that there were.
   std::vector<std::shared_ptr<Peer>> takeAll();

@@ -4,6 +4,7 @@
 
 #include "calls/StreamState.h"
 #include "platform/logging/VeltoLogging.h"
+#include "platform/xpc/DelayedCall.h"
 
 namespace velto {
 
@@ -30,6 +31,9 @@ struct Reading : std::enable_shared_from_this<Reading> {
     } catch (const std::exception& exception) {
       VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A reader of a stream raised an exception: %s",
                     exception.what());
+      state->cancel();
+    } catch (...) {
+      VKTLoggingLog(VKTLogGetAnchor(), VKTLogLevelFailure, "A reader of a stream raised an exception of its own type");
       state->cancel();
     }
     goOn();
@@ -82,7 +86,7 @@ Stream::Result Stream::result() const {
 std::optional<CallError> Stream::write(const NSDictionary& item,
                                        std::optional<std::chrono::nanoseconds> timeout) const {
   std::optional<calls::Outflow::SteadyTime> deadline;
-  if (timeout) deadline = calls::Outflow::SteadyTime::clock::now() + *timeout;
+  if (timeout) deadline = xpc::timeAfter(*timeout);
   return state_->out().write(item, deadline, true);
 }
 

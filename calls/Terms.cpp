@@ -17,10 +17,11 @@ constexpr char kCode[] = "code";
 
 // What an end may say of another.
 Failure failureIn(std::int64_t number) {
-  const auto failure = static_cast<Failure>(number);
-  const bool isKnown = failure == Failure::refused || failure == Failure::dropped || failure == Failure::failed ||
-                       failure == Failure::timedOut || failure == Failure::cancelled || failure == Failure::overLimit;
-  return isKnown ? failure : Failure::failed;
+  for (const Failure each :
+       {Failure::refused, Failure::dropped, Failure::timedOut, Failure::cancelled, Failure::overLimit}) {
+    if (number == static_cast<std::int64_t>(each)) return each;
+  }
+  return Failure::failed;
 }
 
 }  // namespace

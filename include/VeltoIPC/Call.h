@@ -17,6 +17,8 @@ namespace velto {
 namespace calls {
 class CallState;
 }
+template <class Reply>
+class TypedCall;
 
 // Under which terms a call is made.
 struct CallOptions {
@@ -52,6 +54,12 @@ class VELTO_EXPORT Call {
   explicit Call(std::shared_ptr<calls::CallState> state) noexcept : state_(std::move(state)) {}
 
  private:
+  template <class>
+  friend class TypedCall;
+
+  // Calls the handler, which must not block, on the thread that ends the call.
+  void whenEnded(std::function<void(Reply)> handler) const;
+
   std::shared_ptr<calls::CallState> state_;
 };
 

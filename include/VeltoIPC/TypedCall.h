@@ -4,6 +4,7 @@
 #include <coroutine>
 #include <functional>
 #include <future>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -83,7 +84,10 @@ class TypedCall {
 
   Outcome<Reply> get() const { return detail::typedReply<Reply>(call_.get()); }
   [[nodiscard]] std::future<Outcome<Reply>> future() const {
-    return std::async(std::launch::deferred, [call = call_] { return detail::typedReply<Reply>(call.get()); });
+    const auto promise = std::make_shared<std::promise<Outcome<Reply>>>();
+    auto future = promise->get_future();
+    call_.whenEnded([promise](const Call::Reply& reply) { promise->set_value(detail::typedReply<Reply>(reply)); });
+    return future;
   }
   void then(std::function<void(Outcome<Reply>)> handler) const {
     call_.then([handler = std::move(handler)](const Call::Reply& reply) { handler(detail::typedReply<Reply>(reply)); });

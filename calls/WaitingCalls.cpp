@@ -1,0 +1,34 @@
+#include "calls/WaitingCalls.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace velto::calls {
+
+bool WaitingCalls::add(const WaitingCall& call, std::vector<WaitingCall>& ended) {
+  if (calls_.size() >= looksAt_) takeEnded(ended);
+  if (calls_.size() >= most_) return false;
+  calls_.push_back(call);
+  return true;
+}
+
+void WaitingCalls::takeEnded(std::vector<WaitingCall>& ended) {
+  const auto over = std::ranges::stable_partition(calls_, [](const auto& each) { return !each.state->hasEnded(); });
+  std::ranges::move(over, std::back_inserter(ended));
+  calls_.erase(over.begin(), over.end());
+  looksAt_ = std::clamp(2 * calls_.size(), kFirstLook, most_);
+}
+
+WaitingCall WaitingCalls::takeFirst() {
+  WaitingCall first = std::move(calls_.front());
+  calls_.pop_front();
+  return first;
+}
+
+std::deque<WaitingCall> WaitingCalls::takeAll() noexcept {
+  looksAt_ = kFirstLook;
+  return std::exchange(calls_, {});
+}
+
+}  // namespace velto::calls
