@@ -44,7 +44,7 @@ struct ClientOptions {
   // The connection is lost; and it is there again.
   std::function<void(CallError)> onLost = {};
   std::function<void()> onReconnected = {};
-  // The other end keeps up again, after trySend() has said that it is behind.
+  // The other end keeps up again, or is there again, after trySend() or send() has failed as full.
   std::function<void()> onWritable = {};
   // Where names are looked up, in place of the broker.
   std::optional<InProcess> place = {};
@@ -68,9 +68,9 @@ class VELTO_EXPORT Client {
   Client& operator=(Client&& other) noexcept;
   ~Client();
 
-  // Makes a call. While the other end is behind, this waits, up to the call's time; on a thread where handlers run it
-  // does not: the call is kept and made later, or, if there are many already, ends as full. Without a connection calls
-  // wait for the next, if there is to be one.
+  // Makes a call. While the other end is behind, this waits, up to the call's time; on a thread of the platform or
+  // of a loop it does not: the call is kept and made later, or, if there are many already, ends as full. Without a
+  // connection calls wait for the next, if there is to be one.
   [[nodiscard]] Call call(const NSDictionary& message, CallOptions options = {}) const;
   // The same, under the name of an operation, which goes under ClientOptions::operationKey.
   template <std::convertible_to<std::string_view> Operation>
@@ -95,15 +95,16 @@ class VELTO_EXPORT Client {
   }
 
   // Sends a message that wants no answer. Waits while the other end is behind, or lost, up to the time if there is one;
-  // on a thread where handlers run it does not, and fails as full. Without an error the message is on its way; if it
-  // fails there, `failed` hears of it, once.
+  // on a thread of the platform or of a loop it does not, and fails as full. Without an error the message is on its
+  // way; if it fails there, `failed` hears of it, once.
   std::optional<CallError> send(const NSDictionary& message,
                                 std::optional<std::chrono::nanoseconds> timeout = std::nullopt,
                                 std::function<void(CallError)> failed = {}) const;
   // The same for coroutines: ends with an empty reply when the message is on its way, until when it waits as a call
   // does.
   [[nodiscard]] Call sending(const NSDictionary& message, CallOptions options = {}) const;
-  // The same, but never waits: full when the other end is behind; then onWritable is called once it is not.
+  // The same, but never waits: full when the other end is behind or lost; then onWritable is called once it is
+  // not.
   std::optional<CallError> trySend(const NSDictionary& message, std::function<void(CallError)> failed = {}) const;
 
   // Ends the connection now.

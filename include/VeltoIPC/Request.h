@@ -35,6 +35,8 @@ class VELTO_EXPORT Request {
   [[nodiscard]] std::optional<std::chrono::steady_clock::time_point> deadline() const noexcept;
   // Whether its caller has taken it back, or has gone.
   [[nodiscard]] bool isCancelled() const noexcept;
+  // What is registered with it is called on the thread of the platform that hears of it, whatever delivers else: it
+  // must not block.
   [[nodiscard]] std::stop_token stopToken() const;
 
   // Answers. False when it has been answered before.

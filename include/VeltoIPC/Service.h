@@ -114,8 +114,8 @@ class VELTO_EXPORT Service {
   // what becomes of these. Never waits.
   std::size_t broadcast(const NSDictionary& message);
 
-  // Takes no more requests, waits until those that have come are answered or the time is over, then closes. True when
-  // all were answered.
+  // Takes no more requests, waits until those that a handler has got are answered or the time is over, then closes.
+  // True when all of those were answered. One that waits for its turn ends as refused, or as peerGone.
   bool stop(std::chrono::nanoseconds patience);
   // Ends every connection now.
   void close();

@@ -100,8 +100,8 @@ class VELTO_EXPORT Stream {
   // an empty dictionary when the client has finished, or with why it has not. Sleeps until it has ended.
   [[nodiscard]] Result result() const;
 
-  // Sends an item. While the other end is behind this waits, up to the time if there is one; on a thread where handlers
-  // run it does not, and fails as full. An item that fails on its way ends the stream.
+  // Sends an item. While the other end is behind this waits, up to the time if there is one; on a thread of the
+  // platform or of a loop it does not, and fails as full. An item that fails on its way ends the stream.
   std::optional<CallError> write(const NSDictionary& item,
                                  std::optional<std::chrono::nanoseconds> timeout = std::nullopt) const;
   // The same, but never waits.

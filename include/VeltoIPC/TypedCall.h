@@ -76,7 +76,8 @@ void answerTyped(Handler& handler, const Request& request, const std::string& op
 
 }  // namespace detail
 
-// A call whose reply comes out as a struct, or as any other type that a dictionary becomes. The same as Call otherwise.
+// A call whose reply comes out as a struct, or as any other type that a dictionary becomes. The same as Call otherwise;
+// for a future the reply is read on the thread that ends the call.
 template <class Reply>
 class TypedCall {
  public:

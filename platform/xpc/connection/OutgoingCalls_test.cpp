@@ -198,6 +198,20 @@ TEST(OutgoingCalls, ThatRunAheadPassThoseThatWaitForCreditAndAreSettledByThemsel
   EXPECT_EQ(calls.takeSendable()->identifier, 2U);
 }
 
+TEST(OutgoingCalls, ThatRunAheadAreSentNoFurtherThanTheLimitToWhoNeverSaysThatTheyAreDealtWith) {
+  Method ahead;
+  ahead.way = Way::ahead;
+  OutgoingCalls calls;
+  calls.helloArrived(wire::Hello::ours());
+  for (std::uint64_t number = 0; number <= limits::kPendingReplies; ++number) {
+    calls.add({number, &ahead, {}, nullptr, 0}, callOf(0));
+  }
+  for (std::size_t left = limits::kPendingReplies; left > 0; --left) ASSERT_TRUE(calls.takeSendable());
+  EXPECT_FALSE(calls.takeSendable());
+  EXPECT_TRUE(calls.creditArrived({0, 0, 0, 1}));
+  EXPECT_EQ(calls.takeSendable()->identifier, limits::kPendingReplies);
+}
+
 TEST(OutgoingCalls, CreditThatWasNeverTakenIsNotGivenBack) {
   OutgoingCalls calls;
   add(calls, 1, 10);
