@@ -14,9 +14,10 @@ bool WaitingCalls::add(const WaitingCall& call, std::vector<WaitingCall>& ended)
 }
 
 void WaitingCalls::takeEnded(std::vector<WaitingCall>& ended) {
-  const auto over = std::ranges::stable_partition(calls_, [](const auto& each) { return !each.state->hasEnded(); });
-  std::ranges::move(over, std::back_inserter(ended));
-  calls_.erase(over.begin(), over.end());
+  const auto over = std::stable_partition(calls_.begin(), calls_.end(),
+                                          [](const WaitingCall& each) { return !each.state->hasEnded(); });
+  std::move(over, calls_.end(), std::back_inserter(ended));
+  calls_.erase(over, calls_.end());
   looksAt_ = std::clamp(2 * calls_.size(), kFirstLook, most_);
 }
 
