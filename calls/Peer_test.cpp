@@ -174,6 +174,10 @@ class RawCaller : public Peers {
   }
   ~RawCaller() override {
     connection->invalidate();
+    // What fails by that is told before.
+    std::promise<void> isOver;
+    connection->perform([&] { isOver.set_value(); });
+    isOver.get_future().wait();
     other->closeAndWait();
   }
 
