@@ -1,41 +1,47 @@
 #include "calls/Outbox.h"
 
+#include <utility>
+
 #include "platform/xpc/contract/Limits.h"
 
 namespace velto::calls {
 
-bool Outbox::post(const NSDictionary& message) {
-  {
-    MutexLock lock(mutex_);
-    if (waiting_.size() >= limits::kBroadcastBacklog) return false;
-    waiting_.push_back(message);
-  }
-  flush();
-  return true;
+void Outbox::expect() {
+  MutexLock lock(mutex_);
+  state_ = State::expects;
+}
+
+bool Outbox::isExpected() const {
+  MutexLock lock(mutex_);
+  return state_ != State::silent;
 }
 
 void Outbox::open() {
-  {
-    MutexLock lock(mutex_);
-    isOpen_ = true;
-  }
-  flush();
+  MutexLock lock(mutex_);
+  state_ = State::open;
+  sendWaiting();
 }
 
-// Who comes while another sends leaves it to him, who looks again; and who finds the client behind is called again.
+bool Outbox::post(const NSDictionary& message) {
+  MutexLock lock(mutex_);
+  if (state_ == State::silent) return true;
+  waiting_.push_back(message);
+  sendWaiting();
+  if (state_ == State::expects || waiting_.size() <= limits::kBroadcastBacklog) return true;
+  waiting_.pop_back();
+  return false;
+}
+
 void Outbox::flush() {
-  for (;;) {
-    NSDictionary message;
-    {
-      MutexLock lock(mutex_);
-      if (!isOpen_ || isSending_ || waiting_.empty() || !peer_->isWritable()) return;
-      isSending_ = true;
-      message = std::move(waiting_.front());
-      waiting_.pop_front();
-    }
-    peer_->send(message, nullptr);
-    MutexLock lock(mutex_);
-    isSending_ = false;
+  MutexLock lock(mutex_);
+  sendWaiting();
+}
+
+// With the lock held: sending does not block, and calls nobody who needs it.
+void Outbox::sendWaiting() {
+  while (state_ == State::open && !waiting_.empty() && peer_->isWritable()) {
+    peer_->send(waiting_.front(), nullptr);
+    waiting_.pop_front();
   }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <utility>
@@ -10,27 +11,33 @@
 
 namespace velto::calls {
 
-// Messages for one client, each sent as soon as it can be talked to and keeps up, in order.
+// Messages for one client, each sent as soon as it keeps up, in order.
 //
 // Thread-safe, and never blocks.
 class Outbox {
  public:
   explicit Outbox(std::shared_ptr<Peer> peer) : peer_(std::move(peer)) {}
 
-  // False, and nothing is kept, when limits::kBroadcastBacklog wait already.
-  bool post(const NSDictionary& message);
-  // The client can be talked to.
+  // From now on messages are for it, too; and from now on they may be sent, which is soon after: until then all are
+  // kept.
+  void expect();
   void open();
-  // It keeps up again.
+  bool isExpected() const;
+  // False, and it is not kept, when limits::kBroadcastBacklog wait already.
+  bool post(const NSDictionary& message);
+  // The client keeps up again.
   void flush();
   const std::shared_ptr<Peer>& peer() const noexcept { return peer_; }
 
  private:
+  enum class State : std::uint8_t { silent, expects, open };
+
+  void sendWaiting() VELTO_REQUIRES(mutex_);
+
   const std::shared_ptr<Peer> peer_;
-  Mutex mutex_;
+  mutable Mutex mutex_;
   std::deque<NSDictionary> waiting_ VELTO_GUARDED_BY(mutex_);
-  bool isOpen_ VELTO_GUARDED_BY(mutex_) = false;
-  bool isSending_ VELTO_GUARDED_BY(mutex_) = false;
+  State state_ VELTO_GUARDED_BY(mutex_) = State::silent;
 };
 
 }  // namespace velto::calls

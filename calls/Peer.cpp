@@ -116,13 +116,27 @@ void Peer::takeUp() {
   connection_->resume();
 }
 
-// What may be sent from now on must not overtake the identifier.
 void Peer::serve(const NSString& identifier, bool strictTypes) {
-  takeUp();
-  plainProxy()->call<&CallsPeer::setStrictMessageTypesRemote>(strictTypes);
-  plainProxy()->call<&CallsPeer::connectionUUID>(identifier);
   strictTypes_ = strictTypes;
-  connectionUUID(identifier);
+  {
+    MutexLock lock(mutex_);
+    identifier_ = identifier;
+    owesIdentifier_ = true;
+  }
+  takeUp();
+}
+
+// A service's first words are its answer to the client's: what is sent from then on does not overtake them.
+void Peer::greet() {
+  std::function<void()> met;
+  {
+    MutexLock lock(mutex_);
+    if (!std::exchange(owesIdentifier_, false)) return;
+    met.swap(hooks_.met);
+  }
+  if (met) met();
+  plainProxy()->call<&CallsPeer::setStrictMessageTypesRemote>(strictTypes_.load());
+  plainProxy()->call<&CallsPeer::connectionUUID>(identifier());
 }
 
 void Peer::introduce() {
@@ -468,6 +482,7 @@ void Peer::allow(NSNumber items, NSNumber bytes, NSNumber ofCall) {
 }
 
 void Peer::meet(NSDictionary there, Answer abilitiesThere) {
+  greet();
   if (abilitiesThere) abilitiesThere(abilities());
   learnAbilities(there);
 }
@@ -490,6 +505,7 @@ void Peer::connectionError(NSError error) {
 
 // The first word of a client of the two classes.
 void Peer::ping() {
+  greet();
   {
     MutexLock lock(mutex_);
     if (knowsAbilities_) return;

@@ -37,13 +37,16 @@ class Peer final : public CallsPeer, public std::enable_shared_from_this<Peer> {
     std::function<void(std::shared_ptr<Incoming>)> received;
     // Once, at the end of the connection.
     std::function<void(CallError)> ended;
+    // Of a service: once, when the client has said its first word, before it hears any.
+    std::function<void()> met = {};
   };
 
   // With `admitsDescriptors` open descriptors may come. From now on it may be closed.
   static std::shared_ptr<Peer> make(std::shared_ptr<NSXPCConnection> connection, Hooks hooks,
                                     bool admitsDescriptors = false);
 
-  // Takes the connection up, once, as a client or as a service does, which gives the client its identifier.
+  // Takes the connection up, once, as a client or as a service does, which gives the client its identifier when that
+  // has said its first word.
   void introduce();
   void serve(const NSString& identifier, bool strictTypes);
 
@@ -90,6 +93,7 @@ class Peer final : public CallsPeer, public std::enable_shared_from_this<Peer> {
 
   void taskIsDone();
   void takeUp();
+  void greet();
   NSDictionary abilities() const;
   // What the other end's strict types forbid in a message.
   std::optional<CallError> wrongTypes(const NSDictionary& message) const;
@@ -135,6 +139,7 @@ class Peer final : public CallsPeer, public std::enable_shared_from_this<Peer> {
   mutable Mutex mutex_;
   Hooks hooks_ VELTO_GUARDED_BY(mutex_);
   NSString identifier_ VELTO_GUARDED_BY(mutex_);
+  bool owesIdentifier_ VELTO_GUARDED_BY(mutex_) = false;
   bool knowsAbilities_ VELTO_GUARDED_BY(mutex_) = false;
   // Calls of the other end that are not answered, for it to take back.
   std::unordered_map<std::uint64_t, std::weak_ptr<Incoming>> incoming_ VELTO_GUARDED_BY(mutex_);

@@ -302,6 +302,10 @@ void ServiceCore::accept(std::shared_ptr<NSXPCConnection> connection) {
   hooks.ended = [weak = weak_from_this(), number](const CallError&) {
     if (const auto self = weak.lock()) self->ended(number);
   };
+  hooks.met = [weak = weak_from_this(), number] {
+    const auto self = weak.lock();
+    if (const auto outbox = self ? self->outboxOf(number) : nullptr) outbox->expect();
+  };
   hooks.ready = [weak = weak_from_this(), number] {
     const auto self = weak.lock();
     if (const auto outbox = self ? self->outboxOf(number) : nullptr) outbox->open();
@@ -372,7 +376,8 @@ void ServiceCore::receive(const std::shared_ptr<Incoming>& incoming) {
 
 std::size_t ServiceCore::clientCount() const {
   const ConditionLock lock(condition_);
-  return clients_.size();
+  return static_cast<std::size_t>(
+      std::ranges::count_if(clients_, [](const auto& each) { return each.second->isExpected(); }));
 }
 
 std::size_t ServiceCore::broadcast(const NSDictionary& message) {
