@@ -21,6 +21,11 @@ CallError closedHere() {
   return {Failure::closed, "this end has closed the connection"};
 }
 
+// No more than there are.
+std::chrono::nanoseconds nanosecondsOf(std::chrono::milliseconds time) {
+  return std::min(time, std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::nanoseconds::max()));
+}
+
 // On a thread that others wait for.
 bool mayNotSleep() {
   return xpc::isThreadOfThePlatform() || Loop::isDispatching();
@@ -32,7 +37,7 @@ ClientCore::ClientCore(const NSString& name, ClientOptions options)
     : name_(name), options_(std::move(options)), tasks_(options_.delivery) {}
 
 std::optional<CallError> ClientCore::connect() {
-  const auto end = xpc::timeAfter(options_.patience);
+  const auto end = xpc::timeAfter(nanosecondsOf(options_.patience));
   {
     const ConditionLock lock(condition_);
     triesUntil_ = end;
@@ -187,7 +192,8 @@ void ClientCore::peerEnded(std::uint64_t number, const CallError& error) {
       peer.swap(peer_);
       phase_ = Phase::connecting;
       pause_ = kFirstPause;
-      triesUntil_ = options_.reconnectsFor ? xpc::timeAfter(*options_.reconnectsFor) : Clock::time_point::max();
+      triesUntil_ =
+          options_.reconnectsFor ? xpc::timeAfter(nanosecondsOf(*options_.reconnectsFor)) : Clock::time_point::max();
       ++attempt_;
     }
   }
@@ -206,7 +212,8 @@ void ClientCore::endReconnectingLater() {
   std::shared_ptr<xpc::DelayedCall> former;
   const ConditionLock lock(condition_);
   if (phase_ != Phase::connecting) return;
-  former = std::exchange(lastTry_, xpc::DelayedCall::after(*options_.reconnectsFor, [weak = weak_from_this()] {
+  former = std::exchange(lastTry_,
+                         xpc::DelayedCall::after(nanosecondsOf(*options_.reconnectsFor), [weak = weak_from_this()] {
                            if (const auto self = weak.lock()) self->giveUp(std::nullopt);
                          }));
 }

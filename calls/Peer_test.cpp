@@ -81,6 +81,12 @@ TEST_F(Peers, ARequestThatIsLetGoOfEndsAsDropped) {
   EXPECT_TRUE(reply.error().isByPeer());
 }
 
+TEST_F(Peers, AnExceptionOfTheHandlersOwnTypeArrivesAsDropped) {
+  onRequest = [](const Request&) { throw 7; };
+  EXPECT_EQ(call({{"a", 1}}).get().error(),
+            CallError(Failure::dropped, "the handler raised an exception of a type of its own", true));
+}
+
 TEST_F(Peers, AnExceptionOfTheHandlerArrivesWithItsText) {
   onRequest = [](const Request&) { throw std::runtime_error("out of ink"); };
   const auto reply = call({{"a", 1}}).get();

@@ -215,13 +215,17 @@ TEST_F(Streams, CallbacksGetOneItemAfterTheOtherAndThenTheEnd) {
   EXPECT_EQ(numbers.soFar().size(), 700U);
 }
 
-TEST_F(Streams, AReaderThatRaisesAnExceptionTakesTheCallBack) {
-  std::promise<Stream::Result> ended;
-  client.open({{"op", "count"}, {"to", 100'000}})
-      .forEach([](const NSDictionary&) { throw std::runtime_error("enough"); },
-               [&](Stream::Result result) { ended.set_value(std::move(result)); });
-  EXPECT_EQ(ended.get_future().get().error().failure(), Failure::cancelled);
-  EXPECT_EQ(writeErrors.waitFor(1)[0].failure(), Failure::cancelled);
+TEST_F(Streams, AReaderThatRaisesAnExceptionOfAnyTypeTakesTheCallBack) {
+  const auto readBy = [&](std::function<void(NSDictionary)> reader) {
+    std::promise<Stream::Result> ended;
+    client.open({{"op", "count"}, {"to", 100'000}}).forEach(std::move(reader), [&](Stream::Result result) {
+      ended.set_value(std::move(result));
+    });
+    return ended.get_future().get().error().failure();
+  };
+  EXPECT_EQ(readBy([](const NSDictionary&) { throw std::runtime_error("enough"); }), Failure::cancelled);
+  EXPECT_EQ(readBy([](const NSDictionary&) { throw 7; }), Failure::cancelled);
+  EXPECT_EQ(writeErrors.waitFor(2)[1].failure(), Failure::cancelled);
 }
 
 TEST_F(Streams, WhoLetsGoOfOneTakesTheCallBack) {

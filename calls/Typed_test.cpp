@@ -11,6 +11,7 @@
 #include "VeltoIPC/Client.h"
 #include "VeltoIPC/Service.h"
 #include "VeltoIPC/Task.h"
+#include "platform/xpc/testing/Support.h"
 
 namespace velto {
 namespace {
@@ -53,7 +54,9 @@ class TypedCalls : public ::testing::Test {
 
 TEST_F(TypedCalls, GoAndComeAsStructs) {
   EXPECT_EQ(client.call<Sum>("sum", Terms{{1, 2.5}}).get().value().sum, 3.5);
-  EXPECT_EQ(client.call<Sum>("last", Terms{{1, 2.5}}).future().get()->sum, 2.5);
+  auto last = client.call<Sum>("last", Terms{{1, 2.5}}).future();
+  EXPECT_EQ(last.wait_for(testing::kGenerous), std::future_status::ready);
+  EXPECT_EQ(last.get()->sum, 2.5);
 }
 
 TEST_F(TypedCalls, AreAnsweredWithNothingByAHandlerThatReturnsNothing) {

@@ -122,6 +122,22 @@ TEST_F(Deliveries, OfALoopThatIsBusyBoundItsSenders) {
   EXPECT_TRUE(errors.soFar().empty());
 }
 
+// One looks while the socket is being emptied, and what another waits for is told all the same.
+TEST_F(Deliveries, ToldOfAreRoomForAllWhoWaitForItWhoeverLooksBefore) {
+  const Loop loop;
+  deliverOn(loop);
+  const auto writable = std::make_shared<std::atomic<std::size_t>>(0);
+  ends.first->setWritableHandler([writable] { ++*writable; });
+  const std::vector<std::uint8_t> bytes(std::size_t{1} << 19);
+  const NSDictionary large{{"data", NSData::dataWithBytes(bytes.data(), bytes.size())}};
+  for (int sent = 0; sent < 8 || ends.first->isWritable(); ++sent) proxy->call<&Greeter::tell>(large);
+  while (!ends.first->isWritable()) loop.dispatch();
+  EXPECT_TRUE(eventually([&] {
+    loop.dispatch();
+    return *writable == 1;
+  }));
+}
+
 TEST_F(Deliveries, WhereAnExecutorRunsThemStayInOrder) {
   tasks->refusals = 2;
   deliverOn(tasks->delivery());
