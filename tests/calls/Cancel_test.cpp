@@ -116,6 +116,8 @@ TEST(Cancelling, EveryCallOfAHundredClientsEndsOnce) {
   EXPECT_EQ(census.others, 0U);
   EXPECT_GT(census.cancelled, 0U);
   EXPECT_GT(census.replies, 0U);
+  EXPECT_GT(answers.seenCancelled, 0U) << "requests that were kept";
+  EXPECT_LE(answers.seenCancelled, census.cancelled);
   for (std::size_t call = 0; call < census.ends.size(); ++call) ASSERT_EQ(census.ends[call], 1) << call;
 }
 
