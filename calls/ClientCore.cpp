@@ -170,6 +170,7 @@ void ClientCore::attemptFailed(std::uint64_t number, CallError error) {
     error_ = error;
     if (goesOn) ++attempt_;
   }
+  if (peer) peer->close();
   goesOn ? tryLater(pause) : giveUp(error);
 }
 

@@ -13,6 +13,7 @@
 #include "VeltoIPC/Client.h"
 #include "VeltoIPC/Service.h"
 #include "platform/foundation/Foundation.h"
+#include "platform/xpc/Delivery.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/testing/Support.h"
 
@@ -71,6 +72,21 @@ TEST_F(Absences, EndNoCallBeforeItsTimeOrItsCancelling) {
   EXPECT_FALSE(kept.hasEnded());
   comeBack();
   expectSum(kept);
+}
+
+TEST_F(Absences, EndNoCallThatWasKeptWhileTheyWereBehind) {
+  fill();
+  Inbox<Call> kept;
+  const TaskQueue tasks{Delivery()};
+  tasks.add([&] { kept.put(client.call("sum", {})); });
+  const Call call = kept.waitFor(1).front();
+  EXPECT_FALSE(call.hasEnded());
+  service->close();
+  Service next("sums", {.place = place});
+  next.on("sum", [](const Request& request) { request.reply({{"sum", 3}}); });
+  next.start();
+  expectSum(call);
+  release.set_value();
 }
 
 TEST_F(Absences, KeepCallsUpToTheLimitOfWhichThoseThatHaveEndedTakeNone) {

@@ -342,23 +342,6 @@ TEST_F(Services, AreAskedLaterByThoseWhoMayNotWaitUpToTheLimit) {
   for (const Call& each : made) ASSERT_EQ(each.get().value(), (NSDictionary{{"sum", 3}}));
 }
 
-TEST_F(Services, AreAskedAfterALossWhatWasKeptWhileTheyWereBehind) {
-  std::promise<void> release;
-  service.on("note", [released = release.get_future().share()](const Request&) { released.wait(); });
-  const Client client = connect({.reconnects = true});
-  while (!client.trySend({{"op", "note"}})) continue;
-  Inbox<Call> kept;
-  const TaskQueue tasks{Delivery()};
-  tasks.add([&] { kept.put(client.call({{"op", "sum"}})); });
-  const Call call = kept.waitFor(1).front();
-  service.close();
-  Service next("sums", {.place = place});
-  next.on("sum", [](const Request& request) { request.reply({{"next", true}}); });
-  next.start();
-  EXPECT_EQ(call.get().value(), (NSDictionary{{"next", true}}));
-  release.set_value();
-}
-
 NSFileDescriptor readableWith(const std::string& text) {
   int ends[2];
   EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
