@@ -6,13 +6,16 @@
 #include <future>
 #include <thread>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "VeltoIPC/Client.h"
 #include "VeltoIPC/Service.h"
 #include "VeltoIPC/Task.h"
 #include "calls/ItemSize.h"
 #include "platform/foundation/Foundation.h"
+#include "platform/xpc/NSFileDescriptor.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/testing/Support.h"
 
@@ -254,6 +257,32 @@ TEST_F(Streams, TheEndOfTheConnectionIsTheEndOfBothEnds) {
   while (stream.next().get()) continue;
   EXPECT_EQ(stream.result().error().failure(), Failure::closed);
   EXPECT_EQ(writeErrors.waitFor(1)[0].failure(), Failure::peerGone);
+}
+
+TEST_F(Streams, CarryDescriptorsBothWaysWhereTheyAreAdmitted) {
+  Service lender("lender", {.admitsDescriptors = true, .place = place});
+  lender.on("echo", [this](const Request& request) {
+    threads.emplace_back([request] {
+      for (const NSDictionary& item : request.stream()) request.stream().write(item);
+      request.reply({{"done", true}});
+    });
+  });
+  lender.start();
+  const Client borrower = Client::connect("lender", {.admitsDescriptors = true, .place = place}).value();
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  const NSFileDescriptor writeEnd = NSFileDescriptor::fileDescriptorTaking(ends[1]);
+  const NSFileDescriptor readEnd = NSFileDescriptor::fileDescriptorTaking(ends[0]);
+  const Stream stream = borrower.open({{"op", "echo"}});
+  ASSERT_FALSE(stream.write({{"end", writeEnd}}));
+  const auto came = (*stream.next().get())["end"].as<NSFileDescriptor>();
+  stream.finish();
+  ASSERT_NE(came.descriptor(), writeEnd.descriptor());
+  ASSERT_EQ(::write(came.descriptor(), "x", 1), 1);
+  char byte = 0;
+  EXPECT_EQ(::read(readEnd.descriptor(), &byte, 1), 1);
+  EXPECT_EQ(byte, 'x');
+  EXPECT_TRUE(stream.result());
 }
 
 TEST_F(Streams, AnItemOverALimitIsRefusedAndTheStreamGoesOn) {

@@ -1,13 +1,17 @@
 // What programs write to standard error when nobody has set up logging: nothing, as long as everybody leaves in good
 // order; and the failures of those who do not.
 
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <signal.h>
 
+#include "VeltoIPC/Client.h"
+#include "VeltoIPC/Service.h"
 #include "tests/peer/Payload.h"
 #include "tests/support/LibraryTest.h"
 
@@ -121,6 +125,24 @@ TEST_F(QuietLife, ADelegateThatOutlivesItsEndOrGoesBeforeItIsQuiet) {
   survivor.reset();
   orphan->close();
   waitUntilAlone(orphan);
+  EXPECT_EQ(written(), "");
+}
+
+TEST_F(QuietLife, AClientThatReconnectsToAServiceThatGoesAndComesBackIsQuiet) {
+  {
+    auto broker = std::make_unique<BrokerHere>();
+    std::optional<Client> client;
+    for (int life = 0; life < 2; ++life) {
+      Service service(kName);
+      service.onOther([](const Request& request) { request.reply(request.message()); });
+      service.start();
+      if (!client) client = Client::connect(kName, {.reconnects = true}).value();
+      EXPECT_TRUE(client->call(messageOf("echo:1")).get());
+      client->call(messageOf("echo:2")).cancel();
+      EXPECT_TRUE(service.stop(std::chrono::seconds(20)));
+    }
+    client->close();
+  }
   EXPECT_EQ(written(), "");
 }
 
