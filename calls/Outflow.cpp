@@ -75,7 +75,8 @@ std::optional<CallError> Outflow::sendNow(const NSDictionary& item, std::size_t 
   } else {
     ++count_;
   }
-  return error;
+  // Why the stream has ended meanwhile says more than that it has.
+  return error && ended_ ? ended_ : error;
 }
 
 void Outflow::writeLater(NSDictionary item, Written written) {
