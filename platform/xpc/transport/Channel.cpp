@@ -196,6 +196,7 @@ std::shared_ptr<ChannelReceiver> Channel::closeIfFinished() {
 
 std::shared_ptr<ChannelReceiver> Channel::close() {
   if (socket_ && identifier_ != 0) Reactor::shared().forget(identifier_);
+  if (isInLine_) Reactor::shared().laterTurns().takeOut(*this);
   socket_.reset();
   place_.reset();
   output_.clear();

@@ -14,6 +14,7 @@
 #include "platform/foundation/ThreadAnnotations.h"
 #include "platform/xpc/system/Descriptor.h"
 #include "platform/xpc/transport/Holdings.h"
+#include "platform/xpc/transport/LaterTurns.h"
 #include "platform/xpc/transport/OutputQueue.h"
 #include "platform/xpc/transport/PeerProcess.h"
 #include "platform/xpc/transport/Reactor.h"
@@ -59,7 +60,7 @@ class SleepingReader {
 // others are read first. It rests only while the process holds too much (see Holding).
 //
 // Thread-safe.
-class Channel final : public EventSource, public Aftermath, public std::enable_shared_from_this<Channel> {
+class Channel final : public EventSource, public TurnTaker, public Aftermath, public std::enable_shared_from_this<Channel> {
  public:
   // Whether a frame may wait for those that follow.
   enum class Haste : std::uint8_t {
@@ -119,6 +120,8 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   void abort();
 
   void eventsArrived(std::uint32_t events) override;
+  void takeTurn() override;
+  bool remind() noexcept override;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -147,7 +150,6 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   bool deliverFrames(Turn& turn);
   Read drained();
   void end(const std::string& reason);
-  void readAgainSoon();
   // Sees to it that an unfinished frame is finished in time.
   void watchUnfinished();
   void peerDied();
@@ -176,8 +178,10 @@ class Channel final : public EventSource, public Aftermath, public std::enable_s
   std::shared_ptr<ChannelReceiver> closeIfFinished() VELTO_REQUIRES(mutex_);
   std::shared_ptr<ChannelReceiver> receiver();
 
-  // Events not yet acted upon. Whoever raises it from 0 reads until it is 0 again, so that one thread reads at a time.
+  // Events not yet acted upon. Whoever raises it from 0 reads until it is 0 again, so that one thread reads at a time;
+  // it stays over 0 while another turn is waited for.
   std::atomic<std::uint32_t> readEvents_{0};
+  std::atomic<bool> isInLine_{false};
   std::atomic<bool> hungUp_{false};
   // Why writing has failed; 0 when it has not, or only because the other end is gone.
   std::atomic<int> writeError_{0};

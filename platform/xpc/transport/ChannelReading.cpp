@@ -77,6 +77,7 @@ void Channel::readFirst() {
 
 void Channel::read() {
   if (readEvents_.fetch_add(1) == 0) return readPending();
+  if (isInLine_ && Reactor::shared().laterTurns().takeOut(*this)) return takeTurn();
   MutexLock lock(mutex_);
   if (ownReader_ != nullptr) ownReader_->wakeUp();
 }
@@ -86,11 +87,23 @@ void Channel::readPending() {
   do {
     seen = readEvents_.load();
     if (readTurn() == Read::turnIsOver) {
-      // Events that came meanwhile are in this one.
-      readEvents_ = 0;
-      return readAgainSoon();
+      // Events that came meanwhile, and those that come until then, are in this one.
+      readEvents_ = 1;
+      isInLine_ = true;
+      return Reactor::shared().laterTurns().add(shared_from_this());
     }
   } while (readEvents_.fetch_sub(seen) != seen);
+}
+
+void Channel::takeTurn() {
+  isInLine_ = false;
+  readPending();
+}
+
+bool Channel::remind() noexcept {
+  MutexLock lock(mutex_);
+  const bool hearsOfEnd = !endsWhenDrained_ && identifier_ != 0;
+  return socket_ && hearsOfEnd && watchEvents();
 }
 
 bool Channel::takeReading(SleepingReader& reader) {
@@ -148,19 +161,6 @@ void Channel::watchAgain() {
   if (!socket_ || ownReader_ != nullptr || watchEvents()) return;
   Reactor::shared().timers().add(kWatchPause, [weak = weak_from_this()] {
     if (const auto channel = weak.lock()) channel->watchAgain();
-  });
-}
-
-// The kernel tells of the socket again, behind all others that have something to read.
-void Channel::readAgainSoon() {
-  {
-    MutexLock lock(mutex_);
-    if (!socket_) return;
-    const bool hearsOfEnd = !endsWhenDrained_ && identifier_ != 0;
-    if (hearsOfEnd && watchEvents()) return;
-  }
-  Reactor::shared().timers().add({}, [weak = weak_from_this()] {
-    if (const auto channel = weak.lock()) channel->read();
   });
 }
 

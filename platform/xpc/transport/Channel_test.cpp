@@ -1,15 +1,20 @@
-// What a channel writes, and when: frames that go at once, and those that are gathered.
+// What a channel writes, and when: frames that go at once, and those that are gathered. Whose turn it is to be read.
 #include "platform/xpc/transport/Channel.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <functional>
 #include <random>
+#include <set>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "platform/xpc/system/SystemCalls.h"
 #include "platform/xpc/testing/Support.h"
 
 namespace velto::transport {
@@ -42,6 +47,29 @@ class Numbers final : public ChannelReceiver {
   }
   void channelEnded(const std::string& reason) override { ends.put(reason); }
   void outputDrained() override {}
+};
+
+// A kernel that gives a single thread: what is read between two events can be counted.
+class OneThread final : public system::SystemCalls {
+ public:
+  OneThread() { system::replaceSystemCalls(this); }
+  int startThread(void* (*run)(void*), void* argument) override {
+    return isGiven_.exchange(true) ? EAGAIN : system::SystemCalls::startThread(run, argument);
+  }
+
+ private:
+  std::atomic<bool> isGiven_{false};
+};
+
+class Counting final : public ChannelReceiver {
+ public:
+  explicit Counting(std::function<void(std::size_t)> count) : count_(std::move(count)) {}
+  void framesArrived(std::span<wire::Frame> frames) override { count_(frames.size()); }
+  void channelEnded(const std::string&) override {}
+  void outputDrained() override {}
+
+ private:
+  const std::function<void(std::size_t)> count_;
 };
 
 class ChannelPair : public ::testing::Test {
@@ -163,6 +191,46 @@ TEST_F(ChannelPair, FramesThatFoundNoRoomAreNotCountedAsWritten) {
   const std::uint64_t written = sender->framesWritten();
   EXPECT_LT(written, sent);
   EXPECT_EQ((sent - written) * 108 / 1000, sender->waitingBytes() / 1000);
+}
+
+// Once each of many talkers has been heard, somebody else has a word.
+TEST(Channel, WhoHasLittleToSayWaitsForOneTurnOfThoseWhoHaveMuch) {
+  // Never destroyed: the reactor goes on using it.
+  [[maybe_unused]] const auto& kernel = *new OneThread;
+  constexpr std::size_t kTalkers = 30;
+  const auto word = wire::FrameHeader{0, wire::FrameType::call}.encode();
+  const std::size_t framesOfATurn = (std::size_t{64} << 10) / word.size();
+  std::vector<std::uint8_t> speech;
+  for (std::size_t each = 0; each < 2 * framesOfATurn; ++each) speech.insert(speech.end(), word.begin(), word.end());
+
+  // Of the one thread that reads.
+  std::size_t frames = 0;
+  std::size_t framesBefore = 0;
+  std::set<std::size_t> heard;
+  Inbox<std::size_t> framesMeanwhile;
+  std::vector<std::shared_ptr<Channel>> channels;
+  const auto hear = [&](system::Descriptor socket, std::function<void(std::size_t)> count) {
+    channels.push_back(std::make_shared<Channel>(std::move(socket), std::make_shared<Counting>(std::move(count)),
+                                                 std::make_shared<Holding>(std::weak_ptr<HoldingOwner>()), nullptr));
+  };
+  auto [newcomer, far] = testing::socketPair();
+  hear(std::move(far), [&](std::size_t) { framesMeanwhile.put(frames - framesBefore); });
+  std::vector<system::Descriptor> talkers;
+  for (std::size_t talker = 0; talker < kTalkers; ++talker) {
+    auto [near, farther] = testing::socketPair();
+    ASSERT_EQ(::write(near.get(), speech.data(), speech.size()), static_cast<ssize_t>(speech.size()));
+    talkers.push_back(std::move(near));
+    hear(std::move(farther), [&, talker](std::size_t count) {
+      frames += count;
+      if (heard.size() == kTalkers || !heard.insert(talker).second || heard.size() < kTalkers) return;
+      framesBefore = frames;
+      EXPECT_EQ(::write(newcomer.get(), word.data(), word.size()), static_cast<ssize_t>(word.size()));
+    });
+  }
+  for (const auto& channel : channels) channel->start();
+  // The rest of the turn in which it spoke, and the next.
+  EXPECT_LE(framesMeanwhile.waitFor(1).front(), 2 * framesOfATurn);
+  for (const auto& channel : channels) channel->abort();
 }
 
 // The child makes everything anew; the timer is not waited for.

@@ -33,7 +33,8 @@ namespace velto::transport {
 namespace {
 
 constexpr Reactor::Identifier kTimer = 1;
-constexpr Reactor::Identifier kFirstSource = 2;
+constexpr Reactor::Identifier kLaterTurn = 2;
+constexpr Reactor::Identifier kFirstSource = 3;
 // Between two tries to wait for events that cannot be waited for.
 constexpr std::chrono::milliseconds kPauseAfterFailure{10};
 
@@ -90,10 +91,12 @@ bool Reactor::setUp() {
   if (isSetUp_.load(std::memory_order_acquire)) return true;
   MutexLock lock(setUpMutex_);
   if (isSetUp_.load(std::memory_order_relaxed)) return true;
-  if (!events_.setUp() || !timers_.makeTimer()) return false;
+  if (!events_.setUp() || !timers_.makeTimer() || !laterTurns_.makeBell()) return false;
   watchesTimers_ = watchesTimers_ || events_.add(timers_.descriptor(), EPOLLIN, kTimer);
-  isSetUp_.store(watchesTimers_, std::memory_order_release);
-  return watchesTimers_;
+  watchesLater_ = watchesLater_ || events_.add(laterTurns_.descriptor(), EPOLLIN, kLaterTurn);
+  const bool watchesAll = watchesTimers_ && watchesLater_;
+  isSetUp_.store(watchesAll, std::memory_order_release);
+  return watchesAll;
 }
 
 Reactor::Identifier Reactor::add(int descriptor, std::uint32_t events, std::shared_ptr<EventSource> source) {
@@ -382,6 +385,7 @@ void Reactor::dispatch(const epoll_event& event) {
   const Identifier identifier = event.data.u64;
   if (identifier == Events::kWakeUp) return;
   if (identifier == kTimer) return runTimers();
+  if (identifier == kLaterTurn) return laterTurns_.takeNext();
   std::shared_ptr<EventSource> source;
   {
     MutexLock lock(mutex_);

@@ -11,6 +11,7 @@
 #include "platform/foundation/ThreadAnnotations.h"
 #include "platform/xpc/system/PerProcess.h"
 #include "platform/xpc/transport/Events.h"
+#include "platform/xpc/transport/LaterTurns.h"
 #include "platform/xpc/transport/SerialQueue.h"
 #include "platform/xpc/transport/TimerQueue.h"
 
@@ -60,6 +61,8 @@ class Reactor final : public QueueRunner {
   void standIn() noexcept;
   // The same for one that has read much at once.
   void foundMuch() noexcept { events_.foundMuch(); }
+  // For those that have had their turn.
+  LaterTurns& laterTurns() noexcept { return laterTurns_; }
 
   // For a task that may block and can be left undone: whether it should run. False when its queue is urgent, and the
   // threads that are left are needed for the ends of others.
@@ -121,8 +124,10 @@ class Reactor final : public QueueRunner {
   Mutex setUpMutex_;
   std::atomic<bool> isSetUp_{false};
   bool watchesTimers_ VELTO_GUARDED_BY(setUpMutex_) = false;
+  bool watchesLater_ VELTO_GUARDED_BY(setUpMutex_) = false;
   Events events_;
   TimerQueue timers_;
+  LaterTurns laterTurns_;
   const std::shared_ptr<SerialQueue> logQueue_;
   // The failure that lasts has been logged.
   std::atomic<bool> complained_{false};
