@@ -4,6 +4,10 @@
 add_library(velto_options INTERFACE)
 target_include_directories(velto_options INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 target_compile_options(velto_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor)
+if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # To the compiler each of the six is a header.
+  target_compile_options(velto_options INTERFACE -Wno-subobject-linkage)
+endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(velto_options INTERFACE -Wthread-safety -Werror=thread-safety)
 endif()
@@ -13,13 +17,21 @@ if(VELTO_SANITIZE)
   target_link_options(velto_options INTERFACE -fsanitize=${VELTO_SANITIZE})
 endif()
 
-# With VELTO_PRECOMPILE_HEADERS, what nearly every file includes is compiled once per program. It hides a missing include,
-# so only builds that are not the first to compile a file use it. The same builds compile the modules' files six at a time
-# (CMAKE_UNITY_BUILD): names in a module's unnamed namespaces differ.
+# With VELTO_PRECOMPILE_HEADERS, what nearly every file includes is compiled once per program, and the same builds compile
+# the files six at a time (CMAKE_UNITY_BUILD): names in a module's unnamed namespaces differ. Both hide a missing include;
+# the release build, which does neither, finds it.
 function(velto_precompile target)
-  if(VELTO_PRECOMPILE_HEADERS)
-    target_precompile_headers(${target} PRIVATE ${ARGN})
+  if(NOT VELTO_PRECOMPILE_HEADERS)
+    return()
   endif()
+  if(NOT TARGET velto_common_headers)
+    file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/CommonHeaders.cpp CONTENT "")
+    add_library(velto_common_headers STATIC ${PROJECT_BINARY_DIR}/CommonHeaders.cpp)
+    target_link_libraries(velto_common_headers PUBLIC velto_options Threads::Threads)
+    target_precompile_headers(velto_common_headers PRIVATE <functional> <map> <memory> <string> <vector>
+                              ${PROJECT_SOURCE_DIR}/platform/foundation/Foundation.h)
+  endif()
+  target_precompile_headers(${target} REUSE_FROM velto_common_headers)
 endfunction()
 
 # velto_module(NAME [FOLDERS folder...] [DEPENDS library...])
@@ -37,27 +49,48 @@ function(velto_module name)
   list(FILTER tests INCLUDE REGEX "_test\\.cpp$")
   add_library(velto_${name} STATIC ${sources})
   target_link_libraries(velto_${name} PUBLIC velto_options ${MODULE_DEPENDS})
-  velto_precompile(velto_${name} <functional> <map> <memory> <string> <vector>
-                   ${PROJECT_SOURCE_DIR}/platform/foundation/Foundation.h)
+  velto_precompile(velto_${name})
   if(tests AND VELTO_BUILD_TESTS)
     velto_test(${name}_test SOURCES ${tests} DEPENDS velto_${name})
   endif()
 endfunction()
 
+# What tests include nearly everywhere is compiled once for all programs; with those of the library that need LibraryTest.h,
+# once more.
+function(velto_precompile_test target depends)
+  set(headers velto_test_headers)
+  if("velto_test_support" IN_LIST depends)
+    set(headers velto_library_test_headers)
+    set(common ${PROJECT_SOURCE_DIR}/tests/support/LibraryTest.h)
+  endif()
+  if(NOT TARGET ${headers})
+    file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/${headers}.cpp CONTENT "")
+    add_library(${headers} OBJECT ${PROJECT_BINARY_DIR}/${headers}.cpp)
+    # As programs are compiled.
+    set_target_properties(${headers} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+    target_compile_options(${headers} PRIVATE -fPIE)
+    target_link_libraries(${headers} PRIVATE velto_options GTest::gmock GTest::gtest_main)
+    velto_unoptimise(${headers})
+    target_precompile_headers(${headers} PRIVATE <functional> <future> <gtest/gtest.h> <map> <memory> <string> <thread>
+                              <vector> ${PROJECT_SOURCE_DIR}/platform/foundation/Foundation.h ${common})
+  endif()
+  target_precompile_headers(${target} REUSE_FROM ${headers})
+endfunction()
+
+# With sanitizers tests need not be fast themselves, which is a good part of the time that it takes to build them.
+function(velto_unoptimise target)
+  if(VELTO_SANITIZE)
+    target_compile_options(${target} PRIVATE -O0)
+  endif()
+endfunction()
+
 # velto_test(NAME SOURCES file... [DEPENDS library...]): every test of the program is a test of the suite, run in a
-# process of its own. Tests include nearly the same everywhere, and with sanitizers they need not be fast themselves: both
-# are a good half of the time that it takes to build them.
+# process of its own.
 function(velto_test name)
   cmake_parse_arguments(TEST "" "" "SOURCES;DEPENDS" ${ARGN})
   add_executable(${name} ${TEST_SOURCES})
   target_link_libraries(${name} PRIVATE ${TEST_DEPENDS} GTest::gmock GTest::gtest_main)
-  if("velto_test_support" IN_LIST TEST_DEPENDS)
-    set(common ${PROJECT_SOURCE_DIR}/tests/support/LibraryTest.h)
-  endif()
-  target_precompile_headers(${name} PRIVATE <functional> <future> <gtest/gtest.h> <map> <memory> <string> <thread>
-                            <vector> ${PROJECT_SOURCE_DIR}/platform/foundation/Foundation.h ${common})
-  if(VELTO_SANITIZE)
-    target_compile_options(${name} PRIVATE -O0)
-  endif()
+  velto_unoptimise(${name})
+  velto_precompile_test(${name} "${TEST_DEPENDS}")
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endfunction()

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/foundation/testing/Sanitizers.h"
+
 namespace velto {
 namespace {
 
@@ -134,7 +136,7 @@ TEST(Holdings, AreWhatAPlainListSaysWhateverHappens) {
   Holdings holdings;
   PlainHoldings plain;
   Holdings::Item last = 0;
-  for (int step = 0; step < 10'000; ++step) {
+  for (int step = 0; step < testing::rounds(10'000); ++step) {
     // Of the last ones, so that most are still held.
     const Holdings::Item item = last - std::min<Holdings::Item>(last, random() % 40);
     const Holdings::Holder holder = random() % kHolders;

@@ -12,7 +12,7 @@
 namespace velto::testing {
 namespace {
 
-constexpr const char* kName = "org.velto.test.link";
+constexpr const char* kLinkName = "org.velto.test.link";
 
 class BrokerLink : public QuietTest {
  protected:
@@ -71,7 +71,7 @@ TEST_F(BrokerLink, AfterItsDelegateIsGoneItsHandlersOnlyLog) {
 }
 
 TEST_F(BrokerLink, OfAClientKeepsReportingToTheFirstDelegate) {
-  ClientEnd client(kName);
+  ClientEnd client(kLinkName);
   client.delegate->waitForError("Listener not available");
   const auto second = std::make_shared<RecordingDelegate>();
   client.connection->setDelegate(second);
@@ -84,7 +84,7 @@ TEST_F(BrokerLink, OfAClientKeepsReportingToTheFirstDelegate) {
 }
 
 TEST_F(BrokerLink, OfAListenerKeepsReportingToTheFirstDelegate) {
-  ListenerEnd server(kName);
+  ListenerEnd server(kLinkName);
   const auto second = std::make_shared<RecordingDelegate>();
   server.listener->setDelegate(second);
   broker->dropLinks();
@@ -97,7 +97,7 @@ TEST_F(BrokerLink, OfAListenerKeepsReportingToTheFirstDelegate) {
 
 TEST_F(BrokerLink, ClosingTheOwnerReportsTheEndOfTheLink) {
   const auto delegate = std::make_shared<RecordingDelegate>();
-  const auto listener = VeltoListener::initWithServiceName(kName, delegate);
+  const auto listener = VeltoListener::initWithServiceName(kLinkName, delegate);
   EXPECT_TRUE(listener->daemonConnection());
   listener->close();
   EXPECT_FALSE(listener->daemonConnection());
@@ -109,27 +109,27 @@ TEST_F(BrokerLink, ClosingTheOwnerReportsTheEndOfTheLink) {
 
 TEST_F(BrokerLink, OfAListenerCarriesOneRegistrationAndNeverAWithdrawal) {
   {
-    ListenerEnd server(kName);
-    ASSERT_TRUE(brokerHears(std::string("register ") + kName));
+    ListenerEnd server(kLinkName);
+    ASSERT_TRUE(brokerHears(std::string("register ") + kLinkName));
   }
   ASSERT_TRUE(brokerHears("link ended"));
   // The lookup is the test's own, made to wait for the registration.
   EXPECT_EQ(broker->calls(),
-            (std::vector<std::string>{std::string("register ") + kName, "find org.velto.nobody", "link ended"}));
+            (std::vector<std::string>{std::string("register ") + kLinkName, "find org.velto.nobody", "link ended"}));
 }
 
 TEST_F(BrokerLink, OfAClientCarriesOneLookupAndNothingElse) {
   {
-    ClientEnd client(kName);
+    ClientEnd client(kLinkName);
     client.delegate->waitForError("Listener not available");
   }
   ASSERT_TRUE(brokerHears("link ended"));
-  EXPECT_EQ(broker->calls(), (std::vector<std::string>{std::string("find ") + kName, "link ended"}));
+  EXPECT_EQ(broker->calls(), (std::vector<std::string>{std::string("find ") + kLinkName, "link ended"}));
 }
 
 TEST_F(BrokerLink, IsEveryObjectsOwn) {
-  ClientEnd one(kName);
-  ClientEnd other(kName);
+  ClientEnd one(kLinkName);
+  ClientEnd other(kLinkName);
   one.delegate->waitForError("Listener not available");
   other.delegate->waitForError("Listener not available");
   one.connection->close();
@@ -144,25 +144,25 @@ TEST(Broker, KeepsTheLastRegistrationOfANameUntilItIsWithdrawnOrItsListenerGone)
   LogCapture log;
   BrokerHere broker;
   TestLink link;
-  EXPECT_TRUE(link.find(kName).isNil());
+  EXPECT_TRUE(link.find(kLinkName).isNil());
   auto first = BareListener::start();
   auto second = BareListener::start();
-  link.registerEndpoint(first->endpoint(), kName);
-  EXPECT_EQ(TestLink().find(kName), first->endpoint());
-  link.registerEndpoint(second->endpoint(), kName);
-  EXPECT_EQ(TestLink().find(kName), second->endpoint());
-  link.kill(kName);
-  EXPECT_TRUE(TestLink().find(kName).isNil());
-  link.registerEndpoint(first->endpoint(), kName);
+  link.registerEndpoint(first->endpoint(), kLinkName);
+  EXPECT_EQ(TestLink().find(kLinkName), first->endpoint());
+  link.registerEndpoint(second->endpoint(), kLinkName);
+  EXPECT_EQ(TestLink().find(kLinkName), second->endpoint());
+  link.kill(kLinkName);
+  EXPECT_TRUE(TestLink().find(kLinkName).isNil());
+  link.registerEndpoint(first->endpoint(), kLinkName);
   first.reset();
-  EXPECT_TRUE(eventually([&] { return link.find(kName).isNil(); }));
+  EXPECT_TRUE(eventually([&] { return link.find(kLinkName).isNil(); }));
 }
 
 using NoBroker = QuietTest;
 
 TEST_F(NoBroker, TheClientHearsOfItFromTheLinkAndFromItsLookup) {
   const auto delegate = std::make_shared<RecordingDelegate>();
-  const auto client = VeltoConnection::initWithServiceName(kName, delegate);
+  const auto client = VeltoConnection::initWithServiceName(kLinkName, delegate);
   ASSERT_TRUE(client);
   EXPECT_TRUE(client->daemonConnection());
   EXPECT_EQ(log.count(2, "DaemonConnection Created"), 1u);
@@ -182,7 +182,7 @@ TEST_F(NoBroker, TheClientHearsOfItFromTheLinkAndFromItsLookup) {
 
 TEST_F(NoBroker, TheListenerHearsOfItFromTheLinkAndFromItsRegistration) {
   const auto delegate = std::make_shared<RecordingDelegate>();
-  const auto listener = VeltoListener::initWithServiceName(kName, delegate);
+  const auto listener = VeltoListener::initWithServiceName(kLinkName, delegate);
   ASSERT_TRUE(listener);
   delegate->waitForErrors(2);
   delegate->waitForError("Daemon connection invalidated");

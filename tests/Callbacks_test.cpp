@@ -9,7 +9,6 @@
 namespace velto::testing {
 namespace {
 
-const NSDictionary kMessage{{"text", "hello"}};
 using Callbacks = LibraryTest;
 
 TEST_F(Callbacks, AClientMaySendAndWaitInsideItsReadiness) {
@@ -21,12 +20,12 @@ TEST_F(Callbacks, AClientMaySendAndWaitInsideItsReadiness) {
   std::promise<void> made;
   delegate->onReady([&, isMade = made.get_future().share()](const NSString&) {
     isMade.wait();
-    replied.set_value(client->sendMessageSync(kMessage, 20.0));
+    replied.set_value(client->sendMessageSync(kHello, 20.0));
   });
   client = VeltoConnection::initWithServiceName("org.velto.test.inside", delegate);
   made.set_value();
   std::future<NSDictionary> reply = replied.get_future();
-  EXPECT_EQ(finish(reply), kMessage);
+  EXPECT_EQ(finish(reply), kHello);
   client->close();
 }
 
@@ -38,8 +37,8 @@ TEST_F(Callbacks, AnEndMaySendBackAndWaitWhileItHandlesAMessage) {
   pair.client.delegate->onMessage([&](const NSDictionary& message, const NSString&, const VeltoReplyHandler& reply) {
     reply({{"and forth", message}});
   });
-  EXPECT_EQ(pair.client.connection->sendMessageSync(kMessage, 20.0),
-            NSDictionary({{"back", NSDictionary{{"and forth", kMessage}}}}));
+  EXPECT_EQ(pair.client.connection->sendMessageSync(kHello, 20.0),
+            NSDictionary({{"back", NSDictionary{{"and forth", kHello}}}}));
 }
 
 TEST_F(Callbacks, WhileOneWaitsTheOtherConnectionsGoOn) {
@@ -53,7 +52,7 @@ TEST_F(Callbacks, WhileOneWaitsTheOtherConnectionsGoOn) {
   server.delegate->onMessage([&](const NSDictionary& message, const NSString&, const VeltoReplyHandler& reply) {
     reply(server.listener->sendMessageSync(message, second, 20.0));
   });
-  EXPECT_EQ(one.connection->sendMessageSync(kMessage, 20.0), kMessage);
+  EXPECT_EQ(one.connection->sendMessageSync(kHello, 20.0), kHello);
 }
 
 TEST_F(Callbacks, AClientsCallbackThatWaitsForEverIsFreedByTheEndOfItsConnection) {
@@ -64,7 +63,7 @@ TEST_F(Callbacks, AClientsCallbackThatWaitsForEverIsFreedByTheEndOfItsConnection
     pair.client.connection->sendMessageSync(message, VKT_IPC_TIME_FOREVER, &error);
     ended.set_value(error);
   });
-  ASSERT_TRUE(pair.server.listener->sendMessage(kMessage, pair.id));
+  ASSERT_TRUE(pair.server.listener->sendMessage(kHello, pair.id));
   pair.server.delegate->waitForMessages(1);
   pair.server.listener->close(pair.id);
   std::future<NSError> end = ended.get_future();
@@ -80,7 +79,7 @@ TEST_F(Callbacks, AListenersCallbackThatWaitsForEverIsFreedByTheEndOfItsConnecti
     pair.server.listener->sendMessageSync(message, id, VKT_IPC_TIME_FOREVER, &error);
     ended.set_value(error);
   });
-  ASSERT_TRUE(pair.client.connection->sendMessage(kMessage));
+  ASSERT_TRUE(pair.client.connection->sendMessage(kHello));
   pair.client.delegate->waitForMessages(1);
   pair.client.connection->close();
   std::future<NSError> end = ended.get_future();
@@ -106,8 +105,8 @@ TEST_F(Callbacks, NoneRunsOnTheThreadThatCallsIn) {
   settle(server->daemonConnection());
   const auto client = VeltoConnection::initWithServiceName("org.velto.test.threads", atClient);
   ASSERT_TRUE(client->waitUntilReady(20.0));
-  EXPECT_EQ(client->sendMessageSync(kMessage, 20.0), kMessage);
-  EXPECT_EQ(server->sendMessageSync(kMessage, client->getID(), 20.0), kMessage);
+  EXPECT_EQ(client->sendMessageSync(kHello, 20.0), kHello);
+  EXPECT_EQ(server->sendMessageSync(kHello, client->getID(), 20.0), kHello);
   client->close();
   server->close();
   atClient->waitForErrors(2);
@@ -139,7 +138,7 @@ TEST_F(Callbacks, EverythingMayBeClosedInsideAnyOfThem) {
         [&](const NSDictionary&, const NSString&, const VeltoReplyHandler&) { closeBoth("message"); });
     prepared.set_value();
     client.connection->waitUntilReady(20.0);
-    client.connection->sendMessage(kMessage);
+    client.connection->sendMessage(kHello);
     client.connection->connectionError(nil);
     if (std::string(moment) == "message") server.delegate->waitForMessages(1);
     client.delegate->waitForError("Listener connection invalidated");

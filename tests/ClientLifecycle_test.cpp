@@ -10,7 +10,7 @@
 namespace velto::testing {
 namespace {
 
-constexpr const char* kName = "org.velto.test.lifecycle";
+constexpr const char* kLifecycleName = "org.velto.test.lifecycle";
 
 // An error that no call has written, to see whether one does.
 NSError untouched() {
@@ -22,15 +22,15 @@ class ClientLifecycle : public LibraryTest {
   // A listener that never answers a ping, registered under the name.
   std::shared_ptr<BareListener> mute() {
     auto made = BareListener::start();
-    TestLink().registerEndpoint(made->endpoint(), kName);
+    TestLink().registerEndpoint(made->endpoint(), kLifecycleName);
     return made;
   }
 };
 
 TEST_F(ClientLifecycle, EstablishmentIsLoggedStepByStep) {
-  ListenerEnd server(kName);
+  ListenerEnd server(kLifecycleName);
   log.clear();
-  ClientEnd client(kName);
+  ClientEnd client(kLifecycleName);
   const std::string id = client.ready().string();
   log.waitFor(2, "Connection Configured and Pinged");
   EXPECT_TRUE(log.inOrder({{2, "DaemonConnection Created"},
@@ -44,11 +44,11 @@ TEST_F(ClientLifecycle, EstablishmentIsLoggedStepByStep) {
   EXPECT_TRUE(client.connection->daemonConnection());
   EXPECT_TRUE(client.connection->listenerConnection());
   EXPECT_TRUE(client.connection->listenerProxyObject());
-  EXPECT_EQ(client.connection->listenerEndpoint(), TestLink().find(kName));
+  EXPECT_EQ(client.connection->listenerEndpoint(), TestLink().find(kLifecycleName));
 }
 
 TEST_F(ClientLifecycle, WithoutListenerTheWaitEndsAtOnceWithThatError) {
-  ClientEnd client(kName);
+  ClientEnd client(kLifecycleName);
   auto waiting = inBackground([&] {
     NSError error;
     const bool ready = client.connection->waitUntilReady(3600.0, &error);
@@ -60,10 +60,10 @@ TEST_F(ClientLifecycle, WithoutListenerTheWaitEndsAtOnceWithThatError) {
   const Event event = client.delegate->waitForError("Listener not available");
   EXPECT_TRUE(event.connectionID.isNil());
   EXPECT_EQ(event.error, error);
-  EXPECT_EQ(log.count(0, std::string("Endpoint for ") + kName + " is Nill"), 1u) << log.text();
+  EXPECT_EQ(log.count(0, std::string("Endpoint for ") + kLifecycleName + " is Nill"), 1u) << log.text();
   // The link stays open, and nothing asks again.
   EXPECT_TRUE(client.connection->daemonConnection());
-  ListenerEnd late(kName);
+  ListenerEnd late(kLifecycleName);
   EXPECT_FALSE(client.connection->waitUntilReady(0.2));
   EXPECT_TRUE(late.delegate->events().empty());
   EXPECT_EQ(client.delegate->events().size(), 1u);
@@ -71,7 +71,7 @@ TEST_F(ClientLifecycle, WithoutListenerTheWaitEndsAtOnceWithThatError) {
 
 TEST_F(ClientLifecycle, WithAListenerThatNeverAnswersTheWaitTimesOut) {
   const auto listener = mute();
-  ClientEnd client(kName);
+  ClientEnd client(kLifecycleName);
   const auto start = std::chrono::steady_clock::now();
   NSError error;
   EXPECT_FALSE(client.connection->waitUntilReady(0.25, &error));
@@ -85,7 +85,7 @@ TEST_F(ClientLifecycle, WithAListenerThatNeverAnswersTheWaitTimesOut) {
 
 TEST_F(ClientLifecycle, AWaitOfZeroOrLessLooksOnceAndReturns) {
   const auto listener = mute();
-  ClientEnd client(kName);
+  ClientEnd client(kLifecycleName);
   for (const double timeout : {0.0, -0.5, -1.0, -1e300}) {
     NSError error;
     auto waiting = inBackground([&] { return client.connection->waitUntilReady(timeout, &error); });
@@ -117,7 +117,7 @@ TEST_F(ClientLifecycle, AWaitAfterReadinessWritesTheErrorThatWasRecordedEarlier)
 
 TEST_F(ClientLifecycle, AnErrorWakesTheWaitThatIsUnderWay) {
   const auto listener = mute();
-  ClientEnd client(kName);
+  ClientEnd client(kLifecycleName);
   listener->waitForClient();
   NSError error;
   auto waiting = inBackground([&] { return client.connection->waitUntilReady(3600.0, &error); });
@@ -199,7 +199,7 @@ TEST_F(ClientLifecycle, ClosingAPlainObjectDoesNothing) {
 
 TEST_F(ClientLifecycle, ANilErrorBecomesCodeSeven) {
   const auto listener = mute();
-  ClientEnd client(kName);
+  ClientEnd client(kLifecycleName);
   listener->waitForClient()->call<&VeltoCommunicationMessageProtocol::connectionError>(NSError(nil));
   const Event event = client.delegate->waitForError("Unknown error sent from listener");
   EXPECT_TRUE(event.connectionID.isNil());
@@ -211,7 +211,7 @@ TEST_F(ClientLifecycle, ANilErrorBecomesCodeSeven) {
 
 TEST_F(ClientLifecycle, ANilIdentifierIsStoredLikeAnyOtherAndASecondOneReplacesIt) {
   const auto listener = mute();
-  ClientEnd client(kName);
+  ClientEnd client(kLifecycleName);
   const auto proxy = listener->waitForClient();
   proxy->call<&VeltoCommunicationMessageProtocol::connectionUUID>(NSString(nil));
   client.delegate->waitForReadies(1);
@@ -228,7 +228,7 @@ TEST_F(ClientLifecycle, ANilIdentifierIsStoredLikeAnyOtherAndASecondOneReplacesI
 
 TEST_F(ClientLifecycle, ADelegateSetLaterHearsOfTheClientsOwnEvents) {
   const auto listener = mute();
-  ClientEnd client(kName);
+  ClientEnd client(kLifecycleName);
   const auto proxy = listener->waitForClient();
   const auto second = std::make_shared<RecordingDelegate>();
   client.connection->setDelegate(second);
@@ -243,10 +243,10 @@ TEST_F(ClientLifecycle, ADelegateSetLaterHearsOfTheClientsOwnEvents) {
 }
 
 TEST_F(ClientLifecycle, TheDelegateIsNotKeptAlive) {
-  ListenerEnd server(kName);
+  ListenerEnd server(kLifecycleName);
   auto delegate = std::make_shared<RecordingDelegate>();
   const std::weak_ptr<RecordingDelegate> gone = delegate;
-  const auto connection = VeltoConnection::initWithServiceName(kName, delegate);
+  const auto connection = VeltoConnection::initWithServiceName(kLifecycleName, delegate);
   ASSERT_TRUE(connection->waitUntilReady(20.0));
   delegate->waitForReadies(1);
   delegate.reset();
@@ -257,10 +257,10 @@ TEST_F(ClientLifecycle, TheDelegateIsNotKeptAlive) {
 }
 
 TEST_F(ClientLifecycle, AnEstablishedConnectionKeepsItselfAliveUntilItIsClosed) {
-  ListenerEnd server(kName);
+  ListenerEnd server(kLifecycleName);
   server.delegate->echo();
   const auto delegate = std::make_shared<RecordingDelegate>();
-  auto connection = VeltoConnection::initWithServiceName(kName, delegate);
+  auto connection = VeltoConnection::initWithServiceName(kLifecycleName, delegate);
   ASSERT_TRUE(connection->waitUntilReady(20.0));
   const std::weak_ptr<VeltoConnection> alive = connection;
   connection.reset();
@@ -274,7 +274,7 @@ TEST_F(ClientLifecycle, AnEstablishedConnectionKeepsItselfAliveUntilItIsClosed) 
 
 TEST_F(ClientLifecycle, OneThatIsNotEstablishedEndsWhenItIsLetGoOfAndItsLinkIsTold) {
   const auto delegate = std::make_shared<RecordingDelegate>();
-  auto connection = VeltoConnection::initWithServiceName(kName, delegate);
+  auto connection = VeltoConnection::initWithServiceName(kLifecycleName, delegate);
   delegate->waitForError("Listener not available");
   const std::weak_ptr<VeltoConnection> alive = connection;
   connection.reset();

@@ -9,8 +9,6 @@
 namespace velto::testing {
 namespace {
 
-const NSDictionary kMessage{{"text", "hello"}, {"number", 7}};
-
 using ClientMessaging = LibraryTest;
 
 TEST_F(ClientMessaging, BeforeTheIdentifierHasArrivedASendFails) {
@@ -20,11 +18,11 @@ TEST_F(ClientMessaging, BeforeTheIdentifierHasArrivedASendFails) {
   listener->exported->waitFor("ping");
   std::atomic<bool> replied{false};
   NSError error;
-  EXPECT_FALSE(client.connection->sendMessage(kMessage, &error, [&](const NSDictionary&) { replied = true; }));
+  EXPECT_FALSE(client.connection->sendMessage(kHelloAndNumber, &error, [&](const NSDictionary&) { replied = true; }));
   expectError(error, 2, "Connection is not available");
-  EXPECT_TRUE(client.connection->sendMessageSync(kMessage, 20.0, &error).isNil());
+  EXPECT_TRUE(client.connection->sendMessageSync(kHelloAndNumber, 20.0, &error).isNil());
   expectError(error, 2, "Connection is not available");
-  EXPECT_FALSE(client.connection->sendMessage(kMessage)) << "without an out-pointer";
+  EXPECT_FALSE(client.connection->sendMessage(kHelloAndNumber)) << "without an out-pointer";
   EXPECT_EQ(log.count(0, "VeltoConnection Connection is not available or connectionUUID is nil"), 3u) << log.text();
   EXPECT_FALSE(replied);
   EXPECT_EQ(listener->exported->calls().size(), 1u);
@@ -34,10 +32,10 @@ TEST_F(ClientMessaging, ASendWithoutHandlerSucceedsAndItsReplyIsIgnored) {
   Pair pair;
   pair.server.delegate->echo();
   NSError error;
-  EXPECT_TRUE(pair.client.connection->sendMessage(kMessage, &error));
+  EXPECT_TRUE(pair.client.connection->sendMessage(kHelloAndNumber, &error));
   EXPECT_TRUE(error.isNil());
   pair.roundTrip();
-  EXPECT_EQ(pair.server.delegate->messages().at(0).message, kMessage);
+  EXPECT_EQ(pair.server.delegate->messages().at(0).message, kHelloAndNumber);
   EXPECT_TRUE(pair.server.delegate->messages().at(0).reply) << "the listener must be given a handler";
   EXPECT_TRUE(pair.client.delegate->errors().empty());
 }
@@ -132,13 +130,13 @@ TEST_F(ClientMessaging, AMessageForAnotherIdentifierIsReportedAtBothEndsAndDropp
   client.delegate->echo();
   std::atomic<int> foreignReplies{0};
   const VeltoReplyHandler count = [&](const NSDictionary&) { ++foreignReplies; };
-  proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(NSString("somebody else's"), kMessage, count);
-  proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(NSString(nil), kMessage, count);
+  proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(NSString("somebody else's"), kHelloAndNumber, count);
+  proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(NSString(nil), kHelloAndNumber, count);
   std::promise<NSDictionary> replied;
   proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(
-      NSString("mine"), kMessage, [&](const NSDictionary& reply) { replied.set_value(reply); });
+      NSString("mine"), kHelloAndNumber, [&](const NSDictionary& reply) { replied.set_value(reply); });
   std::future<NSDictionary> reply = replied.get_future();
-  EXPECT_EQ(finish(reply), kMessage);
+  EXPECT_EQ(finish(reply), kHelloAndNumber);
 
   client.delegate->waitForErrors(2);
   for (const Event& event : client.delegate->errors()) {
@@ -162,8 +160,8 @@ TEST_F(ClientMessaging, EachReceivedMessageIsLoggedUnderItsOwnLabel) {
     reply({{"call", 1}});
     reply({{"call", 2}});
   });
-  EXPECT_EQ(pair.server.listener->sendMessageSync(kMessage, pair.id, 20.0), NSDictionary({{"call", 1}}));
-  EXPECT_EQ(pair.server.listener->sendMessageSync(kMessage, pair.id, 20.0), NSDictionary({{"call", 1}}));
+  EXPECT_EQ(pair.server.listener->sendMessageSync(kHelloAndNumber, pair.id, 20.0), NSDictionary({{"call", 1}}));
+  EXPECT_EQ(pair.server.listener->sendMessageSync(kHelloAndNumber, pair.id, 20.0), NSDictionary({{"call", 1}}));
   ASSERT_TRUE(log.waitForContaining(2, " handler called by delegate", 4));
   const auto sent = log.containing(2, " handler sent to delegate");
   ASSERT_EQ(sent.size(), 2u) << log.text();
@@ -180,7 +178,7 @@ TEST_F(ClientMessaging, AfterCloseASendFails) {
   Pair pair;
   pair.client.connection->close();
   NSError error;
-  EXPECT_FALSE(pair.client.connection->sendMessage(kMessage, &error));
+  EXPECT_FALSE(pair.client.connection->sendMessage(kHelloAndNumber, &error));
   expectError(error, 2, "Connection is not available");
   EXPECT_FALSE(pair.client.connection->messageValid(NSUUID::UUID()));
 }

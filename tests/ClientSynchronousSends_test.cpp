@@ -7,8 +7,6 @@
 namespace velto::testing {
 namespace {
 
-const NSDictionary kMessage{{"text", "hello"}, {"number", 7}};
-
 struct Outcome {
   NSDictionary reply;
   NSError error;
@@ -32,12 +30,14 @@ TEST_F(ClientSynchronousSends, ASynchronousSendReturnsTheReply) {
     reply({{"echo", message}});
   });
   NSError error;
-  EXPECT_EQ(pair.client.connection->sendMessageSync(kMessage, 20.0, &error), NSDictionary({{"echo", kMessage}}));
+  EXPECT_EQ(pair.client.connection->sendMessageSync(kHelloAndNumber, 20.0, &error),
+            NSDictionary({{"echo", kHelloAndNumber}}));
   EXPECT_TRUE(error.isNil());
   const Event received = pair.server.delegate->messages().at(0);
-  EXPECT_EQ(received.message, kMessage);
+  EXPECT_EQ(received.message, kHelloAndNumber);
   EXPECT_EQ(received.connectionID, pair.id);
-  EXPECT_EQ(log.count(2, "Sending the VeltoConnection Message " + kMessage.description().string() + " with the handle"),
+  EXPECT_EQ(log.count(2, "Sending the VeltoConnection Message " + kHelloAndNumber.description().string() +
+                             " with the handle"),
             1u)
       << log.text();
 }
@@ -47,7 +47,7 @@ TEST_F(ClientSynchronousSends, ANilReplyEndsTheWaitWithoutError) {
   pair.server.delegate->onMessage(
       [](const NSDictionary&, const NSString&, const VeltoReplyHandler& reply) { reply(nil); });
   NSError error;
-  EXPECT_TRUE(pair.client.connection->sendMessageSync(kMessage, 20.0, &error).isNil());
+  EXPECT_TRUE(pair.client.connection->sendMessageSync(kHelloAndNumber, 20.0, &error).isNil());
   EXPECT_TRUE(error.isNil()) << error.description().view();
 }
 
@@ -57,9 +57,9 @@ TEST_F(ClientSynchronousSends, ANegativeTimeOutIsNotValidAndSendsNothing) {
   clearLogOfHandshake();
   for (const double timeout : {-0.5, -1.5, -1e300, -HUGE_VAL}) {
     NSError error;
-    EXPECT_TRUE(pair.client.connection->sendMessageSync(kMessage, timeout, &error).isNil());
+    EXPECT_TRUE(pair.client.connection->sendMessageSync(kHelloAndNumber, timeout, &error).isNil());
     expectError(error, 6, "Timed out value is not valid");
-    EXPECT_TRUE(pair.client.connection->sendMessageSync(kMessage, timeout).isNil());
+    EXPECT_TRUE(pair.client.connection->sendMessageSync(kHelloAndNumber, timeout).isNil());
   }
   EXPECT_TRUE(log.lines().empty()) << log.text();
   pair.roundTrip();
@@ -68,7 +68,7 @@ TEST_F(ClientSynchronousSends, ANegativeTimeOutIsNotValidAndSendsNothing) {
 
 TEST_F(ClientSynchronousSends, ForEverWaitsForTheReply) {
   Pair pair;
-  auto call = sendInBackground(pair.client.connection, kMessage, VKT_IPC_TIME_FOREVER);
+  auto call = sendInBackground(pair.client.connection, kHelloAndNumber, VKT_IPC_TIME_FOREVER);
   pair.server.delegate->waitForMessages(1);
   EXPECT_EQ(call.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout) << "it did not wait";
   pair.server.delegate->messages().at(0).reply({{"at", "last"}});
@@ -83,9 +83,9 @@ TEST_F(ClientSynchronousSends, ForEverIsReadAtEachCall) {
   const double former = VKT_IPC_TIME_FOREVER;
   EXPECT_EQ(former, -1.0);
   VKT_IPC_TIME_FOREVER = -7.0;
-  EXPECT_EQ(pair.client.connection->sendMessageSync(kMessage, -7.0), kMessage);
+  EXPECT_EQ(pair.client.connection->sendMessageSync(kHelloAndNumber, -7.0), kHelloAndNumber);
   NSError error;
-  EXPECT_TRUE(pair.client.connection->sendMessageSync(kMessage, -1.0, &error).isNil());
+  EXPECT_TRUE(pair.client.connection->sendMessageSync(kHelloAndNumber, -1.0, &error).isNil());
   expectError(error, 6, "Timed out value is not valid");
   VKT_IPC_TIME_FOREVER = former;
 }
@@ -93,9 +93,9 @@ TEST_F(ClientSynchronousSends, ForEverIsReadAtEachCall) {
 TEST_F(ClientSynchronousSends, ZeroSendsTheMessageAndReturnsAtOnce) {
   Pair pair;
   NSError error;
-  EXPECT_TRUE(pair.client.connection->sendMessageSync(kMessage, 0.0, &error).isNil());
+  EXPECT_TRUE(pair.client.connection->sendMessageSync(kHelloAndNumber, 0.0, &error).isNil());
   expectError(error, 6, "Timed out waiting");
-  EXPECT_TRUE(pair.client.connection->sendMessageSync(kMessage, std::nan(""), &error).isNil());
+  EXPECT_TRUE(pair.client.connection->sendMessageSync(kHelloAndNumber, std::nan(""), &error).isNil());
   expectError(error, 6, "Timed out waiting");
   EXPECT_TRUE(pair.server.delegate->waitForMessages(2));
 }
@@ -120,7 +120,7 @@ TEST_F(ClientSynchronousSends, ATimeOutLastsAsLongAsItSays) {
   Pair pair;
   const auto start = std::chrono::steady_clock::now();
   NSError error;
-  EXPECT_TRUE(pair.client.connection->sendMessageSync(kMessage, 0.25, &error).isNil());
+  EXPECT_TRUE(pair.client.connection->sendMessageSync(kHelloAndNumber, 0.25, &error).isNil());
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(250));
   expectError(error, 6, "Timed out waiting");
 }
@@ -140,8 +140,8 @@ TEST_F(ClientSynchronousSends, AReplyAfterTheTimeOutIsDiscarded) {
 
 TEST_F(ClientSynchronousSends, CloseEndsASynchronousWait) {
   Pair pair;
-  auto endless = sendInBackground(pair.client.connection, kMessage, VKT_IPC_TIME_FOREVER);
-  auto bounded = sendInBackground(pair.client.connection, kMessage, 3600.0);
+  auto endless = sendInBackground(pair.client.connection, kHelloAndNumber, VKT_IPC_TIME_FOREVER);
+  auto bounded = sendInBackground(pair.client.connection, kHelloAndNumber, 3600.0);
   pair.server.delegate->waitForMessages(2);
   pair.client.connection->close();
   for (auto* call : {&endless, &bounded}) {
@@ -157,7 +157,7 @@ TEST_F(ClientSynchronousSends, CloseAtAnyMomentOfASynchronousSendEndsIt) {
     ClientEnd client("org.velto.test.moment");
     client.ready();
     const std::size_t before = server.delegate->messages().size();
-    auto call = sendInBackground(client.connection, kMessage, VKT_IPC_TIME_FOREVER);
+    auto call = sendInBackground(client.connection, kHelloAndNumber, VKT_IPC_TIME_FOREVER);
     // Rounds differ in how far the send has come: perhaps not begun, or waiting.
     if (round % 2 != 0) server.delegate->waitForMessages(before + 1);
     client.connection->close();

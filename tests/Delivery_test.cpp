@@ -15,8 +15,7 @@
 namespace velto::testing {
 namespace {
 
-const NSDictionary kMessage{{"text", "hello"}};
-constexpr char kName[] = "org.velto.test.delivery";
+constexpr char kDeliveryName[] = "org.velto.test.delivery";
 
 bool dispatchUntil(const Loop& loop, const std::function<bool()>& predicate) {
   const auto end = std::chrono::steady_clock::now() + kBound;
@@ -50,11 +49,11 @@ class Strays {
 class Deliveries : public LibraryTest {
  protected:
   void serve(const Delivery& delivery) {
-    server = VeltoListener::initWithServiceName(kName, atServer, delivery);
+    server = VeltoListener::initWithServiceName(kDeliveryName, atServer, delivery);
     settle(server->daemonConnection());
   }
   void connect(const Delivery& delivery) {
-    client = VeltoConnection::initWithServiceName(kName, atClient, delivery);
+    client = VeltoConnection::initWithServiceName(kDeliveryName, atClient, delivery);
     ASSERT_TRUE(client->waitUntilReady(20.0));
   }
   void closeBoth() const {
@@ -86,15 +85,15 @@ TEST_F(Deliveries, OfBothEndsInOneLoopHappenThereAndNowhereElse) {
   EXPECT_TRUE(atServer->events().empty());
   EXPECT_TRUE(atClient->events().empty());
   NSDictionary reply;
-  ASSERT_TRUE(client->sendMessage(kMessage, nullptr, [&](NSDictionary came) {
+  ASSERT_TRUE(client->sendMessage(kHello, nullptr, [&](NSDictionary came) {
     strays.look();
     reply = std::move(came);
   }));
   ASSERT_TRUE(dispatchUntil(loop, [&] { return !reply.isNil(); }));
-  EXPECT_EQ(reply, kMessage);
+  EXPECT_EQ(reply, kHello);
   EXPECT_EQ(atServer->events().front().kind, Event::Kind::ready);
   EXPECT_EQ(atClient->readies().size(), 1u);
-  ASSERT_TRUE(server->sendMessage(kMessage, client->getID()));
+  ASSERT_TRUE(server->sendMessage(kHello, client->getID()));
   ASSERT_TRUE(dispatchUntil(loop, [&] { return atClient->messages().size() == 1; }));
   closeBoth();
   EXPECT_TRUE(dispatchUntil(loop, [&] { return haveHeardOfTheEnds(); }));
@@ -144,7 +143,7 @@ TEST_F(Deliveries, InALoopKeepNobodyFromWaitingOnItsThread) {
   serve({});
   atServer->echo();
   connect(loop);
-  EXPECT_EQ(client->sendMessageSync(kMessage, VKT_IPC_TIME_FOREVER), kMessage);
+  EXPECT_EQ(client->sendMessageSync(kHello, VKT_IPC_TIME_FOREVER), kHello);
   EXPECT_FALSE(client->sendMessageSync({{"date", NSDate::date()}}, VKT_IPC_TIME_FOREVER, &error));
   expectError(error, 3, "SendMessage failed message type check");
   EXPECT_TRUE(atClient->events().empty());
@@ -158,9 +157,9 @@ TEST_F(Deliveries, OfAClientThatSleepsOnTheThreadOfItsLoopAreNotNeededForItsEnd)
   connect(loop);
   atServer->onMessage([&](const NSDictionary&, const NSString& id, const VeltoReplyHandler&) { server->close(id); });
   NSError error;
-  EXPECT_FALSE(client->sendMessageSync(kMessage, VKT_IPC_TIME_FOREVER, &error));
+  EXPECT_FALSE(client->sendMessageSync(kHello, VKT_IPC_TIME_FOREVER, &error));
   expectError(error, 6, "Timed out waiting");
-  EXPECT_TRUE(eventually([&] { return !client->sendMessage(kMessage); }));
+  EXPECT_TRUE(eventually([&] { return !client->sendMessage(kHello); }));
   closeBoth();
   EXPECT_TRUE(dispatchUntil(loop, [&] { return haveHeardOfTheEnds(); }));
 }
@@ -172,7 +171,7 @@ TEST_F(Deliveries, OfAListenerThatSleepsOnTheThreadOfItsLoopAreNotNeededForTheEn
   ASSERT_TRUE(dispatchUntil(loop, [&] { return atServer->readies().size() == 1; }));
   atClient->onMessage([&](const NSDictionary&, const NSString&, const VeltoReplyHandler&) { client->close(); });
   NSError error;
-  EXPECT_FALSE(server->sendMessageSync(kMessage, client->getID(), VKT_IPC_TIME_FOREVER, &error));
+  EXPECT_FALSE(server->sendMessageSync(kHello, client->getID(), VKT_IPC_TIME_FOREVER, &error));
   expectError(error, 6, "Timed out waiting");
   closeBoth();
   EXPECT_TRUE(dispatchUntil(loop, [&] { return haveHeardOfTheEnds(); }));
@@ -231,7 +230,7 @@ TEST_F(Deliveries, ThatNobodyMakesAnyMoreKeepNothing) {
     std::optional<Loop> loop(std::in_place);
     serve(*loop);
     connect(*loop);
-    ASSERT_TRUE(client->sendMessage(kMessage, nullptr, [held = client](const NSDictionary&) {}));
+    ASSERT_TRUE(client->sendMessage(kHello, nullptr, [held = client](const NSDictionary&) {}));
     closeBoth();
     const std::weak_ptr<VeltoListener> weakServer = std::exchange(server, nullptr);
     const std::weak_ptr<VeltoConnection> weakClient = std::exchange(client, nullptr);

@@ -9,7 +9,7 @@
 namespace velto::testing {
 namespace {
 
-constexpr const char* kName = "org.velto.test.acceptance";
+constexpr const char* kAcceptanceName = "org.velto.test.acceptance";
 
 using ListenerAcceptance = LibraryTest;
 
@@ -20,9 +20,9 @@ std::size_t tableSize(const NSMutableDictionary& table, const std::shared_ptr<Ve
 
 TEST_F(ListenerAcceptance, StartAndAcceptanceAreLoggedStepByStep) {
   log.clear();
-  ListenerEnd server(kName);
+  ListenerEnd server(kAcceptanceName);
   EXPECT_TRUE(log.inOrder({{2, "DaemonConnection Created"}, {2, "Sending ListenerEndpoint"}})) << log.text();
-  ClientEnd client(kName);
+  ClientEnd client(kAcceptanceName);
   const std::string id = client.ready().string();
   ASSERT_TRUE(log.waitFor(2, "VeltoConnection Pinged VeltoListener"));
   EXPECT_TRUE(log.inOrder({{2, "VeltoListener Setting Up New Connection: " + id},
@@ -33,9 +33,9 @@ TEST_F(ListenerAcceptance, StartAndAcceptanceAreLoggedStepByStep) {
 }
 
 TEST_F(ListenerAcceptance, TwoClientsGetTheirOwnIdentifiersAndEntries) {
-  ListenerEnd server(kName);
-  ClientEnd one(kName);
-  ClientEnd other(kName);
+  ListenerEnd server(kAcceptanceName);
+  ClientEnd one(kAcceptanceName);
+  ClientEnd other(kAcceptanceName);
   const NSString first = one.ready();
   const NSString second = other.ready();
   EXPECT_NE(first, second);
@@ -52,30 +52,30 @@ TEST_F(ListenerAcceptance, TwoClientsGetTheirOwnIdentifiersAndEntries) {
 }
 
 TEST_F(ListenerAcceptance, WhoComesAgainGetsANewIdentifierAndTheOldOneIsGone) {
-  ListenerEnd server(kName);
+  ListenerEnd server(kAcceptanceName);
   NSString old;
   {
-    ClientEnd client(kName);
+    ClientEnd client(kAcceptanceName);
     old = client.ready();
   }
   EXPECT_EQ(server.delegate->waitForError("Connection invalidated").connectionID, old);
   ASSERT_TRUE(log.waitFor(2, "Cleared out connections and objects for " + old.string()));
   EXPECT_EQ(server.entries(old), kNoEntries);
   EXPECT_FALSE(server.listener->isConnectionActive_internal(old));
-  ClientEnd again(kName);
+  ClientEnd again(kAcceptanceName);
   EXPECT_NE(again.ready(), old);
   EXPECT_EQ(tableSize(server.listener->receivedConnections(), server.listener), 1u);
 }
 
 TEST_F(ListenerAcceptance, WhenAClientGoesTheDelegateHearsOfItBeforeTheEntriesAreCleared) {
-  ListenerEnd server(kName);
+  ListenerEnd server(kAcceptanceName);
   ListenerEnd::Entries meanwhile = kNoEntries;
   server.delegate->onError([&](const NSString& id, const NSError&) {
     if (id) meanwhile = server.entries(id);
   });
   std::string id;
   {
-    ClientEnd client(kName);
+    ClientEnd client(kAcceptanceName);
     id = client.ready().string();
   }
   ASSERT_TRUE(log.waitFor(2, "Cleared out connections and objects for " + id));
@@ -89,7 +89,7 @@ TEST_F(ListenerAcceptance, WhenAClientGoesTheDelegateHearsOfItBeforeTheEntriesAr
 }
 
 TEST_F(ListenerAcceptance, InsideConnectionReadyTheConnectionIsActiveButCannotBeSentTo) {
-  ListenerEnd server(kName);
+  ListenerEnd server(kAcceptanceName);
   std::promise<ListenerEnd::Entries> seen;
   server.delegate->onReady([&](const NSString& id) {
     EXPECT_TRUE(server.listener->isConnectionActive_internal(id));
@@ -100,7 +100,7 @@ TEST_F(ListenerAcceptance, InsideConnectionReadyTheConnectionIsActiveButCannotBe
     EXPECT_FALSE(server.listener->sendMessage({{"too", "early"}}, id));
     seen.set_value(server.entries(id));
   });
-  ClientEnd client(kName);
+  ClientEnd client(kAcceptanceName);
   client.ready();
   std::future<ListenerEnd::Entries> entries = seen.get_future();
   EXPECT_EQ(finish(entries), (ListenerEnd::Entries{.connection = true, .proxy = false, .conditions = true}));
@@ -109,8 +109,8 @@ TEST_F(ListenerAcceptance, InsideConnectionReadyTheConnectionIsActiveButCannotBe
 }
 
 TEST_F(ListenerAcceptance, TheClientIsToldOfTypesThenOfItsIdentifierAfterConnectionReadyHasReturned) {
-  ListenerEnd server(kName);
-  BareClient client(TestLink().find(kName));
+  ListenerEnd server(kAcceptanceName);
+  BareClient client(TestLink().find(kAcceptanceName));
   std::promise<std::size_t> toldMeanwhile;
   server.delegate->onReady([&](const NSString&) { toldMeanwhile.set_value(client.exported->calls().size()); });
   const NSString id = client.handshake();
@@ -135,12 +135,12 @@ TEST_F(ListenerAcceptance, TheClientIsToldOfTypesThenOfItsIdentifierAfterConnect
 
 TEST_F(ListenerAcceptance, StrictTypesReachOnlyClientsThatComeLater) {
   const NSDictionary dated{{"when", NSDate::dateWithTimeIntervalSince1970(5)}};
-  ListenerEnd server(kName);
+  ListenerEnd server(kAcceptanceName);
   server.delegate->echo();
-  ClientEnd before(kName);
+  ClientEnd before(kAcceptanceName);
   before.ready();
   server.listener->setStrictMessageTypes(false);
-  ClientEnd after(kName);
+  ClientEnd after(kAcceptanceName);
   after.ready();
   NSError error;
   EXPECT_TRUE(before.connection->sendMessageSync(dated, 20.0, &error).isNil());
@@ -170,9 +170,9 @@ TEST_F(ListenerAcceptance, APlainListenerIsKnownToNobody) {
 // connection here, so that the end of the connection finds no listener.
 TEST_F(ListenerAcceptance, AfterTheListenerIsReleasedAnArrivingInvalidationOnlyLogs) {
   const auto delegate = std::make_shared<RecordingDelegate>();
-  auto listener = VeltoListener::initWithServiceName(kName, delegate);
+  auto listener = VeltoListener::initWithServiceName(kAcceptanceName, delegate);
   settle(listener->daemonConnection());
-  ClientEnd client(kName);
+  ClientEnd client(kAcceptanceName);
   const NSString id = client.ready();
   const std::weak_ptr<VeltoListener> gone = listener;
   auto connection = unbox<NSXPCConnection>(listener->receivedConnections()[id]);
@@ -190,9 +190,9 @@ TEST_F(ListenerAcceptance, AfterTheListenerIsReleasedAnArrivingInvalidationOnlyL
 TEST_F(ListenerAcceptance, ALetGoListenerWithALiveClientGoesOnUntilThatClientLeaves) {
   const auto delegate = std::make_shared<RecordingDelegate>();
   delegate->echo();
-  auto listener = VeltoListener::initWithServiceName(kName, delegate);
+  auto listener = VeltoListener::initWithServiceName(kAcceptanceName, delegate);
   settle(listener->daemonConnection());
-  auto client = std::make_unique<ClientEnd>(kName);
+  auto client = std::make_unique<ClientEnd>(kAcceptanceName);
   client->ready();
   const std::weak_ptr<VeltoListener> gone = listener;
   listener.reset();

@@ -7,8 +7,6 @@
 namespace velto::testing {
 namespace {
 
-const NSDictionary kMessage{{"text", "hello"}, {"number", 7}};
-
 using ListenerMessaging = LibraryTest;
 
 TEST_F(ListenerMessaging, AnUnknownIdentifierFailsAndRegistersNothing) {
@@ -33,10 +31,10 @@ TEST_F(ListenerMessaging, ASendWithoutHandlerSucceedsAndItsReplyIsDiscarded) {
   Pair pair;
   pair.client.delegate->echo();
   NSError error;
-  EXPECT_TRUE(pair.server.listener->sendMessage(kMessage, pair.id, &error));
+  EXPECT_TRUE(pair.server.listener->sendMessage(kHelloAndNumber, pair.id, &error));
   EXPECT_TRUE(error.isNil());
   EXPECT_EQ(pair.server.listener->sendMessageSync({{"after", true}}, pair.id, 20.0), NSDictionary({{"after", true}}));
-  EXPECT_EQ(pair.client.delegate->messages().at(0).message, kMessage);
+  EXPECT_EQ(pair.client.delegate->messages().at(0).message, kHelloAndNumber);
   EXPECT_TRUE(pair.client.delegate->messages().at(0).reply) << "the client must be given a handler";
   EXPECT_TRUE(pair.server.delegate->errors().empty());
 }
@@ -49,9 +47,9 @@ TEST_F(ListenerMessaging, AnIdentifierThatWasNeverIssuedReachesTheDelegateUnchan
   for (const NSString& stated : {NSString("made up"), NSString(""), NSString(nil)}) {
     std::promise<NSDictionary> replied;
     client.proxy->call<&VeltoCommunicationMessageProtocol::connectionID>(
-        stated, kMessage, [&](const NSDictionary& reply) { replied.set_value(reply); });
+        stated, kHelloAndNumber, [&](const NSDictionary& reply) { replied.set_value(reply); });
     std::future<NSDictionary> reply = replied.get_future();
-    EXPECT_EQ(finish(reply), kMessage);
+    EXPECT_EQ(finish(reply), kHelloAndNumber);
     EXPECT_EQ(server.delegate->messages().back().connectionID, stated);
   }
   EXPECT_TRUE(server.delegate->errors().empty());

@@ -10,8 +10,6 @@
 namespace velto::testing {
 namespace {
 
-const NSDictionary kMessage{{"text", "hello"}, {"number", 7}};
-
 struct Outcome {
   NSDictionary reply;
   NSError error;
@@ -34,9 +32,10 @@ TEST_F(ListenerSynchronousSends, ASynchronousSendReturnsTheReply) {
   });
   clearLogOfHandshake();
   NSError error;
-  EXPECT_EQ(pair.server.listener->sendMessageSync(kMessage, pair.id, 20.0, &error), NSDictionary({{"echo", kMessage}}));
+  EXPECT_EQ(pair.server.listener->sendMessageSync(kHelloAndNumber, pair.id, 20.0, &error),
+            NSDictionary({{"echo", kHelloAndNumber}}));
   EXPECT_TRUE(error.isNil());
-  EXPECT_EQ(pair.client.delegate->messages().at(0).message, kMessage);
+  EXPECT_EQ(pair.client.delegate->messages().at(0).message, kHelloAndNumber);
   EXPECT_EQ(pair.client.delegate->messages().at(0).connectionID, pair.id);
   EXPECT_TRUE(log.containing(2, "Sending").empty()) << "a successful send writes no line";
   EXPECT_EQ(pair.server.waiting(pair.id), 0u);
@@ -46,7 +45,7 @@ TEST_F(ListenerSynchronousSends, ATimeOutOfZeroSendsAndEndsAtOnce) {
   Pair pair;
   for (const double timeout : {0.0, std::nan("")}) {
     NSError error;
-    EXPECT_TRUE(pair.server.listener->sendMessageSync(kMessage, pair.id, timeout, &error).isNil());
+    EXPECT_TRUE(pair.server.listener->sendMessageSync(kHelloAndNumber, pair.id, timeout, &error).isNil());
     expectError(error, 6, "Timed out waiting");
   }
   EXPECT_TRUE(pair.client.delegate->waitForMessages(2));
@@ -71,21 +70,21 @@ TEST_F(ListenerSynchronousSends, ATimeOutOfZeroReturnsTheReplyOnlyIfThatWasFaste
 
 TEST_F(ListenerSynchronousSends, ForEverWaitsForTheReplyAndAnyOtherNegativeTimeOutIsNotValid) {
   Pair pair;
-  auto call = sendInBackground(pair, kMessage, -1.0);
+  auto call = sendInBackground(pair, kHelloAndNumber, -1.0);
   pair.client.delegate->waitForMessages(1);
   EXPECT_EQ(call.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout) << "it did not wait";
   clearLogOfHandshake();
   for (const double timeout : {-0.5, -1.5, -HUGE_VAL}) {
     NSError error;
-    EXPECT_TRUE(pair.server.listener->sendMessageSync(kMessage, pair.id, timeout, &error).isNil());
+    EXPECT_TRUE(pair.server.listener->sendMessageSync(kHelloAndNumber, pair.id, timeout, &error).isNil());
     expectError(error, 6, "Timed out value is not valid");
   }
   EXPECT_TRUE(log.lines().empty()) << log.text();
   EXPECT_EQ(pair.server.waiting(pair.id), 1u) << "only the endless one";
-  pair.client.delegate->messages().at(0).reply(kMessage);
-  EXPECT_EQ(finish(call).reply, kMessage);
+  pair.client.delegate->messages().at(0).reply(kHelloAndNumber);
+  EXPECT_EQ(finish(call).reply, kHelloAndNumber);
   pair.client.delegate->echo();
-  EXPECT_EQ(pair.server.listener->sendMessageSync(kMessage, pair.id, 20.0), kMessage);
+  EXPECT_EQ(pair.server.listener->sendMessageSync(kHelloAndNumber, pair.id, 20.0), kHelloAndNumber);
   EXPECT_EQ(pair.client.delegate->messages().size(), 2u) << "the refused ones were not sent";
 }
 
@@ -94,9 +93,9 @@ TEST_F(ListenerSynchronousSends, ForEverIsReadAtEachCall) {
   pair.client.delegate->echo();
   const double former = VKT_IPC_TIME_FOREVER;
   VKT_IPC_TIME_FOREVER = -7.0;
-  EXPECT_EQ(pair.server.listener->sendMessageSync(kMessage, pair.id, -7.0), kMessage);
+  EXPECT_EQ(pair.server.listener->sendMessageSync(kHelloAndNumber, pair.id, -7.0), kHelloAndNumber);
   NSError error;
-  EXPECT_TRUE(pair.server.listener->sendMessageSync(kMessage, pair.id, -1.0, &error).isNil());
+  EXPECT_TRUE(pair.server.listener->sendMessageSync(kHelloAndNumber, pair.id, -1.0, &error).isNil());
   expectError(error, 6, "Timed out value is not valid");
   VKT_IPC_TIME_FOREVER = former;
 }
@@ -106,7 +105,7 @@ TEST_F(ListenerSynchronousSends, ASynchronousSendInsideConnectionReadyFailsAndLe
   server.delegate->onReady([&](const NSString& id) {
     for (std::size_t sends = 1; sends <= 3; ++sends) {
       NSError error;
-      EXPECT_TRUE(server.listener->sendMessageSync(kMessage, id, 20.0, &error).isNil());
+      EXPECT_TRUE(server.listener->sendMessageSync(kHelloAndNumber, id, 20.0, &error).isNil());
       expectError(error, 2, "Connection is not available");
       EXPECT_EQ(server.waiting(id), sends);
     }
@@ -115,7 +114,7 @@ TEST_F(ListenerSynchronousSends, ASynchronousSendInsideConnectionReadyFailsAndLe
   const NSString id = client.ready();
   EXPECT_EQ(server.waiting(id), 3u);
   client.delegate->echo();
-  EXPECT_EQ(server.listener->sendMessageSync(kMessage, id, 20.0), kMessage);
+  EXPECT_EQ(server.listener->sendMessageSync(kHelloAndNumber, id, 20.0), kHelloAndNumber);
   EXPECT_EQ(server.waiting(id), 3u);
   server.listener->close(id);
   EXPECT_EQ(server.waiting(id), 0u);
@@ -135,14 +134,14 @@ TEST_F(ListenerSynchronousSends, ASynchronousSendThatFailsTheTypeCheckLeavesItsC
   EXPECT_EQ(log.count(0, "VeltoIPCListener SendMessage failed message type check"), 2u) << log.text();
   EXPECT_EQ(log.containing(0, "Failed Type Checking with the following object").size(), 2u) << log.text();
   pair.client.delegate->echo();
-  EXPECT_EQ(pair.server.listener->sendMessageSync(kMessage, pair.id, 20.0), kMessage);
+  EXPECT_EQ(pair.server.listener->sendMessageSync(kHelloAndNumber, pair.id, 20.0), kHelloAndNumber);
   EXPECT_EQ(pair.client.delegate->messages().size(), 1u) << "the refused ones were not sent";
 }
 
 TEST_F(ListenerSynchronousSends, ClosingTheConnectionEndsAWaitAsATimeOut) {
   Pair pair;
-  auto endless = sendInBackground(pair, kMessage, VKT_IPC_TIME_FOREVER);
-  auto bounded = sendInBackground(pair, kMessage, 3600.0);
+  auto endless = sendInBackground(pair, kHelloAndNumber, VKT_IPC_TIME_FOREVER);
+  auto bounded = sendInBackground(pair, kHelloAndNumber, 3600.0);
   pair.client.delegate->waitForMessages(2);
   pair.server.listener->close(pair.id);
   for (auto* call : {&endless, &bounded}) {
@@ -154,7 +153,7 @@ TEST_F(ListenerSynchronousSends, ClosingTheConnectionEndsAWaitAsATimeOut) {
 
 TEST_F(ListenerSynchronousSends, TheClientsLeavingEndsAWaitAsATimeOut) {
   Pair pair;
-  auto call = sendInBackground(pair, kMessage, VKT_IPC_TIME_FOREVER);
+  auto call = sendInBackground(pair, kHelloAndNumber, VKT_IPC_TIME_FOREVER);
   pair.client.delegate->waitForMessages(1);
   pair.client.connection->close();
   const Outcome outcome = finish(call);
@@ -183,7 +182,7 @@ TEST_F(ListenerSynchronousSends, AReplyThatCameTogetherWithTheCloseIsReturnedWit
   auto call = inBackground([&] {
     WaitObserver::install(&watch);
     Outcome outcome;
-    outcome.reply = pair.server.listener->sendMessageSync(kMessage, pair.id, 3600.0, &outcome.error);
+    outcome.reply = pair.server.listener->sendMessageSync(kHelloAndNumber, pair.id, 3600.0, &outcome.error);
     WaitObserver::install(nullptr);
     return outcome;
   });
@@ -208,7 +207,7 @@ TEST_F(ListenerSynchronousSends, AReplyThatCameTogetherWithTheCloseIsReturnedWit
 
 TEST_F(ListenerSynchronousSends, ASpuriousWakeUpEndsNoWait) {
   Pair pair;
-  auto call = sendInBackground(pair, kMessage, 3600.0);
+  auto call = sendInBackground(pair, kHelloAndNumber, 3600.0);
   pair.client.delegate->waitForMessages(1);
   NSCondition condition;
   ASSERT_TRUE(eventually([&] { return pair.server.waiting(pair.id) == 1; }));
@@ -222,8 +221,8 @@ TEST_F(ListenerSynchronousSends, ASpuriousWakeUpEndsNoWait) {
     std::this_thread::yield();
   }
   EXPECT_EQ(call.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-  pair.client.delegate->messages().at(0).reply(kMessage);
-  EXPECT_EQ(finish(call).reply, kMessage);
+  pair.client.delegate->messages().at(0).reply(kHelloAndNumber);
+  EXPECT_EQ(finish(call).reply, kHelloAndNumber);
 }
 
 TEST_F(ListenerSynchronousSends, SynchronousSendsToOneClientGetTheirOwnReplies) {
@@ -246,7 +245,7 @@ TEST_F(ListenerSynchronousSends, ALateReplyHasNoEffect) {
   pair.client.delegate->waitForMessages(1);
   pair.client.delegate->messages().at(0).reply({{"too", "late"}});
   pair.client.delegate->echo();
-  EXPECT_EQ(pair.server.listener->sendMessageSync(kMessage, pair.id, 20.0), kMessage);
+  EXPECT_EQ(pair.server.listener->sendMessageSync(kHelloAndNumber, pair.id, 20.0), kHelloAndNumber);
   EXPECT_TRUE(pair.server.delegate->errors().empty());
 }
 

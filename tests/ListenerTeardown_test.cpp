@@ -10,7 +10,7 @@
 namespace velto::testing {
 namespace {
 
-constexpr const char* kName = "org.velto.test.teardown";
+constexpr const char* kTeardownName = "org.velto.test.teardown";
 
 using ListenerTeardown = LibraryTest;
 
@@ -66,9 +66,9 @@ TEST_F(ListenerTeardown, ClosingALiveConnectionIsLoggedTwiceAroundItsInvalidatio
 }
 
 TEST_F(ListenerTeardown, ACloseAtAnyMomentOfASynchronousSendEndsIt) {
-  ListenerEnd server(kName);
+  ListenerEnd server(kTeardownName);
   for (int round = 0; round < 30; ++round) {
-    ClientEnd client(kName);
+    ClientEnd client(kTeardownName);
     const NSString id = client.ready();
     auto call = inBackground([&] {
       NSError error;
@@ -86,9 +86,9 @@ TEST_F(ListenerTeardown, ACloseAtAnyMomentOfASynchronousSendEndsIt) {
 }
 
 TEST_F(ListenerTeardown, ClosesFromBothEndsAtOnceAreReportedOnce) {
-  ListenerEnd server(kName);
+  ListenerEnd server(kTeardownName);
   for (std::size_t round = 1; round <= 20; ++round) {
-    ClientEnd client(kName);
+    ClientEnd client(kTeardownName);
     const NSString id = client.ready();
     auto here = inBackground([&] { server.listener->close(id); });
     client.connection->close();
@@ -103,8 +103,8 @@ TEST_F(ListenerTeardown, ClosesFromBothEndsAtOnceAreReportedOnce) {
 }
 
 TEST_F(ListenerTeardown, CloseWithThreeConnectionsEndsAllOfThemAndTheLink) {
-  ListenerEnd server(kName);
-  ClientEnd clients[3]{ClientEnd(kName), ClientEnd(kName), ClientEnd(kName)};
+  ListenerEnd server(kTeardownName);
+  ClientEnd clients[3]{ClientEnd(kTeardownName), ClientEnd(kTeardownName), ClientEnd(kTeardownName)};
   std::vector<NSString> ids;
   for (ClientEnd& client : clients) ids.push_back(client.ready());
   server.listener->close();
@@ -188,16 +188,16 @@ TEST_F(ListenerTeardown, AnErrorFromAClientKeepsItsConnectionOpen) {
 }
 
 TEST_F(ListenerTeardown, AConnectionMayBeClosedInsideItsOwnCallbacks) {
-  ListenerEnd server(kName);
+  ListenerEnd server(kTeardownName);
   // Inside its readiness, and inside a message of it.
   server.delegate->onReady([&](const NSString& id) {
     if (server.delegate->readies().size() == 1) server.listener->close(id);
   });
   server.delegate->onMessage(
       [&](const NSDictionary&, const NSString& id, const VeltoReplyHandler&) { server.listener->close(id); });
-  ClientEnd first(kName);
+  ClientEnd first(kTeardownName);
   first.delegate->waitForError("Listener connection invalidated");
-  ClientEnd second(kName);
+  ClientEnd second(kTeardownName);
   second.ready();
   NSError error;
   EXPECT_TRUE(second.connection->sendMessageSync({{"end", "me"}}, VKT_IPC_TIME_FOREVER, &error).isNil());
@@ -207,7 +207,7 @@ TEST_F(ListenerTeardown, AConnectionMayBeClosedInsideItsOwnCallbacks) {
 
 TEST_F(ListenerTeardown, OneThatIsLetGoOfWithoutCloseEndsAndItsLinkIsTold) {
   const auto delegate = std::make_shared<RecordingDelegate>();
-  auto listener = VeltoListener::initWithServiceName(kName, delegate);
+  auto listener = VeltoListener::initWithServiceName(kTeardownName, delegate);
   settle(listener->daemonConnection());
   const std::weak_ptr<VeltoListener> alive = listener;
   listener.reset();
@@ -216,15 +216,15 @@ TEST_F(ListenerTeardown, OneThatIsLetGoOfWithoutCloseEndsAndItsLinkIsTold) {
   EXPECT_TRUE(event.connectionID.isNil());
   expectError(event.error, 2, "Daemon connection invalidated");
   EXPECT_EQ(delegate->errors().size(), 1u);
-  EXPECT_TRUE(eventually([] { return TestLink().find(kName).isNil(); })) << "its name is gone with it";
+  EXPECT_TRUE(eventually([] { return TestLink().find(kTeardownName).isNil(); })) << "its name is gone with it";
 }
 
 TEST_F(ListenerTeardown, OneWithConnectionsLivesUntilTheLastOfThemEnds) {
   const auto delegate = std::make_shared<RecordingDelegate>();
   delegate->echo();
-  auto listener = VeltoListener::initWithServiceName(kName, delegate);
+  auto listener = VeltoListener::initWithServiceName(kTeardownName, delegate);
   settle(listener->daemonConnection());
-  ClientEnd client(kName);
+  ClientEnd client(kTeardownName);
   const NSString id = client.ready();
   const std::weak_ptr<VeltoListener> alive = listener;
   listener.reset();

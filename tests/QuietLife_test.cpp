@@ -18,7 +18,7 @@
 namespace velto::testing {
 namespace {
 
-constexpr const char* kName = "org.velto.test.quiet";
+constexpr const char* kQuietName = "org.velto.test.quiet";
 
 // Standard error and the log are as in a program that has just begun.
 class QuietLife : public ::testing::Test {
@@ -39,13 +39,13 @@ class QuietLife : public ::testing::Test {
     return ::testing::internal::GetCapturedStderr();
   }
   static std::unique_ptr<ListenerEnd> makeListener() {
-    auto made = std::make_unique<ListenerEnd>(kName);
+    auto made = std::make_unique<ListenerEnd>(kQuietName);
     made->delegate->echo();
     return made;
   }
   // Ready at both ends, with a message in each direction behind it.
   static std::unique_ptr<ClientEnd> makeClient(const ListenerEnd& listener) {
-    auto made = std::make_unique<ClientEnd>(kName);
+    auto made = std::make_unique<ClientEnd>(kQuietName);
     made->delegate->echo();
     const NSString id = made->ready();
     EXPECT_EQ(made->connection->sendMessageSync(messageOf("echo:1"), 20.0), messageOf("echo:1"));
@@ -84,7 +84,7 @@ TEST_F(QuietLife, AClientThatIsClosedBeforeItIsReadyIsQuiet) {
   {
     const auto listener = makeListener();
     for (int each = 0; each < 50; ++each) {
-      const ClientEnd client(kName);
+      const ClientEnd client(kQuietName);
       // Some get further than others.
       if (each % 2 == 1) listener->delegate->waitForReadies(static_cast<std::size_t>(each / 2));
       client.connection->close();
@@ -96,8 +96,8 @@ TEST_F(QuietLife, AClientThatIsClosedBeforeItIsReadyIsQuiet) {
 TEST_F(QuietLife, MessagesThatAreUnderWayWhenAnEndLeavesAreLostQuietly) {
   const BrokerHere broker;
   for (const bool clientLeaves : {true, false}) {
-    auto listener = std::make_unique<ListenerEnd>(kName);
-    auto client = std::make_unique<ClientEnd>(kName);
+    auto listener = std::make_unique<ListenerEnd>(kQuietName);
+    auto client = std::make_unique<ClientEnd>(kQuietName);
     const NSString id = client->ready();
     for (int each = 0; each < 50; ++each) {
       client->connection->sendMessage(messageOf("silence:"), nullptr, [](const NSDictionary&) {});
@@ -114,13 +114,13 @@ TEST_F(QuietLife, ADelegateThatOutlivesItsEndOrGoesBeforeItIsQuiet) {
   const BrokerHere broker;
   const auto listener = makeListener();
   auto survivor = std::make_shared<RecordingDelegate>();
-  auto early = VeltoConnection::initWithServiceName(kName, survivor);
+  auto early = VeltoConnection::initWithServiceName(kQuietName, survivor);
   EXPECT_TRUE(early->waitUntilReady(20.0));
   early->close();
   waitUntilAlone(early);
   early.reset();
   survivor->waitForErrors(2);
-  const auto orphan = VeltoConnection::initWithServiceName(kName, survivor);
+  const auto orphan = VeltoConnection::initWithServiceName(kQuietName, survivor);
   EXPECT_TRUE(orphan->waitUntilReady(20.0));
   survivor.reset();
   orphan->close();
@@ -133,10 +133,10 @@ TEST_F(QuietLife, AClientThatReconnectsToAServiceThatGoesAndComesBackIsQuiet) {
     auto broker = std::make_unique<BrokerHere>();
     std::optional<Client> client;
     for (int life = 0; life < 2; ++life) {
-      Service service(kName);
+      Service service(kQuietName);
       service.onOther([](const Request& request) { request.reply(request.message()); });
       service.start();
-      if (!client) client = Client::connect(kName, {.reconnects = true}).value();
+      if (!client) client = Client::connect(kQuietName, {.reconnects = true}).value();
       EXPECT_TRUE(client->call(messageOf("echo:1")).get());
       client->call(messageOf("echo:2")).cancel();
       EXPECT_TRUE(service.stop(std::chrono::seconds(20)));

@@ -13,8 +13,7 @@
 namespace velto::testing {
 namespace {
 
-constexpr const char* kName = "org.velto.test.throwing";
-const NSDictionary kMessage{{"text", "hello"}};
+constexpr const char* kThrowingName = "org.velto.test.throwing";
 
 // Something to throw, and how the log names it.
 struct Thrown {
@@ -61,9 +60,9 @@ class ThrowingEnds : public LibraryTest {
  protected:
   void start() {
     atServer->heard.echo();
-    server = VeltoListener::initWithServiceName(kName, atServer);
+    server = VeltoListener::initWithServiceName(kThrowingName, atServer);
     settle(server->daemonConnection());
-    client = VeltoConnection::initWithServiceName(kName, atClient);
+    client = VeltoConnection::initWithServiceName(kThrowingName, atClient);
     ASSERT_TRUE(client->waitUntilReady(20.0));
   }
   void TearDown() override {
@@ -95,8 +94,8 @@ TEST_P(ThrowingDelegates, ReadinessAtTheListenerLeavesAClientThatIsReadyAndServe
   atServer->inReady = GetParam().raise;
   start();
   EXPECT_TRUE(log.waitFor(0, line("connectionReady")));
-  EXPECT_EQ(client->sendMessageSync(kMessage, 20.0), kMessage);
-  EXPECT_TRUE(server->sendMessage(kMessage, client->getID()));
+  EXPECT_EQ(client->sendMessageSync(kHello, 20.0), kHello);
+  EXPECT_TRUE(server->sendMessage(kHello, client->getID()));
   EXPECT_TRUE(atServer->heard.errors().empty());
   EXPECT_EQ(log.count(0, line("connectionReady")), 1u) << log.text();
 }
@@ -105,8 +104,8 @@ TEST_P(ThrowingDelegates, ReadinessAtTheClientIsNoConcernOfTheListeners) {
   atClient->inReady = GetParam().raise;
   start();
   EXPECT_TRUE(log.waitFor(0, line("connectionReady")));
-  EXPECT_EQ(client->sendMessageSync(kMessage, 20.0), kMessage);
-  EXPECT_TRUE(server->sendMessage(kMessage, client->getID()));
+  EXPECT_EQ(client->sendMessageSync(kHello, 20.0), kHello);
+  EXPECT_TRUE(server->sendMessage(kHello, client->getID()));
   EXPECT_TRUE(atClient->heard.waitForMessages(1));
   EXPECT_TRUE(atServer->heard.errors().empty());
 }
@@ -116,7 +115,7 @@ TEST_P(ThrowingDelegates, TheEndOfAConnectionAtTheListenerFreesItsWaitersAndItsE
   atServer->inError = GetParam().raise;
   auto waiting = inBackground([listener = server, id = client->getID()] {
     NSError error;
-    listener->sendMessageSync(kMessage, id, VKT_IPC_TIME_FOREVER, &error);
+    listener->sendMessageSync(kHello, id, VKT_IPC_TIME_FOREVER, &error);
     return error;
   });
   atClient->heard.waitForMessages(1);
@@ -152,7 +151,7 @@ TEST_P(ThrowingDelegates, AMessageWithAWrongIdentifierIsReportedToTheListenerAll
     const NSSynchronized monitor(server->connectionConditions());
     return unbox<PeerProxy>(server->receivedProxyObjects()[id]);
   }();
-  proxy->call<&VeltoCommunicationMessageProtocol::connectionID>("foreign", kMessage, [](const NSDictionary&) {});
+  proxy->call<&VeltoCommunicationMessageProtocol::connectionID>("foreign", kHello, [](const NSDictionary&) {});
   expectError(atServer->heard.waitForError("connectionID is not correct with message sent").error, 5,
               "connectionID is not correct with message sent");
   EXPECT_TRUE(log.waitFor(0, line("connectionError")));
@@ -164,11 +163,11 @@ TEST_F(ThrowingEnds, AMessageWhoseCallbackThrowsIsLetGoOfByItsSender) {
   atServer->heard.onMessage({});
   atServer->inMessage = [] { throw std::runtime_error("no room"); };
   const auto held = std::make_shared<int>(0);
-  ASSERT_TRUE(client->sendMessage(kMessage, nullptr, [held](const NSDictionary&) { FAIL(); }));
+  ASSERT_TRUE(client->sendMessage(kHello, nullptr, [held](const NSDictionary&) { FAIL(); }));
   EXPECT_TRUE(eventually([&] { return held.use_count() == 1; })) << log.text();
   atServer->inMessage = nullptr;
   atServer->heard.echo();
-  EXPECT_EQ(client->sendMessageSync(kMessage, 20.0), kMessage);
+  EXPECT_EQ(client->sendMessageSync(kHello, 20.0), kHello);
   EXPECT_TRUE(atClient->heard.errors().empty());
 }
 
@@ -176,7 +175,7 @@ TEST_F(ThrowingEnds, ARefusalThatIsThrownForAMessageComesToTheSendersDelegate) {
   start();
   atServer->heard.onMessage({});
   atServer->inMessage = [] { throw NSXPCRefusal("not today"); };
-  ASSERT_TRUE(client->sendMessage(kMessage));
+  ASSERT_TRUE(client->sendMessage(kHello));
   ASSERT_TRUE(atClient->heard.waitForErrors(1));
   const Event refused = atClient->heard.errors().front();
   EXPECT_EQ(refused.connectionID, client->getID());

@@ -10,6 +10,7 @@
 
 #include "platform/foundation/Foundation.h"
 #include "platform/foundation/JSON.h"
+#include "platform/foundation/testing/Sanitizers.h"
 #include "platform/xpc/wire/ValueEncoder.h"
 #include "tools/ValueFromJSON.h"
 
@@ -126,19 +127,21 @@ class RandomValues {
 
 TEST(JSONRoundTrip, ValuesOfRandomShape) {
   RandomValues random(11);
-  for (int count = 0; count < 20'000 && !::testing::Test::HasFatalFailure(); ++count) expectSame(random.value(4));
+  for (int count = 0; count < testing::rounds(20'000) && !::testing::Test::HasFatalFailure(); ++count)
+    expectSame(random.value(4));
 }
 
 TEST(JSONRoundTrip, RandomLeaves) {
   RandomValues random(12);
-  for (int count = 0; count < 20'000 && !::testing::Test::HasFatalFailure(); ++count) expectSame(random.value(0));
+  for (int count = 0; count < testing::rounds(20'000) && !::testing::Test::HasFatalFailure(); ++count)
+    expectSame(random.value(0));
 }
 
 TEST(JSONRoundTrip, ADamagedTextIsRefusedOrSaysSomethingElse) {
   RandomValues values(13);
   std::mt19937_64 random(14);
   int refused = 0, read = 0;
-  for (int count = 0; count < 20'000 && !::testing::Test::HasFatalFailure(); ++count) {
+  for (int count = 0; count < testing::rounds(20'000) && !::testing::Test::HasFatalFailure(); ++count) {
     std::string text = toJSON(values.value(3));
     const std::size_t at = random() % text.size();
     static constexpr char kBytes[] = "\"\\{}[]:,$ 0-.en\x01\xC3";
@@ -151,8 +154,8 @@ TEST(JSONRoundTrip, ADamagedTextIsRefusedOrSaysSomethingElse) {
     value.isNil() ? ++refused : ++read;
     if (!value.isNil()) expectSame(value);
   }
-  EXPECT_GT(refused, 1000);
-  EXPECT_GT(read, 1000);
+  EXPECT_GT(refused, testing::rounds(1000));
+  EXPECT_GT(read, testing::rounds(1000));
 }
 
 TEST(JSONRoundTrip, NumbersAtEveryEdge) {

@@ -19,7 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr char kName[] = "org.velto.test.kinds";
+constexpr char kKindsName[] = "org.velto.test.kinds";
 
 // Hears everything; answers "sum" with the sum, lets go of "drop", and tells who asks to be told.
 class Heard final : public VeltoIPCDelegate {
@@ -55,9 +55,9 @@ class ANewClient : public BothKinds {
   Call::Reply call(const NSDictionary& message) const { return client->call(message, {.timeout = kGenerous}).get(); }
 
   Inbox<NSDictionary> told;
-  const std::shared_ptr<VeltoListener> listener = VeltoListener::initWithServiceName(kName, heard);
+  const std::shared_ptr<VeltoListener> listener = VeltoListener::initWithServiceName(kKindsName, heard);
   const Outcome<Client> client =
-      Client::connect(kName, {.onMessage = [this](const Request& request) { told.put(request.message()); }});
+      Client::connect(kKindsName, {.onMessage = [this](const Request& request) { told.put(request.message()); }});
 };
 
 TEST_F(ANewClient, IsAnsweredByAListener) {
@@ -98,7 +98,7 @@ class ANewService : public BothKinds {
     service.on("fail", [](const Request& request) { request.fail("not today", 7); });
     service.start();
     EXPECT_EQ(service.waitUntilRegistered(kGenerous), std::nullopt);
-    connection = VeltoConnection::initWithServiceName(kName, heard);
+    connection = VeltoConnection::initWithServiceName(kKindsName, heard);
     NSError error;
     EXPECT_TRUE(connection->waitUntilReady(kSeconds, &error)) << error.localizedDescription().string();
   }
@@ -110,7 +110,7 @@ class ANewService : public BothKinds {
   }
 
   static constexpr double kSeconds = std::chrono::duration<double>(kGenerous).count();
-  Service service{kName};
+  Service service{kKindsName};
   std::shared_ptr<VeltoConnection> connection;
 };
 

@@ -22,13 +22,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr char kName[] = "org.velto.test.churn";
+constexpr char kChurnName[] = "org.velto.test.churn";
 constexpr int kUnderWay = 8;
 
 // One client, which calls for as long as it is to.
 class Caller {
  public:
-  Caller() : client_(Client::connect(kName, options()).value()) {}
+  Caller() : client_(Client::connect(kChurnName, options()).value()) {}
 
   void run(const std::atomic<bool>& isOver) {
     std::vector<std::pair<std::int64_t, Call>> calls;
@@ -116,7 +116,7 @@ void waitUntilAllAreServed(const std::vector<std::unique_ptr<Caller>>& callers) 
 ChurnCensus churn(std::chrono::milliseconds duration, int clients) {
   const RuntimeDirectory directory;
   auto broker = std::make_unique<DaemonProcess>();
-  auto service = std::make_unique<Actor>(kName);
+  auto service = std::make_unique<Actor>(kChurnName);
   service->waitUntilRegistered();
   std::vector<std::unique_ptr<Caller>> callers;
   for (int each = 0; each < clients; ++each) callers.push_back(std::make_unique<Caller>());
@@ -130,7 +130,7 @@ ChurnCensus churn(std::chrono::milliseconds duration, int clients) {
     waitUntilAllAreServed(callers);
     if (turn % 2 == 0) {
       service->kill();
-      service = std::make_unique<Actor>(kName);
+      service = std::make_unique<Actor>(kChurnName);
       ++census.serviceKills;
     } else {
       broker->process().signal(SIGKILL);

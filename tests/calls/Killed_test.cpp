@@ -19,15 +19,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr char kName[] = "org.velto.test.killed";
+constexpr char kKilledName[] = "org.velto.test.killed";
 
 TEST(Killed, AServiceWithAThousandCallsEndsEachOfThemOnce) {
   constexpr int kCalls = 1'000;
   const RuntimeDirectory directory;
   const DaemonProcess broker;
-  Actor service(kName);
+  Actor service(kKilledName);
   Inbox<std::pair<int, Failure>> ends;
-  const Client client = Client::connect(kName).value();
+  const Client client = Client::connect(kKilledName).value();
   for (int number = 0; number < kCalls; ++number) {
     client.call({{"op", "hold"}, {"number", number}}).then([&ends, number](const Call::Reply& reply) {
       ends.put({number, reply ? Failure::failed : reply.error().failure()});
@@ -51,14 +51,14 @@ TEST(Killed, AServiceWithAThousandCallsEndsEachOfThemOnce) {
 // Longer in the soak, which says how long.
 TEST(Killed, ServicesAndBrokersInTurnAreOneErrorEachForClientsThatReconnect) {
   const char* const seconds = std::getenv("VELTO_CHURN_SECONDS");
-  constexpr int kClients = 4;
-  const ChurnCensus census = churn(seconds != nullptr ? std::chrono::seconds(std::atoi(seconds)) : 3s, kClients);
-  EXPECT_EQ(census.clientsWell, kClients);
+  constexpr int kReconnecting = 4;
+  const ChurnCensus census = churn(seconds != nullptr ? std::chrono::seconds(std::atoi(seconds)) : 3s, kReconnecting);
+  EXPECT_EQ(census.clientsWell, kReconnecting);
   EXPECT_EQ(census.ends, census.calls);
   EXPECT_EQ(census.wrongReplies, 0U);
   EXPECT_GT(census.replies, 0U);
   // Each loss is told once, and each is made good; what becomes of the broker is no loss.
-  EXPECT_EQ(census.losses, static_cast<std::uint64_t>(census.serviceKills * kClients));
+  EXPECT_EQ(census.losses, static_cast<std::uint64_t>(census.serviceKills * kReconnecting));
   EXPECT_EQ(census.reconnections, census.losses);
   for (const auto& [failure, count] : census.failures) {
     EXPECT_EQ(failure, "peerGone") << count;

@@ -25,19 +25,19 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr char kName[] = "org.velto.test.names";
+constexpr char kNamesName[] = "org.velto.test.names";
 constexpr auto kNoWait = 0s;
 
 // A service that answers with its own number, and what it heard of its name.
 class Server {
  public:
   Server(int number, NamePolicy policy, const std::optional<InProcess>& place)
-      : service(kName, {.namePolicy = policy,
-                        .place = place,
-                        .onRegistered = [this] { heard.put("registered"); },
-                        .onUnregistered = [this](const CallError& error) { heard.put(nameOf(error.failure())); },
-                        .onTakenOver = [this](int process) { heard.put("by " + std::to_string(process)); },
-                        .onGivenBack = [this] { heard.put("given back"); }}) {
+      : service(kNamesName, {.namePolicy = policy,
+                             .place = place,
+                             .onRegistered = [this] { heard.put("registered"); },
+                             .onUnregistered = [this](const CallError& error) { heard.put(nameOf(error.failure())); },
+                             .onTakenOver = [this](int process) { heard.put("by " + std::to_string(process)); },
+                             .onGivenBack = [this] { heard.put("given back"); }}) {
     service.onOther([number](const Request& request) { request.reply({{"number", number}}); });
     service.start();
   }
@@ -69,7 +69,7 @@ class WhoHasAName : public ::testing::TestWithParam<bool> {
   }
   // The number of who serves the name.
   std::int64_t found() const {
-    const auto client = Client::connect(kName, {.place = place});
+    const auto client = Client::connect(kNamesName, {.place = place});
     return client ? client->call(NSDictionary{{"a", 1}}).get().value()["number"].integerValue() : 0;
   }
 
@@ -138,8 +138,8 @@ TEST_P(WhoHasAName, IsOneOfThoseThatWaitForIt) {
 }
 
 TEST_P(WhoHasAName, IsToldToClientsThatWait) {
-  ASSERT_EQ(Client::connect(kName, {.patience = 30ms, .place = place}).error(),
-            CallError(Failure::unavailable, std::string("nobody serves \"") + kName + "\""));
+  ASSERT_EQ(Client::connect(kNamesName, {.patience = 30ms, .place = place}).error(),
+            CallError(Failure::unavailable, std::string("nobody serves \"") + kNamesName + "\""));
   auto waiting = std::async(std::launch::async, [this] { return found(); });
   EXPECT_EQ(waiting.wait_for(30ms), std::future_status::timeout);
   const auto server = serveNow(1, NamePolicy::takeOver);
@@ -150,7 +150,7 @@ TEST_P(WhoHasAName, IsFoundByClientsThatReconnectHoweverLateItComes) {
   auto first = serveNow(1, NamePolicy::takeOver);
   Inbox<int> again;
   const Client client =
-      Client::connect(kName, {.reconnects = true, .onReconnected = [&] { again.put(1); }, .place = place}).value();
+      Client::connect(kNamesName, {.reconnects = true, .onReconnected = [&] { again.put(1); }, .place = place}).value();
   first.reset();
   // It may be under way before the end is known here.
   const auto call = client.call(NSDictionary{{"a", 1}}, {.isIdempotent = true});
@@ -198,7 +198,7 @@ TEST_F(NamesAtABroker, AreTheirsAgainWhoHadThemWhenItWasKilled) {
 }
 
 TEST_F(NamesAtABroker, AreWaitedForOverItsDeath) {
-  auto waiting = std::async(std::launch::async, [] { return Client::connect(kName); });
+  auto waiting = std::async(std::launch::async, [] { return Client::connect(kNamesName); });
   EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
   killBroker();
   EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
@@ -210,11 +210,11 @@ TEST_F(NamesAtABroker, AreWaitedForOverItsDeath) {
 TEST_F(NamesAtABroker, AreRegisteredAgainWhenSomebodyDropsThem) {
   Server server(1, NamePolicy::takeOver, std::nullopt);
   server.heard.waitFor(1);
-  TestLink().kill(kName);
+  TestLink().kill(kNamesName);
   EXPECT_EQ(server.heard.waitFor(3), (std::vector<std::string>{"registered", "unavailable", "registered"}));
   // An older way to take it over is heard of, too.
   const auto listener = NSXPCListener::anonymousListener();
-  TestLink().registerEndpoint(listener->endpoint(), kName);
+  TestLink().registerEndpoint(listener->endpoint(), kNamesName);
   EXPECT_EQ(server.heard.waitFor(5)[4], "taken");
 }
 
@@ -223,8 +223,8 @@ TEST(NamesAtAnOlderBroker, AreRegisteredAndFoundAllTheSame) {
   const RuntimeDirectory directory;
   const auto broker = ScriptedBroker::start();
   broker->answerWith(nil);
-  auto waiting = std::async(std::launch::async, [] { return Client::connect(kName, {.patience = kGenerous}); });
-  const std::string lookUp = std::string("find ") + kName;
+  auto waiting = std::async(std::launch::async, [] { return Client::connect(kNamesName, {.patience = kGenerous}); });
+  const std::string lookUp = std::string("find ") + kNamesName;
   EXPECT_TRUE(eventually(
       [&] {
         const auto calls = broker->calls();
@@ -237,9 +237,12 @@ TEST(NamesAtAnOlderBroker, AreRegisteredAndFoundAllTheSame) {
   Server server(1, NamePolicy::refuseIfTaken, std::nullopt);
   EXPECT_EQ(server.service.waitUntilRegistered(kGenerous), std::nullopt);
   const auto calls = broker->calls();
-  EXPECT_EQ(std::ranges::count(calls, std::string("register ") + kName), 1);
-  broker->stop();
+  EXPECT_EQ(std::ranges::count(calls, std::string("register ") + kNamesName), 1);
+  broker->answerWith(broker->registered());
+  // Who has found somebody that does not answer looks again.
   listener->invalidate();
+  EXPECT_TRUE(waiting.get());
+  broker->stop();
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr char kName[] = "org.velto.test.pace";
+constexpr char kPaceName[] = "org.velto.test.pace";
 constexpr std::int64_t kMost = std::int64_t{32} << 20;
 
 std::int64_t residentBytes() {
@@ -30,8 +30,8 @@ std::int64_t residentBytes() {
 TEST(Pace, OfASlowReaderBoundsTheMemoryOfBothEnds) {
   const RuntimeDirectory directory;
   const DaemonProcess broker;
-  Actor service(kName);
-  const Client client = Client::connect(kName).value();
+  Actor service(kPaceName);
+  const Client client = Client::connect(kPaceName).value();
   const auto resident = [&] {
     return std::atoll(client.call({{"op", "resident"}}).get().value()["resident"].stringValue().c_str());
   };

@@ -12,7 +12,7 @@ using ListenerFromOutside = ArrangedTest;
 INSTANTIATE_TEST_SUITE_P(, ListenerFromOutside, kAllArrangements, printArrangement);
 
 constexpr const char* kTimedOut = "error 6 Timed out waiting";
-constexpr const char* kUnavailable = "error 2 Connection is not available";
+constexpr const char* kUnavailableAnswer = "error 2 Connection is not available";
 
 TEST_P(ListenerFromOutside, GivesEveryConnectionANewIdentifier) {
   PROVES("listener.accept.1", "every connection gets a new identifier");
@@ -70,8 +70,8 @@ TEST_P(ListenerFromOutside, ReachesTheClientThatIsNamedAndNoOther) {
   EXPECT_EQ(server->ask("sync 20 echo:x " + first->ask("id")), "reply echo:x");
   EXPECT_EQ(first->ask("count message"), "1");
   EXPECT_EQ(second->ask("count message"), "0");
-  EXPECT_EQ(server->ask("sync 20 echo:x nobody"), kUnavailable);
-  EXPECT_EQ(server->ask("async echo:x nobody"), kUnavailable);
+  EXPECT_EQ(server->ask("sync 20 echo:x nobody"), kUnavailableAnswer);
+  EXPECT_EQ(server->ask("async echo:x nobody"), kUnavailableAnswer);
   EXPECT_EQ(server->ask("sync -0.5 echo:x nobody"), "error 6 Timed out value is not valid");
 }
 
@@ -104,7 +104,7 @@ TEST_P(ListenerFromOutside, EndsTheWaitWhenTheConnectionIsClosedMeanwhile) {
   // The client closes its connection inside the callback, while the listener waits.
   EXPECT_EQ(server->ask("sync -1 finish:now " + id), kTimedOut);
   EXPECT_EQ(server->ask("await 1 error " + id + " 2 Connection invalidated"), "seen");
-  EXPECT_EQ(server->ask("sync 20 echo:x " + id), kUnavailable);
+  EXPECT_EQ(server->ask("sync 20 echo:x " + id), kUnavailableAnswer);
   const auto other = makeClient();
   const std::string otherID = other->ask("id");
   EXPECT_EQ(server->ask("close " + otherID), "closed");
@@ -142,10 +142,10 @@ TEST_P(ListenerFromOutside, HoldsBothEndsToThePlainTypesUnlessToldOtherwise) {
   const auto server = makeListener("flow");
   const auto client = makeClient();
   const std::string id = client->ask("id");
-  constexpr const char* kCheckFailed = "error 3 SendMessage failed message type check";
-  EXPECT_EQ(client->ask("sync 20 date:x"), kCheckFailed);
-  EXPECT_EQ(server->ask("sync 20 date:x " + id), kCheckFailed);
-  EXPECT_EQ(server->ask("async date:x " + id), kCheckFailed);
+  constexpr const char* kCheckFailedAnswer = "error 3 SendMessage failed message type check";
+  EXPECT_EQ(client->ask("sync 20 date:x"), kCheckFailedAnswer);
+  EXPECT_EQ(server->ask("sync 20 date:x " + id), kCheckFailedAnswer);
+  EXPECT_EQ(server->ask("async date:x " + id), kCheckFailedAnswer);
   EXPECT_EQ(client->ask("sync 20 echo:x"), "reply echo:x");
   EXPECT_EQ(client->ask("count message"), "0");
   EXPECT_EQ(server->ask("count message"), "1");

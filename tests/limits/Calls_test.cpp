@@ -10,6 +10,7 @@
 #include "platform/xpc/NSXPCError.h"
 #include "platform/xpc/contract/Limits.h"
 #include "tests/limits/Ends.h"
+#include "tests/limits/RawEnd.h"
 
 namespace velto::testing {
 namespace {
@@ -171,12 +172,11 @@ TEST_F(Calls, WhoseKeysCostTheMostComparisonsArriveAndMoreIsRefusedByTheReceiver
 }
 
 void admitEndpoints(NSXPCInterface& interface) {
-  constexpr char kSelector[] = "connectionID:withMessage:handler:";
   for (const bool ofReply : {false, true}) {
     const std::size_t index = ofReply ? 0 : 1;
-    auto classes = NSMutableSet::initWithSet(interface.classesForSelector(kSelector, index, ofReply));
+    auto classes = NSMutableSet::initWithSet(interface.classesForSelector(kMessageSelector, index, ofReply));
     classes.addObject(NSXPCListenerEndpoint::classObject());
-    interface.setClasses(classes, kSelector, index, ofReply);
+    interface.setClasses(classes, kMessageSelector, index, ofReply);
   }
 }
 

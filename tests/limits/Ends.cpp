@@ -7,13 +7,13 @@
 
 #include "platform/xpc/NSXPCError.h"
 #include "platform/xpc/wire/Messages.h"
+#include "tests/limits/RawEnd.h"
 #include "tests/support/Census.h"
 
 namespace velto::testing {
 
 namespace {
 
-constexpr char kSelector[] = "connectionID:withMessage:handler:";
 constexpr char kIdentifier[] = "limits";
 
 std::shared_ptr<NSXPCInterface> adjusted(const std::function<void(NSXPCInterface&)>& adjust) {
@@ -146,7 +146,7 @@ void expectRefusal(const NSError& error, std::int64_t code, const std::string& w
 
 std::size_t bodyBytes(std::uint64_t identifier, const NSDictionary& message, bool wantsReply) {
   wire::ValueEncoder encoder(wire::FrameType::call);
-  wire::encodeCallHeader(encoder, {identifier, kSelector, wantsReply});
+  wire::encodeCallHeader(encoder, {identifier, kMessageSelector, wantsReply});
   encoder.add(NSString(kIdentifier));
   encoder.add(message);
   EXPECT_FALSE(encoder.failed()) << encoder.reason();

@@ -18,7 +18,6 @@ namespace velto::testing {
 namespace {
 
 constexpr std::size_t kReadBytes = std::size_t{64} << 10;
-constexpr char kSelector[] = "connectionID:withMessage:handler:";
 
 }  // namespace
 
@@ -93,7 +92,7 @@ RawEnd RawListener::accept() {
 
 wire::Frame callFrame(std::uint64_t identifier, const NSObject& message, bool wantsReply) {
   wire::ValueEncoder encoder(wire::FrameType::call);
-  wire::encodeCallHeader(encoder, {identifier, kSelector, wantsReply});
+  wire::encodeCallHeader(encoder, {identifier, kMessageSelector, wantsReply});
   encoder.add(NSString("raw"));
   encoder.add(message);
   EXPECT_FALSE(encoder.failed()) << encoder.reason();
@@ -102,7 +101,7 @@ wire::Frame callFrame(std::uint64_t identifier, const NSObject& message, bool wa
 
 wire::Frame callFrameAround(std::uint64_t identifier, const std::vector<std::uint8_t>& value, bool wantsReply) {
   wire::ValueEncoder encoder(wire::FrameType::call);
-  wire::encodeCallHeader(encoder, {identifier, kSelector, wantsReply});
+  wire::encodeCallHeader(encoder, {identifier, kMessageSelector, wantsReply});
   encoder.add(NSString("raw"));
   auto frame = encoder.take();
   frame.body.append(value);

@@ -14,6 +14,8 @@
 
 namespace velto::testing {
 
+inline constexpr char kMessageSelector[] = "connectionID:withMessage:handler:";
+
 // An end of a connection that keeps no rule: a bare socket that sends what its test tells it to, and reads only when it
 // is told to. Waits are bounded. For one thread at a time.
 class RawEnd {

@@ -13,7 +13,7 @@
 namespace velto::testing {
 namespace {
 
-const char kName[] = "org.velto.test.coming";
+const char kComingName[] = "org.velto.test.coming";
 
 using ComingAndGoing = StressTest;
 
@@ -25,14 +25,14 @@ TEST_F(ComingAndGoing, ListenersUnderTheirClients) {
   std::atomic<int> connected{0};
   auto listeners = inBackground([&] {
     while (!isOver) {
-      ListenerEnd server(kName);
+      ListenerEnd server(kComingName);
       server.delegate->echo();
       server.delegate->waitForReadies(1);
     }
   });
   inThreads(4, [&](Dice& dice) {
     for (int count = 0; count < 20; ++count) {
-      ClientEnd client(kName);
+      ClientEnd client(kComingName);
       NSError error;
       if (client.connection->waitUntilReady(20.0, &error)) {
         ++connected;
@@ -49,7 +49,7 @@ TEST_F(ComingAndGoing, ListenersUnderTheirClients) {
   // The last listener may still wait for a client. (One that is closed serves on for as long as a client is connected
   // to it, so these must end before anybody waits for its end.)
   while (listeners.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-    ClientEnd another(kName);
+    ClientEnd another(kComingName);
     another.connection->waitUntilReady(20.0);
   }
   finish(listeners);
@@ -66,7 +66,7 @@ class Link {
       isMade.wait();
       whenReady(*client_);
     });
-    client_ = VeltoConnection::initWithServiceName(kName, delegate_);
+    client_ = VeltoConnection::initWithServiceName(kComingName, delegate_);
     made_.set_value();
   }
   // Inside the callback too: the connection holds its client until it has ended.
@@ -93,7 +93,7 @@ void openChain(std::vector<Link>& links, std::size_t next, std::promise<void>& d
 }
 
 TEST_F(ComingAndGoing, ClientsMadeAndDestroyedInsideTheCallbacksOfOthers) {
-  ListenerEnd server(kName);
+  ListenerEnd server(kComingName);
   server.delegate->echo();
   inThreads(4, [](Dice&) {
     std::vector<Link> links(10);
@@ -108,7 +108,7 @@ TEST_F(ComingAndGoing, ClientsMadeAndDestroyedInsideTheCallbacksOfOthers) {
 // A listener whose callbacks close it, send over it and let go of it, while its clients go on sending.
 TEST_F(ComingAndGoing, ListenersClosedAndLetGoOfInsideTheirCallbacks) {
   for (int round = 0; round < 10; ++round) {
-    const std::string name = kName + std::to_string(round);
+    const std::string name = kComingName + std::to_string(round);
     auto server = std::make_unique<ListenerEnd>(name);
     server->delegate->onMessage([listener = std::weak_ptr(server->listener)](
                                     const NSDictionary& message, const NSString& id, const VeltoReplyHandler& reply) {

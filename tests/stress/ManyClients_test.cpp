@@ -12,7 +12,7 @@ namespace {
 
 constexpr unsigned kThreads = 6;
 constexpr int kClientsOfEach = 12;
-const char kName[] = "org.velto.test.many";
+const char kManyName[] = "org.velto.test.many";
 
 NSArray connectionsOf(const VeltoListener& listener) {
   const NSSynchronized monitor(listener.connectionConditions());
@@ -57,7 +57,7 @@ void sendRandomly(VeltoConnection& connection, Dice& dice, std::atomic<int>& rep
 // A client that is used by two threads and closed by one of them, by the listener, by both, or inside a callback.
 void liveOneClient(Dice& dice, std::atomic<int>& replies) {
   const auto delegate = std::make_shared<RecordingDelegate>();
-  std::shared_ptr<VeltoConnection> client = VeltoConnection::initWithServiceName(kName, delegate);
+  std::shared_ptr<VeltoConnection> client = VeltoConnection::initWithServiceName(kManyName, delegate);
   std::weak_ptr<VeltoConnection> weakClient = client;
   delegate->onMessage([weakClient, closes = dice.oneIn(4)](const NSDictionary& message, const NSString&,
                                                            const VeltoReplyHandler& reply) {
@@ -88,7 +88,7 @@ using ManyClients = StressTest;
 TEST_F(ManyClients, SendAndCloseFromEverySideAtOnce) {
   std::atomic<int> replies{0};
   {
-    ListenerEnd server(kName);
+    ListenerEnd server(kManyName);
     server.delegate->onMessage([&](const NSDictionary& message, const NSString& id, const VeltoReplyHandler& reply) {
       obey(*server.listener, message, id, reply);
     });
@@ -106,7 +106,7 @@ TEST_F(ManyClients, SendAndCloseFromEverySideAtOnce) {
 // identifier has.
 TEST_F(ManyClients, NoMessageOvertakesTheIdentifier) {
   std::atomic<bool> isOver{false};
-  ListenerEnd server(kName);
+  ListenerEnd server(kManyName);
   auto hasty = inBackground([&] {
     while (!isOver) {
       for (const NSObject& each : connectionsOf(*server.listener)) {
@@ -115,7 +115,7 @@ TEST_F(ManyClients, NoMessageOvertakesTheIdentifier) {
     }
   });
   for (int count = 0; count < 100; ++count) {
-    ClientEnd client(kName);
+    ClientEnd client(kManyName);
     client.ready();
     client.delegate->waitForMessages(1);
     EXPECT_EQ(client.delegate->errors().size(), 0U);

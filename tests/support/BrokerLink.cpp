@@ -80,6 +80,11 @@ std::vector<std::string> ScriptedBroker::calls() const {
   return calls_;
 }
 
+NSXPCListenerEndpoint ScriptedBroker::registered() const {
+  MutexLock lock(mutex_);
+  return registered_;
+}
+
 void ScriptedBroker::answerWith(const NSXPCListenerEndpoint& endpoint) {
   std::vector<std::function<void(NSXPCListenerEndpoint)>> waiting;
   {
@@ -102,6 +107,8 @@ void ScriptedBroker::dropLinks() {
 
 void ScriptedBroker::sendListenerConnection(NSXPCListenerEndpoint endpoint, NSString withName) {
   record(std::string(endpoint.isNil() ? "register nothing as " : "register ") + withName.description().string());
+  MutexLock lock(mutex_);
+  registered_ = std::move(endpoint);
 }
 
 void ScriptedBroker::findListenerEndpointForName(NSString name, std::function<void(NSXPCListenerEndpoint)> handle) {

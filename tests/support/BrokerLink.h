@@ -43,6 +43,8 @@ class ScriptedBroker final : public NSXPCListenerDelegate,
 
   // "register NAME", "find NAME", "kill NAME", "link ended", in the order of arrival.
   std::vector<std::string> calls() const;
+  // What was registered last; nil before.
+  NSXPCListenerEndpoint registered() const;
   // What lookups get; without it they are never answered.
   void answerWith(const NSXPCListenerEndpoint& endpoint);
   // Ends every link.
@@ -64,6 +66,7 @@ class ScriptedBroker final : public NSXPCListenerDelegate,
   mutable Mutex mutex_;
   std::vector<std::string> calls_ VELTO_GUARDED_BY(mutex_);
   std::vector<std::function<void(NSXPCListenerEndpoint)>> unanswered_ VELTO_GUARDED_BY(mutex_);
+  NSXPCListenerEndpoint registered_ VELTO_GUARDED_BY(mutex_);
   NSXPCListenerEndpoint answer_ VELTO_GUARDED_BY(mutex_);
   bool answers_ VELTO_GUARDED_BY(mutex_) = false;
   std::vector<std::shared_ptr<NSXPCConnection>> links_ VELTO_GUARDED_BY(mutex_);

@@ -13,6 +13,9 @@
 
 namespace velto::testing {
 
+inline const NSDictionary kHello{{"text", "hello"}};
+inline const NSDictionary kHelloAndNumber{{"text", "hello"}, {"number", 7}};
+
 // A test with a runtime directory and a log of its own. A failed test shows the log.
 class QuietTest : public ::testing::Test {
  protected:

@@ -60,7 +60,10 @@ class SleepingReader {
 // others are read first. It rests only while the process holds too much (see Holding).
 //
 // Thread-safe.
-class Channel final : public EventSource, public TurnTaker, public Aftermath, public std::enable_shared_from_this<Channel> {
+class Channel final : public EventSource,
+                      public TurnTaker,
+                      public Aftermath,
+                      public std::enable_shared_from_this<Channel> {
  public:
   // Whether a frame may wait for those that follow.
   enum class Haste : std::uint8_t {

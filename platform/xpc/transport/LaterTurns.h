@@ -21,8 +21,8 @@ class TurnTaker {
   std::shared_ptr<TurnTaker> next_;
 };
 
-// The line of those that have had a turn and want more. One at a time has one, behind all that the kernel has to tell of
-// just then: so whoever has little to say waits for one of them, however many there are. Who is alone takes its turn
+// The line of those that have had a turn and want more. One at a time has one, behind all that the kernel has to tell
+// of just then: so whoever has little to say waits for one of them, however many there are. Who is alone takes its turn
 // when the kernel tells of it, which costs nothing besides.
 //
 // Thread-safe.

@@ -12,6 +12,7 @@
 #include <sys/resource.h>
 
 #include "platform/foundation/NSCoding.h"
+#include "platform/foundation/testing/Sanitizers.h"
 #include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/testing/WireTesting.h"
 #include "platform/xpc/wire/Tags.h"
@@ -21,13 +22,7 @@ namespace {
 
 using namespace testing;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool kSanitized = false;
-#endif
+constexpr bool kSanitized = velto::testing::kAddressSanitizer || velto::testing::kThreadSanitizer;
 
 NSObject richValue() {
   return NSDictionary{

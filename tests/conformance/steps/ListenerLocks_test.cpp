@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "platform/foundation/NSSynchronized.h"
+#include "platform/foundation/testing/Sanitizers.h"
 #include "tests/conformance/Locks.h"
 #include "tests/conformance/steps/ClientInside.h"
 #include "tests/conformance/steps/ClientSteps.h"
@@ -165,7 +166,7 @@ TEST_F(ListenerLocks, NobodySeesAConnectionThatIsHalfInTheTables) {
 TEST_F(ListenerLocks, ACloseInTheMiddleOfAnAcceptanceLeavesNothing) {
   PROVES("listener.accept.30",
          "a connection that another thread closes while it is accepted leaves nothing in the tables");
-  constexpr int kRounds = 20'000;
+  constexpr int kRounds = rounds(20'000);
   start();
   NSString accepted;
   std::atomic<int> readied{0}, closing{0}, closed{0};
