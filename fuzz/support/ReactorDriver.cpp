@@ -24,6 +24,11 @@ namespace {
 // A callback of a fuzzer may deal with events itself.
 constexpr std::size_t kThreads = 64;
 
+bool hasTurns(transport::LaterTurns& turns) {
+  MutexLock lock(turns.mutex_);
+  return turns.first_ != nullptr;
+}
+
 }  // namespace
 
 void ReactorDriver::takeOver() {
@@ -40,9 +45,13 @@ void ReactorDriver::takeOver() {
 
 void ReactorDriver::runUntilIdle() {
   Reactor& reactor = Reactor::shared();
-  while (FakeKernel::shared().hasEvents() || reactor.hasScheduled()) {
-    reactor.waiting_.fetch_add(1);
-    reactor.serveOne();
+  const auto hasEvents = [&reactor] { return FakeKernel::shared().hasEvents() || reactor.hasScheduled(); };
+  // Nobody hears the bell of those that wait for another turn.
+  for (; hasEvents() || hasTurns(reactor.laterTurns_); reactor.laterTurns_.takeNext()) {
+    while (hasEvents()) {
+      reactor.waiting_.fetch_add(1);
+      reactor.serveOne();
+    }
   }
   MutexLock lock(reactor.mutex_);
   require(reactor.threads_ == kThreads, "no thread is started");

@@ -50,14 +50,18 @@ const std::vector<SystemCall> kMadeOnce{SystemCall::epollCreate, SystemCall::eve
 
 TEST_F(FirstUse, SurvivesThatEachOfItsObjectsCannotBeMadeOnce) {
   for (const SystemCall call : kMadeOnce) {
-    for (const int error : {EMFILE, ENFILE, ENOMEM, ENODEV}) {
-      EXPECT_EXIT(useFirstWith(call, 1, error), ::testing::ExitedWithCode(0), "") << nameOf(call) << " " << error;
+    const std::size_t objects = call == SystemCall::timer ? 1 : 2;
+    for (std::size_t occurrence = 1; occurrence <= objects; ++occurrence) {
+      for (const int error : {EMFILE, ENFILE, ENOMEM, ENODEV}) {
+        EXPECT_EXIT(useFirstWith(call, occurrence, error), ::testing::ExitedWithCode(0), "")
+            << nameOf(call) << " " << occurrence << " " << error;
+      }
     }
   }
 }
 
 TEST_F(FirstUse, SurvivesThatItsObjectsCannotBeWatchedOnce) {
-  for (std::size_t occurrence = 1; occurrence <= 2; ++occurrence) {
+  for (std::size_t occurrence = 1; occurrence <= 4; ++occurrence) {
     for (const int error : {ENOMEM, ENOSPC}) {
       EXPECT_EXIT(useFirstWith(SystemCall::epollControl, occurrence, error), ::testing::ExitedWithCode(0), "");
     }

@@ -78,10 +78,10 @@ def check_recovery(checks, victim, before):
     checks.most("a new client's first reply", newcomer_seconds(bound=10.0), NEWCOMER_SECONDS, "s")
     seconds = measures.seconds_until(lambda: measures.threads(victim.pid) <= threads + 8, 10.0)
     checks.most("the threads come down", seconds, 5.0, "s")
-    checks.most("threads then", measures.threads(victim.pid), threads + 8)
-    checks.most("descriptors then", measures.descriptors(victim.pid), descriptors + 8)
     seconds = measures.seconds_until(lambda: victim.figures()["connections"] == 0, 10.0)
     checks.most("the listener's table is empty", seconds, 5.0, "s")
+    checks.most("threads then", measures.threads(victim.pid), threads + 8)
+    checks.most("descriptors then", measures.descriptors(victim.pid), descriptors + 8)
     checks.equal("callbacks still inside", victim.figures()["inside"], 0)
     checks.most("processors kept busy afterwards", measures.load(victim.pid, 1.5), IDLE_LOAD)
 

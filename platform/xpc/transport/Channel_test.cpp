@@ -213,8 +213,8 @@ TEST(Channel, WhoHasLittleToSayWaitsForOneTurnOfThoseWhoHaveMuch) {
     channels.push_back(std::make_shared<Channel>(std::move(socket), std::make_shared<Counting>(std::move(count)),
                                                  std::make_shared<Holding>(std::weak_ptr<HoldingOwner>()), nullptr));
   };
-  auto [newcomer, far] = testing::socketPair();
-  hear(std::move(far), [&](std::size_t) { framesMeanwhile.put(frames - framesBefore); });
+  auto newcomer = testing::socketPair();
+  hear(std::move(newcomer.second), [&](std::size_t) { framesMeanwhile.put(frames - framesBefore); });
   std::vector<system::Descriptor> talkers;
   for (std::size_t talker = 0; talker < kTalkers; ++talker) {
     auto [near, farther] = testing::socketPair();
@@ -224,7 +224,7 @@ TEST(Channel, WhoHasLittleToSayWaitsForOneTurnOfThoseWhoHaveMuch) {
       frames += count;
       if (heard.size() == kTalkers || !heard.insert(talker).second || heard.size() < kTalkers) return;
       framesBefore = frames;
-      EXPECT_EQ(::write(newcomer.get(), word.data(), word.size()), static_cast<ssize_t>(word.size()));
+      EXPECT_EQ(::write(newcomer.first.get(), word.data(), word.size()), static_cast<ssize_t>(word.size()));
     });
   }
   for (const auto& channel : channels) channel->start();
