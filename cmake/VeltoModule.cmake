@@ -17,21 +17,25 @@ if(VELTO_SANITIZE)
   target_link_options(velto_options INTERFACE -fsanitize=${VELTO_SANITIZE})
 endif()
 
-# With VELTO_PRECOMPILE_HEADERS, what nearly every file includes is compiled once per program, and the same builds compile
-# the files six at a time (CMAKE_UNITY_BUILD): names in a module's unnamed namespaces differ. Both hide a missing include;
-# the release build, which does neither, finds it.
+# What nearly every file includes, and the headers given besides, compiled once for all targets that are compiled alike.
+function(velto_common_headers name)
+  file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/${name}.cpp CONTENT "")
+  add_library(${name} OBJECT ${PROJECT_BINARY_DIR}/${name}.cpp)
+  target_link_libraries(${name} PRIVATE velto_options Threads::Threads)
+  target_precompile_headers(${name} PRIVATE <functional> <map> <memory> <string> <vector>
+                            ${PROJECT_SOURCE_DIR}/platform/foundation/Foundation.h ${ARGN})
+endfunction()
+
+# With VELTO_PRECOMPILE_HEADERS libraries share compiled headers, and the same builds compile files six at a time
+# (CMAKE_UNITY_BUILD): names in the unnamed namespaces of a target differ. Both hide a missing include; the release build
+# does neither, and finds it in the libraries.
 function(velto_precompile target)
-  if(NOT VELTO_PRECOMPILE_HEADERS)
-    return()
+  if(VELTO_PRECOMPILE_HEADERS)
+    if(NOT TARGET velto_library_headers)
+      velto_common_headers(velto_library_headers)
+    endif()
+    target_precompile_headers(${target} REUSE_FROM velto_library_headers)
   endif()
-  if(NOT TARGET velto_common_headers)
-    file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/CommonHeaders.cpp CONTENT "")
-    add_library(velto_common_headers STATIC ${PROJECT_BINARY_DIR}/CommonHeaders.cpp)
-    target_link_libraries(velto_common_headers PUBLIC velto_options Threads::Threads)
-    target_precompile_headers(velto_common_headers PRIVATE <functional> <map> <memory> <string> <vector>
-                              ${PROJECT_SOURCE_DIR}/platform/foundation/Foundation.h)
-  endif()
-  target_precompile_headers(${target} REUSE_FROM velto_common_headers)
 endfunction()
 
 # velto_module(NAME [FOLDERS folder...] [DEPENDS library...])
@@ -55,24 +59,20 @@ function(velto_module name)
   endif()
 endfunction()
 
-# What tests include nearly everywhere is compiled once for all programs; with those of the library that need LibraryTest.h,
-# once more.
+# Programs of tests share theirs in every build; those that test the whole have LibraryTest.h among them.
 function(velto_precompile_test target depends)
   set(headers velto_test_headers)
   if("velto_test_support" IN_LIST depends)
-    set(headers velto_library_test_headers)
+    set(headers velto_behaviour_test_headers)
     set(common ${PROJECT_SOURCE_DIR}/tests/support/LibraryTest.h)
   endif()
   if(NOT TARGET ${headers})
-    file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/${headers}.cpp CONTENT "")
-    add_library(${headers} OBJECT ${PROJECT_BINARY_DIR}/${headers}.cpp)
+    velto_common_headers(${headers} <future> <gtest/gtest.h> <thread> ${common})
+    target_link_libraries(${headers} PRIVATE GTest::gmock GTest::gtest_main)
     # As programs are compiled.
     set_target_properties(${headers} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
     target_compile_options(${headers} PRIVATE -fPIE)
-    target_link_libraries(${headers} PRIVATE velto_options GTest::gmock GTest::gtest_main)
     velto_unoptimise(${headers})
-    target_precompile_headers(${headers} PRIVATE <functional> <future> <gtest/gtest.h> <map> <memory> <string> <thread>
-                              <vector> ${PROJECT_SOURCE_DIR}/platform/foundation/Foundation.h ${common})
   endif()
   target_precompile_headers(${target} REUSE_FROM ${headers})
 endfunction()
