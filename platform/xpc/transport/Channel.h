@@ -130,7 +130,7 @@ class Channel final : public EventSource,
   using Clock = std::chrono::steady_clock;
   enum class Attempt { done, full, retry, broken };
   enum class Read { more, drained, turnIsOver, ended };
-  // What has been read since others had their turn. It is over after less than a millisecond of work, but what was
+  // What has been read since others had their turn. It is over after about a millisecond of work; what was
   // read at once is dealt with whole.
   struct Turn {
     std::size_t frames = 0;

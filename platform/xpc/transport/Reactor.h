@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
@@ -9,6 +10,7 @@
 #include <sys/epoll.h>
 
 #include "platform/foundation/ThreadAnnotations.h"
+#include "platform/xpc/contract/Limits.h"
 #include "platform/xpc/system/PerProcess.h"
 #include "platform/xpc/transport/Events.h"
 #include "platform/xpc/transport/LaterTurns.h"
@@ -84,6 +86,10 @@ class Reactor final : public QueueRunner {
  private:
   friend Reactor& system::perProcess<Reactor>();
   using Clock = std::chrono::steady_clock;
+  // Threads besides the one that takes up an ordinary queue: one that reads, and one for what is urgent.
+  static constexpr std::size_t kStandBy = 2;
+  static constexpr std::size_t kMaximumThreads = limits::kMaximumWorkers + limits::kReservedWorkers;
+
   // A thread's right to drain a queue; it may come later, when those that run get on, or do not.
   enum class Seat { taken, needsThread, none, later };
 
