@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "platform/foundation/Foundation.h"
+#include "platform/foundation/testing/Sanitizers.h"
 #include "platform/logging/DeferredLog.h"
 
 namespace {
@@ -115,16 +116,7 @@ TEST_F(LogSink, NoThreadIsInsideTheFormerSinkOnceItIsReplaced) {
   EXPECT_EQ(insideADeadOne, 0);
 }
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define VELTO_WITH_ADDRESS_SANITIZER
-#endif
-#endif
-#ifdef VELTO_WITH_ADDRESS_SANITIZER
-constexpr bool kAllocatorWaitsForForks = false;
-#else
-constexpr bool kAllocatorWaitsForForks = true;
-#endif
+constexpr bool kAllocatorWaitsForForks = !velto::testing::kAddressSanitizer;
 
 // Other threads hold every lock of logging for moments, and are inside the sink; in the child of a fork none of them
 // is.

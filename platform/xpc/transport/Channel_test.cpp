@@ -1,8 +1,6 @@
 // What a channel writes, and when: frames that go at once, and those that are gathered. Whose turn it is to be read.
 #include "platform/xpc/transport/Channel.h"
 
-#include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <functional>
 #include <random>
@@ -14,7 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "platform/xpc/system/SystemCalls.h"
+#include "platform/xpc/testing/FewThreads.h"
 #include "platform/xpc/testing/Support.h"
 
 namespace velto::transport {
@@ -49,17 +47,10 @@ class Numbers final : public ChannelReceiver {
   void outputDrained() override {}
 };
 
-// A kernel that gives a single thread: what is read between two events can be counted.
-class OneThread final : public system::SystemCalls {
- public:
-  OneThread() { system::replaceSystemCalls(this); }
-  int startThread(void* (*run)(void*), void* argument) override {
-    return isGiven_.exchange(true) ? EAGAIN : system::SystemCalls::startThread(run, argument);
-  }
-
- private:
-  std::atomic<bool> isGiven_{false};
-};
+std::shared_ptr<Channel> channelOf(system::Descriptor socket, std::shared_ptr<ChannelReceiver> receiver) {
+  return std::make_shared<Channel>(std::move(socket), std::move(receiver),
+                                   std::make_shared<Holding>(std::weak_ptr<HoldingOwner>()), nullptr);
+}
 
 class Counting final : public ChannelReceiver {
  public:
@@ -82,11 +73,6 @@ class ChannelPair : public ::testing::Test {
   ~ChannelPair() override {
     sender->abort();
     receiver->abort();
-  }
-
-  static std::shared_ptr<Channel> channelOf(system::Descriptor socket, std::shared_ptr<ChannelReceiver> listener) {
-    return std::make_shared<Channel>(std::move(socket), std::move(listener),
-                                     std::make_shared<Holding>(std::weak_ptr<HoldingOwner>()), nullptr);
   }
 
   const std::shared_ptr<Numbers> received = std::make_shared<Numbers>();
@@ -195,8 +181,8 @@ TEST_F(ChannelPair, FramesThatFoundNoRoomAreNotCountedAsWritten) {
 
 // Once each of many talkers has been heard, somebody else has a word.
 TEST(Channel, WhoHasLittleToSayWaitsForOneTurnOfThoseWhoHaveMuch) {
-  // Never destroyed: the reactor goes on using it.
-  [[maybe_unused]] const auto& kernel = *new OneThread;
+  // Never destroyed: the reactor goes on using it. With one thread, what is read between two events can be counted.
+  [[maybe_unused]] const auto& kernel = *new testing::FewThreads(1);
   constexpr std::size_t kTalkers = 30;
   const auto word = wire::FrameHeader{0, wire::FrameType::call}.encode();
   const std::size_t framesOfATurn = (std::size_t{64} << 10) / word.size();
@@ -210,8 +196,7 @@ TEST(Channel, WhoHasLittleToSayWaitsForOneTurnOfThoseWhoHaveMuch) {
   Inbox<std::size_t> framesMeanwhile;
   std::vector<std::shared_ptr<Channel>> channels;
   const auto hear = [&](system::Descriptor socket, std::function<void(std::size_t)> count) {
-    channels.push_back(std::make_shared<Channel>(std::move(socket), std::make_shared<Counting>(std::move(count)),
-                                                 std::make_shared<Holding>(std::weak_ptr<HoldingOwner>()), nullptr));
+    channels.push_back(channelOf(std::move(socket), std::make_shared<Counting>(std::move(count))));
   };
   auto newcomer = testing::socketPair();
   hear(std::move(newcomer.second), [&](std::size_t) { framesMeanwhile.put(frames - framesBefore); });
@@ -240,8 +225,7 @@ TEST(Channel, WhatIsGatheredIsWrittenWhenTheProcessExits) {
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
-    const auto channel = std::make_shared<Channel>(system::Descriptor(ends[1]), std::make_shared<Numbers>(),
-                                                   std::make_shared<Holding>(std::weak_ptr<HoldingOwner>()), nullptr);
+    const auto channel = channelOf(system::Descriptor(ends[1]), std::make_shared<Numbers>());
     channel->send(frameOf(1, 10), Haste::beforeFlush);
     std::exit(0);
   }

@@ -4,40 +4,19 @@
 #include "platform/xpc/transport/Reactor.h"
 
 #include <atomic>
-#include <cerrno>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "platform/foundation/NSCondition.h"
-#include "platform/xpc/system/SystemCalls.h"
+#include "platform/xpc/testing/FewThreads.h"
 #include "platform/xpc/testing/Support.h"
 
 namespace velto::transport {
 namespace {
 
+using velto::testing::FewThreads;
 using velto::testing::Inbox;
-
-// A kernel that has only so many threads to give, and counts how often it is asked for one and waited for.
-class FewThreads final : public system::SystemCalls {
- public:
-  explicit FewThreads(int threads) : left(threads) { system::replaceSystemCalls(this); }
-
-  int startThread(void* (*run)(void*), void* argument) override {
-    if (left.fetch_sub(1) > 0) return system::SystemCalls::startThread(run, argument);
-    left.fetch_add(1);
-    ++refusals;
-    return EAGAIN;
-  }
-  int epollWait(int epoll, epoll_event* events, int capacity) override {
-    ++waits;
-    return system::SystemCalls::epollWait(epoll, events, capacity);
-  }
-
-  std::atomic<int> left;
-  std::atomic<int> refusals{0};
-  std::atomic<int> waits{0};
-};
 
 // A queue whose first task sleeps until the end of the queue is told, which a later task does. What the tasks use lives
 // as long as they do: the one that ends it may still be leaving when everybody has woken.
